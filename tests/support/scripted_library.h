@@ -22,6 +22,14 @@
 
 #include "device/zentak_dsc_library.h"
 
+#if !defined(_WIN32)
+#define SCRIPTED_API
+#elif defined(SCRIPTED_LIBRARY_BUILD)
+#define SCRIPTED_API __declspec(dllexport)
+#else
+#define SCRIPTED_API __declspec(dllimport)
+#endif
+
 namespace scripted {
 
 using Bytes = std::vector<unsigned char>;
@@ -42,7 +50,7 @@ struct Fault {
 };
 
 /// The world that the library shows, and the record of what was asked of it.
-class Device {
+class SCRIPTED_API Device {
 public:
     // --- What is there. `reset` gives the defaults named here. ------------------------------------------------------
 
@@ -103,9 +111,15 @@ public:
     /// true or false, an in/out number *N with the value on entry, an output area or output pointer `out` (null: null),
     /// a key reference <32 hexadecimal digits>. The instance is `instance` when it is the one given out, `null`, or
     /// `foreign`; a hash context is `context#N` by its order of creation since `reset`, `null`, or `foreign`. Records:
-    /// {…} with `name=value` for each field that the caller fills, in record order.
+    /// {…} with `name=value` for each field that the caller fills, in record order:
     ///
-    /// Byte lengths that are negative show no bytes: <?>, -1.
+    ///     zentak_importCertificate("SN1", "1234", {der=<30820A>, objectId=<01>, label="mail"}, instance)
+    ///     zentak_importPfx(…, {components=[<C1>, <>, <D1>, <E1>, <>, <>, <>, <>], keyUsage=3, label="k",
+    ///         objectId=<01>, extra=<>}, instance)
+    ///     zentak_generateKeyPair(…, {objectId=<01>, objectIdLength=1, alias="k", keyUsage=1, keyType=2}, instance)
+    ///
+    /// A list of texts is ["a", "b"]. Byte lengths that are negative show no bytes: <?>, -1. Of more than 4096 bytes
+    /// the first eight are shown: <0001020304050607...>, 100000.
     std::vector<std::string> takeCalls();
     /// Number of calls of one operation since `reset`, whatever `takeCalls` took.
     int countOf(std::string_view operation) const;
@@ -113,6 +127,8 @@ public:
     int buffersHandedOut() const;
     /// False stops the recording (a stress test would fill the memory). Default true.
     bool records = true;
+    /// False while nobody holds an instance: before zentak_createInstance and after zentak_releaseInstance.
+    bool hasInstance() const;
 
     // --- Changing the world ------------------------------------------------------------------------------------------
 
@@ -133,12 +149,6 @@ public:
 private:
     Hidden* hidden_;
 };
-
-#if defined(_WIN32)
-#define SCRIPTED_API __declspec(dllexport)
-#else
-#define SCRIPTED_API
-#endif
 
 /// The one device library in this process.
 SCRIPTED_API Device& device();

@@ -1,0 +1,327 @@
+/// What a program does to sign with a token, from loading the module to ending it, each call in plain sight.
+///
+///     ZENTAK_PIN=... zentak-example MODULE FILE FOLDER
+///
+/// signs FILE with the first RSA key and the first EC key on the first token. FOLDER receives rsa.sig and ec.sig (an EC
+/// signature is r and s, one after the other) and the certificates that belong to the keys, rsa.der and ec.der.
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <span>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "module_file.h"
+
+namespace {
+
+using Bytes = std::vector<CK_BYTE>;
+
+CK_FUNCTION_LIST_PTR cryptoki = nullptr;
+
+// --- Showing what happens --------------------------------------------------------------------------------------------
+
+std::string returnCodeName(CK_RV code) {
+    static constexpr std::pair<CK_RV, const char*> names[] = {
+        {CKR_OK, "CKR_OK"},
+        {CKR_HOST_MEMORY, "CKR_HOST_MEMORY"},
+        {CKR_SLOT_ID_INVALID, "CKR_SLOT_ID_INVALID"},
+        {CKR_FUNCTION_FAILED, "CKR_FUNCTION_FAILED"},
+        {CKR_ARGUMENTS_BAD, "CKR_ARGUMENTS_BAD"},
+        {CKR_FUNCTION_NOT_SUPPORTED, "CKR_FUNCTION_NOT_SUPPORTED"},
+        {CKR_KEY_SIZE_RANGE, "CKR_KEY_SIZE_RANGE"},
+        {CKR_KEY_FUNCTION_NOT_PERMITTED, "CKR_KEY_FUNCTION_NOT_PERMITTED"},
+        {CKR_MECHANISM_INVALID, "CKR_MECHANISM_INVALID"},
+        {CKR_OBJECT_HANDLE_INVALID, "CKR_OBJECT_HANDLE_INVALID"},
+        {CKR_OPERATION_ACTIVE, "CKR_OPERATION_ACTIVE"},
+        {CKR_OPERATION_NOT_INITIALIZED, "CKR_OPERATION_NOT_INITIALIZED"},
+        {CKR_PIN_INCORRECT, "CKR_PIN_INCORRECT"},
+        {CKR_PIN_LEN_RANGE, "CKR_PIN_LEN_RANGE"},
+        {CKR_PIN_LOCKED, "CKR_PIN_LOCKED"},
+        {CKR_SESSION_HANDLE_INVALID, "CKR_SESSION_HANDLE_INVALID"},
+        {CKR_TOKEN_NOT_PRESENT, "CKR_TOKEN_NOT_PRESENT"},
+        {CKR_USER_ALREADY_LOGGED_IN, "CKR_USER_ALREADY_LOGGED_IN"},
+        {CKR_USER_NOT_LOGGED_IN, "CKR_USER_NOT_LOGGED_IN"},
+        {CKR_BUFFER_TOO_SMALL, "CKR_BUFFER_TOO_SMALL"},
+        {CKR_CRYPTOKI_NOT_INITIALIZED, "CKR_CRYPTOKI_NOT_INITIALIZED"},
+    };
+    for (const auto& [value, name] : names) {
+        if (value == code) {
+            return name;
+        }
+    }
+    std::ostringstream text;
+    text << "0x" << std::hex << code;
+    return text.str();
+}
+
+/// Prints the call and what it returned, and ends the journey when that isn't CKR_OK.
+void check(std::string_view call, CK_RV result) {
+    std::cout << "  " << call << " -> " << returnCodeName(result) << '\n';
+    if (result != CKR_OK) {
+        throw std::runtime_error(std::string(call) + " returned " + returnCodeName(result));
+    }
+}
+
+template <typename Value>
+void show(std::string_view name, const Value& value) {
+    std::cout << "      " << std::left << std::setw(20) << name << value << '\n';
+}
+
+std::string hexadecimal(const Bytes& bytes) {
+    std::ostringstream text;
+    for (const CK_BYTE byte : bytes) {
+        text << std::hex << std::uppercase << std::setfill('0') << std::setw(2) << unsigned{byte};
+    }
+    return text.str();
+}
+
+/// The text in a field of an information structure, which ends at a zero byte or at the end of the field.
+std::string fieldText(std::span<const CK_BYTE> field) {
+    std::string text(field.begin(), field.end());
+    return text.substr(0, text.find('\0'));
+}
+
+std::string versionText(CK_VERSION version) {
+    return std::to_string(version.major) + '.' + std::to_string(version.minor);
+}
+
+// --- Files -----------------------------------------------------------------------------------------------------------
+
+Bytes readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw std::runtime_error("cannot read " + path);
+    }
+    return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+void writeFile(const std::string& path, const Bytes& bytes) {
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    file.close();
+    if (!file) {
+        throw std::runtime_error("cannot write " + path);
+    }
+    show("written", path);
+}
+
+// --- The journey -----------------------------------------------------------------------------------------------------
+
+CK_SLOT_ID firstTokenSlot() {
+    CK_INFO library;
+    check("C_GetInfo", cryptoki->C_GetInfo(&library));
+    show("library", fieldText(library.libraryDescription) + ' ' + versionText(library.libraryVersion));
+    show("manufacturer", fieldText(library.manufacturerID));
+    show("Cryptoki", versionText(library.cryptokiVersion));
+
+    // Asked twice, like every list: first for the number of entries, then for the entries.
+    CK_ULONG count = 0;
+    check("C_GetSlotList (how many?)", cryptoki->C_GetSlotList(CK_TRUE, nullptr, &count));
+    std::vector<CK_SLOT_ID> slots(count);
+    check("C_GetSlotList (which?)", cryptoki->C_GetSlotList(CK_TRUE, slots.data(), &count));
+    show("slots", count);
+    if (count == 0) {
+        throw std::runtime_error("no token is plugged in");
+    }
+
+    CK_SLOT_INFO slot;
+    check("C_GetSlotInfo", cryptoki->C_GetSlotInfo(slots.front(), &slot));
+    show("slot", slots.front());
+    show("description", fieldText(slot.slotDescription));
+
+    CK_TOKEN_INFO token;
+    check("C_GetTokenInfo", cryptoki->C_GetTokenInfo(slots.front(), &token));
+    show("label", fieldText(token.label));
+    show("serial number", fieldText(token.serialNumber));
+    show("model", fieldText(token.model));
+    show("firmware", versionText(token.firmwareVersion));
+    show("PIN length", std::to_string(token.ulMinPinLen) + " to " + std::to_string(token.ulMaxPinLen));
+    return slots.front();
+}
+
+std::vector<CK_OBJECT_HANDLE> findObjects(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) {
+    CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &objectClass, sizeof objectClass}};
+    check("C_FindObjectsInit", cryptoki->C_FindObjectsInit(session, wanted, 1));
+    std::vector<CK_OBJECT_HANDLE> found;
+    CK_ULONG count = 0;
+    do {
+        CK_OBJECT_HANDLE slice[16];
+        check("C_FindObjects", cryptoki->C_FindObjects(session, slice, std::size(slice), &count));
+        found.insert(found.end(), slice, slice + count);
+    } while (count > 0);
+    check("C_FindObjectsFinal", cryptoki->C_FindObjectsFinal(session));
+    show("found", found.size());
+    return found;
+}
+
+/// The value of an attribute, or nothing where the object has no such attribute.
+std::optional<Bytes> readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
+    CK_ATTRIBUTE attribute = {type, nullptr, 0};
+    check("C_GetAttributeValue (how long?)", cryptoki->C_GetAttributeValue(session, object, &attribute, 1));
+    const CK_ULONG length = attribute.ulValueLen;
+    if (length == CK_UNAVAILABLE_INFORMATION) {
+        return std::nullopt;
+    }
+    Bytes value(length);
+    if (length > 0) {
+        attribute.pValue = value.data();
+        check("C_GetAttributeValue", cryptoki->C_GetAttributeValue(session, object, &attribute, 1));
+    }
+    return value;
+}
+
+CK_ULONG readNumber(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
+    const std::optional<Bytes> value = readAttribute(session, object, type);
+    CK_ULONG number = 0;
+    if (!value || value->size() != sizeof number) {
+        throw std::runtime_error("a numeric attribute has no number's length");
+    }
+    std::memcpy(&number, value->data(), sizeof number);
+    return number;
+}
+
+std::string readLabel(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
+    const Bytes label = readAttribute(session, object, CKA_LABEL).value_or(Bytes());
+    return {label.begin(), label.end()};
+}
+
+struct Key {
+    CK_OBJECT_HANDLE handle;
+    CK_KEY_TYPE type;
+    Bytes id;
+};
+
+Key describeKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle) {
+    const std::string label = readLabel(session, handle);
+    Key key = {handle, readNumber(session, handle, CKA_KEY_TYPE), {}};
+    key.id = readAttribute(session, handle, CKA_ID).value_or(Bytes());
+    show("private key", handle);
+    show("label", label);
+    show("id", hexadecimal(key.id));
+    if (key.type == CKK_RSA) {
+        const CK_ULONG bits = readNumber(session, handle, CKA_MODULUS_BITS);
+        show("key type", "RSA, " + std::to_string(bits) + " bits");
+    } else {
+        const Bytes curve = readAttribute(session, handle, CKA_EC_PARAMS).value_or(Bytes());
+        show("key type", "EC, curve " + hexadecimal(curve));
+    }
+    return key;
+}
+
+struct Certificate {
+    Bytes id;
+    Bytes der;
+};
+
+Certificate describeCertificate(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle) {
+    const std::string label = readLabel(session, handle);
+    Certificate certificate = {readAttribute(session, handle, CKA_ID).value_or(Bytes()),
+                               readAttribute(session, handle, CKA_VALUE).value_or(Bytes())};
+    show("certificate", handle);
+    show("label", label);
+    show("id", hexadecimal(certificate.id));
+    show("DER bytes", certificate.der.size());
+    return certificate;
+}
+
+Bytes sign(CK_SESSION_HANDLE session, const Key& key, CK_MECHANISM_TYPE mechanismType, Bytes data) {
+    CK_MECHANISM mechanism = {mechanismType, nullptr, 0};
+    check("C_SignInit", cryptoki->C_SignInit(session, &mechanism, key.handle));
+    const auto dataLength = static_cast<CK_ULONG>(data.size());
+    CK_ULONG length = 0;
+    check("C_Sign (how long?)", cryptoki->C_Sign(session, data.data(), dataLength, nullptr, &length));
+    Bytes signature(length);
+    check("C_Sign", cryptoki->C_Sign(session, data.data(), dataLength, signature.data(), &length));
+    signature.resize(length);
+    show("signature bytes", length);
+    return signature;
+}
+
+/// Signs with the first key of the type, and puts the certificate with the key's identifier beside the signature.
+void signWithFirst(CK_KEY_TYPE type, CK_MECHANISM_TYPE mechanism, CK_SESSION_HANDLE session,
+                   const std::vector<Key>& keys, const std::vector<Certificate>& certificates, const Bytes& data,
+                   const std::string& pathWithoutExtension) {
+    for (const Key& key : keys) {
+        if (key.type != type) {
+            continue;
+        }
+        for (const Certificate& certificate : certificates) {
+            if (certificate.id == key.id) {
+                writeFile(pathWithoutExtension + ".sig", sign(session, key, mechanism, data));
+                writeFile(pathWithoutExtension + ".der", certificate.der);
+                return;
+            }
+        }
+    }
+    throw std::runtime_error("the token holds no such key with a certificate");
+}
+
+void journey(const std::string& modulePath, std::string pin, const Bytes& data, const std::string& folder) {
+    std::cout << "\nLoading the module " << modulePath << '\n';
+    cryptoki = loadModule(modulePath);
+    check("C_Initialize", cryptoki->C_Initialize(nullptr));
+
+    std::cout << "\nLibrary, slot and token\n";
+    const CK_SLOT_ID slot = firstTokenSlot();
+
+    std::cout << "\nSession and login\n";
+    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+    check("C_OpenSession", cryptoki->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session));
+    show("session", session);
+    check("C_Login", cryptoki->C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()),
+                                       static_cast<CK_ULONG>(pin.size())));
+
+    std::cout << "\nPrivate keys\n";
+    std::vector<Key> keys;
+    for (const CK_OBJECT_HANDLE handle : findObjects(session, CKO_PRIVATE_KEY)) {
+        keys.push_back(describeKey(session, handle));
+    }
+
+    std::cout << "\nCertificates\n";
+    std::vector<Certificate> certificates;
+    for (const CK_OBJECT_HANDLE handle : findObjects(session, CKO_CERTIFICATE)) {
+        certificates.push_back(describeCertificate(session, handle));
+    }
+
+    std::cout << "\nSigning with RSA, CKM_SHA256_RSA_PKCS\n";
+    signWithFirst(CKK_RSA, CKM_SHA256_RSA_PKCS, session, keys, certificates, data, folder + "/rsa");
+
+    std::cout << "\nSigning with EC, CKM_ECDSA_SHA256\n";
+    signWithFirst(CKK_EC, CKM_ECDSA_SHA256, session, keys, certificates, data, folder + "/ec");
+
+    std::cout << "\nThe end\n";
+    check("C_Logout", cryptoki->C_Logout(session));
+    check("C_CloseSession", cryptoki->C_CloseSession(session));
+    check("C_Finalize", cryptoki->C_Finalize(nullptr));
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    const char* pin = std::getenv("ZENTAK_PIN");
+    if (arguments.size() != 3 || pin == nullptr) {
+        std::cerr << "Usage: ZENTAK_PIN=<the token's PIN> zentak-example MODULE FILE FOLDER\n"
+                     "Signs FILE with the first RSA and the first EC key of the first token; the signatures and the\n"
+                     "keys' certificates go to FOLDER.\n";
+        return 2;
+    }
+    try {
+        journey(arguments[0], pin, readFile(arguments[1]), arguments[2]);
+    } catch (const std::exception& problem) {
+        std::cout.flush();
+        std::cerr << "zentak-example: " << problem.what() << '\n';
+        return 1;
+    }
+    return 0;
+}

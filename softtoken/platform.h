@@ -1,0 +1,80 @@
+/// What the software token needs of the operating system: where the store lies, a lock between processes, files that
+/// are replaced whole, moving folders, and a prompt without echo.
+
+#ifndef ZENTAK_SOFTTOKEN_PLATFORM_H
+#define ZENTAK_SOFTTOKEN_PLATFORM_H
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace softtoken {
+
+/// An environment variable that is set and not empty, in UTF-8 on Windows and as it is elsewhere.
+std::optional<std::string> environmentText(const char* name);
+
+/// The folder of the user's tokens: ZENTAK_TOKENS, else a folder within the user's local application data. Throws
+/// Error::storeFailed when the environment names neither.
+std::filesystem::path defaultStoreFolder();
+
+/// A path from text in the form of environmentText and of the tool's command line.
+std::filesystem::path pathFromUtf8(std::string_view text);
+/// The reverse of pathFromUtf8.
+std::string utf8FromPath(const std::filesystem::path& path);
+/// A path from the 8-bit text of a caller at the boundary: on Windows in the ANSI code page.
+std::filesystem::path pathFromNarrow(std::string_view text);
+/// The reverse of pathFromNarrow; characters that have no 8-bit form are lost.
+std::string narrowFromPath(const std::filesystem::path& path);
+
+/// The command line in UTF-8, the program's name first.
+std::vector<std::string> commandLineUtf8(int count, char** arguments);
+
+/// Makes the folder and those above it, readable for the user alone.
+void createPrivateFolders(const std::filesystem::path& folder);
+
+/// Holds an exclusive lock on a file, made when missing, against other processes and other threads. Waits for it.
+class FileLock {
+public:
+    explicit FileLock(const std::filesystem::path& file);
+    FileLock(const FileLock&) = delete;
+    FileLock& operator=(const FileLock&) = delete;
+    ~FileLock();
+
+private:
+    std::intptr_t handle_;
+};
+
+/// Tells two versions of a file apart without reading them. Times are in nanoseconds.
+struct FileStamp {
+    std::int64_t modified = 0;
+    std::uint64_t size = 0;
+    std::uint64_t identity = 0;
+
+    bool operator==(const FileStamp&) const = default;
+};
+
+/// Nothing when there is no such file.
+std::optional<FileStamp> fileStamp(const std::filesystem::path& file);
+
+/// The present time on the clock of FileStamp::modified.
+std::int64_t fileClockNow();
+
+/// The whole file; nothing when it isn't there. Throws Error::storeFailed when it can't be read.
+std::optional<std::string> readFile(const std::filesystem::path& file);
+
+/// Replaces the file by one with this content, or makes it. Whenever the process or the machine stops, the old or the
+/// new content is there. Throws Error::storeFailed. Two callers at the same file exclude each other by a FileLock.
+void replaceFile(const std::filesystem::path& file, std::string_view content);
+
+/// Renames a folder and makes that last. Throws Error::storeFailed.
+void moveFolder(const std::filesystem::path& from, const std::filesystem::path& to);
+
+/// Asks on the terminal without echo. Nothing when there is no terminal to ask on.
+std::optional<std::string> promptWithoutEcho(const std::string& prompt);
+
+}  // namespace softtoken
+
+#endif

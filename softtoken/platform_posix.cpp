@@ -1,0 +1,192 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "errors.h"
+#include "platform.h"
+
+namespace softtoken {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+[[noreturn]] void failStore(const char* what, const fs::path& path) {
+    const int number = errno;
+    throw Failure(Error::storeFailed,
+                  std::string("cannot ") + what + " " + path.string() + ": " + std::strerror(number));
+}
+
+class Descriptor {
+public:
+    explicit Descriptor(int number) : number_(number) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() {
+        if (number_ >= 0) close(number_);
+    }
+    [[nodiscard]] int get() const { return number_; }
+    /// Closing may report a write that failed late.
+    bool closeNow() {
+        const int number = number_;
+        number_ = -1;
+        return close(number) == 0;
+    }
+
+private:
+    int number_;
+};
+
+int openRetrying(const fs::path& path, int flags, mode_t mode = 0) {
+    int number = -1;
+    do {
+        number = open(path.c_str(), flags | O_CLOEXEC, mode);
+    } while (number < 0 && errno == EINTR);
+    return number;
+}
+
+void syncFolder(const fs::path& folder) {
+    const Descriptor descriptor(openRetrying(folder, O_RDONLY | O_DIRECTORY));
+    if (descriptor.get() < 0 || fsync(descriptor.get()) != 0) failStore("flush the folder", folder);
+}
+
+}  // namespace
+
+std::optional<std::string> environmentText(const char* name) {
+    const char* value = std::getenv(name);
+    if (value == nullptr || *value == '\0') return std::nullopt;
+    return value;
+}
+
+fs::path defaultStoreFolder() {
+    if (const auto named = environmentText("ZENTAK_TOKENS")) return fs::absolute(*named);
+    if (const auto data = environmentText("XDG_DATA_HOME")) return fs::path(*data) / "zentak" / "tokens";
+    if (const auto home = environmentText("HOME")) return fs::path(*home) / ".local" / "share" / "zentak" / "tokens";
+    throw Failure(Error::storeFailed, "no folder for tokens: set ZENTAK_TOKENS or HOME");
+}
+
+fs::path pathFromUtf8(std::string_view text) {
+    return text;
+}
+
+std::string utf8FromPath(const fs::path& path) {
+    return path.string();
+}
+
+fs::path pathFromNarrow(std::string_view text) {
+    return text;
+}
+
+std::string narrowFromPath(const fs::path& path) {
+    return path.string();
+}
+
+std::vector<std::string> commandLineUtf8(int count, char** arguments) {
+    return {arguments, arguments + count};
+}
+
+void createPrivateFolders(const fs::path& folder) {
+    if (fs::is_directory(folder)) return;
+    if (folder.has_parent_path() && folder.parent_path() != folder) createPrivateFolders(folder.parent_path());
+    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) failStore("make the folder", folder);
+}
+
+FileLock::FileLock(const fs::path& file) : handle_(openRetrying(file, O_RDWR | O_CREAT, 0600)) {
+    if (handle_ < 0) failStore("open the lock file", file);
+    int result = 0;
+    do {
+        result = flock(static_cast<int>(handle_), LOCK_EX);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
+        close(static_cast<int>(handle_));
+        failStore("lock", file);
+    }
+}
+
+FileLock::~FileLock() {
+    close(static_cast<int>(handle_));
+}
+
+std::optional<FileStamp> fileStamp(const fs::path& file) {
+    struct stat status {};
+    if (stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    return FileStamp{static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec,
+                     static_cast<std::uint64_t>(status.st_size), static_cast<std::uint64_t>(status.st_ino)};
+}
+
+std::int64_t fileClockNow() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+std::optional<std::string> readFile(const fs::path& file) {
+    const Descriptor descriptor(openRetrying(file, O_RDONLY));
+    if (descriptor.get() < 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+        failStore("open", file);
+    }
+    std::string content;
+    char part[65536];
+    for (;;) {
+        const ssize_t count = read(descriptor.get(), part, sizeof part);
+        if (count == 0) return content;
+        if (count > 0) {
+            content.append(part, static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            failStore("read", file);
+        }
+    }
+}
+
+void replaceFile(const fs::path& file, std::string_view content) {
+    fs::path fresh = file;
+    fresh += ".new";
+    Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_TRUNC, 0600));
+    if (descriptor.get() < 0) failStore("make", fresh);
+    while (!content.empty()) {
+        const ssize_t count = write(descriptor.get(), content.data(), content.size());
+        if (count >= 0) {
+            content.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            failStore("write", fresh);
+        }
+    }
+    if (fsync(descriptor.get()) != 0 || !descriptor.closeNow()) failStore("flush", fresh);
+    if (rename(fresh.c_str(), file.c_str()) != 0) failStore("replace", file);
+    syncFolder(file.parent_path());
+}
+
+void moveFolder(const fs::path& from, const fs::path& to) {
+    if (rename(from.c_str(), to.c_str()) != 0) failStore("move", from);
+    syncFolder(to.parent_path());
+    syncFolder(from.parent_path());
+}
+
+std::optional<std::string> promptWithoutEcho(const std::string& prompt) {
+    const Descriptor terminal(openRetrying("/dev/tty", O_RDWR | O_NOCTTY));
+    termios before{};
+    if (terminal.get() < 0 || tcgetattr(terminal.get(), &before) != 0) return std::nullopt;
+    const auto say = [&](std::string_view text) {
+        return write(terminal.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    };
+    if (!say(prompt)) return std::nullopt;
+    termios silent = before;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(terminal.get(), TCSAFLUSH, &silent);
+    std::string line;
+    char character = 0;
+    while (read(terminal.get(), &character, 1) == 1 && character != '\n') line += character;
+    tcsetattr(terminal.get(), TCSAFLUSH, &before);
+    say("\n");
+    return line;
+}
+
+}  // namespace softtoken

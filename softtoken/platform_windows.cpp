@@ -1,0 +1,234 @@
+#include <windows.h>
+
+#include <shellapi.h>
+
+#include <functional>
+
+#include "errors.h"
+#include "platform.h"
+
+namespace softtoken {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+[[noreturn]] void failStore(const char* what, const fs::path& path, DWORD number) {
+    throw Failure(Error::storeFailed,
+                  std::string("cannot ") + what + " " + utf8FromPath(path) + ": error " + std::to_string(number));
+}
+
+class Handle {
+public:
+    explicit Handle(HANDLE handle) : handle_(handle) {}
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    ~Handle() {
+        if (valid()) CloseHandle(handle_);
+    }
+    [[nodiscard]] bool valid() const { return handle_ != INVALID_HANDLE_VALUE; }
+    [[nodiscard]] HANDLE get() const { return handle_; }
+
+private:
+    HANDLE handle_;
+};
+
+std::wstring wide(std::string_view text, UINT codePage) {
+    const int size = static_cast<int>(text.size());
+    std::wstring result(static_cast<std::size_t>(MultiByteToWideChar(codePage, 0, text.data(), size, nullptr, 0)), 0);
+    MultiByteToWideChar(codePage, 0, text.data(), size, result.data(), static_cast<int>(result.size()));
+    return result;
+}
+
+std::string narrow(std::wstring_view text, UINT codePage) {
+    const int size = static_cast<int>(text.size());
+    std::string result(
+        static_cast<std::size_t>(WideCharToMultiByte(codePage, 0, text.data(), size, nullptr, 0, nullptr, nullptr)), 0);
+    WideCharToMultiByte(codePage, 0, text.data(), size, result.data(), static_cast<int>(result.size()), nullptr,
+                        nullptr);
+    return result;
+}
+
+std::optional<std::wstring> environmentWide(const wchar_t* name) {
+    std::wstring value(256, 0);
+    for (;;) {
+        const DWORD length = GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size()));
+        if (length == 0) return std::nullopt;
+        const bool complete = length < value.size();
+        value.resize(length);
+        if (complete) return value;
+    }
+}
+
+/// Another process, or a virus scanner, may have a file open for a moment, which forbids to replace or rename it.
+void retryWhileInUse(const char* what, const fs::path& path, const std::function<bool()>& attempt) {
+    for (int left = 200; !attempt(); --left) {
+        const DWORD number = GetLastError();
+        const bool passing = number == ERROR_ACCESS_DENIED || number == ERROR_SHARING_VIOLATION;
+        if (!passing || left == 0) failStore(what, path, number);
+        Sleep(10);
+    }
+}
+
+constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+/// FILETIME counts steps of 100 ns.
+std::int64_t nanoseconds(const FILETIME& time) {
+    return ((static_cast<std::int64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime) * 100;
+}
+
+}  // namespace
+
+std::optional<std::string> environmentText(const char* name) {
+    const auto value = environmentWide(wide(name, CP_UTF8).c_str());
+    if (!value) return std::nullopt;
+    return narrow(*value, CP_UTF8);
+}
+
+fs::path defaultStoreFolder() {
+    if (const auto named = environmentWide(L"ZENTAK_TOKENS")) return fs::absolute(*named);
+    if (const auto data = environmentWide(L"LOCALAPPDATA")) return fs::path(*data) / L"Zentak" / L"Tokens";
+    throw Failure(Error::storeFailed, "no folder for tokens: set ZENTAK_TOKENS or LOCALAPPDATA");
+}
+
+fs::path pathFromUtf8(std::string_view text) {
+    return wide(text, CP_UTF8);
+}
+
+std::string utf8FromPath(const fs::path& path) {
+    return narrow(path.native(), CP_UTF8);
+}
+
+fs::path pathFromNarrow(std::string_view text) {
+    return wide(text, CP_ACP);
+}
+
+std::string narrowFromPath(const fs::path& path) {
+    return narrow(path.native(), CP_ACP);
+}
+
+std::vector<std::string> commandLineUtf8(int /*count*/, char** /*arguments*/) {
+    SetConsoleOutputCP(CP_UTF8);
+    int count = 0;
+    wchar_t** arguments = CommandLineToArgvW(GetCommandLineW(), &count);
+    std::vector<std::string> result;
+    for (int i = 0; i < count; ++i) result.push_back(narrow(arguments[i], CP_UTF8));
+    LocalFree(arguments);
+    return result;
+}
+
+void createPrivateFolders(const fs::path& folder) {
+    // The user's application data is private by inheritance.
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) failStore("make the folder", folder, static_cast<DWORD>(error.value()));
+}
+
+FileLock::FileLock(const fs::path& file) : handle_(0) {
+    HANDLE handle = CreateFileW(file.c_str(), GENERIC_READ | GENERIC_WRITE, shareAll, nullptr, OPEN_ALWAYS,
+                                FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) failStore("open the lock file", file, GetLastError());
+    OVERLAPPED place{};
+    if (!LockFileEx(handle, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &place)) {
+        const DWORD number = GetLastError();
+        CloseHandle(handle);
+        failStore("lock", file, number);
+    }
+    handle_ = reinterpret_cast<std::intptr_t>(handle);
+}
+
+FileLock::~FileLock() {
+    OVERLAPPED place{};
+    UnlockFileEx(reinterpret_cast<HANDLE>(handle_), 0, 1, 0, &place);
+    CloseHandle(reinterpret_cast<HANDLE>(handle_));
+}
+
+std::optional<FileStamp> fileStamp(const fs::path& file) {
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data)) return std::nullopt;
+    if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return std::nullopt;
+    // The creation time stands in for an identity: renaming a new file over the old one brings a new one.
+    return FileStamp{nanoseconds(data.ftLastWriteTime),
+                     (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow,
+                     static_cast<std::uint64_t>(nanoseconds(data.ftCreationTime))};
+}
+
+std::int64_t fileClockNow() {
+    FILETIME now{};
+    GetSystemTimeAsFileTime(&now);
+    return nanoseconds(now);
+}
+
+std::optional<std::string> readFile(const fs::path& file) {
+    const Handle handle(
+        CreateFileW(file.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!handle.valid()) {
+        const DWORD number = GetLastError();
+        if (number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND) return std::nullopt;
+        failStore("open", file, number);
+    }
+    std::string content;
+    std::vector<char> part(65536);
+    for (;;) {
+        DWORD count = 0;
+        if (!ReadFile(handle.get(), part.data(), static_cast<DWORD>(part.size()), &count, nullptr)) {
+            failStore("read", file, GetLastError());
+        }
+        if (count == 0) return content;
+        content.append(part.data(), count);
+    }
+}
+
+void replaceFile(const fs::path& file, std::string_view content) {
+    fs::path fresh = file;
+    fresh += L".new";
+    {
+        const Handle handle(
+            CreateFileW(fresh.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (!handle.valid()) failStore("make", fresh, GetLastError());
+        while (!content.empty()) {
+            DWORD count = 0;
+            const DWORD wanted = static_cast<DWORD>(std::min<std::size_t>(content.size(), 1 << 20));
+            if (!WriteFile(handle.get(), content.data(), wanted, &count, nullptr)) {
+                failStore("write", fresh, GetLastError());
+            }
+            content.remove_prefix(count);
+        }
+        if (!FlushFileBuffers(handle.get())) failStore("flush", fresh, GetLastError());
+    }
+    retryWhileInUse("replace", file, [&] {
+        return MoveFileExW(fresh.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+    });
+}
+
+void moveFolder(const fs::path& from, const fs::path& to) {
+    retryWhileInUse("move", from,
+                    [&] { return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0; });
+}
+
+std::optional<std::string> promptWithoutEcho(const std::string& prompt) {
+    const Handle input(CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+    const Handle output(CreateFileW(L"CONOUT$", GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+    DWORD before = 0;
+    // A console window may exist while the program's input comes from a file or a pipe; then nobody is there to answer.
+    DWORD standard = 0;
+    if (!GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &standard)) return std::nullopt;
+    if (!input.valid() || !output.valid() || !GetConsoleMode(input.get(), &before)) return std::nullopt;
+    const auto say = [&](std::string_view text) {
+        const std::wstring line = wide(text, CP_UTF8);
+        WriteConsoleW(output.get(), line.data(), static_cast<DWORD>(line.size()), nullptr, nullptr);
+    };
+    say(prompt);
+    SetConsoleMode(input.get(), before & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
+    wchar_t line[256];
+    DWORD count = 0;
+    const BOOL read = ReadConsoleW(input.get(), line, 256, &count, nullptr);
+    SetConsoleMode(input.get(), before);
+    say("\r\n");
+    if (!read) return std::nullopt;
+    std::wstring_view text(line, count);
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) text.remove_suffix(1);
+    return narrow(text, CP_UTF8);
+}
+
+}  // namespace softtoken

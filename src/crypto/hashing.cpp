@@ -1,0 +1,57 @@
+#include "crypto/hashing.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+
+#include "frame/entry_frame.h"
+
+namespace zentak {
+
+int updateHash(void* context, const unsigned char* data, std::size_t length, void* instance) {
+    constexpr std::size_t longestPiece = std::numeric_limits<int>::max();
+    do {
+        const std::size_t piece = std::min(length, longestPiece);
+        const int result = zentak_updateHash(context, data, static_cast<int>(piece), instance);
+        if (result != 0) {
+            return result;
+        }
+        data += piece;
+        length -= piece;
+    } while (length > 0);
+    return 0;
+}
+
+void cutToReportedLength(std::vector<unsigned char>& area, int reportedLength) {
+    if (reportedLength < 0 || static_cast<std::size_t>(reportedLength) > area.size()) {
+        throw std::length_error("the device library reports an output length of " + std::to_string(reportedLength));
+    }
+    area.resize(static_cast<std::size_t>(reportedLength));
+}
+
+int finalHash(void* context, std::size_t capacity, std::vector<unsigned char>& digest, void* instance) {
+    digest.resize(capacity);
+    int length = static_cast<int>(capacity);
+    const int result = zentak_finalHash(context, digest.data(), &length, instance);
+    if (result == 0) {
+        cutToReportedLength(digest, length);
+    }
+    return result;
+}
+
+CK_RV hashInOnePass(const char* deviceId, int hashCode, const unsigned char* data, std::size_t length,
+                    std::vector<unsigned char>& digest, void* instance) {
+    void* context = nullptr;
+    if (const int result = zentak_initHash(deviceId, hashCode, &context, instance); result != 0) {
+        return refuse(CKR_FUNCTION_FAILED, "init hash failed ", result);
+    }
+    if (const int result = updateHash(context, data, length, instance); result != 0) {
+        return refuse(CKR_FUNCTION_FAILED, "update hash failed ", result);
+    }
+    if (const int result = finalHash(context, digestCapacity, digest, instance); result != 0) {
+        return refuse(CKR_FUNCTION_FAILED, "final hash failed ", result);
+    }
+    return CKR_OK;
+}
+
+}  // namespace zentak

@@ -1,0 +1,39 @@
+/// Hashing by the device library: algorithm codes, feeding of data of any length, hashing in one pass.
+
+#ifndef ZENTAK_CRYPTO_HASHING_H
+#define ZENTAK_CRYPTO_HASHING_H
+
+#include <cstddef>
+#include <vector>
+
+#include "frame/module_state.h"
+
+namespace zentak {
+
+/// Algorithm codes of zentak_initHash.
+inline constexpr int hashSha1 = 2;
+inline constexpr int hashSha256 = 3;
+inline constexpr int hashSha384 = 4;
+inline constexpr int hashSha512 = 5;
+inline constexpr int hashSha224 = 6;
+
+/// Output area for a digest that is signed or verified, in bytes.
+inline constexpr std::size_t digestCapacity = 64;
+
+/// zentak_updateHash for data of any length: in pieces where an int can't hold it. 0, or the first failing result.
+int updateHash(void* context, const unsigned char* data, std::size_t length, void* instance);
+
+/// zentak_finalHash into `digest`, with an output area of `capacity` bytes. 0 or the library's result; throws
+/// std::length_error when the library reports a length that the area can't hold.
+int finalHash(void* context, std::size_t capacity, std::vector<unsigned char>& digest, void* instance);
+
+/// Hashes `data` in one pass, with a context of its own. CKR_OK, or CKR_FUNCTION_FAILED with the reason logged.
+CK_RV hashInOnePass(const char* deviceId, int hashCode, const unsigned char* data, std::size_t length,
+                    std::vector<unsigned char>& digest, void* instance);
+
+/// The bytes of an output area that the library has filled, after a look at the length it reports.
+void cutToReportedLength(std::vector<unsigned char>& area, int reportedLength);
+
+}  // namespace zentak
+
+#endif

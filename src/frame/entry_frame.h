@@ -1,0 +1,65 @@
+/// The frame that every exported function runs in: its name in the log, the refusal of an uninitialised module, the
+/// session lookup, the module lock, and the promise that no exception reaches the host.
+
+#ifndef ZENTAK_FRAME_ENTRY_FRAME_H
+#define ZENTAK_FRAME_ENTRY_FRAME_H
+
+#include <mutex>
+#include <string_view>
+
+#include "frame/cryptoki.h"
+#include "frame/module_state.h"
+#include "log/diagnostic_log.h"
+
+namespace zentak {
+
+/// Logs the reason, given in parts, at ERROR level and returns `code`: a check that fails is one line.
+template <typename... Parts>
+[[nodiscard]] CK_RV refuse(CK_RV code, Parts... parts) noexcept {
+    logError(parts...);
+    return code;
+}
+
+/// Inside a catch block: the return code for the exception in flight, with an ERROR line. CKR_HOST_MEMORY for
+/// std::bad_alloc, CKR_FUNCTION_FAILED for anything else.
+[[nodiscard]] CK_RV refuseException(const char* name) noexcept;
+
+/// Runs `body`, turning what it throws into a return code.
+template <typename Body>
+CK_RV withoutExceptions(const char* name, const Body& body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        return refuseException(name);
+    }
+}
+
+/// A function of an initialised module: `body` runs with the module locked.
+template <typename Body>
+CK_RV entryPoint(const char* name, const Body& body) noexcept {
+    logDebug(name);
+    return withoutExceptions(name, [&]() -> CK_RV {
+        ModuleState& state = moduleState();
+        const std::scoped_lock lock(state.mutex);
+        if (state.instance == nullptr) {
+            return refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name, ": not initialized");
+        }
+        return body(state);
+    });
+}
+
+/// A function of an open session: `body` gets its record.
+template <typename Body>
+CK_RV sessionEntryPoint(const char* name, CK_SESSION_HANDLE hSession, const Body& body) noexcept {
+    return entryPoint(name, [&](ModuleState& state) -> CK_RV {
+        const auto found = state.sessionTable.find(hSession);
+        if (found == state.sessionTable.end()) {
+            return refuse(CKR_SESSION_HANDLE_INVALID, name, ": invalid hSession=", hSession);
+        }
+        return body(state, found->second);
+    });
+}
+
+}  // namespace zentak
+
+#endif

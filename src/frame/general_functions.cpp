@@ -1,0 +1,64 @@
+/// C_Initialize, C_Finalize and C_GetInfo.
+
+#include <cstring>
+
+#include "frame/entry_frame.h"
+
+using namespace zentak;
+
+CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/) {
+    constexpr auto name = "C_Initialize";
+    logDebug(name);
+    return withoutExceptions(name, []() -> CK_RV {
+        ModuleState& state = moduleState();
+        const std::scoped_lock lock(state.mutex);
+        if (state.instance != nullptr) {
+            return refuse(CKR_CRYPTOKI_ALREADY_INITIALIZED, name, ": already initialized");
+        }
+        void* instance = nullptr;
+        zentak_createInstance(&instance);
+        state.instance = instance;
+        if (instance == nullptr) {
+            // The host learns of it from its next call, which finds the module uninitialised.
+            logError("Init pkcs11 library failed failed");
+        }
+        return CKR_OK;
+    });
+}
+
+CK_RV C_Finalize(CK_VOID_PTR /*pReserved*/) {
+    return entryPoint("C_Finalize", [](ModuleState& state) -> CK_RV {
+        zentak_releaseInstance(state.instance);
+        state.instance = nullptr;
+        state.slotTable.clear();
+        state.sessionTable.clear();
+        state.cachedUserPassword.clear();
+        logDebug("C_Finalize completed successfully.");
+        return CKR_OK;
+    });
+}
+
+namespace {
+
+/// Writes `text` with its terminator and leaves the rest of the field as the host had it.
+template <std::size_t FieldSize, std::size_t TextSize>
+void writeTerminated(CK_UTF8CHAR (&field)[FieldSize], const char (&text)[TextSize]) {
+    static_assert(TextSize <= FieldSize);
+    std::memcpy(field, text, TextSize);
+}
+
+}  // namespace
+
+CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
+    return entryPoint("C_GetInfo", [&](ModuleState&) -> CK_RV {
+        if (pInfo == nullptr) {
+            return refuse(CKR_ARGUMENTS_BAD, "C_GetInfo: pInfo is NULL");
+        }
+        pInfo->cryptokiVersion = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR};
+        writeTerminated(pInfo->manufacturerID, "Dravenko Sentronics");
+        pInfo->flags = 0;
+        writeTerminated(pInfo->libraryDescription, "Zentak PKCS11 Library");
+        pInfo->libraryVersion = {3, 6};
+        return CKR_OK;
+    });
+}

@@ -1,0 +1,85 @@
+/// All state of the module, in one place. It is created on first use and never destroyed: a host may exit or unload the
+/// module without C_Finalize, and nothing may run then.
+
+#ifndef ZENTAK_FRAME_MODULE_STATE_H
+#define ZENTAK_FRAME_MODULE_STATE_H
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "device/zentak_dsc_library.h"
+#include "frame/cryptoki.h"
+
+namespace zentak {
+
+/// The operation a session is in. The numbers appear in log lines; 6 and 8 are not used.
+enum class ActiveOperation : std::int32_t {
+    None = 0,
+    Find = 1,
+    Encrypt = 2,
+    Decrypt = 3,
+    Digest = 4,
+    Sign = 5,
+    Verify = 7,
+    DigestEncrypt = 9,   ///< an encryption started during a digest
+    DigestDecrypt = 10,  ///< a decryption started during a digest
+};
+
+/// One open session. What an operation leaves in its fields stays for the next one, which may visibly depend on it.
+struct SessionRecord {
+    CK_STATE state = CKS_RO_PUBLIC_SESSION;
+    CK_SLOT_ID slotID = 0;
+    TokenInfo tokenInfo;  ///< as it was when the session was opened
+    ActiveOperation activeOperation = ActiveOperation::None;
+
+    std::vector<ZentakCertificate> foundCertificates;
+    std::vector<ZentakKeyPair> foundKeyPairs;
+    bool findPublicKeys = false;
+    bool findPrivateKeys = false;
+    std::uint32_t findCursor = 0;  ///< search results handed out so far
+
+    ZentakKeyPair* keyPair = nullptr;         ///< points at ModuleState::keyPairBuffer, so any later lookup changes it
+    std::vector<unsigned char> resultBuffer;  ///< a computed result until it is delivered
+    std::vector<unsigned char> dataBuffer;    ///< multi-part input
+    void* hashContext = nullptr;              ///< the device library's; it is never released
+    CK_MECHANISM_TYPE mechanism = 0;
+    bool isPss = false;
+    CK_MECHANISM_TYPE cipherMechanism = 0;
+
+    /// What the device library calls the token: its serial number.
+    const char* deviceId() const { return tokenInfo.serialNumber.c_str(); }
+    /// Whether a normal user is logged in on this session's token.
+    bool isUserSession() const { return state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS; }
+};
+
+struct ModuleState {
+    /// Held by every entry point that uses the state below, for the length of the call.
+    std::mutex mutex;
+
+    /// The device library's instance; the module is initialised exactly while it isn't null.
+    std::atomic<void*> instance{nullptr};
+
+    /// Tokens of the last full C_GetSlotList by device string; slot IDs resolve by position.
+    std::map<std::string, TokenInfo> slotTable;
+    /// Iterated in ascending handle order.
+    std::map<CK_SESSION_HANDLE, SessionRecord> sessionTable;
+    /// The user PIN while a user is logged in, otherwise empty: one for the whole module. It may hold zero bytes.
+    std::string cachedUserPassword;
+
+    /// Where object lookups leave the record they found: one of each kind for all sessions.
+    ZentakKeyPair keyPairBuffer = {};
+    ZentakCertificate certificateBuffer = {};
+
+    /// Secrets made by key derivation. Nothing removes an entry, and handles aren't used twice in a process.
+    std::map<CK_OBJECT_HANDLE, std::vector<unsigned char>> derivedSecrets;
+};
+
+ModuleState& moduleState();
+
+}  // namespace zentak
+
+#endif

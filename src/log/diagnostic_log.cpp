@@ -1,0 +1,144 @@
+#include "log/diagnostic_log.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <mutex>
+
+#include "platform/platform.h"
+
+namespace zentak {
+
+namespace {
+
+/// Serialises the writers of this process. Never destroyed: a thread may still log while the process goes down.
+std::mutex& logMutex() {
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+
+std::string_view levelTag(int level) {
+    switch (level) {
+        case logLevelException:
+            return "EXCEP ::=>";
+        case logLevelError:
+            return "ERROR ::=>";
+        case logLevelDebug:
+            return "DEBUG ::=>";
+        default:
+            return "INFO  ::=>";
+    }
+}
+
+/// Appends to the text in `buffer`, of logPathSize bytes, as much as fits with the terminator.
+void appendBounded(char* buffer, std::string_view text) {
+    const std::size_t used = std::strlen(buffer);
+    const std::size_t count = std::min(text.size(), logPathSize - 1 - used);
+    std::memcpy(buffer + used, text.data(), count);
+    buffer[used + count] = '\0';
+}
+
+void printException(const char* where, const char* what, const char* lineEnd) noexcept {
+    std::printf("%s%s%s", where, what, lineEnd);
+}
+
+void appendLine(const char* path, int level, std::string_view message) {
+    const std::scoped_lock lock(logMutex());
+    std::FILE* file = platform::openForAppending(path);
+    if (file == nullptr) {
+        std::printf("\nUnable to write log");
+        return;
+    }
+    const platform::LocalTime now = platform::localTime();
+    std::fprintf(file, "%02d/%02d::%02d:%02d:%02d:%03d-> ->", now.day, now.month, now.hour, now.minute, now.second,
+                 now.millisecond);
+    const std::string_view tag = levelTag(level);
+    std::fwrite(tag.data(), 1, tag.size(), file);
+    std::fwrite(message.data(), 1, message.size(), file);
+    std::fputc('\n', file);
+    std::fflush(file);
+    std::fclose(file);
+}
+
+}  // namespace
+
+int readLogLevel() noexcept {
+    constexpr int defaultLevel = logLevelError;
+    try {
+        const std::optional<signed char> level = platform::readLogLevelByte();
+        return level.has_value() && *level <= logLevelDebug ? *level : defaultLevel;
+    } catch (...) {
+        return defaultLevel;
+    }
+}
+
+std::string getProcessName() noexcept {
+    try {
+        const std::string name = platform::executableName();
+        return name.substr(0, name.find('.'));
+    } catch (const std::exception& failure) {
+        printException("Exception in getProcessName(): ", failure.what(), "\n");
+        return "ZentakKey Interface";
+    }
+}
+
+int getLogBaseFolderPath(char* buffer) noexcept {
+    std::memset(buffer, 0, logPathSize);
+    try {
+        const std::string folder = platform::temporaryFolder(logPathSize);
+        if (platform::isDirectory(folder.c_str())) {
+            appendBounded(buffer, folder);
+            return 0;
+        }
+    } catch (const std::exception& failure) {
+        printException("Exception in getLogBaseFolderPath(): ", failure.what(), "");
+    }
+    return -1;
+}
+
+int createLogFolder(const char* path) noexcept {
+    std::array<char, logPathSize> copy{};
+    appendBounded(copy.data(), path);
+    if (copy[0] == '\0') {
+        return platform::createDirectory(copy.data()) ? 1 : 0;
+    }
+    for (char* position = copy.data() + 1; *position != '\0'; ++position) {
+        if (*position != '/') {
+            continue;
+        }
+        *position = '\0';
+        if (platform::createDirectory(copy.data())) {
+            return -1;
+        }
+        *position = '/';
+    }
+    return platform::createDirectory(copy.data()) ? 1 : 0;
+}
+
+void writeLogLine(int level, std::string_view message) noexcept {
+    try {
+        std::array<char, logPathSize> path{};
+        if (getLogBaseFolderPath(path.data()) != 0) {
+            std::printf("\nUnable to getLogBaseFolderPath");
+        }
+        appendBounded(path.data(), "/Dravenko Sentronics/");
+        appendBounded(path.data(), getProcessName());
+        appendBounded(path.data(), "/");
+        createLogFolder(path.data());
+
+        const platform::LocalTime today = platform::localTime();
+        std::array<char, 32> date{};
+        std::snprintf(date.data(), date.size(), "%04d-%02d-%02d", today.year, today.month, today.day);
+        appendBounded(path.data(), date.data());
+        appendBounded(path.data(), ".LOG");
+
+        appendLine(path.data(), level, message);
+    } catch (const std::exception& failure) {
+        printException("Exception in write log : ", failure.what(), "\n");
+    } catch (...) {
+        printException("Exception in write log : ", "unknown", "\n");
+    }
+}
+
+}  // namespace zentak

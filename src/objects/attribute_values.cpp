@@ -1,0 +1,148 @@
+#include "objects/attribute_values.h"
+
+#include <array>
+
+namespace zentak {
+
+namespace {
+
+constexpr std::array<unsigned char, 10> p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+constexpr std::array<unsigned char, 7> p384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
+constexpr std::array<unsigned char, 7> p521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
+constexpr std::array<unsigned char, 3> publicExponent = {0x01, 0x00, 0x01};
+
+/// By key type code less 1.
+constexpr std::array<KeyTypeProperties, 7> keyTypes = {{
+    {CKK_RSA, 1024, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
+    {CKK_RSA, 2048, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
+    {CKK_RSA, 3072, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
+    {CKK_RSA, 4096, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
+    {CKK_EC, 256, CKM_EC_KEY_PAIR_GEN, p256},
+    {CKK_EC, 384, CKM_EC_KEY_PAIR_GEN, p384},
+    {CKK_EC, 521, CKM_EC_KEY_PAIR_GEN, p521},
+}};
+constexpr const KeyTypeProperties& rsa2048 = keyTypes[1];
+
+/// DER OCTET STRING with a length of one byte, which is what EC points need.
+void encodeOctetString(ByteView bytes, std::vector<unsigned char>& storage) {
+    storage.assign(1, 0x04);
+    if (bytes.size() >= 128) {
+        storage.push_back(0x81);
+    }
+    storage.push_back(static_cast<unsigned char>(bytes.size()));
+    storage.insert(storage.end(), bytes.begin(), bytes.end());
+}
+
+}  // namespace
+
+const KeyTypeProperties& keyTypeProperties(std::int32_t keyTypeCode) {
+    const auto count = static_cast<std::int32_t>(keyTypes.size());
+    return keyTypeCode >= 1 && keyTypeCode <= count ? keyTypes[static_cast<std::size_t>(keyTypeCode - 1)] : rsa2048;
+}
+
+ReadableObject readableKey(CK_OBJECT_HANDLE handle, CK_OBJECT_CLASS objectClass, const ZentakKeyPair& keyPair) {
+    return {handle,
+            objectClass,
+            std::string(storedLabel(keyPair)),
+            objectIdOf(keyPair),
+            publicKeyOf(keyPair),
+            keyPair.keyUsage,
+            keyTypeProperties(keyPair.keyType)};
+}
+
+ReadableObject readableCertificate(CK_OBJECT_HANDLE handle, const ZentakCertificate& certificate) {
+    return {handle, CKO_CERTIFICATE, std::string(storedLabel(certificate)), objectIdOf(certificate), derOf(certificate),
+            0,      rsa2048};
+}
+
+std::optional<ByteView> attributeValue(const ReadableObject& object, CK_ATTRIBUTE_TYPE type,
+                                       std::vector<unsigned char>& storage) {
+    const auto number = [&](CK_ULONG value) -> ByteView {
+        const auto* bytes = reinterpret_cast<const unsigned char*>(&value);
+        storage.assign(bytes, bytes + sizeof(value));
+        return storage;
+    };
+    const auto boolean = [&](bool value) -> ByteView {
+        storage.assign(1, value ? CK_TRUE : CK_FALSE);
+        return storage;
+    };
+    /// What the device library reads from a certificate; a key has no such value.
+    const auto fromCertificate = [&](auto& operation) -> ByteView {
+        storage.clear();
+        if (object.isCertificate()) {
+            storage = operation(object.value.data(), static_cast<int>(object.value.size()), nullptr);
+        }
+        return storage;
+    };
+    const auto permits = [&](std::uint32_t usage) { return (object.keyUsage & usage) != 0; };
+    const bool isRsa = object.key.keyType == CKK_RSA;
+    const bool isEc = object.key.keyType == CKK_EC;
+
+    switch (type) {
+        case CKA_CLASS:
+            return number(object.objectClass);
+        case CKA_TOKEN:
+        case CKA_TRUSTED:
+        case CKA_LOCAL:
+            return boolean(true);
+        case CKA_PRIVATE:
+        case CKA_SENSITIVE:
+            return boolean(object.isPrivateKey());
+        case CKA_LABEL:
+            return ByteView(reinterpret_cast<const unsigned char*>(object.label.data()), object.label.size());
+        case CKA_VALUE:
+            return object.value;
+        case CKA_OBJECT_ID:
+            // Serves as the object's number.
+            return number(object.handle);
+        case CKA_CERTIFICATE_TYPE:
+            return number(CKC_X_509);
+        case CKA_ISSUER:
+            return fromCertificate(zentak_getCertificateIssuer);
+        case CKA_SERIAL_NUMBER:
+            return fromCertificate(zentak_getCertificateSerialDER);
+        case CKA_SUBJECT:
+            return fromCertificate(zentak_getCertificateSubject);
+        case CKA_KEY_TYPE:
+            return number(object.key.keyType);
+        case CKA_ID:
+            return object.id;
+        case CKA_ENCRYPT:
+            return boolean(object.isPublicKey() && permits(keyUsageEncrypt));
+        case CKA_DECRYPT:
+            return boolean(object.isPrivateKey() && permits(keyUsageEncrypt));
+        case CKA_SIGN:
+            return boolean(object.isPrivateKey() && permits(keyUsageSign));
+        case CKA_VERIFY:
+            return boolean(object.isPublicKey() && permits(keyUsageSign));
+        case CKA_WRAP:
+        case CKA_VERIFY_RECOVER:
+        case CKA_DERIVE:
+            return boolean(false);
+        case CKA_MODULUS:
+            // A certificate has the key type RSA, so it answers its DER here.
+            return isRsa ? std::optional(object.value) : std::nullopt;
+        case CKA_MODULUS_BITS:
+            return isRsa ? std::optional(number(object.key.bits)) : std::nullopt;
+        case CKA_PUBLIC_EXPONENT:
+            return isRsa ? std::optional<ByteView>(publicExponent) : std::nullopt;
+        case CKA_EXTRACTABLE:
+            return boolean(!object.isPrivateKey());
+        case CKA_KEY_GEN_MECHANISM:
+            return number(object.key.generationMechanism);
+        case CKA_MODIFIABLE:
+            return boolean(object.isCertificate());
+        case CKA_EC_PARAMS:
+            return isEc ? std::optional(object.key.ecParameters) : std::nullopt;
+        case CKA_EC_POINT:
+            if (!isEc) {
+                return std::nullopt;
+            }
+            encodeOctetString(object.value, storage);
+            return storage;
+        default:
+            return ByteView();
+    }
+}
+
+}  // namespace zentak

@@ -1,0 +1,49 @@
+#include "objects/default_label.h"
+
+namespace zentak {
+
+std::optional<CertificateDetails> detailsOf(const ZentakCertificate& certificate) {
+    const ByteView der = derOf(certificate);
+    CertificateDetails details;
+    if (zentak_getCertificateDetails(der.data(), static_cast<int>(der.size()), &details, nullptr) != 0) {
+        return std::nullopt;
+    }
+    return details;
+}
+
+std::string defaultLabel(const CertificateDetails& details) {
+    constexpr std::size_t longestLabel = 128;
+    std::string label = details.text2 + "_" + details.text3;
+    if (label.size() > longestLabel) {
+        label.resize(longestLabel);
+    }
+    return label;
+}
+
+std::string defaultLabel(const CertificateDetails* details) {
+    return details != nullptr ? defaultLabel(*details) : std::string();
+}
+
+ParsedCertificates::ParsedCertificates(std::vector<ZentakCertificate> certificates)
+    : records_(std::move(certificates)), parsed_(records_.size()) {}
+
+const CertificateDetails* ParsedCertificates::details(std::size_t index) {
+    Slot& slot = parsed_[index];
+    if (!slot.asked) {
+        slot.details = detailsOf(records_[index]);
+        slot.asked = true;
+    }
+    return slot.details.has_value() ? &*slot.details : nullptr;
+}
+
+const CertificateDetails* ParsedCertificates::detailsOfKey(ByteView publicKey) {
+    for (std::size_t index = 0; index < records_.size(); ++index) {
+        const CertificateDetails* found = details(index);
+        if (found != nullptr && sameBytes(found->publicKey, publicKey)) {
+            return found;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace zentak

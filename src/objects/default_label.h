@@ -1,0 +1,49 @@
+/// Labels for objects whose stored label is empty: made from the certificate concerned.
+
+#ifndef ZENTAK_OBJECTS_DEFAULT_LABEL_H
+#define ZENTAK_OBJECTS_DEFAULT_LABEL_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "objects/records.h"
+
+namespace zentak {
+
+/// What the device library reads from a certificate, nothing when it can't.
+std::optional<CertificateDetails> detailsOf(const ZentakCertificate& certificate);
+
+/// Text fields 2 and 3 of the details joined by "_", at most 128 bytes.
+std::string defaultLabel(const CertificateDetails& details);
+
+/// The same, or an empty label without details.
+std::string defaultLabel(const CertificateDetails* details);
+
+/// The certificates of one token, each parsed at most once and only when it is asked for.
+class ParsedCertificates {
+public:
+    /// `certificates` is a copy of the device library's list.
+    explicit ParsedCertificates(std::vector<ZentakCertificate> certificates);
+
+    const std::vector<ZentakCertificate>& records() const { return records_; }
+
+    /// Details of the certificate at `index`, null when the device library can't read it.
+    const CertificateDetails* details(std::size_t index);
+
+    /// Details of the first certificate with this public key, null without one.
+    const CertificateDetails* detailsOfKey(ByteView publicKey);
+
+private:
+    struct Slot {
+        bool asked = false;
+        std::optional<CertificateDetails> details;
+    };
+
+    std::vector<ZentakCertificate> records_;
+    std::vector<Slot> parsed_;
+};
+
+}  // namespace zentak
+
+#endif

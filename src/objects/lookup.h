@@ -1,0 +1,19 @@
+/// From the identifier in an object handle to the device library's record.
+
+#ifndef ZENTAK_OBJECTS_LOOKUP_H
+#define ZENTAK_OBJECTS_LOOKUP_H
+
+#include "frame/module_state.h"
+
+namespace zentak {
+
+/// The token's key pair with this identifier, null when there is none. The record lies in the module's one buffer for
+/// key pairs: it stays until the next lookup of a key pair, by any session.
+ZentakKeyPair* findKeyPair(ModuleState& state, const char* deviceId, CK_ULONG id);
+
+/// The same for certificates, with a buffer of their own.
+ZentakCertificate* findCertificate(ModuleState& state, const char* deviceId, CK_ULONG id);
+
+}  // namespace zentak
+
+#endif

@@ -1,0 +1,84 @@
+#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/platform.h"
+
+namespace zentak::platform {
+
+LocalTime localTime() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    std::tm local{};
+    localtime_r(&now.tv_sec, &local);
+    return {local.tm_year + 1900,
+            local.tm_mon + 1,
+            local.tm_mday,
+            local.tm_hour,
+            local.tm_min,
+            local.tm_sec,
+            static_cast<int>(now.tv_nsec / 1'000'000)};
+}
+
+std::optional<signed char> readLogLevelByte() {
+    const char* folder = std::getenv("ZENTAK_CONFIG");
+    std::string path = folder != nullptr ? folder : "/etc/Dravenko Sentronics/Zentak";
+    path += "/logLevel";
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) {
+        return std::nullopt;
+    }
+    // One byte more than a value may have, so that a longer one is recognised.
+    std::array<signed char, 33> value{};
+    const ssize_t length = read(file, value.data(), value.size());
+    close(file);
+    if (length < 0 || length > 32) {
+        return std::nullopt;
+    }
+    return value[0];
+}
+
+std::string temporaryFolder(std::size_t limit) {
+    const char* configured = std::getenv("TMPDIR");
+    std::string folder = configured != nullptr && *configured != '\0' ? configured : "/tmp";
+    if (folder.back() != '/') {
+        folder += '/';
+    }
+    return folder.size() < limit ? folder : std::string();
+}
+
+bool isDirectory(const char* path) {
+    struct stat status {};
+    return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool createDirectory(const char* path) {
+    return mkdir(path, 0777) == 0;
+}
+
+std::string executableName() {
+    std::array<char, 4096> path{};
+    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+    if (length <= 0) {
+        return {};
+    }
+    const std::string name(path.data(), static_cast<std::size_t>(length));
+    return name.substr(name.rfind('/') + 1);
+}
+
+std::FILE* openForAppending(const char* path) {
+    const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    if (file < 0) {
+        return nullptr;
+    }
+    std::FILE* stream = fdopen(file, "ab");
+    if (stream == nullptr) {
+        close(file);
+    }
+    return stream;
+}
+
+}  // namespace zentak::platform

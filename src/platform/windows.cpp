@@ -1,0 +1,58 @@
+#define WIN32_LEAN_AND_MEAN
+#define NOMINMAX
+// The order matters: the other two need the types of windows.h.
+// clang-format off
+#include <windows.h>
+#include <psapi.h>
+#include <share.h>
+// clang-format on
+
+#include <array>
+
+#include "platform/platform.h"
+
+namespace zentak::platform {
+
+LocalTime localTime() {
+    SYSTEMTIME now{};
+    GetLocalTime(&now);
+    return {now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds};
+}
+
+std::optional<signed char> readLogLevelByte() {
+    std::array<signed char, 32> value{};
+    DWORD size = value.size();
+    const LSTATUS status = RegGetValueA(HKEY_LOCAL_MACHINE, "Software\\Dravenko Sentronics\\Zentak", "logLevel",
+                                        RRF_RT_ANY, nullptr, value.data(), &size);
+    if (status != ERROR_SUCCESS) {
+        return std::nullopt;
+    }
+    return value[0];
+}
+
+std::string temporaryFolder(std::size_t limit) {
+    std::array<char, MAX_PATH + 1> buffer{};
+    const DWORD length = GetTempPathA(static_cast<DWORD>(buffer.size()), buffer.data());
+    return length < buffer.size() && length < limit ? std::string(buffer.data(), length) : std::string();
+}
+
+bool isDirectory(const char* path) {
+    const DWORD attributes = GetFileAttributesA(path);
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool createDirectory(const char* path) {
+    return CreateDirectoryA(path, nullptr) != FALSE;
+}
+
+std::string executableName() {
+    std::array<char, 1024> name{};
+    const DWORD length = GetModuleBaseNameA(GetCurrentProcess(), nullptr, name.data(), static_cast<DWORD>(name.size()));
+    return std::string(name.data(), length);
+}
+
+std::FILE* openForAppending(const char* path) {
+    return _fsopen(path, "ab", _SH_DENYNO);
+}
+
+}  // namespace zentak::platform

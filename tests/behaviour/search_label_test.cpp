@@ -1,0 +1,173 @@
+// Searching by label where objects have none of their own: the label made from a certificate's details.
+
+#include "object_test.h"
+
+using namespace support;
+
+namespace {
+
+/// Key pairs and certificates without labels: key 1 belongs to certificate 1, key 2 to certificate 3, key 3 to none.
+class SearchLabelTest : public ObjectTest {
+protected:
+    void SetUp() override {
+        ObjectTest::SetUp();
+        world.keyPairs["SN1"] = {one, two, three};
+        world.certificates["SN1"] = {certificateOne, certificateTwo, certificateThree};
+        world.certificateDetails[derOf(certificateOne)] = makeDetails("Alice", "1234", publicKeyOf(one));
+        world.certificateDetails[derOf(certificateTwo)] = makeDetails("Bob", "5678", {9, 9, 9});
+        world.certificateDetails[derOf(certificateThree)] = makeDetails("Carol", "9", publicKeyOf(two));
+    }
+
+    Handles publicKeysNamed(CK_SESSION_HANDLE session, std::string_view label) {
+        Template wanted;
+        wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated(label));
+        return search(session, wanted);
+    }
+
+    Handles certificatesNamed(CK_SESSION_HANDLE session, std::string_view label) {
+        Template wanted;
+        wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated(label));
+        return search(session, wanted);
+    }
+
+    const ZentakKeyPair one = labelledKeyPair(1, "");
+    const ZentakKeyPair two = labelledKeyPair(2, " \t");
+    const ZentakKeyPair three = labelledKeyPair(3, "");
+    const ZentakCertificate certificateOne = labelledCertificate(1, "");
+    const ZentakCertificate certificateTwo = labelledCertificate(2, "\n");
+    const ZentakCertificate certificateThree = labelledCertificate(3, "");
+};
+
+Outcome labelSearch(CK_OBJECT_CLASS objectClass, const Lines& deviceCalls) {
+    return {CKR_OK,
+            {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 2", "DEBUG Find object init type : 0",
+             text("DEBUG Find object class : ", objectClass), "DEBUG Find object init type : 3"},
+            deviceCalls};
+}
+
+// Nothing is logged or written back for a computed label, whoever is logged in.
+TEST_F(SearchLabelTest, AKeyPairIsNamedAfterItsCertificate) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    world.keyPairs["SN1"] = {one};
+    Template wanted;
+    wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_LABEL, terminated("Alice_1234"));
+    EXPECT_EQ(findInit(session, wanted),
+              labelSearch(CKO_PRIVATE_KEY, {listCertificates, listKeyPairs, askDetails(certificateOne)}));
+    EXPECT_EQ(next(session, 10), (Handles{privateKey(1)}));
+}
+
+TEST_F(SearchLabelTest, EachCertificateIsAskedAtMostOnceInASearch) {
+    world.results["zentak_getCertificateDetails"] = 0;
+    world.certificateDetails.erase(derOf(certificateTwo));  // a certificate that can't be read isn't asked again either
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    Template wanted;
+    wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated("Carol_9"));
+    for (int search = 0; search < 2; ++search) {  // and a new search asks anew
+        EXPECT_EQ(findInit(session, wanted),
+                  labelSearch(CKO_PUBLIC_KEY, {listCertificates, listKeyPairs, askDetails(certificateOne),
+                                               askDetails(certificateTwo), askDetails(certificateThree)}));
+        EXPECT_EQ(next(session, 10), (Handles{publicKey(2)}));
+    }
+}
+
+TEST_F(SearchLabelTest, NoCertificateIsAskedForAKeyPairWithALabel) {
+    setAlias(world.keyPairs["SN1"][0], "Own");
+    setAlias(world.keyPairs["SN1"][1], "Alice_1234");
+    setAlias(world.keyPairs["SN1"][2], " . ");
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    Template wanted;
+    wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated("Alice_1234"));
+    EXPECT_EQ(findInit(session, wanted), labelSearch(CKO_PUBLIC_KEY, {listCertificates, listKeyPairs}));
+    EXPECT_EQ(next(session, 10), (Handles{publicKey(2)}));
+}
+
+TEST_F(SearchLabelTest, TheFirstMatchingCertificateNamesTheKeyPair) {
+    world.certificateDetails[derOf(certificateTwo)] = makeDetails("Bob", "5678", publicKeyOf(two));
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(publicKeysNamed(session, "Bob_5678"), (Handles{publicKey(2)}));
+    EXPECT_EQ(publicKeysNamed(session, "Carol_9"), Handles{});
+}
+
+TEST_F(SearchLabelTest, TheCertificateMustHoldExactlyTheKey) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    const Bytes key = publicKeyOf(one);
+    Bytes other = key;
+    other.back() ^= 1;
+    for (const Bytes& held : {Bytes(key.begin(), key.end() - 1), key + Bytes{0}, other, Bytes{}}) {
+        world.certificateDetails[derOf(certificateOne)].publicKey = held;
+        EXPECT_EQ(publicKeysNamed(session, "Alice_1234"), Handles{}) << held.size();
+    }
+}
+
+TEST_F(SearchLabelTest, AKeyPairWithoutCertificateHasNoLabel) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(publicKeysNamed(session, "_"), Handles{});
+    EXPECT_EQ(publicKeysNamed(session, "Bob_5678"), Handles{});
+}
+
+TEST_F(SearchLabelTest, ComputedLabelsAreCutTo128Characters) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    const std::string half(100, 'a');
+    CertificateDetails& details = world.certificateDetails[derOf(certificateOne)];
+    details.text2 = half;
+
+    details.text3 = std::string(27, 'b');  // 128 with the line between
+    EXPECT_EQ(publicKeysNamed(session, half + "_" + std::string(27, 'b')), (Handles{publicKey(1)}));
+    EXPECT_EQ(certificatesNamed(session, half + "_" + std::string(27, 'b')), (Handles{certificate(1)}));
+
+    details.text3 = std::string(27, 'b') + "c";
+    EXPECT_EQ(publicKeysNamed(session, half + "_" + std::string(27, 'b')), (Handles{publicKey(1)}));
+    EXPECT_EQ(certificatesNamed(session, half + "_" + std::string(27, 'b')), (Handles{certificate(1)}));
+    EXPECT_EQ(publicKeysNamed(session, half + "_" + std::string(27, 'b') + "c"), Handles{});
+    EXPECT_EQ(certificatesNamed(session, half + "_" + std::string(27, 'b') + "c"), Handles{});
+}
+
+TEST_F(SearchLabelTest, ComputedLabelsAreNotTrimmed) {
+    world.certificateDetails[derOf(certificateOne)].text2 = " Alice";
+    world.certificateDetails[derOf(certificateOne)].text3 = "1234 ";
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(publicKeysNamed(session, " Alice_1234 "), (Handles{publicKey(1)}));
+    EXPECT_EQ(publicKeysNamed(session, "Alice_1234"), Handles{});
+}
+
+TEST_F(SearchLabelTest, ACertificateIsNamedAfterItsOwnDetails) {
+    setLabel(world.certificates["SN1"][0], "Own");
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    Template wanted;
+    wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated("Bob_5678"));
+    EXPECT_EQ(findInit(session, wanted),
+              labelSearch(CKO_CERTIFICATE, {listCertificates, listKeyPairs, askDetails(certificateTwo),
+                                            askDetails(certificateThree)}));
+    EXPECT_EQ(next(session, 10), (Handles{certificate(2)}));
+    EXPECT_EQ(certificatesNamed(session, "Own"), (Handles{certificate(1)}));
+}
+
+TEST_F(SearchLabelTest, ACertificateThatCannotBeReadHasNoLabel) {
+    world.certificateDetails.erase(derOf(certificateTwo));
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(certificatesNamed(session, "Bob_5678"), Handles{});
+    EXPECT_EQ(certificatesNamed(session, "_"), Handles{});
+    EXPECT_EQ(certificatesNamed(session, "Carol_9"), (Handles{certificate(3)}));
+}
+
+TEST_F(SearchLabelTest, ACertificateWithoutDerIsNotAskedForItsLabel) {
+    world.certificates["SN1"] = {certificateOne, certificateTwo};
+    world.certificates["SN1"][0].derLength = 0;
+    world.certificateDetails[{}] = makeDetails("Empty", "0", {1});
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    Template wanted;
+    wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated("Empty_0"));
+    EXPECT_EQ(findInit(session, wanted),
+              labelSearch(CKO_CERTIFICATE, {listCertificates, listKeyPairs, askDetails(certificateTwo)}));
+    EXPECT_EQ(next(session, 10), Handles{});
+}
+
+TEST_F(SearchLabelTest, OtherCriteriaAskNoDetails) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    Template wanted;
+    wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_ID, Bytes{0xA0, 1});
+    EXPECT_EQ(findInit(session, wanted).device, (Lines{listCertificates, listKeyPairs}));
+    EXPECT_EQ(next(session, 10), (Handles{privateKey(1)}));
+}
+
+}  // namespace

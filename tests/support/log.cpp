@@ -1,0 +1,96 @@
+#include "log.h"
+
+#include <algorithm>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <set>
+
+#include "run_folder.h"
+
+namespace support {
+namespace {
+
+std::string readFile(const std::filesystem::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+std::set<std::filesystem::path> filesIn(const std::filesystem::path& folder) {
+    std::set<std::filesystem::path> files;
+    if (std::filesystem::exists(folder)) {
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+            files.insert(entry.path());
+        }
+    }
+    return files;
+}
+
+}  // namespace
+
+std::string processName() {
+    const std::string file = programFile().filename().string();
+    return file.substr(0, file.find('.'));
+}
+
+std::filesystem::path logFolder(const std::string& processName) {
+    return temporaryFolder() / "Dravenko Sentronics" / processName;
+}
+
+std::filesystem::path logFolder() {
+    return logFolder(processName());
+}
+
+void createLogFolder() {
+    std::filesystem::create_directories(logFolder());
+}
+
+Lines parseLog(const std::string& text) {
+    static const std::regex shape(
+        R"((\d\d)/(\d\d)::(\d\d):(\d\d):(\d\d):\d\d\d-> ->(DEBUG|ERROR|EXCEP|INFO ) ::=>([^\n]*))");
+    Lines lines;
+    std::size_t begin = 0;
+    while (begin < text.size()) {
+        const std::size_t end = text.find('\n', begin);
+        if (end == std::string::npos) {
+            ADD_FAILURE() << "a log line without its line feed: " << text.substr(begin);
+            break;
+        }
+        const std::string line = text.substr(begin, end - begin);
+        std::smatch match;
+        const auto number = [&](std::size_t group) { return std::stoi(match[group].str()); };
+        if (!std::regex_match(line, match, shape) || number(1) < 1 || number(1) > 31 || number(2) < 1 ||
+            number(2) > 12 || number(3) > 23 || number(4) > 59 || number(5) > 60) {
+            ADD_FAILURE() << "a log line of a wrong shape: " << line;
+        } else {
+            lines.push_back(match[6].str() + " " + match[7].str());
+        }
+        begin = end + 1;
+    }
+    return lines;
+}
+
+std::string readLogFiles(const std::filesystem::path& folder) {
+    std::string text;
+    for (const std::filesystem::path& file : filesIn(folder)) {
+        text += readFile(file);
+    }
+    return text;
+}
+
+Lines takeLog() {
+    static std::map<std::filesystem::path, std::size_t> taken;
+    Lines lines;
+    for (const std::filesystem::path& file : filesIn(logFolder())) {
+        const std::string text = readFile(file);
+        std::size_t& done = taken[file];
+        const Lines more = parseLog(text.substr(std::min(done, text.size())));
+        lines.insert(lines.end(), more.begin(), more.end());
+        done = text.size();
+    }
+    return lines;
+}
+
+}  // namespace support

@@ -1,0 +1,79 @@
+#include "module_test.h"
+
+#include <cstring>
+
+namespace support {
+
+void plugIn(const TokenInfo& info) {
+    device().change([&](scripted::Device& world) {
+        world.connectedDevices.push_back(info.serialNumber);
+        world.tokenInfo[info.serialNumber] = info;
+    });
+}
+
+CK_UTF8CHAR_PTR pin(const char* text) {
+    // Cryptoki's pointers aren't const, though nobody writes here.
+    return reinterpret_cast<CK_UTF8CHAR_PTR>(const_cast<char*>(text));
+}
+
+std::string decimal(CK_ULONG value) {
+    return std::to_string(value);
+}
+
+void ModuleTest::plugInTokens() {
+    plugIn(makeTokenInfo("SN1"));
+}
+
+void ModuleTest::SetUp() {
+    device().reset();
+    setLogLevel(debugLevel);
+    createLogFolder();
+    plugInTokens();
+    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+    listSlots();
+    clear();
+}
+
+void ModuleTest::TearDown() {
+    setLogLevel(debugLevel);
+    functions().C_Finalize(nullptr);
+    EXPECT_FALSE(device().hasInstance());
+    clear();
+}
+
+std::vector<CK_SLOT_ID> ModuleTest::listSlots() {
+    CK_ULONG count = 0;
+    EXPECT_EQ(functions().C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
+    std::vector<CK_SLOT_ID> slots(count + 1);  // one too many, so that the list isn't asked for by a null pointer
+    EXPECT_EQ(functions().C_GetSlotList(CK_TRUE, slots.data(), &count), CKR_OK);
+    slots.resize(count);
+    clear();
+    return slots;
+}
+
+CK_SESSION_HANDLE ModuleTest::openSession(CK_FLAGS flags, CK_SLOT_ID slot) {
+    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+    EXPECT_EQ(functions().C_OpenSession(slot, flags | CKF_SERIAL_SESSION, nullptr, nullptr, &session), CKR_OK);
+    clear();
+    return session;
+}
+
+void ModuleTest::login(CK_SESSION_HANDLE session, const char* password, CK_USER_TYPE userType) {
+    EXPECT_EQ(functions().C_Login(session, userType, pin(password), static_cast<CK_ULONG>(std::strlen(password))),
+              CKR_OK);
+    clear();
+}
+
+CK_STATE ModuleTest::stateOf(CK_SESSION_HANDLE session) {
+    CK_SESSION_INFO info = {};
+    EXPECT_EQ(functions().C_GetSessionInfo(session, &info), CKR_OK);
+    clear();
+    return info.state;
+}
+
+void ModuleTest::clear() {
+    takeLog();
+    device().takeCalls();
+}
+
+}  // namespace support

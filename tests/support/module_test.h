@@ -1,0 +1,74 @@
+/// The fixture of the behaviour tests: the module, initialised, with one token plugged in and its slot listed, DEBUG
+/// lines on, and nothing logged or called yet. A test reads as: act, and compare the code, the log and the calls.
+///
+///     class Login : public support::ModuleTest {};
+///
+///     TEST_F(Login, asksTheDevice) {
+///         const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
+///         clear();
+///         EXPECT_EQ(functions().C_Login(session, CKU_USER, pin("1234"), 4), CKR_OK);
+///         EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "DEBUG Login state : 2", "DEBUG Login end result : 0"}));
+///         EXPECT_EQ(calls(), (Lines{"zentak_validatePassword(\"SN1\", \"1234\", 1, *0, instance)"}));
+///     }
+///
+/// `openSession`, `login` and `listSlots` fail the test themselves when the module refuses, and leave no log lines and
+/// no calls behind (what a test hadn't taken before is gone too). The world is `device()` of scripted_library.h, the
+/// builders are in records.h. EXPECT_EQ can't take a field of a Cryptoki structure by reference in the packed form:
+/// write +info.flags, or compare wholes with bytesOf.
+
+#ifndef ZENTAK_TESTS_SUPPORT_MODULE_TEST_H
+#define ZENTAK_TESTS_SUPPORT_MODULE_TEST_H
+
+#include <gtest/gtest.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "log.h"
+#include "module.h"
+#include "records.h"
+#include "scripted_library.h"
+
+namespace support {
+
+using scripted::device;
+
+constexpr CK_SLOT_ID firstSlot = 0x50000001UL;
+constexpr CK_SESSION_HANDLE firstSession = 0x60000001UL;
+constexpr CK_OBJECT_HANDLE privateKeyBase = 0x70000000UL;
+constexpr CK_OBJECT_HANDLE publicKeyBase = 0x70001000UL;
+constexpr CK_OBJECT_HANDLE certificateBase = 0x70002000UL;
+
+/// Puts a token at the end of the connected devices; the module sees it at its next listing.
+void plugIn(const TokenInfo& info);
+
+/// A text as a Cryptoki function takes it; the text must outlive the call.
+CK_UTF8CHAR_PTR pin(const char* text);
+
+/// A number as the log shows it.
+std::string decimal(CK_ULONG value);
+
+class ModuleTest : public ::testing::Test {
+protected:
+    /// One token "SN1" that isn't FIPS 140-3. A fixture with another world overrides this.
+    virtual void plugInTokens();
+
+    void SetUp() override;
+    void TearDown() override;
+
+    /// Lets the module list the slots, so that the connected tokens can be used.
+    static std::vector<CK_SLOT_ID> listSlots();
+    /// CKF_SERIAL_SESSION is added to the flags.
+    static CK_SESSION_HANDLE openSession(CK_FLAGS flags = 0, CK_SLOT_ID slot = firstSlot);
+    static void login(CK_SESSION_HANDLE session, const char* password = "1234", CK_USER_TYPE userType = CKU_USER);
+    static CK_STATE stateOf(CK_SESSION_HANDLE session);
+
+    /// Lines and calls since they were last taken.
+    static Lines log() { return takeLog(); }
+    static Lines calls() { return device().takeCalls(); }
+    static void clear();
+};
+
+}  // namespace support
+
+#endif

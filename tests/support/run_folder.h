@@ -1,0 +1,38 @@
+/// A test program's own folder in the temporary folder, which it gives to the module as the temporary folder, and the
+/// few things of a process that differ between the two hosts.
+
+#ifndef ZENTAK_TESTS_SUPPORT_RUN_FOLDER_H
+#define ZENTAK_TESTS_SUPPORT_RUN_FOLDER_H
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace support {
+
+/// Makes the folder and points the module's temporary folder and log level there, for as long as it lives. `main` of a
+/// test program has one, made before the module is loaded; its end removes the folder with all that is in it.
+class RunFolder {
+public:
+    RunFolder();
+    ~RunFolder();
+    RunFolder(const RunFolder&) = delete;
+    RunFolder& operator=(const RunFolder&) = delete;
+};
+
+/// The folder of the one `RunFolder`.
+const std::filesystem::path& runFolder();
+
+/// Where the module finds the temporary folder: TMPDIR, on Windows TMP. `runFolder()/temporary` at the start.
+void setTemporaryFolder(const std::filesystem::path& folder);
+const std::filesystem::path& temporaryFolder();
+
+/// The running program's file.
+std::filesystem::path programFile();
+
+/// Sets or (nullopt) removes a variable in the environment of this process and of its later children.
+void setEnvironment(const std::string& name, const std::optional<std::string>& value);
+
+}  // namespace support
+
+#endif

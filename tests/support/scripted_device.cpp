@@ -1,0 +1,99 @@
+// What a test holds in its hands: the world, and the record of what was asked.
+
+#include "scripted_call.h"
+
+namespace scripted {
+namespace {
+
+Bytes countingBytes(int first, std::size_t count) {
+    Bytes bytes;
+    for (std::size_t i = 0; i < count; ++i) {
+        bytes.push_back(static_cast<unsigned char>(static_cast<std::size_t>(first) + i));
+    }
+    return bytes;
+}
+
+}  // namespace
+
+Device::Device() : hidden_(new Hidden) {
+    reset();
+}
+
+Device::~Device() {
+    delete hidden_;
+}
+
+std::vector<std::string> Device::takeCalls() {
+    const std::lock_guard lock(hidden_->mutex);
+    return std::exchange(hidden_->calls, {});
+}
+
+int Device::countOf(std::string_view operation) const {
+    const std::lock_guard lock(hidden_->mutex);
+    const auto found = hidden_->counts.find(operation);
+    return found == hidden_->counts.end() ? 0 : found->second;
+}
+
+int Device::buffersHandedOut() const {
+    const std::lock_guard lock(hidden_->mutex);
+    return hidden_->buffersHandedOut;
+}
+
+bool Device::hasInstance() const {
+    const std::lock_guard lock(hidden_->mutex);
+    return hidden_->instance != nullptr;
+}
+
+void Device::addFault(Fault fault) {
+    const std::lock_guard lock(hidden_->mutex);
+    const int callsToGo = fault.nth;
+    hidden_->faults.push_back({std::move(fault), callsToGo});
+}
+
+void Device::change(const std::function<void(Device&)>& change) {
+    const std::lock_guard lock(hidden_->mutex);
+    change(*this);
+}
+
+void Device::reset() {
+    const std::lock_guard lock(hidden_->mutex);
+    givesInstance = true;
+    connectedDevices.clear();
+    tokenInfo.clear();
+    keyPairs.clear();
+    certificates.clear();
+    certificateDetails.clear();
+    unknownCertificateResult = 77;
+    subjects.clear();
+    issuers.clear();
+    serials.clear();
+    results.clear();
+    attemptsLeft = 5;
+    failureCount = 0;
+    digest = countingBytes(0xD0, 32);
+    reportedLength.reset();
+    signature = countingBytes(0x50, 256);
+    ciphertext.clear();
+    plaintext.clear();
+    sharedSecret.clear();
+    handsOutOnFailure = false;
+    files.clear();
+    generated = {};
+    importedCertificateId.clear();
+    random = countingBytes(0, 256);
+    records = true;
+
+    hidden_->calls.clear();
+    hidden_->counts.clear();
+    hidden_->faults.clear();
+    hidden_->contexts.clear();
+    hidden_->buffersHandedOut = 0;
+}
+
+Device& device() {
+    // Never destroyed: a host may leave while another thread is still inside the library.
+    static Device& theDevice = *new Device;
+    return theDevice;
+}
+
+}  // namespace scripted
