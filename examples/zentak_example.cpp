@@ -102,7 +102,7 @@ Bytes readFile(const std::string& path) {
     if (!file) {
         throw std::runtime_error("cannot read " + path);
     }
-    return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 void writeFile(const std::string& path, const Bytes& bytes) {

@@ -171,6 +171,8 @@ void moveFolder(const fs::path& from, const fs::path& to) {
 }
 
 std::optional<std::string> promptWithoutEcho(const std::string& prompt) {
+    // In a script nobody is there to answer, though it may have a terminal.
+    if (isatty(STDIN_FILENO) == 0) return std::nullopt;
     const Descriptor terminal(openRetrying("/dev/tty", O_RDWR | O_NOCTTY));
     termios before{};
     if (terminal.get() < 0 || tcgetattr(terminal.get(), &before) != 0) return std::nullopt;

@@ -147,10 +147,9 @@ std::optional<FileStamp> fileStamp(const fs::path& file) {
     WIN32_FILE_ATTRIBUTE_DATA data{};
     if (!GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data)) return std::nullopt;
     if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return std::nullopt;
-    // The creation time stands in for an identity: renaming a new file over the old one brings a new one.
+    // No identity: it would cost opening the file, and the creation time of a replaced file is passed on to the new one.
     return FileStamp{nanoseconds(data.ftLastWriteTime),
-                     (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow,
-                     static_cast<std::uint64_t>(nanoseconds(data.ftCreationTime))};
+                     (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow, 0};
 }
 
 std::int64_t fileClockNow() {

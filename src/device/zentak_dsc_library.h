@@ -115,6 +115,12 @@ enum class EncryptionType : int { rsa1024 = 7, rsa2048 = 8, rsa3072 = 9, rsa4096
 /// RSA padding of an encryption: PKCS #1 v1.5 or OAEP.
 enum class PaddingMode : int { pkcs1 = 1, oaep = 4 };
 
+// C linkage is for the names alone; no C program calls these.
+#ifdef __clang__
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
+
 extern "C" {
 
 /// Leaves `*instance` null when there is none to be had.
@@ -198,5 +204,9 @@ ZENTAK_DSC_API int zentak_generateRamdomNumber(const char* deviceId, int count, 
                                                void* instance);
 
 }  // extern "C"
+
+#ifdef __clang__
+#pragma clang diagnostic pop
+#endif
 
 #endif

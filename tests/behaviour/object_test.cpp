@@ -12,7 +12,9 @@ std::string hexadecimal(const Bytes& bytes) {
     return result;
 }
 
-std::string shown(const Bytes& bytes) { return text("<", hexadecimal(bytes), ">, ", bytes.size()); }
+std::string shown(const Bytes& bytes) {
+    return text("<", hexadecimal(bytes), ">, ", bytes.size());
+}
 
 ZentakKeyPair labelledKeyPair(std::uint32_t id, std::string_view label) {
     ZentakKeyPair keyPair = makeKeyPair(id, rsa2048);
@@ -88,9 +90,8 @@ void ObjectTest::letThrow(const std::string& operation, scripted::Throw thrown, 
 }
 
 bool endsWithOneError(const Lines& log, const std::string& function) {
-    const auto errors = std::count_if(log.begin(), log.end(), [](const std::string& line) {
-        return line.compare(0, 6, "ERROR ") == 0;
-    });
+    const auto errors = std::count_if(log.begin(), log.end(),
+                                      [](const std::string& line) { return line.compare(0, 6, "ERROR ") == 0; });
     const std::string expected = "ERROR " + function + ":";
     return errors == 1 && log.back().compare(0, expected.size(), expected) == 0;
 }
@@ -101,9 +102,8 @@ Bytes Room::first(std::size_t length) const {
 }
 
 bool Room::untouchedFrom(std::size_t position) const {
-    return memory_.front() == pattern &&
-           std::all_of(memory_.begin() + 1 + static_cast<std::ptrdiff_t>(position), memory_.end(),
-                       [](unsigned char byte) { return byte == pattern; });
+    return memory_.front() == pattern && std::all_of(memory_.begin() + 1 + static_cast<std::ptrdiff_t>(position),
+                                                     memory_.end(), [](unsigned char byte) { return byte == pattern; });
 }
 
 }  // namespace support

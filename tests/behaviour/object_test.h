@@ -4,11 +4,10 @@
 #ifndef ZENTAK_TESTS_BEHAVIOUR_OBJECT_TEST_H
 #define ZENTAK_TESTS_BEHAVIOUR_OBJECT_TEST_H
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -56,14 +55,24 @@ std::string hexadecimal(const Bytes& bytes);
 /// Bytes and their length as a recorded call shows them: "<0A1B>, 2".
 std::string shown(const Bytes& bytes);
 
-inline Bytes charactersOf(std::string_view characters) { return Bytes(characters.begin(), characters.end()); }
+inline Bytes charactersOf(std::string_view characters) {
+    return Bytes(characters.begin(), characters.end());
+}
 
 /// A label as a search template needs it.
-inline Bytes terminated(std::string_view label) { return charactersOf(label) + Bytes{0}; }
+inline Bytes terminated(std::string_view label) {
+    return charactersOf(label) + Bytes{0};
+}
 
-constexpr CK_OBJECT_HANDLE privateKey(std::uint32_t id) { return static_cast<CK_OBJECT_HANDLE>(privateKeyBase + id); }
-constexpr CK_OBJECT_HANDLE publicKey(std::uint32_t id) { return static_cast<CK_OBJECT_HANDLE>(publicKeyBase + id); }
-constexpr CK_OBJECT_HANDLE certificate(std::uint32_t id) { return static_cast<CK_OBJECT_HANDLE>(certificateBase + id); }
+constexpr CK_OBJECT_HANDLE privateKey(std::uint32_t id) {
+    return static_cast<CK_OBJECT_HANDLE>(privateKeyBase + id);
+}
+constexpr CK_OBJECT_HANDLE publicKey(std::uint32_t id) {
+    return static_cast<CK_OBJECT_HANDLE>(publicKeyBase + id);
+}
+constexpr CK_OBJECT_HANDLE certificate(std::uint32_t id) {
+    return static_cast<CK_OBJECT_HANDLE>(certificateBase + id);
+}
 
 /// An RSA 2048-bit key pair with both usages, a modulus of its own and the object id A0 <id>.
 ZentakKeyPair labelledKeyPair(std::uint32_t id, std::string_view label);
@@ -71,7 +80,9 @@ ZentakKeyPair labelledKeyPair(std::uint32_t id, std::string_view label);
 /// A certificate with a DER of its own and the object id C0 <id>.
 ZentakCertificate labelledCertificate(std::uint32_t id, std::string_view label);
 
-inline Bytes derOf(const ZentakCertificate& record) { return Bytes(record.der, record.der + record.derLength); }
+inline Bytes derOf(const ZentakCertificate& record) {
+    return Bytes(record.der, record.der + record.derLength);
+}
 
 // Calls of the device library as they are recorded.
 inline const std::string listKeyPairs = "zentak_getKeyPairList(\"SN1\", instance)";

@@ -136,8 +136,8 @@ TEST_F(SearchLabelTest, ACertificateIsNamedAfterItsOwnDetails) {
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated("Bob_5678"));
     EXPECT_EQ(findInit(session, wanted),
-              labelSearch(CKO_CERTIFICATE, {listCertificates, listKeyPairs, askDetails(certificateTwo),
-                                            askDetails(certificateThree)}));
+              labelSearch(CKO_CERTIFICATE,
+                          {listCertificates, listKeyPairs, askDetails(certificateTwo), askDetails(certificateThree)}));
     EXPECT_EQ(next(session, 10), (Handles{certificate(2)}));
     EXPECT_EQ(certificatesNamed(session, "Own"), (Handles{certificate(1)}));
 }

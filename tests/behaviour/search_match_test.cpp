@@ -1,5 +1,7 @@
 // Which objects a template finds: the class, the first criterion that is present, the login state, stored labels.
 
+#include <deque>
+
 #include "object_test.h"
 
 using namespace support;
@@ -11,6 +13,19 @@ protected:
     const Handles publicKeys = {publicKey(5), publicKey(6)};
     const Handles privateKeys = {privateKey(5), privateKey(6)};
     const Handles certificates = {certificate(5), certificate(7)};
+};
+
+struct SearchRow {
+    const char* what;
+    Handles found;
+    Template wanted = {};
+};
+
+/// Rows that stay where they are, as their templates point into themselves.
+struct SearchRows {
+    std::deque<SearchRow> all;
+
+    Template& add(const char* what, const Handles& found) { return all.emplace_back(SearchRow{what, found}).wanted; }
 };
 
 TEST_F(SearchMatchTest, PrivateKeysShowOnlyToALoggedInUser) {
@@ -48,8 +63,8 @@ TEST_F(SearchMatchTest, TheLoginStateCountsWhenTheSearchStarts) {
 
 TEST_F(SearchMatchTest, OtherClassesFindNothing) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    for (const CK_OBJECT_CLASS objectClass : {CKO_DATA, CKO_SECRET_KEY, CKO_HW_FEATURE, CKO_DOMAIN_PARAMETERS,
-                                              CKO_MECHANISM, 0x80000001UL, 0xFFFFFFFFUL}) {
+    for (const CK_OBJECT_CLASS objectClass :
+         {CKO_DATA, CKO_SECRET_KEY, CKO_HW_FEATURE, CKO_DOMAIN_PARAMETERS, CKO_MECHANISM, 0x80000001UL, 0xFFFFFFFFUL}) {
         Template wanted;
         wanted.addNumber(CKA_CLASS, static_cast<CK_OBJECT_CLASS>(objectClass));
         EXPECT_EQ(findInit(session, wanted),
@@ -82,7 +97,10 @@ TEST_F(SearchMatchTest, WideClassesAreNotCut) {
 TEST_F(SearchMatchTest, WithoutAClassNoCriterionDecides) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
     Template wanted;
-    wanted.add(CKA_LABEL, terminated("nobody")).add(CKA_VALUE, Bytes{1}).add(CKA_ID, Bytes{2}).add(CKA_SUBJECT, Bytes{3});
+    wanted.add(CKA_LABEL, terminated("nobody"))
+        .add(CKA_VALUE, Bytes{1})
+        .add(CKA_ID, Bytes{2})
+        .add(CKA_SUBJECT, Bytes{3});
     wanted.add(CKA_MODULUS, Bytes{4});
     EXPECT_EQ(search(session, wanted), publicKeys + privateKeys + certificates);
     EXPECT_EQ(world.countOf("zentak_getCertificateDetails"), 0);
@@ -96,37 +114,31 @@ TEST_F(SearchMatchTest, TheFirstCriterionOfAKeyPairDecidesAlone) {
     const Bytes valueSix = publicKeyOf(keySix);
     const Bytes idFive = {0xA0, 5};
     const Bytes idSix = {0xA0, 6};
-    struct Row {
-        const char* what;
-        Template wanted;
-        Handles found;
-    };
-    std::vector<Row> rows(12);
-    const auto row = [&, position = std::size_t{0}](const char* what, const Handles& found) mutable -> Template& {
-        rows[position].what = what;
-        rows[position].found = found;
-        return rows[position++].wanted;
-    };
-    row("label", {publicKey(5)}).add(CKA_LABEL, terminated("Key five"));
-    row("label before value, id and modulus", {publicKey(5)})
+    SearchRows rows;
+    rows.add("label", {publicKey(5)}).add(CKA_LABEL, terminated("Key five"));
+    rows.add("label before value, id and modulus", {publicKey(5)})
         .add(CKA_MODULUS, valueSix)
         .add(CKA_ID, idSix)
         .add(CKA_VALUE, valueSix)
         .add(CKA_LABEL, terminated("Key five"));
-    row("a wrong label", {}).add(CKA_LABEL, terminated("Key")).add(CKA_VALUE, valueFive).add(CKA_ID, idFive).add(CKA_MODULUS, valueFive);
-    row("value before id and modulus", {publicKey(5)})
+    rows.add("a wrong label", {})
+        .add(CKA_LABEL, terminated("Key"))
+        .add(CKA_VALUE, valueFive)
+        .add(CKA_ID, idFive)
+        .add(CKA_MODULUS, valueFive);
+    rows.add("value before id and modulus", {publicKey(5)})
         .add(CKA_MODULUS, valueSix)
         .add(CKA_ID, idSix)
         .add(CKA_VALUE, valueFive);
-    row("a wrong value", {}).add(CKA_ID, idFive).add(CKA_VALUE, Bytes{1}).add(CKA_MODULUS, valueFive);
-    row("id before modulus", {publicKey(5)}).add(CKA_MODULUS, valueSix).add(CKA_ID, idFive);
-    row("a wrong id", {}).add(CKA_MODULUS, valueFive).add(CKA_ID, Bytes{0xA0});
-    row("modulus", {publicKey(6)}).add(CKA_MODULUS, valueSix);
-    row("modulus too short", {}).add(CKA_MODULUS, Bytes(valueSix.begin(), valueSix.end() - 1));
-    row("value too long", {}).add(CKA_VALUE, valueSix + Bytes{0});
-    row("id too long", {}).add(CKA_ID, idSix + Bytes{0});
-    row("subject says nothing", publicKeys).add(CKA_SUBJECT, Bytes{0x30, 0x00});
-    for (Row& entry : rows) {
+    rows.add("a wrong value", {}).add(CKA_ID, idFive).add(CKA_VALUE, Bytes{1}).add(CKA_MODULUS, valueFive);
+    rows.add("id before modulus", {publicKey(5)}).add(CKA_MODULUS, valueSix).add(CKA_ID, idFive);
+    rows.add("a wrong id", {}).add(CKA_MODULUS, valueFive).add(CKA_ID, Bytes{0xA0});
+    rows.add("modulus", {publicKey(6)}).add(CKA_MODULUS, valueSix);
+    rows.add("modulus too short", {}).add(CKA_MODULUS, Bytes(valueSix.begin(), valueSix.end() - 1));
+    rows.add("value too long", {}).add(CKA_VALUE, valueSix + Bytes{0});
+    rows.add("id too long", {}).add(CKA_ID, idSix + Bytes{0});
+    rows.add("subject says nothing", publicKeys).add(CKA_SUBJECT, Bytes{0x30, 0x00});
+    for (SearchRow& entry : rows.all) {
         SCOPED_TRACE(entry.what);
         entry.wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY);
         EXPECT_EQ(search(session, entry.wanted), entry.found);
@@ -149,38 +161,32 @@ TEST_F(SearchMatchTest, TheFirstCriterionOfACertificateDecidesAlone) {
     const Bytes subjectSeven = {0x30, 0x01, 0x07};
     world.subjects[derFive] = subjectFive;
     world.subjects[derSeven] = subjectSeven;
-    struct Row {
-        const char* what;
-        Template wanted;
-        Handles found;
-    };
-    std::vector<Row> rows(13);
-    const auto row = [&, position = std::size_t{0}](const char* what, const Handles& found) mutable -> Template& {
-        rows[position].what = what;
-        rows[position].found = found;
-        return rows[position++].wanted;
-    };
-    row("label", {certificate(7)}).add(CKA_LABEL, terminated("Certificate seven"));
-    row("label before value, id and subject", {certificate(5)})
+    SearchRows rows;
+    rows.add("label", {certificate(7)}).add(CKA_LABEL, terminated("Certificate seven"));
+    rows.add("label before value, id and subject", {certificate(5)})
         .add(CKA_SUBJECT, subjectSeven)
         .add(CKA_ID, idSeven)
         .add(CKA_VALUE, derSeven)
         .add(CKA_LABEL, terminated("Certificate five"));
-    row("a wrong label", {}).add(CKA_LABEL, terminated("Cert")).add(CKA_VALUE, derFive).add(CKA_ID, idFive).add(CKA_SUBJECT, subjectFive);
-    row("value before id and subject", {certificate(5)})
+    rows.add("a wrong label", {})
+        .add(CKA_LABEL, terminated("Cert"))
+        .add(CKA_VALUE, derFive)
+        .add(CKA_ID, idFive)
+        .add(CKA_SUBJECT, subjectFive);
+    rows.add("value before id and subject", {certificate(5)})
         .add(CKA_SUBJECT, subjectSeven)
         .add(CKA_ID, idSeven)
         .add(CKA_VALUE, derFive);
-    row("a wrong value", {}).add(CKA_VALUE, Bytes{1}).add(CKA_ID, idFive).add(CKA_SUBJECT, subjectFive);
-    row("id before subject", {certificate(5)}).add(CKA_SUBJECT, subjectSeven).add(CKA_ID, idFive);
-    row("a wrong id", {}).add(CKA_SUBJECT, subjectFive).add(CKA_ID, Bytes{0xC0});
-    row("subject", {certificate(7)}).add(CKA_SUBJECT, subjectSeven);
-    row("subject too long", {}).add(CKA_SUBJECT, subjectSeven + Bytes{0});
-    row("subject too short", {}).add(CKA_SUBJECT, Bytes{0x30, 0x01});
-    row("value too long", {}).add(CKA_VALUE, derFive + Bytes{0});
-    row("id too long", {}).add(CKA_ID, idFive + Bytes{0});
-    row("modulus says nothing", certificates).add(CKA_MODULUS, Bytes{1, 2, 3});
-    for (Row& entry : rows) {
+    rows.add("a wrong value", {}).add(CKA_VALUE, Bytes{1}).add(CKA_ID, idFive).add(CKA_SUBJECT, subjectFive);
+    rows.add("id before subject", {certificate(5)}).add(CKA_SUBJECT, subjectSeven).add(CKA_ID, idFive);
+    rows.add("a wrong id", {}).add(CKA_SUBJECT, subjectFive).add(CKA_ID, Bytes{0xC0});
+    rows.add("subject", {certificate(7)}).add(CKA_SUBJECT, subjectSeven);
+    rows.add("subject too long", {}).add(CKA_SUBJECT, subjectSeven + Bytes{0});
+    rows.add("subject too short", {}).add(CKA_SUBJECT, Bytes{0x30, 0x01});
+    rows.add("value too long", {}).add(CKA_VALUE, derFive + Bytes{0});
+    rows.add("id too long", {}).add(CKA_ID, idFive + Bytes{0});
+    rows.add("modulus says nothing", certificates).add(CKA_MODULUS, Bytes{1, 2, 3});
+    for (SearchRow& entry : rows.all) {
         SCOPED_TRACE(entry.what);
         entry.wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE);
         EXPECT_EQ(search(session, entry.wanted), entry.found);
@@ -199,8 +205,7 @@ TEST_F(SearchMatchTest, TheSubjectIsAskedOnceForEachCertificate) {
 
 TEST_F(SearchMatchTest, SeveralMatchesKeepTheOrderOfTheList) {
     for (const std::uint32_t id : {9U, 2U, 4U}) {
-        ZentakKeyPair keyPair = labelledKeyPair(id, "twin");
-        world.keyPairs["SN1"].push_back(keyPair);
+        world.keyPairs["SN1"].push_back(labelledKeyPair(id, "twin"));
         world.certificates["SN1"].push_back(labelledCertificate(id, "twin"));
     }
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
@@ -209,8 +214,7 @@ TEST_F(SearchMatchTest, SeveralMatchesKeepTheOrderOfTheList) {
     EXPECT_EQ(search(session, keys), (Handles{privateKey(9), privateKey(2), privateKey(4)}));
     Template wantedCertificates;
     wantedCertificates.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated("twin"));
-    EXPECT_EQ(search(session, wantedCertificates),
-              (Handles{certificate(9), certificate(2), certificate(4)}));
+    EXPECT_EQ(search(session, wantedCertificates), (Handles{certificate(9), certificate(2), certificate(4)}));
 }
 
 TEST_F(SearchMatchTest, TheLabelOfATemplateEndsAtItsTerminator) {
@@ -306,10 +310,12 @@ TEST_F(SearchMatchTest, UnterminatedLabelsEndWithTheirField) {
     std::memset(world.certificates["SN1"][0].label, 'c', sizeof(ZentakCertificate::label));
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     Template keys;
-    keys.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated(std::string(sizeof(ZentakKeyPair::alias), 'k')));
+    keys.addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
+        .add(CKA_LABEL, terminated(std::string(sizeof(ZentakKeyPair::alias), 'k')));
     EXPECT_EQ(search(session, keys), (Handles{publicKey(5)}));
     Template wantedCertificates;
-    wantedCertificates.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated(std::string(sizeof(ZentakCertificate::label), 'c')));
+    wantedCertificates.addNumber(CKA_CLASS, CKO_CERTIFICATE)
+        .add(CKA_LABEL, terminated(std::string(sizeof(ZentakCertificate::label), 'c')));
     EXPECT_EQ(search(session, wantedCertificates), (Handles{certificate(5)}));
 }
 

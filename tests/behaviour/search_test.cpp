@@ -59,8 +59,7 @@ TEST_F(SearchTest, InitWithoutTemplateListsTheTokenOnce) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(session, nullptr, 0); }),
               (Outcome{CKR_OK, started(0), {listCertificates, listKeyPairs}}));
-    EXPECT_EQ(next(session, 10),
-              (Handles{publicKey(5), publicKey(6), certificate(5), certificate(7)}));
+    EXPECT_EQ(next(session, 10), (Handles{publicKey(5), publicKey(6), certificate(5), certificate(7)}));
 }
 
 TEST_F(SearchTest, ATemplatePointerWithoutCountIsAnEmptyTemplate) {
@@ -144,8 +143,7 @@ TEST_F(SearchTest, TheIdIsLoggedWithoutAClassToo) {
                        started(1) + Lines{"DEBUG Find object init type : 258", "DEBUG Find init id : 00FF1B"},
                        {listCertificates, listKeyPairs}}));
     // Without a class the rest of the template decides nothing.
-    EXPECT_EQ(next(session, 10),
-              (Handles{publicKey(5), publicKey(6), certificate(5), certificate(7)}));
+    EXPECT_EQ(next(session, 10), (Handles{publicKey(5), publicKey(6), certificate(5), certificate(7)}));
 }
 
 TEST_F(SearchTest, LaterOccurrencesReplaceEarlierOnes) {
@@ -155,7 +153,9 @@ TEST_F(SearchTest, LaterOccurrencesReplaceEarlierOnes) {
     EXPECT_EQ(search(session, byClass), (Handles{publicKey(5), publicKey(6)}));
 
     Template byLabel;
-    byLabel.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated("Key five")).add(CKA_LABEL, terminated("Key six"));
+    byLabel.addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
+        .add(CKA_LABEL, terminated("Key five"))
+        .add(CKA_LABEL, terminated("Key six"));
     EXPECT_EQ(search(session, byLabel), (Handles{publicKey(6)}));
 
     Template byId;
@@ -232,15 +232,17 @@ TEST_F(SearchTest, ARefusedTemplateLeavesASignatureRunning) {
 
 TEST_F(SearchTest, TheTemplateIsReadAtAnyAddress) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    const CK_OBJECT_CLASS wantedClass = CKO_CERTIFICATE;
+    Room objectClass(sizeof wantedClass);
+    std::memcpy(objectClass.address(), &wantedClass, sizeof wantedClass);
     Template wanted;
-    wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_ID, Bytes{0xC0, 7});
-    EXPECT_EQ(search(session, wanted), (Handles{certificate(7)}));  // values at odd addresses
+    wanted.addRaw(CKA_CLASS, objectClass.address(), sizeof wantedClass).add(CKA_ID, Bytes{0xC0, 7});
+    EXPECT_EQ(search(session, wanted), (Handles{certificate(7)}));
 
     if constexpr (alignof(CK_ATTRIBUTE) == 1) {
-        Bytes memory(1 + 2 * sizeof(CK_ATTRIBUTE));
-        std::memcpy(memory.data() + 1, wanted.data(), 2 * sizeof(CK_ATTRIBUTE));
-        auto* odd = reinterpret_cast<CK_ATTRIBUTE_PTR>(memory.data() + 1);
-        ASSERT_EQ(api->C_FindObjectsInit(session, odd, 2), CKR_OK);
+        Room memory(2 * sizeof(CK_ATTRIBUTE));
+        std::memcpy(memory.address(), wanted.data(), 2 * sizeof(CK_ATTRIBUTE));
+        ASSERT_EQ(api->C_FindObjectsInit(session, static_cast<CK_ATTRIBUTE_PTR>(memory.address()), 2), CKR_OK);
         EXPECT_EQ(next(session, 10), (Handles{certificate(7)}));
     }
 }

@@ -20,8 +20,8 @@
 #define ZENTAK_TESTS_SUPPORT_MODULE_TEST_H
 
 #include <gtest/gtest.h>
+#include <cstring>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "log.h"

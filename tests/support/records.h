@@ -3,6 +3,8 @@
 #ifndef ZENTAK_TESTS_SUPPORT_RECORDS_H
 #define ZENTAK_TESTS_SUPPORT_RECORDS_H
 
+#include <algorithm>
+#include <cstdint>
 #include <deque>
 #include <string>
 #include <string_view>

@@ -1,0 +1,225 @@
+#include "keys.h"
+
+#include <openssl/core_names.h>
+#include <openssl/pem.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "errors.h"
+
+namespace softtoken {
+
+namespace {
+
+constexpr std::array<KeyType, 7> keyTypes = {{
+    {1, 1024, nullptr, 0},
+    {2, 2048, nullptr, 0},
+    {3, 3072, nullptr, 0},
+    {4, 4096, nullptr, 0},
+    {5, 0, "P-256", 32},
+    {6, 0, "P-384", 48},
+    {7, 0, "P-521", 66},
+}};
+
+constexpr BN_ULONG publicExponent = 65537;
+
+[[noreturn]] void noRsaKey() {
+    throw Failure(Error::unsupportedKey, "the numbers are no RSA key with the public exponent 65537");
+}
+
+BigNumber numberFrom(ByteView bytes) {
+    BigNumber number(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));
+    requireCrypto(number != nullptr, "reading a number");
+    BN_set_flags(number.get(), BN_FLG_CONSTTIME);
+    return number;
+}
+
+BigNumber newNumber() {
+    BigNumber number(BN_secure_new());
+    requireCrypto(number != nullptr, "memory for a number");
+    return number;
+}
+
+BigNumber parameterOf(const EVP_PKEY* key, const char* name) {
+    BIGNUM* number = nullptr;
+    EVP_PKEY_get_bn_param(key, name, &number);
+    return BigNumber(number);
+}
+
+Key keyFromParameters(const char* algorithm, int selection, OSSL_PARAM_BLD* builder) {
+    const Parameters parameters(OSSL_PARAM_BLD_to_param(builder));
+    const KeyContext context(EVP_PKEY_CTX_new_from_name(cryptoContext(), algorithm, nullptr));
+    requireCrypto(parameters && context && EVP_PKEY_fromdata_init(context.get()) == 1, "composing a key");
+    EVP_PKEY* key = nullptr;
+    if (EVP_PKEY_fromdata(context.get(), &key, selection, parameters.get()) != 1) return nullptr;
+    return ownKey(key);
+}
+
+bool isCurve(const EVP_PKEY* key, const KeyType& type) {
+    std::array<char, 80> name{};
+    if (EVP_PKEY_get_group_name(key, name.data(), name.size(), nullptr) != 1) return false;
+    return OBJ_txt2nid(name.data()) == EC_curve_nist2nid(type.curve);
+}
+
+}  // namespace
+
+const KeyType* keyTypeOfCode(int code) {
+    for (const KeyType& type : keyTypes) {
+        if (type.code == code) return &type;
+    }
+    return nullptr;
+}
+
+const KeyType* keyTypeOf(const EVP_PKEY* key) {
+    const bool rsa = EVP_PKEY_is_a(key, "RSA") == 1;
+    if (rsa) {
+        const BigNumber exponent = parameterOf(key, OSSL_PKEY_PARAM_RSA_E);
+        if (!exponent || BN_is_word(exponent.get(), publicExponent) != 1) return nullptr;
+    } else if (EVP_PKEY_is_a(key, "EC") != 1) {
+        return nullptr;
+    }
+    for (const KeyType& type : keyTypes) {
+        if (rsa ? type.rsaBits == EVP_PKEY_get_bits(key) : type.curve != nullptr && isCurve(key, type)) return &type;
+    }
+    return nullptr;
+}
+
+Key generateKey(const KeyType& type) {
+    EVP_PKEY* key = nullptr;
+    if (type.curve != nullptr) {
+        key = EVP_PKEY_Q_keygen(cryptoContext(), nullptr, "EC", type.curve);
+    } else if (type.rsaBits >= 2048) {
+        key = EVP_PKEY_Q_keygen(cryptoContext(), nullptr, "RSA", static_cast<std::size_t>(type.rsaBits));
+    } else {
+        throw Failure(Error::unsupportedKey, "RSA keys of this size are not generated");
+    }
+    requireCrypto(key != nullptr, "generating a key pair");
+    return ownKey(key);
+}
+
+Key composeRsaKey(ByteView modulus, ByteView privateExponent, ByteView prime1) {
+    constexpr std::size_t largest = 1024;
+    if (modulus.empty() || modulus.size() > largest || privateExponent.size() > largest || prime1.size() > largest) {
+        noRsaKey();
+    }
+    const BigNumberContext context(BN_CTX_secure_new_ex(cryptoContext()));
+    requireCrypto(context != nullptr, "memory for numbers");
+    const BigNumber n = numberFrom(modulus);
+    const BigNumber d = numberFrom(privateExponent);
+    const BigNumber p = numberFrom(prime1);
+    const BigNumber e = newNumber();
+    const BigNumber one = newNumber();
+    const BigNumber q = newNumber();
+    const BigNumber remainder = newNumber();
+    const BigNumber pLess1 = newNumber();
+    const BigNumber qLess1 = newNumber();
+    const BigNumber exponent1 = newNumber();
+    const BigNumber exponent2 = newNumber();
+    const BigNumber product = newNumber();
+    requireCrypto(BN_set_word(e.get(), publicExponent) == 1 && BN_one(one.get()) == 1, "setting a number");
+    if (BN_num_bits(p.get()) < 2 || BN_div(q.get(), remainder.get(), n.get(), p.get(), context.get()) != 1 ||
+        BN_is_zero(remainder.get()) != 1 || BN_num_bits(q.get()) < 2 || BN_cmp(p.get(), q.get()) == 0 ||
+        BN_check_prime(p.get(), context.get(), nullptr) != 1 || BN_check_prime(q.get(), context.get(), nullptr) != 1) {
+        noRsaKey();
+    }
+    requireCrypto(BN_sub(pLess1.get(), p.get(), one.get()) == 1 && BN_sub(qLess1.get(), q.get(), one.get()) == 1 &&
+                      BN_nnmod(exponent1.get(), d.get(), pLess1.get(), context.get()) == 1 &&
+                      BN_nnmod(exponent2.get(), d.get(), qLess1.get(), context.get()) == 1,
+                  "computing with the key's numbers");
+    // d belongs to e when their product is 1 modulo both p - 1 and q - 1, however d was chosen among the possible ones.
+    for (const auto& [exponent, order] : {std::pair{exponent1.get(), pLess1.get()}, {exponent2.get(), qLess1.get()}}) {
+        if (BN_mod_mul(product.get(), exponent, e.get(), order, context.get()) != 1 || BN_is_one(product.get()) != 1) {
+            noRsaKey();
+        }
+    }
+    const BigNumber coefficient(BN_mod_inverse(nullptr, q.get(), p.get(), context.get()));
+    const ParameterBuilder builder(OSSL_PARAM_BLD_new());
+    requireCrypto(coefficient && builder &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) == 1 &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) == 1 &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_D, d.get()) == 1 &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_FACTOR1, p.get()) == 1 &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_FACTOR2, q.get()) == 1 &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_EXPONENT1, exponent1.get()) == 1 &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_EXPONENT2, exponent2.get()) == 1 &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_COEFFICIENT1, coefficient.get()) == 1,
+                  "composing a key");
+    Key key = keyFromParameters("RSA", EVP_PKEY_KEYPAIR, builder.get());
+    if (!key) noRsaKey();
+    return key;
+}
+
+Key decodePrivateKey(ByteView pkcs8) {
+    const unsigned char* position = pkcs8.data();
+    Key key = ownKey(
+        d2i_AutoPrivateKey_ex(nullptr, &position, static_cast<long>(pkcs8.size()), cryptoContext(), nullptr));
+    if (!key) throw Failure(Error::tokenDamaged, "a private key of the token can't be read");
+    return key;
+}
+
+SecretBytes encodePrivateKey(const EVP_PKEY* key) {
+    const std::unique_ptr<PKCS8_PRIV_KEY_INFO, Releaser<&PKCS8_PRIV_KEY_INFO_free>> info(EVP_PKEY2PKCS8(key));
+    const int length = info ? i2d_PKCS8_PRIV_KEY_INFO(info.get(), nullptr) : 0;
+    requireCrypto(length > 0, "encoding a private key");
+    SecretBytes der(static_cast<std::size_t>(length));
+    unsigned char* position = der.data();
+    requireCrypto(i2d_PKCS8_PRIV_KEY_INFO(info.get(), &position) == length, "encoding a private key");
+    return der;
+}
+
+Bytes publicKeyBytes(const EVP_PKEY* key) {
+    if (EVP_PKEY_is_a(key, "RSA") == 1) {
+        const BigNumber modulus = parameterOf(key, OSSL_PKEY_PARAM_RSA_N);
+        if (!modulus) return {};
+        Bytes bytes(static_cast<std::size_t>(BN_num_bytes(modulus.get())));
+        BN_bn2bin(modulus.get(), bytes.data());
+        return bytes;
+    }
+    if (EVP_PKEY_is_a(key, "EC") == 1) {
+        // From the coordinates, because the encoded point of a certificate may be compressed.
+        const BigNumber x = parameterOf(key, OSSL_PKEY_PARAM_EC_PUB_X);
+        const BigNumber y = parameterOf(key, OSSL_PKEY_PARAM_EC_PUB_Y);
+        const int length = (EVP_PKEY_get_bits(key) + 7) / 8;
+        Bytes point(1 + 2 * static_cast<std::size_t>(length));
+        point[0] = 0x04;
+        if (!x || !y || BN_bn2binpad(x.get(), point.data() + 1, length) != length ||
+            BN_bn2binpad(y.get(), point.data() + 1 + length, length) != length) {
+            return {};
+        }
+        return point;
+    }
+    return {};
+}
+
+Key decodeSubjectPublicKeyInfo(ByteView der) {
+    const unsigned char* position = der.data();
+    return ownKey(d2i_PUBKEY_ex(nullptr, &position, static_cast<long>(der.size()), cryptoContext(), nullptr));
+}
+
+Key publicKeyFromPoint(const KeyType& type, ByteView point) {
+    if (type.curve == nullptr || point.size() != 1 + 2 * type.fieldLength || point[0] != 0x04) return nullptr;
+    const ParameterBuilder builder(OSSL_PARAM_BLD_new());
+    requireCrypto(builder &&
+                      OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, type.curve, 0) == 1 &&
+                      OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
+                                                       point.size()) == 1,
+                  "composing a key");
+    return keyFromParameters("EC", EVP_PKEY_PUBLIC_KEY, builder.get());
+}
+
+Key decodePublicKey(const KeyType* type, ByteView bytes) {
+    if (bytes.empty() || bytes.size() > 4096) return nullptr;
+    if (bytes[0] == 0x30) return decodeSubjectPublicKeyInfo(bytes);
+    if (type != nullptr && type->curve != nullptr) return publicKeyFromPoint(*type, bytes);
+    const BigNumber modulus = numberFrom(bytes);
+    const BigNumber exponent = newNumber();
+    const ParameterBuilder builder(OSSL_PARAM_BLD_new());
+    requireCrypto(builder && BN_set_word(exponent.get(), publicExponent) == 1 &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, modulus.get()) == 1 &&
+                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) == 1,
+                  "composing a key");
+    return keyFromParameters("RSA", EVP_PKEY_PUBLIC_KEY, builder.get());
+}
+
+}  // namespace softtoken

@@ -1,0 +1,187 @@
+#include "store.h"
+
+#include <algorithm>
+
+#include "errors.h"
+
+namespace softtoken {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* tokenFileName = "token.json";
+constexpr const char* attemptsFileName = "attempts.json";
+
+[[noreturn]] void notPresent(std::string_view serialNumber) {
+    throw Failure(Error::deviceNotPresent, "there is no token " + std::string(serialNumber));
+}
+
+int& attemptsOf(Attempts& attempts, Role role) {
+    return role == Role::user ? attempts.user : attempts.officer;
+}
+
+const PinSection& sectionOf(const TokenData& token, Role role) {
+    if (role == Role::user) return token.user;
+    if (!token.officer) throw PinFailure(Error::pinLocked, 0, "the token has no security officer's PIN");
+    return *token.officer;
+}
+
+Attempts readAttemptsFile(const fs::path& folder) {
+    const auto document = readFile(folder / attemptsFileName);
+    // Without the file nobody knows how often a PIN was guessed already.
+    if (!document) throw Failure(Error::tokenDamaged, "the token's PIN counters are missing");
+    return readAttempts(*document);
+}
+
+}  // namespace
+
+std::vector<std::string> Store::list(const char* folder) const {
+    std::vector<std::string> serialNumbers;
+    std::error_code error;
+    for (fs::directory_iterator entry(root_ / folder, error), end; !error && entry != end; entry.increment(error)) {
+        std::string name = utf8FromPath(entry->path().filename());
+        std::error_code ignored;
+        if (isSerialNumber(name) && entry->is_directory(ignored)) serialNumbers.push_back(std::move(name));
+    }
+    std::sort(serialNumbers.begin(), serialNumbers.end());
+    return serialNumbers;
+}
+
+fs::path Store::pluggedTokenFile(std::string_view serialNumber) const {
+    if (!isSerialNumber(serialNumber)) notPresent(serialNumber);
+    return root_ / "plugged" / serialNumber / tokenFileName;
+}
+
+bool Store::isPlugged(std::string_view serialNumber) const {
+    std::error_code ignored;
+    return isSerialNumber(serialNumber) && fs::is_directory(root_ / "plugged" / serialNumber, ignored);
+}
+
+fs::path Store::folderOf(std::string_view serialNumber) const {
+    if (isSerialNumber(serialNumber)) {
+        for (const char* folder : {"plugged", "unplugged"}) {
+            std::error_code ignored;
+            fs::path path = root_ / folder / serialNumber;
+            if (fs::is_directory(path, ignored)) return path;
+        }
+    }
+    notPresent(serialNumber);
+}
+
+TokenData Store::load(std::string_view serialNumber) const {
+    const fs::path folder = folderOf(serialNumber);
+    const auto document = readFile(folder / tokenFileName);
+    if (!document) throw Failure(Error::tokenDamaged, "the token's file is missing");
+    TokenData token = readTokenData(*document);
+    if (token.serialNumber != serialNumber) {
+        throw Failure(Error::tokenDamaged, "the token's file is that of another token");
+    }
+    return token;
+}
+
+Attempts Store::loadAttempts(std::string_view serialNumber) const {
+    return readAttemptsFile(folderOf(serialNumber));
+}
+
+FileLock Store::lockFor(std::string_view serialNumber) const {
+    static_cast<void>(folderOf(serialNumber));
+    return FileLock(root_ / "lock");
+}
+
+void Store::add(const TokenData& token, const Attempts& attempts) {
+    for (const char* folder : {"plugged", "unplugged", "scratch"}) createPrivateFolders(root_ / folder);
+    const FileLock lock(root_ / "lock");
+    for (const char* folder : {"plugged", "unplugged"}) {
+        if (fs::exists(root_ / folder / token.serialNumber)) {
+            throw Failure(Error::storeFailed, "there is a token " + token.serialNumber + " already");
+        }
+    }
+    const fs::path made = root_ / "scratch" / token.serialNumber;
+    fs::remove_all(made);
+    createPrivateFolders(made);
+    replaceFile(made / attemptsFileName, writeAttempts(attempts));
+    replaceFile(made / tokenFileName, writeTokenData(token));
+    moveFolder(made, root_ / "plugged" / token.serialNumber);
+}
+
+void Store::change(std::string_view serialNumber, const std::function<void(TokenData&)>& change) {
+    const FileLock lock = lockFor(serialNumber);
+    const TokenData before = load(serialNumber);
+    TokenData token = before;
+    change(token);
+    if (token != before) replaceFile(folderOf(serialNumber) / tokenFileName, writeTokenData(token));
+}
+
+void Store::remove(std::string_view serialNumber) {
+    const FileLock lock = lockFor(serialNumber);
+    createPrivateFolders(root_ / "scratch");
+    const fs::path removed = root_ / "scratch" / serialNumber;
+    fs::remove_all(removed);
+    moveFolder(folderOf(serialNumber), removed);
+    fs::remove_all(removed);
+}
+
+void Store::move(std::string_view serialNumber, const char* from, const char* to) {
+    const FileLock lock = lockFor(serialNumber);
+    createPrivateFolders(root_ / to);
+    const fs::path target = root_ / to / serialNumber;
+    if (folderOf(serialNumber) == target) return;
+    moveFolder(root_ / from / serialNumber, target);
+}
+
+SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::string_view pin) {
+    requirePinLength(pin);
+    TokenData token;
+    int left = 0;
+    {
+        const FileLock lock = lockFor(serialNumber);
+        token = load(serialNumber);
+        sectionOf(token, role);
+        const fs::path folder = folderOf(serialNumber);
+        Attempts attempts = readAttemptsFile(folder);
+        left = attemptsOf(attempts, role);
+        if (left <= 0) throw PinFailure(Error::pinLocked, 0, "the PIN is locked");
+        left = --attemptsOf(attempts, role);
+        replaceFile(folder / attemptsFileName, writeAttempts(attempts));
+    }
+    // The slow part runs without the lock. Whoever tries in parallel has paid with an attempt before.
+    auto tokenKey = openPinSection(sectionOf(token, role), serialNumber, role, pin);
+    if (!tokenKey) {
+        throw PinFailure(left == 0 ? Error::pinLocked : Error::pinIncorrect, left,
+                         "the PIN is wrong, attempts left: " + std::to_string(left));
+    }
+    resetAttempts(serialNumber, role);
+    return *std::move(tokenKey);
+}
+
+void Store::setPin(std::string_view serialNumber, Role role, std::string_view newPin, ByteView tokenKey,
+                   bool userPinChanged) {
+    requirePinLength(newPin);
+    const TokenData before = load(serialNumber);
+    const PinSection& old = sectionOf(before, role);
+    const PinSection section =
+        makePinSection(serialNumber, role, newPin, tokenKey, old.iterations, old.maximumAttempts);
+    change(serialNumber, [&](TokenData& token) {
+        if (sectionOf(token, role) != old) throw Failure(Error::storeFailed, "another process changed the PIN");
+        if (role == Role::user) {
+            token.user = section;
+            token.userPinChanged = userPinChanged;
+        } else {
+            token.officer = section;
+        }
+    });
+    resetAttempts(serialNumber, role);
+}
+
+void Store::resetAttempts(std::string_view serialNumber, Role role) {
+    const FileLock lock = lockFor(serialNumber);
+    const fs::path folder = folderOf(serialNumber);
+    const int maximum = sectionOf(load(serialNumber), role).maximumAttempts;
+    Attempts attempts = readAttemptsFile(folder);
+    if (attemptsOf(attempts, role) == maximum) return;
+    attemptsOf(attempts, role) = maximum;
+    replaceFile(folder / attemptsFileName, writeAttempts(attempts));
+}
+
+}  // namespace softtoken

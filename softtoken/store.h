@@ -1,0 +1,74 @@
+/// The folder of tokens: which are there, plugged in or not, reading one, changing one so that a killed process leaves
+/// the old or the new state, and the counting of PIN attempts.
+///
+/// `plugged/SERIAL` and `unplugged/SERIAL` are the tokens; `scratch` holds what is being made or removed; `lock` is
+/// locked for each change. A token's folder holds `token.json` and `attempts.json`.
+
+#ifndef ZENTAK_SOFTTOKEN_STORE_H
+#define ZENTAK_SOFTTOKEN_STORE_H
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform.h"
+#include "token_data.h"
+#include "vault.h"
+
+namespace softtoken {
+
+class Store {
+public:
+    explicit Store(std::filesystem::path root) : root_(std::move(root)) {}
+
+    [[nodiscard]] const std::filesystem::path& root() const { return root_; }
+
+    /// Serial numbers in ascending order. One listing of a folder, no file is opened.
+    [[nodiscard]] std::vector<std::string> plugged() const { return list("plugged"); }
+    [[nodiscard]] std::vector<std::string> unplugged() const { return list("unplugged"); }
+
+    /// The path of a plugged-in token's file, whether there is one or not. Throws Error::deviceNotPresent for a name
+    /// that no token can have.
+    [[nodiscard]] std::filesystem::path pluggedTokenFile(std::string_view serialNumber) const;
+    [[nodiscard]] bool isPlugged(std::string_view serialNumber) const;
+
+    /// Plugged in or not. Throws Error::deviceNotPresent, Error::tokenDamaged, Error::unknownVersion.
+    [[nodiscard]] TokenData load(std::string_view serialNumber) const;
+    [[nodiscard]] Attempts loadAttempts(std::string_view serialNumber) const;
+
+    /// Adds a token, plugged in.
+    void add(const TokenData& token, const Attempts& attempts);
+
+    /// Changes a token under the store's lock: `change` gets the present state, and what it leaves is written unless it
+    /// throws.
+    void change(std::string_view serialNumber, const std::function<void(TokenData&)>& change);
+
+    void plug(std::string_view serialNumber) { move(serialNumber, "unplugged", "plugged"); }
+    void unplug(std::string_view serialNumber) { move(serialNumber, "plugged", "unplugged"); }
+    void remove(std::string_view serialNumber);
+
+    /// The token key, when the PIN is right. An attempt is taken off, on disk, before the PIN is looked at, and all are
+    /// given back when it is right. Throws PinFailure otherwise.
+    SecretBytes checkPin(std::string_view serialNumber, Role role, std::string_view pin);
+
+    /// Gives the role a new PIN and all its attempts. The token key comes from checkPin.
+    void setPin(std::string_view serialNumber, Role role, std::string_view newPin, ByteView tokenKey,
+                bool userPinChanged);
+
+    void resetAttempts(std::string_view serialNumber, Role role);
+
+private:
+    [[nodiscard]] std::vector<std::string> list(const char* folder) const;
+    [[nodiscard]] std::filesystem::path folderOf(std::string_view serialNumber) const;
+    /// Asks for the token first, so that a question about an unknown one leaves no lock file behind.
+    [[nodiscard]] FileLock lockFor(std::string_view serialNumber) const;
+    void move(std::string_view serialNumber, const char* from, const char* to);
+
+    std::filesystem::path root_;
+};
+
+}  // namespace softtoken
+
+#endif

@@ -1,0 +1,43 @@
+/// Secrets at rest: the token key wrapped under a PIN, and private keys sealed under the token key. AES-256-GCM
+/// throughout, so that what was tampered with doesn't open.
+
+#ifndef ZENTAK_SOFTTOKEN_VAULT_H
+#define ZENTAK_SOFTTOKEN_VAULT_H
+
+#include <optional>
+#include <string_view>
+
+#include "bytes.h"
+#include "token_data.h"
+
+namespace softtoken {
+
+/// Whose PIN it is. The numbers are the boundary's user kinds.
+enum class Role : int { user = 1, officer = 2 };
+
+inline constexpr std::size_t minimumPinLength = 4;
+inline constexpr std::size_t maximumPinLength = 63;
+
+/// Throws Error::pinRequired for an empty PIN and Error::pinLength for one that can't be a PIN.
+void requirePinLength(std::string_view pin);
+
+SecretBytes newTokenKey();
+
+/// The ciphertext with nonce and tag, to be opened with the same additional data alone.
+Bytes seal(ByteView key, ByteView additionalData, ByteView plaintext);
+/// Nothing when key, additional data or ciphertext are not the ones of seal().
+std::optional<SecretBytes> unseal(ByteView key, ByteView additionalData, ByteView sealed);
+
+PinSection makePinSection(std::string_view serialNumber, Role role, std::string_view pin, ByteView tokenKey,
+                          std::uint32_t iterations, int maximumAttempts);
+/// The token key, or nothing when the PIN is wrong. Takes as long as the section's iterations make it.
+std::optional<SecretBytes> openPinSection(const PinSection& section, std::string_view serialNumber, Role role,
+                                          std::string_view pin);
+
+/// What a sealed private key is bound to: everything about the pair that decides what the key may do, but not the
+/// label and CKA_ID.
+Bytes keyPairBinding(std::string_view serialNumber, const KeyPairEntry& entry);
+
+}  // namespace softtoken
+
+#endif

@@ -1,0 +1,304 @@
+// The label of an object that has none: computed on every read, and written back for a key pair when a PIN is known.
+
+#include "object_test.h"
+
+using namespace support;
+
+namespace {
+
+/// Key pair 5 and certificate 5 have no label; certificate 7 is the key pair's.
+class AttributesLabelTest : public ObjectTest {
+protected:
+    void SetUp() override {
+        ObjectTest::SetUp();
+        setAlias(world.keyPairs["SN1"][0], "");
+        setLabel(world.certificates["SN1"][0], "");
+        world.certificateDetails[derOf(certificateFive)] = makeDetails("Bob", "99", {1, 2, 3});
+        world.certificateDetails[derOf(certificateSeven)] = makeDetails("Alice", "1234", publicKeyOf(keyFive));
+    }
+
+    /// Reads the label, whatever it is.
+    Outcome read(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
+        CK_ATTRIBUTE wanted = {CKA_LABEL, room.address(), 300};
+        const Outcome outcome = observe([&] { return api->C_GetAttributeValue(session, object, &wanted, 1); });
+        if (outcome.code == CKR_OK) {
+            const Bytes value = room.first(wanted.ulValueLen);
+            label = std::string(value.begin(), value.end());
+        }
+        return outcome;
+    }
+
+    std::string labelOf(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
+        label = "unread";
+        EXPECT_EQ(read(session, object).code, CKR_OK);
+        return label;
+    }
+
+    Room room{300};
+    std::string label;
+};
+
+const Lines started = {"DEBUG C_GetAttributeValue", "DEBUG C_GetAttributeValue count : 1"};
+
+Lines walked(std::size_t length) {
+    return {"DEBUG C_GetAttributeValue type : 3", text("DEBUG C_GetAttributeValue length : ", length)};
+}
+
+std::string writeBack(const std::string& label, const std::string& serial = "SN1", std::uint32_t id = 5) {
+    return "zentak_updateKeyPairDetails(\"" + serial + "\", " + shownKeyReference(id) + ", \"246810\", \"" + label +
+           "\", null, 0, instance)";
+}
+
+TEST_F(AttributesLabelTest, AKeyPairIsNamedAfterItsCertificate) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    for (const CK_OBJECT_HANDLE object : {privateKey(5), publicKey(5), publicKey(5)}) {  // each time anew
+        EXPECT_EQ(
+            read(session, object),
+            (Outcome{CKR_OK,
+                     started + Lines{"DEBUG Empty key pair label, computed: Alice_1234"} + walked(10),
+                     {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven)}}));
+        EXPECT_EQ(label, "Alice_1234");
+    }
+}
+
+TEST_F(AttributesLabelTest, TheComputedLabelIsWrittenBackWhenAPinIsCached) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    for (const int result : {0, 5}) {  // whether it worked or not
+        world.results["zentak_updateKeyPairDetails"] = result;
+        EXPECT_EQ(read(session, publicKey(5)),
+                  (Outcome{CKR_OK,
+                           started + Lines{"DEBUG Empty key pair label, computed: Alice_1234"} + walked(10),
+                           {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven),
+                            writeBack("Alice_1234")}}));
+        EXPECT_EQ(label, "Alice_1234");
+    }
+}
+
+TEST_F(AttributesLabelTest, ALabelWrittenBackIsFoundAndReadAfterwards) {
+    scripted::Fault fault;
+    fault.operation = "zentak_updateKeyPairDetails";
+    fault.action = [this] {
+        world.change([](scripted::Device& changed) { setAlias(changed.keyPairs["SN1"][0], "Alice_1234"); });
+    };
+    world.addFault(fault);
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+    EXPECT_EQ(read(session, privateKey(5)), (Outcome{CKR_OK, started + walked(10), {listKeyPairs}}));
+    Template wanted;
+    wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_LABEL, terminated("Alice_1234"));
+    EXPECT_EQ(findInit(session, wanted).device, (Lines{listCertificates, listKeyPairs}));
+    EXPECT_EQ(next(session, 9), (Handles{privateKey(5)}));
+}
+
+TEST_F(AttributesLabelTest, ThePinDecidesAndNotTheSessionsState) {
+    // A PIN cached by one token's user serves another token's public session too.
+    world.keyPairs["SN2"] = {labelledKeyPair(8, "")};
+    world.certificates["SN2"] = {certificateSeven};
+    world.certificateDetails[derOf(certificateSeven)].publicKey = publicKeyOf(world.keyPairs["SN2"][0]);
+    const CK_SESSION_HANDLE other = openSession(0, fipsSlot);
+    openSessionIn(CKS_RW_USER_FUNCTIONS);
+    ASSERT_EQ(stateOf(other), CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(read(other, privateKey(8)).device,
+              (Lines{"zentak_getKeyPairList(\"SN2\", instance)", "zentak_getCertificateList(\"SN2\", instance)",
+                     askDetails(certificateSeven), writeBack("Alice_1234", "SN2", 8)}));
+}
+
+TEST_F(AttributesLabelTest, ASecurityOfficerHasNoPinToWriteBackWith) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_SO_FUNCTIONS);
+    EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+    EXPECT_EQ(world.countOf("zentak_updateKeyPairDetails"), 0);
+}
+
+TEST_F(AttributesLabelTest, AfterALogoutNothingIsWrittenBack) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    ASSERT_EQ(api->C_Logout(session), CKR_OK);
+    EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+    EXPECT_EQ(world.countOf("zentak_updateKeyPairDetails"), 0);
+}
+
+TEST_F(AttributesLabelTest, TheLabelIsComputedWhateverIsAsked) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    CK_ATTRIBUTE wanted = {CKA_TOKEN, nullptr, 0};
+    EXPECT_EQ(observe([&] { return api->C_GetAttributeValue(session, privateKey(5), &wanted, 1); }),
+              (Outcome{CKR_OK,
+                       started + Lines{"DEBUG Empty key pair label, computed: Alice_1234",
+                                       "DEBUG C_GetAttributeValue type : 1", "DEBUG C_GetAttributeValue length : 1"},
+                       {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven),
+                        writeBack("Alice_1234")}}));
+    EXPECT_EQ(observe([&] { return api->C_GetAttributeValue(session, certificate(5), &wanted, 1); }),
+              (Outcome{CKR_OK,
+                       started + Lines{"DEBUG Empty certificate label, computed: Bob_99",
+                                       "DEBUG C_GetAttributeValue type : 1", "DEBUG C_GetAttributeValue length : 1"},
+                       {listCertificates, askDetails(certificateFive)}}));
+    unsigned char byte = 0;
+    wanted = {CKA_ID, &byte, 1};
+    EXPECT_EQ(observe([&] { return api->C_GetAttributeValue(session, privateKey(5), &wanted, 1); }).device,
+              (Lines{listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven),
+                     writeBack("Alice_1234")}));
+}
+
+TEST_F(AttributesLabelTest, TheFirstMatchingCertificateEndsTheWalk) {
+    world.certificateDetails[derOf(certificateFive)] = makeDetails("First", "1", publicKeyOf(keyFive));
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(read(session, privateKey(5)).device,
+              (Lines{listKeyPairs, listCertificates, askDetails(certificateFive)}));
+    EXPECT_EQ(label, "First_1");
+}
+
+TEST_F(AttributesLabelTest, AKeyPairWithoutItsCertificateHasNoLabel) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    const Bytes key = publicKeyOf(keyFive);
+    Bytes other = key;
+    other.front() ^= 1;
+    for (const Bytes& held : {Bytes(key.begin(), key.end() - 1), key + Bytes{0}, other, Bytes{}}) {
+        world.certificateDetails[derOf(certificateSeven)].publicKey = held;
+        EXPECT_EQ(
+            read(session, privateKey(5)),
+            (Outcome{CKR_OK,
+                     started + walked(0),
+                     {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven)}}));
+        EXPECT_EQ(label, "");
+    }
+    world.certificates["SN1"].clear();
+    EXPECT_EQ(read(session, privateKey(5)), (Outcome{CKR_OK, started + walked(0), {listKeyPairs, listCertificates}}));
+}
+
+TEST_F(AttributesLabelTest, CertificatesThatCannotBeReadArePassedOver) {
+    world.certificateDetails.erase(derOf(certificateFive));
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+
+    world.results["zentak_getCertificateDetails"] = -3;
+    EXPECT_EQ(read(session, privateKey(5)),
+              (Outcome{CKR_OK,
+                       started + walked(0),
+                       {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven)}}));
+    EXPECT_EQ(read(session, certificate(5)),
+              (Outcome{CKR_OK, started + walked(0), {listCertificates, askDetails(certificateFive)}}));
+    EXPECT_EQ(label, "");
+}
+
+TEST_F(AttributesLabelTest, ACertificateIsNamedAfterItsOwnDetailsAndNothingIsWritten) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    EXPECT_EQ(read(session, certificate(5)),
+              (Outcome{CKR_OK,
+                       started + Lines{"DEBUG Empty certificate label, computed: Bob_99"} + walked(6),
+                       {listCertificates, askDetails(certificateFive)}}));
+    EXPECT_EQ(label, "Bob_99");
+}
+
+TEST_F(AttributesLabelTest, ACertificateWithoutDerIsNotAsked) {
+    world.certificates["SN1"][0].derLength = 0;
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(read(session, certificate(5)), (Outcome{CKR_OK, started + walked(0), {listCertificates}}));
+}
+
+TEST_F(AttributesLabelTest, ComputedLabelsAreCutTo128Characters) {
+    const std::string half(100, 'a');
+    const std::string rest(27, 'b');
+    for (const std::string& extra : {std::string(), std::string("c"), std::string(500, 'c')}) {
+        world.certificateDetails[derOf(certificateFive)] = makeDetails(half, rest + extra, {});
+        world.certificateDetails[derOf(certificateSeven)] = makeDetails(half, rest + extra, publicKeyOf(keyFive));
+        const std::string cut = half + "_" + rest;
+        const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+        const Outcome ofKey = read(session, privateKey(5));
+        EXPECT_EQ(ofKey.log, started + Lines{"DEBUG Empty key pair label, computed: " + cut} + walked(128));
+        EXPECT_EQ(ofKey.device.back(), writeBack(cut));
+        EXPECT_EQ(label, cut);
+        EXPECT_EQ(read(session, certificate(5)).log,
+                  started + Lines{"DEBUG Empty certificate label, computed: " + cut} + walked(128));
+        EXPECT_EQ(label, cut);
+        closeEverything(session);
+    }
+}
+
+TEST_F(AttributesLabelTest, EmptyDetailsStillMakeALabel) {
+    world.certificateDetails[derOf(certificateFive)] = makeDetails("", "", {});
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(labelOf(session, certificate(5)), "_");
+}
+
+TEST_F(AttributesLabelTest, StoredLabelsAreTrimmed) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    struct Row {
+        std::string stored;
+        std::string shown;
+    };
+    std::vector<Row> rows = {
+        {"plain", "plain"},
+        {" \t\n\r\f\vinner  label\v\f\r\n\t ", "inner  label"},
+        {"\xA0label\x85", "\xA0label\x85"},  // white space in other alphabets is none here
+        {"x", "x"},
+        {std::string(131, 'k'), std::string(131, 'k')},  // only computed labels are cut
+    };
+    for (const char blank : {' ', '\t', '\n', '\r', '\f', '\v'}) {
+        rows.push_back({std::string(2, blank) + "label", "label"});
+        rows.push_back({"label" + std::string(2, blank), "label"});
+        rows.push_back({"la" + std::string(1, blank) + "bel", "la" + std::string(1, blank) + "bel"});
+    }
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.stored);
+        setAlias(world.keyPairs["SN1"][0], row.stored);
+        setLabel(world.certificates["SN1"][0], row.stored);
+        EXPECT_EQ(read(session, privateKey(5)), (Outcome{CKR_OK, started + walked(row.shown.size()), {listKeyPairs}}));
+        EXPECT_EQ(label, row.shown);
+        EXPECT_EQ(read(session, certificate(5)),
+                  (Outcome{CKR_OK, started + walked(row.shown.size()), {listCertificates}}));
+        EXPECT_EQ(label, row.shown);
+    }
+}
+
+TEST_F(AttributesLabelTest, ALabelOfWhiteSpaceIsAnEmptyLabel) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    for (const std::string& blanks : {std::string(" "), std::string("\t\n\r\f\v "), std::string(131, ' ')}) {
+        setAlias(world.keyPairs["SN1"][0], blanks);
+        setLabel(world.certificates["SN1"][0], blanks);
+        EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+        EXPECT_EQ(labelOf(session, certificate(5)), "Bob_99");
+    }
+}
+
+TEST_F(AttributesLabelTest, UnterminatedLabelsEndWithTheirField) {
+    setAlias(world.keyPairs["SN1"][0], std::string(sizeof(ZentakKeyPair::alias), 'k'));
+    setLabel(world.certificates["SN1"][0], std::string(sizeof(ZentakCertificate::label), 'c'));
+    world.keyPairs["SN1"][0].keyUsage = 0x41414141;
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(labelOf(session, privateKey(5)), std::string(sizeof(ZentakKeyPair::alias), 'k'));
+    EXPECT_EQ(labelOf(session, certificate(5)), std::string(sizeof(ZentakCertificate::label), 'c'));
+}
+
+// The key that is read stays the key, though its certificates are listed and asked about in between.
+TEST_F(AttributesLabelTest, OtherValuesAreThoseOfTheRecord) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    Room id(8);
+    Room value(300);
+    Template wanted;
+    wanted.addRaw(CKA_ID, id.address(), 8).addRaw(CKA_VALUE, value.address(), 300);
+    ASSERT_EQ(api->C_GetAttributeValue(session, privateKey(5), wanted.data(), 2), CKR_OK);
+    EXPECT_EQ(id.first(2), (Bytes{0xA0, 5}));
+    EXPECT_EQ(value.first(256), publicKeyOf(keyFive));
+}
+
+TEST_F(AttributesLabelTest, ThrownExceptionsBecomeReturnCodes) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    struct Row {
+        const char* operation;
+        CK_OBJECT_HANDLE object;
+    };
+    const Row rows[] = {{"zentak_getCertificateList", privateKey(5)},
+                        {"zentak_getCertificateDetails", privateKey(5)},
+                        {"zentak_updateKeyPairDetails", privateKey(5)},
+                        {"zentak_getCertificateDetails", certificate(5)}};
+    for (const Row& row : rows) {
+        for (const ThrownCode& thrown : thrownCodes) {
+            SCOPED_TRACE(row.operation);
+            letThrow(row.operation, thrown.thrown);
+            const Outcome outcome = read(session, row.object);
+            EXPECT_EQ(outcome.code, thrown.code);
+            EXPECT_TRUE(endsWithOneError(outcome.log, "C_GetAttributeValue")) << testing::PrintToString(outcome);
+            EXPECT_EQ(labelOf(session, row.object), row.object == certificate(5) ? "Bob_99" : "Alice_1234");
+        }
+    }
+}
+
+}  // namespace

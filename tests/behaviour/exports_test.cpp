@@ -1,0 +1,42 @@
+// What the module exports, seen from inside a process: the function list points at the exported functions.
+// check_exports.cmake looks at the file itself.
+
+#include <set>
+
+#include "every_function.h"
+#include "module_test.h"
+
+namespace {
+
+using namespace support;
+using behaviour::AnyFunction;
+using behaviour::everyFunction;
+
+TEST(Exports, theListPointsAtTheExportedFunctions) {
+    std::set<void*> different;
+    for (const AnyFunction& function : everyFunction()) {
+        EXPECT_EQ(moduleSymbol(function.name), function.listed) << function.name;
+        different.insert(function.listed);
+    }
+    EXPECT_EQ(everyFunction().size(), 68U);
+    EXPECT_EQ(different.size(), 68U);
+}
+
+/// Hosts read the list by offset: the version, then the pointers, in the order of the standard.
+TEST(Exports, theListHasTheStandardLayout) {
+    const auto* const begin = reinterpret_cast<const unsigned char*>(&functions());
+    std::size_t offset = sizeof(CK_FUNCTION_LIST) - 68 * sizeof(void*);
+#if defined(ZENTAK_WINDOWS_CRYPTOKI)
+    EXPECT_EQ(offset, 2U);
+#else
+    EXPECT_EQ(offset, sizeof(void*));
+#endif
+    for (const AnyFunction& function : everyFunction()) {
+        void* pointer = nullptr;
+        std::memcpy(&pointer, begin + offset, sizeof pointer);
+        EXPECT_EQ(pointer, function.listed) << function.name;
+        offset += sizeof pointer;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,282 @@
+// Sessions: opening, closing and asking about them.
+
+#include "module_test.h"
+
+namespace {
+
+using namespace support;
+
+constexpr CK_SESSION_HANDLE untouched = 0x7B;
+
+/// Two tokens, the second at `firstSlot + 1`.
+class Sessions : public ModuleTest {
+protected:
+    void plugInTokens() override {
+        plugIn(makeTokenInfo("SN1"));
+        plugIn(makeTokenInfo("SN2"));
+    }
+
+    static CK_RV open(CK_SLOT_ID slot, CK_FLAGS flags, CK_SESSION_HANDLE* session) {
+        return functions().C_OpenSession(slot, flags, nullptr, nullptr, session);
+    }
+
+    static CK_RV resultFor(CK_SESSION_HANDLE session) {
+        CK_SESSION_INFO info = {};
+        const CK_RV result = functions().C_GetSessionInfo(session, &info);
+        clear();
+        return result;
+    }
+
+    static void expectInfo(CK_SESSION_HANDLE session, CK_SLOT_ID slot, CK_STATE state, CK_FLAGS flags) {
+        clear();
+        CK_SESSION_INFO info = filledWith<CK_SESSION_INFO>(0xFF);
+        CK_SESSION_INFO expected = {};
+        expected.slotID = slot;
+        expected.state = state;
+        expected.flags = flags;
+        EXPECT_EQ(functions().C_GetSessionInfo(session, &info), CKR_OK);
+        EXPECT_EQ(bytesOf(info), bytesOf(expected));
+        EXPECT_EQ(log(), (Lines{"DEBUG C_GetSessionInfo"}));
+        EXPECT_EQ(calls(), Lines{});
+    }
+};
+
+std::vector<CK_SESSION_HANDLE> noSessions() {
+    std::vector<CK_SESSION_HANDLE> handles = {
+        0, 1, firstSlot, firstSession - 1, firstSession + 1, privateKeyBase, CK_UNAVAILABLE_INFORMATION};
+    if constexpr (sizeof(CK_SESSION_HANDLE) > 4) {
+        handles.push_back(
+            static_cast<CK_SESSION_HANDLE>(0x160000001ULL));  // its low 32 bits would be the first session
+        handles.push_back(static_cast<CK_SESSION_HANDLE>(0xFFFFFFFF60000001ULL));
+    }
+    return handles;
+}
+
+// --- C_OpenSession --------------------------------------------------------------------------------------------------
+
+TEST_F(Sessions, openReadOnly) {
+    CK_SESSION_HANDLE session = 0;
+    EXPECT_EQ(open(firstSlot, CKF_SERIAL_SESSION, &session), CKR_OK);
+    EXPECT_EQ(session, firstSession);
+    EXPECT_EQ(log(), (Lines{"DEBUG C_OpenSession", "DEBUG Opensession  : 1610612737"}));
+    EXPECT_EQ(calls(), Lines{});
+    expectInfo(session, firstSlot, CKS_RO_PUBLIC_SESSION, CKF_SERIAL_SESSION);
+}
+
+TEST_F(Sessions, openReadWrite) {
+    CK_SESSION_HANDLE session = 0;
+    EXPECT_EQ(open(firstSlot + 1, CKF_SERIAL_SESSION | CKF_RW_SESSION, &session), CKR_OK);
+    EXPECT_EQ(session, firstSession);
+    expectInfo(session, firstSlot + 1, CKS_RW_PUBLIC_SESSION, CKF_SERIAL_SESSION | CKF_RW_SESSION);
+}
+
+TEST_F(Sessions, openRefusesAnUnknownSlotFirst) {
+    std::vector<CK_SLOT_ID> ids = {0, firstSlot - 1, firstSlot + 2, firstSession, CK_UNAVAILABLE_INFORMATION};
+    if constexpr (sizeof(CK_SLOT_ID) > 4) {
+        ids.push_back(static_cast<CK_SLOT_ID>(0x150000001ULL));
+    }
+    for (const CK_SLOT_ID slot : ids) {
+        CK_SESSION_HANDLE session = untouched;
+        const Lines refusal = {"DEBUG C_OpenSession", "ERROR C_OpenSession: invalid slotID=" + decimal(slot)};
+        EXPECT_EQ(open(slot, CKF_SERIAL_SESSION, &session), CKR_SLOT_ID_INVALID);
+        EXPECT_EQ(log(), refusal);
+        EXPECT_EQ(open(slot, 0, &session), CKR_SLOT_ID_INVALID);  // before the flags
+        EXPECT_EQ(log(), refusal);
+        EXPECT_EQ(open(slot, CKF_SERIAL_SESSION, nullptr), CKR_SLOT_ID_INVALID);  // and before the pointer
+        EXPECT_EQ(log(), refusal);
+        EXPECT_EQ(session, untouched);
+    }
+    EXPECT_EQ(openSession(), firstSession);  // nothing was opened
+}
+
+TEST_F(Sessions, openRefusesAParallelSessionBeforeTheNullPointer) {
+    for (const CK_FLAGS flags : {CK_FLAGS{0}, static_cast<CK_FLAGS>(CKF_RW_SESSION), static_cast<CK_FLAGS>(~4UL)}) {
+        CK_SESSION_HANDLE session = untouched;
+        for (CK_SESSION_HANDLE* const pointer : {&session, static_cast<CK_SESSION_HANDLE*>(nullptr)}) {
+            EXPECT_EQ(open(firstSlot, flags, pointer), CKR_SESSION_PARALLEL_NOT_SUPPORTED);
+            EXPECT_EQ(log(), (Lines{"DEBUG C_OpenSession",
+                                    "ERROR C_OpenSession: CKF_SERIAL_SESSION not set, flags=" + decimal(flags)}));
+        }
+        EXPECT_EQ(session, untouched);
+    }
+    EXPECT_EQ(openSession(), firstSession);
+}
+
+TEST_F(Sessions, openRefusesANullPointer) {
+    EXPECT_EQ(open(firstSlot, CKF_SERIAL_SESSION, nullptr), CKR_ARGUMENTS_BAD);
+    EXPECT_EQ(log(), (Lines{"DEBUG C_OpenSession", "ERROR C_OpenSession: phSession is NULL"}));
+    EXPECT_EQ(openSession(), firstSession);
+}
+
+CK_RV refusingNotify(CK_SESSION_HANDLE, CK_NOTIFICATION, CK_VOID_PTR) {
+    return CKR_CANCEL;
+}
+
+TEST_F(Sessions, openIgnoresTheNotificationAndOtherFlags) {
+    CK_SESSION_HANDLE session = 0;
+    int application = 0;
+    EXPECT_EQ(functions().C_OpenSession(firstSlot, CK_UNAVAILABLE_INFORMATION, &application, refusingNotify, &session),
+              CKR_OK);
+    expectInfo(session, firstSlot, CKS_RW_PUBLIC_SESSION, CKF_SERIAL_SESSION | CKF_RW_SESSION);
+}
+
+TEST_F(Sessions, handlesFollowTheLargestOpenOne) {
+    EXPECT_EQ(openSession(), firstSession);
+    EXPECT_EQ(openSession(), firstSession + 1);
+    EXPECT_EQ(openSession(), firstSession + 2);
+    EXPECT_EQ(functions().C_CloseSession(firstSession + 1), CKR_OK);
+    EXPECT_EQ(openSession(), firstSession + 3);  // gaps stay
+    EXPECT_EQ(functions().C_CloseSession(firstSession + 3), CKR_OK);
+    EXPECT_EQ(functions().C_CloseSession(firstSession + 2), CKR_OK);
+    EXPECT_EQ(openSession(), firstSession + 1);
+    EXPECT_EQ(functions().C_CloseSession(firstSession), CKR_OK);
+    EXPECT_EQ(openSession(), firstSession + 2);
+    EXPECT_EQ(functions().C_CloseSession(firstSession + 2), CKR_OK);
+    EXPECT_EQ(functions().C_CloseSession(firstSession + 1), CKR_OK);
+    EXPECT_EQ(openSession(), firstSession);  // the table was empty
+}
+
+TEST_F(Sessions, handlesAreSharedByTheSlots) {
+    EXPECT_EQ(openSession(0, firstSlot), firstSession);
+    EXPECT_EQ(openSession(0, firstSlot + 1), firstSession + 1);
+    EXPECT_EQ(openSession(0, firstSlot), firstSession + 2);
+}
+
+TEST_F(Sessions, thereIsNoLimit) {
+    for (CK_SESSION_HANDLE i = 0; i < 300; ++i) {
+        CK_SESSION_HANDLE session = 0;
+        ASSERT_EQ(open(firstSlot, CKF_SERIAL_SESSION, &session), CKR_OK);
+        ASSERT_EQ(session, firstSession + i);
+    }
+}
+
+TEST_F(Sessions, aNewSessionIsAUsersWhileAPasswordIsKept) {
+    login(openSession(CKF_RW_SESSION));
+    EXPECT_EQ(stateOf(openSession()), CKS_RO_USER_FUNCTIONS);
+    EXPECT_EQ(stateOf(openSession(CKF_RW_SESSION)), CKS_RW_USER_FUNCTIONS);
+    // The password is the module's, whatever the token.
+    EXPECT_EQ(stateOf(openSession(0, firstSlot + 1)), CKS_RO_USER_FUNCTIONS);
+    EXPECT_EQ(stateOf(openSession(CKF_RW_SESSION, firstSlot + 1)), CKS_RW_USER_FUNCTIONS);
+}
+
+TEST_F(Sessions, theUserOutlivesTheLastSession) {
+    const CK_SESSION_HANDLE session = openSession();
+    login(session);
+    ASSERT_EQ(functions().C_CloseSession(session), CKR_OK);
+    EXPECT_EQ(stateOf(openSession()), CKS_RO_USER_FUNCTIONS);
+    ASSERT_EQ(functions().C_CloseAllSessions(firstSlot), CKR_OK);
+    EXPECT_EQ(stateOf(openSession()), CKS_RO_USER_FUNCTIONS);
+    EXPECT_EQ(stateOf(openSession(CKF_RW_SESSION)), CKS_RW_USER_FUNCTIONS);
+}
+
+TEST_F(Sessions, aNewSessionIsNeverTheSecurityOfficers) {
+    login(openSession(CKF_RW_SESSION), "officer pin", CKU_SO);
+    EXPECT_EQ(stateOf(openSession(CKF_RW_SESSION)), CKS_RW_PUBLIC_SESSION);
+    EXPECT_EQ(stateOf(openSession()), CKS_RO_PUBLIC_SESSION);
+}
+
+TEST_F(Sessions, aSessionOutlivesItsSlot) {
+    const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION, firstSlot + 1);
+    device().connectedDevices = {"SN1"};
+    listSlots();
+    expectInfo(session, firstSlot + 1, CKS_RW_PUBLIC_SESSION, CKF_SERIAL_SESSION | CKF_RW_SESSION);
+    EXPECT_EQ(functions().C_Login(session, CKU_USER, pin("1234"), 4), CKR_OK);
+    EXPECT_EQ(calls(), (Lines{"zentak_validatePassword(\"SN2\", \"1234\", 1, *0, instance)"}));
+}
+
+// --- C_CloseSession -------------------------------------------------------------------------------------------------
+
+TEST_F(Sessions, close) {
+    const CK_SESSION_HANDLE session = openSession();
+    const CK_SESSION_HANDLE other = openSession();
+    EXPECT_EQ(functions().C_CloseSession(session), CKR_OK);
+    EXPECT_EQ(log(), (Lines{"DEBUG C_CloseSession"}));
+    EXPECT_EQ(calls(), Lines{});
+    EXPECT_EQ(resultFor(session), CKR_SESSION_HANDLE_INVALID);
+    EXPECT_EQ(resultFor(other), CKR_OK);
+
+    EXPECT_EQ(functions().C_CloseSession(session), CKR_SESSION_HANDLE_INVALID);
+    EXPECT_EQ(log(), (Lines{"DEBUG C_CloseSession", "ERROR C_CloseSession: invalid hSession=1610612737"}));
+}
+
+TEST_F(Sessions, closeRefusesWhatIsNoSession) {
+    openSession();
+    for (const CK_SESSION_HANDLE session : noSessions()) {
+        EXPECT_EQ(functions().C_CloseSession(session), CKR_SESSION_HANDLE_INVALID);
+        EXPECT_EQ(log(), (Lines{"DEBUG C_CloseSession", "ERROR C_CloseSession: invalid hSession=" + decimal(session)}));
+    }
+    EXPECT_EQ(resultFor(firstSession), CKR_OK);
+}
+
+TEST_F(Sessions, closingLogsNobodyOut) {
+    const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
+    const CK_SESSION_HANDLE other = openSession();
+    login(session);
+    ASSERT_EQ(functions().C_CloseSession(session), CKR_OK);
+    EXPECT_EQ(stateOf(other), CKS_RO_USER_FUNCTIONS);
+}
+
+// --- C_CloseAllSessions ---------------------------------------------------------------------------------------------
+
+TEST_F(Sessions, closeAllClosesThoseOfEverySlot) {
+    for (const CK_SLOT_ID slot : {firstSlot, firstSlot + 1}) {
+        const CK_SESSION_HANDLE first = openSession(0, firstSlot);
+        const CK_SESSION_HANDLE second = openSession(CKF_RW_SESSION, firstSlot + 1);
+        EXPECT_EQ(functions().C_CloseAllSessions(slot), CKR_OK);
+        EXPECT_EQ(log(), (Lines{"DEBUG C_CloseAllSessions", "DEBUG Close all session"}));
+        EXPECT_EQ(calls(), Lines{});
+        EXPECT_EQ(resultFor(first), CKR_SESSION_HANDLE_INVALID);
+        EXPECT_EQ(resultFor(second), CKR_SESSION_HANDLE_INVALID);
+        EXPECT_EQ(functions().C_CloseAllSessions(slot), CKR_OK);  // none is fine too
+        clear();
+    }
+}
+
+TEST_F(Sessions, closeAllRefusesAnUnknownSlot) {
+    const CK_SESSION_HANDLE session = openSession();
+    std::vector<CK_SLOT_ID> ids = {0, firstSlot - 1, firstSlot + 2, firstSession, CK_UNAVAILABLE_INFORMATION};
+    if constexpr (sizeof(CK_SLOT_ID) > 4) {
+        ids.push_back(static_cast<CK_SLOT_ID>(0x150000001ULL));
+    }
+    for (const CK_SLOT_ID slot : ids) {
+        EXPECT_EQ(functions().C_CloseAllSessions(slot), CKR_SLOT_ID_INVALID);
+        EXPECT_EQ(log(),
+                  (Lines{"DEBUG C_CloseAllSessions", "ERROR C_CloseAllSessions: invalid slotID=" + decimal(slot)}));
+    }
+    EXPECT_EQ(resultFor(session), CKR_OK);
+}
+
+// --- C_GetSessionInfo -----------------------------------------------------------------------------------------------
+
+TEST_F(Sessions, infoRefusesWhatIsNoSessionFirst) {
+    openSession();
+    for (const CK_SESSION_HANDLE session : noSessions()) {
+        CK_SESSION_INFO info = filledWith<CK_SESSION_INFO>(0xFF);
+        for (CK_SESSION_INFO* const pointer : {&info, static_cast<CK_SESSION_INFO*>(nullptr)}) {
+            EXPECT_EQ(functions().C_GetSessionInfo(session, pointer), CKR_SESSION_HANDLE_INVALID);
+            EXPECT_EQ(log(), (Lines{"DEBUG C_GetSessionInfo",
+                                    "ERROR C_GetSessionInfo: invalid hSession=" + decimal(session)}));
+        }
+        EXPECT_EQ(bytesOf(info), Bytes(sizeof info, 0xFF));
+    }
+}
+
+TEST_F(Sessions, infoRefusesANullPointer) {
+    EXPECT_EQ(functions().C_GetSessionInfo(openSession(), nullptr), CKR_ARGUMENTS_BAD);
+    EXPECT_EQ(log(), (Lines{"DEBUG C_GetSessionInfo", "ERROR C_GetSessionInfo: pInfo is NULL"}));
+}
+
+TEST_F(Sessions, infoInEveryState) {
+    const CK_SESSION_HANDLE readOnly = openSession(0, firstSlot);
+    const CK_SESSION_HANDLE readWrite = openSession(CKF_RW_SESSION, firstSlot);
+    const CK_SESSION_HANDLE officer = openSession(CKF_RW_SESSION, firstSlot + 1);
+    expectInfo(readOnly, firstSlot, CKS_RO_PUBLIC_SESSION, 4);
+    expectInfo(readWrite, firstSlot, CKS_RW_PUBLIC_SESSION, 6);
+    login(readOnly);
+    expectInfo(readOnly, firstSlot, CKS_RO_USER_FUNCTIONS, 4);
+    expectInfo(readWrite, firstSlot, CKS_RW_USER_FUNCTIONS, 6);
+    login(officer, "officer pin", CKU_SO);
+    expectInfo(officer, firstSlot + 1, CKS_RW_SO_FUNCTIONS, 6);
+}
+
+}  // namespace
