@@ -3,11 +3,10 @@
 #ifndef ZENTAK_SOFTTOKEN_BYTES_H
 #define ZENTAK_SOFTTOKEN_BYTES_H
 
-#include <openssl/crypto.h>
-
 #include <array>
 #include <cstddef>
 #include <memory>
+#include <openssl/crypto.h>
 #include <span>
 #include <string_view>
 #include <vector>

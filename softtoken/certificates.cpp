@@ -1,9 +1,8 @@
 #include "certificates.h"
 
+#include <mutex>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
-
-#include <mutex>
 #include <string>
 #include <unordered_map>
 

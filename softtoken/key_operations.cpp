@@ -4,10 +4,9 @@
 
 #include "key_operations.h"
 
-#include <openssl/rsa.h>
-
 #include <algorithm>
 #include <initializer_list>
+#include <openssl/rsa.h>
 
 #include "errors.h"
 
@@ -96,8 +95,8 @@ Bytes signRsa(EVP_PKEY* key, ByteView hash, bool pss) {
     }
     Bytes signature(modulusLength);
     std::size_t length = signature.size();
-    requireCrypto(
-        EVP_PKEY_sign(context.get(), signature.data(), &length, content.data(), content.size()) == 1, "signing");
+    requireCrypto(EVP_PKEY_sign(context.get(), signature.data(), &length, content.data(), content.size()) == 1,
+                  "signing");
     signature.resize(length);
     return signature;
 }
@@ -115,10 +114,9 @@ Bytes signEcdsa(EVP_PKEY* key, ByteView hash) {
     const std::size_t half = fieldLengthOf(key);
     Bytes signature(2 * half);
     const int halfLength = static_cast<int>(half);
-    requireCrypto(
-        BN_bn2binpad(ECDSA_SIG_get0_r(parsed.get()), signature.data(), halfLength) == halfLength &&
-            BN_bn2binpad(ECDSA_SIG_get0_s(parsed.get()), signature.data() + half, halfLength) == halfLength,
-        "writing a signature");
+    requireCrypto(BN_bn2binpad(ECDSA_SIG_get0_r(parsed.get()), signature.data(), halfLength) == halfLength &&
+                      BN_bn2binpad(ECDSA_SIG_get0_s(parsed.get()), signature.data() + half, halfLength) == halfLength,
+                  "writing a signature");
     return signature;
 }
 
@@ -164,8 +162,8 @@ bool verifyEcdsa(EVP_PKEY* key, ByteView hash, ByteView signature) {
 /// The point inside a DER OCTET STRING of fitting length, or the bytes as they are.
 ByteView unwrapPoint(ByteView peer, std::size_t pointLength) {
     const std::size_t header = pointLength < 0x80 ? 2 : 3;
-    const bool wrapped = peer.size() == header + pointLength && peer[0] == 0x04 &&
-                         peer[header - 1] == pointLength && (header == 2 || peer[1] == 0x81);
+    const bool wrapped = peer.size() == header + pointLength && peer[0] == 0x04 && peer[header - 1] == pointLength &&
+                         (header == 2 || peer[1] == 0x81);
     return wrapped ? peer.subspan(header) : peer;
 }
 
@@ -222,11 +220,11 @@ SecretBytes decryptRsa(EVP_PKEY* key, ByteView data) {
     // One private operation and always both checks: neither time nor answer tells which padding was found wrong.
     SecretBytes oaep(data.size());
     SecretBytes pkcs1(data.size());
-    const int oaepLength = RSA_padding_check_PKCS1_OAEP_mgf1(oaep.data(), modulusLength, padded.data(), modulusLength,
-                                                             modulusLength, nullptr, 0, digestOfLength(20),
-                                                             digestOfLength(20));
-    const int pkcs1Length = RSA_padding_check_PKCS1_type_2(pkcs1.data(), modulusLength, padded.data(), modulusLength,
-                                                           modulusLength);
+    const int oaepLength =
+        RSA_padding_check_PKCS1_OAEP_mgf1(oaep.data(), modulusLength, padded.data(), modulusLength, modulusLength,
+                                          nullptr, 0, digestOfLength(20), digestOfLength(20));
+    const int pkcs1Length =
+        RSA_padding_check_PKCS1_type_2(pkcs1.data(), modulusLength, padded.data(), modulusLength, modulusLength);
     SecretBytes& plaintext = oaepLength >= 0 ? oaep : pkcs1;
     const int plaintextLength = oaepLength >= 0 ? oaepLength : pkcs1Length;
     requireCrypto(plaintextLength >= 0, "decrypting");

@@ -1,9 +1,8 @@
 #include "keys.h"
 
+#include <algorithm>
 #include <openssl/core_names.h>
 #include <openssl/pem.h>
-
-#include <algorithm>
 #include <string_view>
 
 #include "errors.h"
@@ -152,8 +151,8 @@ Key composeRsaKey(ByteView modulus, ByteView privateExponent, ByteView prime1) {
 
 Key decodePrivateKey(ByteView pkcs8) {
     const unsigned char* position = pkcs8.data();
-    Key key = ownKey(
-        d2i_AutoPrivateKey_ex(nullptr, &position, static_cast<long>(pkcs8.size()), cryptoContext(), nullptr));
+    Key key =
+        ownKey(d2i_AutoPrivateKey_ex(nullptr, &position, static_cast<long>(pkcs8.size()), cryptoContext(), nullptr));
     if (!key) throw Failure(Error::tokenDamaged, "a private key of the token can't be read");
     return key;
 }
@@ -200,11 +199,10 @@ Key decodeSubjectPublicKeyInfo(ByteView der) {
 Key publicKeyFromPoint(const KeyType& type, ByteView point) {
     if (type.curve == nullptr || point.size() != 1 + 2 * type.fieldLength || point[0] != 0x04) return nullptr;
     const ParameterBuilder builder(OSSL_PARAM_BLD_new());
-    requireCrypto(builder &&
-                      OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, type.curve, 0) == 1 &&
-                      OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
-                                                       point.size()) == 1,
-                  "composing a key");
+    requireCrypto(
+        builder && OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, type.curve, 0) == 1 &&
+            OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()) == 1,
+        "composing a key");
     return keyFromParameters("EC", EVP_PKEY_PUBLIC_KEY, builder.get());
 }
 

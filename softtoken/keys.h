@@ -12,8 +12,8 @@ namespace softtoken {
 /// One row for each key type code of the boundary.
 struct KeyType {
     int code;
-    int rsaBits;               ///< 0 for an EC key
-    const char* curve;         ///< OpenSSL's name of it; null for an RSA key
+    int rsaBits;              ///< 0 for an EC key
+    const char* curve;        ///< OpenSSL's name of it; null for an RSA key
     std::size_t fieldLength;  ///< of a coordinate and of each half of a signature, in bytes; 0 for an RSA key
 };
 

@@ -10,8 +10,9 @@ namespace softtoken {
 OSSL_LIB_CTX* cryptoContext() {
     static OSSL_LIB_CTX* const context = [] {
 #ifdef _WIN32
-        // This copy of OpenSSL is ours alone. It reads no configuration file, which anybody could put at its compiled-in
-        // path, and does nothing at process exit, when a thread of the host may still be inside an operation.
+        // This copy of OpenSSL is ours alone. It reads no configuration file, which anybody could put at its
+        // compiled-in path, and does nothing at process exit, when a thread of the host may still be inside an
+        // operation.
         OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT, nullptr);
 #endif
         return OSSL_LIB_CTX_new();

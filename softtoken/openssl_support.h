@@ -3,6 +3,8 @@
 #ifndef ZENTAK_SOFTTOKEN_OPENSSL_SUPPORT_H
 #define ZENTAK_SOFTTOKEN_OPENSSL_SUPPORT_H
 
+#include <array>
+#include <memory>
 #include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
@@ -10,9 +12,6 @@
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 #include <openssl/x509.h>
-
-#include <array>
-#include <memory>
 
 #include "bytes.h"
 

@@ -1,8 +1,7 @@
-#include <windows.h>
-
+#include <functional>
 #include <shellapi.h>
 
-#include <functional>
+#include <windows.h>
 
 #include "errors.h"
 #include "platform.h"
@@ -147,7 +146,8 @@ std::optional<FileStamp> fileStamp(const fs::path& file) {
     WIN32_FILE_ATTRIBUTE_DATA data{};
     if (!GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data)) return std::nullopt;
     if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return std::nullopt;
-    // No identity: it would cost opening the file, and the creation time of a replaced file is passed on to the new one.
+    // No identity: it would cost opening the file, and the creation time of a replaced file is passed on to the new
+    // one.
     return FileStamp{nanoseconds(data.ftLastWriteTime),
                      (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow, 0};
 }
@@ -201,12 +201,12 @@ void replaceFile(const fs::path& file, std::string_view content) {
 }
 
 void moveFolder(const fs::path& from, const fs::path& to) {
-    retryWhileInUse("move", from,
-                    [&] { return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0; });
+    retryWhileInUse("move", from, [&] { return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0; });
 }
 
 std::optional<std::string> promptWithoutEcho(const std::string& prompt) {
-    const Handle input(CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+    const Handle input(
+        CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
     const Handle output(CreateFileW(L"CONOUT$", GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
     DWORD before = 0;
     // A console window may exist while the program's input comes from a file or a pipe; then nobody is there to answer.

@@ -132,6 +132,9 @@ void Store::move(std::string_view serialNumber, const char* from, const char* to
 
 SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::string_view pin) {
     requirePinLength(pin);
+    static_cast<void>(folderOf(serialNumber));
+    // One at a time: several processes that log in at once with the right PIN would use up each other's attempts.
+    const FileLock turn(root_ / "pin-lock");
     TokenData token;
     int left = 0;
     {
@@ -145,7 +148,7 @@ SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::strin
         left = --attemptsOf(attempts, role);
         replaceFile(folder / attemptsFileName, writeAttempts(attempts));
     }
-    // The slow part runs without the lock. Whoever tries in parallel has paid with an attempt before.
+    // The slow part doesn't keep others from changing tokens.
     auto tokenKey = openPinSection(sectionOf(token, role), serialNumber, role, pin);
     if (!tokenKey) {
         throw PinFailure(left == 0 ? Error::pinLocked : Error::pinIncorrect, left,

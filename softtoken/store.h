@@ -2,7 +2,8 @@
 /// the old or the new state, and the counting of PIN attempts.
 ///
 /// `plugged/SERIAL` and `unplugged/SERIAL` are the tokens; `scratch` holds what is being made or removed; `lock` is
-/// locked for each change. A token's folder holds `token.json` and `attempts.json`.
+/// locked for each change and `pin-lock` while a PIN is checked. A token's folder holds `token.json` and
+/// `attempts.json`.
 
 #ifndef ZENTAK_SOFTTOKEN_STORE_H
 #define ZENTAK_SOFTTOKEN_STORE_H

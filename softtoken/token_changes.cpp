@@ -109,8 +109,8 @@ CertificateEntry addCertificate(TokenData& token, ByteView der, std::string_view
         return other;
     }
     CertificateEntry entry;
-    entry.id = nextNumber(token.certificates, token.lastCertificateNumber, token.capacity,
-                          Error::certificateStorageFull);
+    entry.id =
+        nextNumber(token.certificates, token.lastCertificateNumber, token.capacity, Error::certificateStorageFull);
     entry.certId = randomReference();
     entry.label = label;
     entry.objectId.assign(objectId.begin(), objectId.end());

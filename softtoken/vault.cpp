@@ -1,10 +1,9 @@
 #include "vault.h"
 
+#include <algorithm>
 #include <openssl/core_names.h>
 #include <openssl/kdf.h>
 #include <openssl/rand.h>
-
-#include <algorithm>
 
 #include "errors.h"
 #include "openssl_support.h"
@@ -101,8 +100,7 @@ std::optional<SecretBytes> unseal(ByteView key, ByteView additionalData, ByteVie
                   "decryption of a secret");
     const bool opened =
         EVP_DecryptUpdate(context.get(), nullptr, &length, additionalData.data(), intOf(additionalData.size())) == 1 &&
-        EVP_DecryptUpdate(context.get(), plaintext.data(), &length, ciphertext.data(), intOf(ciphertext.size())) ==
-            1 &&
+        EVP_DecryptUpdate(context.get(), plaintext.data(), &length, ciphertext.data(), intOf(ciphertext.size())) == 1 &&
         EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, tagLength, tag.data()) == 1 &&
         EVP_DecryptFinal_ex(context.get(), plaintext.data() + length, &length) == 1;
     if (!opened) return std::nullopt;

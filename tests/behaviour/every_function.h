@@ -21,7 +21,7 @@ struct AnyFunction {
 };
 
 template <typename Argument>
-Argument madeUp(CK_ULONG number) {
+Argument madeUp([[maybe_unused]] CK_ULONG number) {
     if constexpr (std::is_pointer_v<Argument>) {
         return nullptr;
     } else {
@@ -31,8 +31,9 @@ Argument madeUp(CK_ULONG number) {
 
 template <typename First, typename... Rest>
 std::function<CK_RV(CK_ULONG, CK_ULONG)> withMadeUpArguments(CK_RV (*function)(First, Rest...)) {
-    return
-        [function](CK_ULONG first, CK_ULONG number) { return function(madeUp<First>(first), madeUp<Rest>(number)...); };
+    return [function]([[maybe_unused]] CK_ULONG first, [[maybe_unused]] CK_ULONG number) {
+        return function(madeUp<First>(first), madeUp<Rest>(number)...);
+    };
 }
 
 /// The 68 functions in the order of the list.

@@ -1,6 +1,5 @@
 #include "log.h"
 
-#include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -13,8 +12,9 @@
 namespace support {
 namespace {
 
-std::string readFile(const std::filesystem::path& file) {
+std::string readFile(const std::filesystem::path& file, std::size_t begin = 0) {
     std::ifstream stream(file, std::ios::binary);
+    stream.seekg(static_cast<std::streamoff>(begin));
     return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
 }
 
@@ -22,7 +22,9 @@ std::set<std::filesystem::path> filesIn(const std::filesystem::path& folder) {
     std::set<std::filesystem::path> files;
     if (std::filesystem::exists(folder)) {
         for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-            files.insert(entry.path());
+            if (entry.is_regular_file()) {
+                files.insert(entry.path());
+            }
         }
     }
     return files;
@@ -84,11 +86,11 @@ Lines takeLog() {
     static std::map<std::filesystem::path, std::size_t> taken;
     Lines lines;
     for (const std::filesystem::path& file : filesIn(logFolder())) {
-        const std::string text = readFile(file);
         std::size_t& done = taken[file];
-        const Lines more = parseLog(text.substr(std::min(done, text.size())));
+        const std::string text = readFile(file, done);
+        const Lines more = parseLog(text);
         lines.insert(lines.end(), more.begin(), more.end());
-        done = text.size();
+        done += text.size();
     }
     return lines;
 }

@@ -35,7 +35,7 @@ Lines takeLog();
 /// The lines of a whole log file's text, in the same form.
 Lines parseLog(const std::string& text);
 
-/// The one file in a log folder as it stands, with its prefixes; empty when there is none.
+/// The files of a log folder in name order as they stand, with their prefixes; empty when there is none.
 std::string readLogFiles(const std::filesystem::path& folder);
 
 }  // namespace support

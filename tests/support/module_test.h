@@ -19,8 +19,8 @@
 #ifndef ZENTAK_TESTS_SUPPORT_MODULE_TEST_H
 #define ZENTAK_TESTS_SUPPORT_MODULE_TEST_H
 
-#include <gtest/gtest.h>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <string>
 #include <vector>
 

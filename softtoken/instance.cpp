@@ -1,0 +1,295 @@
+#include "instance.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "errors.h"
+#include "token_changes.h"
+
+namespace softtoken {
+
+namespace {
+
+/// How many outdated snapshots stay alive for callers that are still copying a list.
+constexpr std::size_t retiredSnapshots = 16;
+constexpr std::size_t rememberedPublicKeys = 32;
+/// Two changes within the clock's resolution can't be told apart by their times, so a file that was read so soon after
+/// its change is read again.
+constexpr std::int64_t settlingTime = 100'000'000;
+
+template <std::size_t size>
+std::int32_t copyBytes(const Bytes& bytes, unsigned char (&field)[size]) {
+    const std::size_t count = std::min(bytes.size(), size);
+    std::copy_n(bytes.begin(), count, field);
+    return static_cast<std::int32_t>(count);
+}
+
+template <std::size_t size>
+void copyText(const std::string& text, char (&field)[size]) {
+    std::copy_n(text.begin(), std::min(text.size(), size - 1), field);
+}
+
+ZentakKeyPair recordOf(const KeyPairEntry& entry) {
+    ZentakKeyPair record{};
+    record.id = entry.id;
+    std::copy(entry.keyId.begin(), entry.keyId.end(), record.keyId);
+    record.publicKeyLength = copyBytes(entry.publicKey, record.publicKey);
+    record.objectIdLength = copyBytes(entry.objectId, record.objectId);
+    copyText(entry.alias, record.alias);
+    record.keyUsage = entry.keyUsage;
+    record.keyType = entry.keyType;
+    return record;
+}
+
+ZentakCertificate recordOf(const CertificateEntry& entry) {
+    ZentakCertificate record{};
+    record.id = entry.id;
+    std::copy(entry.certId.begin(), entry.certId.end(), record.certId);
+    record.derLength = copyBytes(entry.der, record.der);
+    record.objectIdLength = copyBytes(entry.objectId, record.objectId);
+    copyText(entry.label, record.label);
+    return record;
+}
+
+}  // namespace
+
+Instance::Instance(Store store) : store_(std::move(store)), digestKey_(randomBytes(32)) {}
+
+std::shared_ptr<Snapshot> Instance::snapshot(std::string_view serialNumber) {
+    const std::lock_guard lock(mutex_);
+    return refreshed(serialNumber).snapshot;
+}
+
+Attempts Instance::attempts(std::string_view serialNumber) {
+    return store_.loadAttempts(serialNumber);
+}
+
+Instance::Device& Instance::refreshed(std::string_view serialNumber) {
+    auto found = devices_.find(serialNumber);
+    const bool known = found != devices_.end();
+    const std::filesystem::path file = known ? std::filesystem::path() : store_.pluggedTokenFile(serialNumber);
+    const auto stamp = fileStamp(known ? found->second.file : file);
+    if (!stamp) {
+        if (known) devices_.erase(found);
+        if (store_.isPlugged(serialNumber)) throw Failure(Error::tokenDamaged, "the token's file is missing");
+        throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
+    }
+    if (!known) {
+        found = devices_.emplace(serialNumber, Device{}).first;
+        found->second.file = file;
+    }
+    Device& device = found->second;
+    const bool settled = std::abs(device.readAt - device.stamp.modified) > settlingTime;
+    if (device.snapshot && settled && device.stamp == *stamp) return device;
+    device.readAt = fileClockNow();
+    try {
+        read(device, serialNumber);
+    } catch (...) {
+        devices_.erase(found);
+        throw;
+    }
+    device.stamp = *stamp;
+    return device;
+}
+
+void Instance::read(Device& device, std::string_view serialNumber) {
+    const auto document = readFile(device.file);
+    if (!document) throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
+    TokenData token = readTokenData(*document);
+    if (token.serialNumber != serialNumber) {
+        throw Failure(Error::tokenDamaged, "the token's file is that of another token");
+    }
+    if (device.snapshot && device.snapshot->token == token) return;
+    const auto fresh = std::make_shared<Snapshot>();
+    for (const KeyPairEntry& entry : token.keyPairs) fresh->keyPairs.push_back(recordOf(entry));
+    for (const CertificateEntry& entry : token.certificates) fresh->certificates.push_back(recordOf(entry));
+    fresh->token = std::move(token);
+    if (device.snapshot) {
+        // A loaded key stays as long as nothing that it was checked against has changed.
+        std::erase_if(device.keys, [&](const auto& loaded) {
+            const auto same = [&](const Snapshot& snapshot) {
+                const auto& entries = snapshot.token.keyPairs;
+                const auto entry = std::find_if(entries.begin(), entries.end(),
+                                                [&](const KeyPairEntry& pair) { return pair.keyId == loaded.first; });
+                return entry == entries.end() ? Bytes() : entry->sealedPrivateKey;
+            };
+            const Bytes now = same(*fresh);
+            return now.empty() || now != same(*device.snapshot) ||
+                   findKeyPair(fresh->token, loaded.first).keyUsage != loaded.second.usage;
+        });
+        retired_.push_back(device.snapshot);
+        if (retired_.size() > retiredSnapshots) retired_.pop_front();
+    }
+    device.snapshot = fresh;
+}
+
+Instance::PinDigest Instance::digestOf(std::string_view pin) const {
+    return sha256(digestKey_, viewOf(pin));
+}
+
+bool Instance::isVerified(const Device& device, const PinDigest& digest) {
+    return device.verified && device.verified->section == device.snapshot->token.user &&
+           CRYPTO_memcmp(device.verified->digest.data(), digest.data(), digest.size()) == 0;
+}
+
+SecretBytes Instance::verifyPin(std::string_view serialNumber, std::string_view pin, const PinDigest& digest) {
+    const PinSection section = snapshot(serialNumber)->token.user;
+    try {
+        SecretBytes key = store_.checkPin(serialNumber, Role::user, pin);
+        const std::lock_guard lock(mutex_);
+        Device& device = refreshed(serialNumber);
+        device.verified = VerifiedPin{section, digest, key};
+        device.refused.reset();
+        return key;
+    } catch (const PinFailure&) {
+        const std::lock_guard lock(mutex_);
+        refreshed(serialNumber).refused = RefusedPin{section, digest};
+        throw;
+    }
+}
+
+void Instance::login(std::string_view serialNumber, Role role, std::string_view pin) {
+    requirePinLength(pin);
+    static_cast<void>(snapshot(serialNumber));
+    if (role == Role::officer) {
+        static_cast<void>(store_.checkPin(serialNumber, role, pin));
+        return;
+    }
+    const std::lock_guard turn(pinMutex_);
+    const PinDigest digest = digestOf(pin);
+    bool verified = false;
+    {
+        const std::lock_guard lock(mutex_);
+        verified = isVerified(refreshed(serialNumber), digest);
+    }
+    if (verified && store_.loadAttempts(serialNumber).user > 0) {
+        store_.resetAttempts(serialNumber, role);
+    } else {
+        static_cast<void>(verifyPin(serialNumber, pin, digest));
+    }
+}
+
+void Instance::changeUserPin(std::string_view serialNumber, std::string_view oldPin, std::string_view newPin) {
+    requirePinLength(newPin);
+    static_cast<void>(snapshot(serialNumber));
+    const SecretBytes key = store_.checkPin(serialNumber, Role::user, oldPin);
+    store_.setPin(serialNumber, Role::user, newPin, key, true);
+}
+
+SecretBytes Instance::tokenKey(std::string_view serialNumber, std::string_view pin) {
+    requirePinLength(pin);
+    const PinDigest digest = digestOf(pin);
+    const auto remembered = [&]() -> std::optional<SecretBytes> {
+        const std::lock_guard lock(mutex_);
+        const Device& device = refreshed(serialNumber);
+        if (isVerified(device, digest)) return device.verified->tokenKey;
+        if (device.refused && device.refused->section == device.snapshot->token.user &&
+            device.refused->digest == digest) {
+            throw PinFailure(Error::pinIncorrect, store_.loadAttempts(serialNumber).user, "the PIN is wrong");
+        }
+        return std::nullopt;
+    };
+    if (auto key = remembered()) return *std::move(key);
+    const std::lock_guard turn(pinMutex_);
+    if (auto key = remembered()) return *std::move(key);
+    return verifyPin(serialNumber, pin, digest);
+}
+
+Key Instance::privateKey(std::string_view serialNumber, const Reference& keyId, std::string_view pin,
+                         std::uint32_t usage) {
+    requirePinLength(pin);
+    const auto requireUsage = [usage](std::uint32_t permitted) {
+        if ((permitted & usage) != usage) throw Failure(Error::usageNotPermitted, "the key isn't for this use");
+    };
+    const PinDigest digest = digestOf(pin);
+    {
+        const std::lock_guard lock(mutex_);
+        const Device& device = refreshed(serialNumber);
+        const auto loaded = device.keys.find(keyId);
+        if (loaded != device.keys.end() && isVerified(device, digest)) {
+            requireUsage(loaded->second.usage);
+            return loaded->second.key;
+        }
+        requireUsage(findKeyPair(device.snapshot->token, keyId).keyUsage);
+    }
+    const SecretBytes unlocked = tokenKey(serialNumber, pin);
+    const std::lock_guard lock(mutex_);
+    Device& device = refreshed(serialNumber);
+    const auto loaded = device.keys.find(keyId);
+    if (loaded != device.keys.end()) return loaded->second.key;
+    const KeyPairEntry& entry = findKeyPair(device.snapshot->token, keyId);
+    requireUsage(entry.keyUsage);
+    Key key = openPrivateKey(device.snapshot->token, entry, unlocked);
+    device.keys[keyId] = LoadedKey{key, entry.keyUsage};
+    return key;
+}
+
+void Instance::change(std::string_view serialNumber, const std::function<void(TokenData&)>& change) {
+    static_cast<void>(snapshot(serialNumber));
+    store_.change(serialNumber, change);
+}
+
+Key Instance::publicKey(int keyType, ByteView bytes) {
+    {
+        const std::lock_guard lock(mutex_);
+        for (const PublicKeyEntry& entry : publicKeys_) {
+            if (entry.keyType == keyType &&
+                std::equal(bytes.begin(), bytes.end(), entry.bytes.begin(), entry.bytes.end())) {
+                return entry.key;
+            }
+        }
+    }
+    Key key = decodePublicKey(keyTypeOfCode(keyType), bytes);
+    if (key) {
+        const std::lock_guard lock(mutex_);
+        publicKeys_.push_front(PublicKeyEntry{keyType, Bytes(bytes.begin(), bytes.end()), key});
+        if (publicKeys_.size() > rememberedPublicKeys) publicKeys_.pop_back();
+    }
+    return key;
+}
+
+namespace {
+
+struct Registry {
+    std::mutex mutex;
+    std::uintptr_t lastHandle = 0x1000;
+    std::map<std::uintptr_t, std::shared_ptr<Instance>> instances;
+};
+
+/// Never destroyed: a host may end without releasing its instances while threads still use them. Handles are numbers
+/// that are given once, so a released one never comes to stand for another instance.
+Registry& registry() {
+    static Registry& only = *new Registry;
+    return only;
+}
+
+}  // namespace
+
+void* openInstance() {
+    auto instance = std::make_shared<Instance>(Store(defaultStoreFolder()));
+    Registry& all = registry();
+    const std::lock_guard lock(all.mutex);
+    all.lastHandle += 16;
+    all.instances.emplace(all.lastHandle, std::move(instance));
+    return reinterpret_cast<void*>(all.lastHandle);
+}
+
+std::shared_ptr<Instance> findInstance(void* handle) {
+    Registry& all = registry();
+    const std::lock_guard lock(all.mutex);
+    const auto found = all.instances.find(reinterpret_cast<std::uintptr_t>(handle));
+    if (found == all.instances.end()) throw Failure(Error::unknownInstance, "there is no such instance");
+    return found->second;
+}
+
+void closeInstance(void* handle) {
+    std::shared_ptr<Instance> last;
+    Registry& all = registry();
+    const std::lock_guard lock(all.mutex);
+    const auto found = all.instances.find(reinterpret_cast<std::uintptr_t>(handle));
+    if (found == all.instances.end()) return;
+    last = std::move(found->second);
+    all.instances.erase(found);
+}
+
+}  // namespace softtoken

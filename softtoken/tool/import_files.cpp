@@ -1,0 +1,115 @@
+#include "import_files.h"
+
+#include <algorithm>
+#include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+
+#include "certificates.h"
+#include "errors.h"
+#include "platform.h"
+
+namespace softtoken::tool {
+
+namespace {
+
+std::string contentOf(const std::string& file) {
+    auto content = readFile(pathFromUtf8(file));
+    if (!content) throw Failure(Error::invalidArgument, "there is no file " + file);
+    return *std::move(content);
+}
+
+Bio bioOf(const std::string& content) {
+    Bio bio(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
+    requireCrypto(bio != nullptr, "reading a file");
+    return bio;
+}
+
+/// OpenSSL's way of asking; no exception may pass through it.
+int passwordCallback(char* buffer, int size, int /*writing*/, void* data) {
+    try {
+        const std::string password = (*static_cast<const AskPassword*>(data))();
+        if (password.size() > static_cast<std::size_t>(size)) return -1;
+        std::copy(password.begin(), password.end(), buffer);
+        return static_cast<int>(password.size());
+    } catch (...) {
+        return -1;
+    }
+}
+
+Bytes sha1(ByteView data) {
+    Bytes digest(20);
+    requireCrypto(EVP_Digest(data.data(), data.size(), digest.data(), nullptr, digestOfLength(20), nullptr) == 1,
+                  "SHA-1");
+    return digest;
+}
+
+}  // namespace
+
+Key readPrivateKeyFile(const std::string& file, const AskPassword& askPassword) {
+    const std::string content = contentOf(file);
+    EVP_PKEY* key = nullptr;
+    if (content.find("-----BEGIN ") != std::string::npos) {
+        key = PEM_read_bio_PrivateKey_ex(bioOf(content).get(), nullptr, &passwordCallback,
+                                         const_cast<AskPassword*>(&askPassword), cryptoContext(), nullptr);
+    } else {
+        const auto* position = reinterpret_cast<const unsigned char*>(content.data());
+        key = d2i_AutoPrivateKey_ex(nullptr, &position, static_cast<long>(content.size()), cryptoContext(), nullptr);
+    }
+    if (key == nullptr) throw Failure(Error::invalidArgument, "no private key can be read from " + file);
+    return ownKey(key);
+}
+
+std::vector<Bytes> readCertificateFile(const std::string& file) {
+    std::vector<Bytes> certificates = certificatesOfFile(contentOf(file));
+    if (certificates.empty()) throw Failure(Error::invalidArgument, "there is no certificate in " + file);
+    for (const Bytes& der : certificates) {
+        try {
+            static_cast<void>(parseCertificate(der));
+        } catch (const Failure& failure) {
+            throw Failure(failure.error, file + ": " + failure.what());
+        }
+    }
+    return certificates;
+}
+
+ImportedObjects readPkcs12File(const std::string& file, const AskPassword& askPassword) {
+    const std::string content = contentOf(file);
+    const std::unique_ptr<PKCS12, Releaser<&PKCS12_free>> container(d2i_PKCS12_bio(bioOf(content).get(), nullptr));
+    if (!container) throw Failure(Error::invalidArgument, file + " is no PKCS #12 file");
+    EVP_PKEY* key = nullptr;
+    X509* own = nullptr;
+    STACK_OF(X509)* others = nullptr;
+    if (PKCS12_parse(container.get(), askPassword().c_str(), &key, &own, &others) != 1) {
+        throw Failure(Error::invalidArgument, file + " can't be opened: is the password right?");
+    }
+    ImportedObjects objects;
+    if (key != nullptr) objects.key = ownKey(key);
+    const auto add = [&](X509* certificate) {
+        unsigned char* der = nullptr;
+        const int length = i2d_X509(certificate, &der);
+        if (length > 0) objects.certificates.emplace_back(der, der + length);
+        OPENSSL_free(der);
+    };
+    if (own != nullptr) add(own);
+    X509_free(own);
+    for (int i = 0; i < sk_X509_num(others); ++i) add(sk_X509_value(others, i));
+    sk_X509_pop_free(others, X509_free);
+    return objects;
+}
+
+Bytes publicKeyIdentifier(const EVP_PKEY* key) {
+    unsigned char* encoded = nullptr;
+    const int length = i2d_PublicKey(key, &encoded);
+    requireCrypto(length > 0, "encoding a public key");
+    const Bytes bytes(encoded, encoded + length);
+    OPENSSL_free(encoded);
+    return sha1(bytes);
+}
+
+Bytes publicKeyIdentifier(ByteView certificate) {
+    const Certificate parsed = parseCertificate(certificate);
+    const ASN1_BIT_STRING* const key = X509_get0_pubkey_bitstr(parsed.get());
+    return sha1({ASN1_STRING_get0_data(key), static_cast<std::size_t>(ASN1_STRING_length(key))});
+}
+
+}  // namespace softtoken::tool

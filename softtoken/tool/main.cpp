@@ -1,0 +1,56 @@
+// zentak-token: looks after the store of software tokens.
+
+#include <algorithm>
+#include <iostream>
+
+#include "commands.h"
+#include "errors.h"
+#include "platform.h"
+
+namespace softtoken::tool {
+
+namespace {
+
+std::string messageFor(const std::string& text) {
+    return "zentak-token: " + text.substr(0, text.find('\n')) + "\n";
+}
+
+int run(std::vector<std::string> arguments) {
+    CLI::App program(
+        "Makes software tokens and looks after them.\n\n"
+        "Tokens lie in the folder named by ZENTAK_TOKENS, else in the user's local application data.\n"
+        "PINs come from a file named by an option, else from the variables ZENTAK_PIN, ZENTAK_SO_PIN and\n"
+        "ZENTAK_NEW_PIN, else from the terminal.",
+        "zentak-token");
+    Common common;
+    program.add_option("--store", common.storeFolder, "Folder of the tokens")->type_name("FOLDER");
+    program.require_subcommand(1);
+    program.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) { return messageFor(error.what()); });
+    addCreateCommand(program, common);
+    addListCommand(program, common);
+    addShowCommand(program, common);
+    addImportCommand(program, common);
+    addPlugCommands(program, common);
+    addPinCommands(program, common);
+    addRemoveCommand(program, common);
+    try {
+        arguments.erase(arguments.begin());
+        // It wants the last argument first.
+        std::reverse(arguments.begin(), arguments.end());
+        program.parse(arguments);
+        return 0;
+    } catch (const CLI::ParseError& error) {
+        return program.exit(error, std::cout, std::cerr) == 0 ? 0 : 2;
+    } catch (const std::exception& error) {
+        std::cerr << messageFor(error.what());
+        return 1;
+    }
+}
+
+}  // namespace
+
+}  // namespace softtoken::tool
+
+int main(int count, char** arguments) {
+    return softtoken::tool::run(softtoken::commandLineUtf8(count, arguments));
+}

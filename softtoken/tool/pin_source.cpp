@@ -1,0 +1,55 @@
+#include "pin_source.h"
+
+#include "errors.h"
+#include "platform.h"
+
+namespace softtoken::tool {
+
+namespace {
+
+std::string firstLine(const std::string& file) {
+    const auto content = readFile(pathFromUtf8(file));
+    if (!content) throw Failure(Error::storeFailed, "there is no file " + file);
+    return content->substr(0, content->find_first_of("\r\n"));
+}
+
+/// From the file or the variable.
+std::optional<std::string> readSilently(const SecretSource& source) {
+    if (!source.file.empty()) return firstLine(source.file);
+    return environmentText(source.environment);
+}
+
+[[noreturn]] void failWithout(const SecretSource& source) {
+    throw Failure(Error::pinRequired, std::string("no ") + source.prompt + ": use " + source.option + ", set " +
+                                          source.environment + ", or run this at a terminal");
+}
+
+std::optional<std::string> promptTwice(const SecretSource& source, const std::string& hint) {
+    const auto first = promptWithoutEcho(std::string(source.prompt) + hint + ": ");
+    if (!first || first->empty()) return first;
+    if (promptWithoutEcho(std::string(source.prompt) + ", again: ") != first) {
+        throw Failure(Error::pinRequired, "the two don't agree");
+    }
+    return first;
+}
+
+}  // namespace
+
+std::string readSecret(const SecretSource& source) {
+    if (auto secret = readSilently(source)) return *std::move(secret);
+    if (auto secret = promptWithoutEcho(std::string(source.prompt) + ": ")) return *std::move(secret);
+    failWithout(source);
+}
+
+std::string readNewSecret(const SecretSource& source) {
+    if (auto secret = readSilently(source)) return *std::move(secret);
+    if (auto secret = promptTwice(source, "")) return *std::move(secret);
+    failWithout(source);
+}
+
+std::string readOptionalNewSecret(const SecretSource& source) {
+    if (auto secret = readSilently(source)) return *std::move(secret);
+    return promptTwice(source, " (empty for none)").value_or("");
+}
+
+}  // namespace softtoken::tool

@@ -1,0 +1,137 @@
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "certificates.h"
+#include "commands.h"
+#include "errors.h"
+#include "keys.h"
+
+namespace softtoken::tool {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+void print(const Json& value) {
+    std::cout << value.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+}
+
+Json describeToken(const Store& store, const std::string& serialNumber, bool plugged) {
+    Json description = {{"serialNumber", serialNumber}, {"plugged", plugged}, {"usable", true}};
+    try {
+        const TokenData token = store.load(serialNumber);
+        const Attempts attempts = store.loadAttempts(serialNumber);
+        description["label"] = token.label;
+        description["model"] = token.model;
+        description["firmwareVersion"] = token.firmwareVersion;
+        description["userPinChanged"] = token.userPinChanged;
+        description["userPinAttemptsLeft"] = attempts.user;
+        description["officerPin"] = token.officer.has_value();
+        description["officerPinAttemptsLeft"] = attempts.officer;
+        description["keyPairs"] = token.keyPairs.size();
+        description["certificates"] = token.certificates.size();
+    } catch (const Failure& failure) {
+        description["usable"] = false;
+        description["reason"] = failure.what();
+    }
+    return description;
+}
+
+std::string keyTypeName(int code) {
+    const KeyType* const type = keyTypeOfCode(code);
+    if (type == nullptr) return "unknown";
+    return type->curve != nullptr ? std::string("EC ") + type->curve : "RSA " + std::to_string(type->rsaBits);
+}
+
+Json describeObjects(const TokenData& token) {
+    Json keyPairs = Json::array();
+    for (const KeyPairEntry& entry : token.keyPairs) {
+        keyPairs.push_back({{"id", entry.id},
+                            {"type", keyTypeName(entry.keyType)},
+                            {"label", entry.alias},
+                            {"objectId", hexText(entry.objectId)},
+                            {"sign", (entry.keyUsage & 1) != 0},
+                            {"decrypt", (entry.keyUsage & 2) != 0}});
+    }
+    Json certificates = Json::array();
+    for (const CertificateEntry& entry : token.certificates) {
+        const CertificateDetails details = certificateDetails(entry.der);
+        certificates.push_back({{"id", entry.id},
+                                {"label", entry.label},
+                                {"objectId", hexText(entry.objectId)},
+                                {"subject", details.text7},
+                                {"issuer", details.text6},
+                                {"serialNumber", details.text1},
+                                {"notBefore", details.text4},
+                                {"notAfter", details.text5}});
+    }
+    return {{"keyPairs", keyPairs}, {"certificates", certificates}};
+}
+
+void printText(const Json& value) {
+    for (const auto& [name, field] : value.items()) {
+        std::cout << name << ": "
+                  << (field.is_string() ? field.get<std::string>()
+                                        : field.dump(-1, ' ', false, Json::error_handler_t::replace))
+                  << "\n";
+    }
+}
+
+void list(const Common& common, bool json) {
+    const Store store = common.store();
+    Json tokens = Json::array();
+    for (const std::string& serialNumber : store.plugged()) tokens.push_back(describeToken(store, serialNumber, true));
+    for (const std::string& serialNumber : store.unplugged()) {
+        tokens.push_back(describeToken(store, serialNumber, false));
+    }
+    if (json) {
+        print(tokens);
+        return;
+    }
+    for (const Json& token : tokens) {
+        std::cout << token["serialNumber"].get<std::string>() << "  "
+                  << (token["plugged"].get<bool>() ? "plugged in" : "unplugged ") << "  "
+                  << (token["usable"].get<bool>() ? token["label"].get<std::string>()
+                                                  : "unusable: " + token["reason"].get<std::string>())
+                  << "\n";
+    }
+}
+
+void show(const Common& common, const std::string& name, bool json) {
+    const Store store = common.store();
+    const std::string serialNumber = findToken(store, name);
+    const Json objects = describeObjects(store.load(serialNumber));
+    Json description = describeToken(store, serialNumber, store.isPlugged(serialNumber));
+    if (json) {
+        description.update(objects);
+        print(description);
+        return;
+    }
+    printText(description);
+    for (const auto& [kind, title] : {std::pair{"keyPairs", "Key pair"}, {"certificates", "Certificate"}}) {
+        for (const Json& object : objects[kind]) {
+            std::cout << "\n" << title << "\n";
+            printText(object);
+        }
+    }
+}
+
+}  // namespace
+
+void addListCommand(CLI::App& program, const Common& common) {
+    const auto json = std::make_shared<bool>(false);
+    CLI::App* const command = addCommand(program, "list", "List the tokens", [&common, json] { list(common, *json); });
+    command->add_flag("--json", *json, "Print JSON");
+}
+
+void addShowCommand(CLI::App& program, const Common& common) {
+    const auto json = std::make_shared<bool>(false);
+    const auto token = std::make_shared<std::string>();
+    CLI::App* const command = addCommand(program, "show", "Show a token and what it holds",
+                                         [&common, json, token] { show(common, *token, *json); });
+    addTokenArgument(*command, *token);
+    command->add_flag("--json", *json, "Print JSON");
+}
+
+}  // namespace softtoken::tool

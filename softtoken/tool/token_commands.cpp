@@ -1,0 +1,109 @@
+// Commands that plug, unplug and remove a token and look after its PINs.
+
+#include <iostream>
+#include <memory>
+
+#include "commands.h"
+#include "errors.h"
+#include "pin_source.h"
+
+namespace softtoken::tool {
+
+namespace {
+
+struct PinOptions {
+    std::string token;
+    std::string pinFile;
+    std::string officerPinFile;
+    std::string newPinFile;
+    bool officer = false;
+    bool initialPin = false;
+};
+
+SecretSource userPin(const PinOptions& options) {
+    return {options.pinFile, "ZENTAK_PIN", "user PIN", "--pin-file"};
+}
+
+SecretSource officerPin(const PinOptions& options) {
+    return {options.officerPinFile, "ZENTAK_SO_PIN", "security officer's PIN", "--so-pin-file"};
+}
+
+SecretSource newPin(const PinOptions& options) {
+    return {options.newPinFile, "ZENTAK_NEW_PIN", "new PIN", "--new-pin-file"};
+}
+
+void setPin(const Common& common, const PinOptions& options) {
+    Store store = common.store();
+    const std::string serialNumber = findToken(store, options.token);
+    const Role role = options.officer ? Role::officer : Role::user;
+    const SecretBytes tokenKey =
+        store.checkPin(serialNumber, role, readSecret(options.officer ? officerPin(options) : userPin(options)));
+    const bool changed = role == Role::user || store.load(serialNumber).userPinChanged;
+    store.setPin(serialNumber, role, readNewSecret(newPin(options)), tokenKey, changed);
+    std::cout << "PIN changed on " << serialNumber << "\n";
+}
+
+void unlock(const Common& common, const PinOptions& options) {
+    Store store = common.store();
+    const std::string serialNumber = findToken(store, options.token);
+    const SecretBytes tokenKey = store.checkPin(serialNumber, Role::officer, readSecret(officerPin(options)));
+    store.setPin(serialNumber, Role::user, readNewSecret(newPin(options)), tokenKey, !options.initialPin);
+    std::cout << "Unlocked " << serialNumber << "\n";
+}
+
+/// A command about a token alone.
+void addTokenCommand(CLI::App& program, const Common& common, const std::string& name, const std::string& description,
+                     const std::string& done, void (Store::*action)(std::string_view)) {
+    const auto token = std::make_shared<std::string>();
+    CLI::App* const command = addCommand(program, name, description, [&common, token, done, action] {
+        Store store = common.store();
+        const std::string serialNumber = findToken(store, *token);
+        (store.*action)(serialNumber);
+        std::cout << done << " " << serialNumber << "\n";
+    });
+    addTokenArgument(*command, *token);
+}
+
+}  // namespace
+
+void addPlugCommands(CLI::App& program, const Common& common) {
+    addTokenCommand(program, common, "plug", "Plug a token in", "Plugged in", &Store::plug);
+    addTokenCommand(program, common, "unplug", "Pull a token out; it keeps what it holds", "Unplugged", &Store::unplug);
+}
+
+void addPinCommands(CLI::App& program, const Common& common) {
+    const auto options = std::make_shared<PinOptions>();
+    CLI::App* const change =
+        addCommand(program, "set-pin", "Change a PIN", [&common, options] { setPin(common, *options); });
+    addTokenArgument(*change, options->token);
+    change->add_flag("--so", options->officer, "The security officer's PIN instead of the user's");
+    change->add_option("--pin-file", options->pinFile, "File with the present user PIN");
+    change->add_option("--so-pin-file", options->officerPinFile, "File with the security officer's present PIN");
+    change->add_option("--new-pin-file", options->newPinFile, "File with the new PIN");
+
+    const auto unlocking = std::make_shared<PinOptions>();
+    CLI::App* const reset =
+        addCommand(program, "unlock", "Give the user a new PIN and all attempts, as the security officer",
+                   [&common, unlocking] { unlock(common, *unlocking); });
+    addTokenArgument(*reset, unlocking->token);
+    reset->add_option("--so-pin-file", unlocking->officerPinFile, "File with the security officer's PIN");
+    reset->add_option("--new-pin-file", unlocking->newPinFile, "File with the new user PIN");
+    reset->add_flag("--initial-pin", unlocking->initialPin, "The user has still to change the PIN");
+}
+
+void addRemoveCommand(CLI::App& program, const Common& common) {
+    const auto token = std::make_shared<std::string>();
+    const auto sure = std::make_shared<bool>(false);
+    CLI::App* const command =
+        addCommand(program, "remove", "Destroy a token with all its keys", [&common, token, sure] {
+            Store store = common.store();
+            const std::string serialNumber = findToken(store, *token);
+            if (!*sure) throw Failure(Error::invalidArgument, "this destroys " + serialNumber + ": add --yes");
+            store.remove(serialNumber);
+            std::cout << "Removed " << serialNumber << "\n";
+        });
+    addTokenArgument(*command, *token);
+    command->add_flag("--yes", *sure, "Yes, destroy it");
+}
+
+}  // namespace softtoken::tool
