@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <iomanip>
 #include <iostream>
 #include <iterator>
-#include <optional>
 #include <span>
 #include <sstream>
 #include <stdexcept>
@@ -29,6 +29,12 @@ using Bytes = std::vector<CK_BYTE>;
 CK_FUNCTION_LIST_PTR cryptoki = nullptr;
 
 // --- Showing what happens --------------------------------------------------------------------------------------------
+
+std::string hexadecimal(CK_ULONG number) {
+    std::ostringstream text;
+    text << "0x" << std::hex << std::uppercase << number;
+    return text.str();
+}
 
 std::string returnCodeName(CK_RV code) {
     static constexpr std::pair<CK_RV, const char*> names[] = {
@@ -59,9 +65,7 @@ std::string returnCodeName(CK_RV code) {
             return name;
         }
     }
-    std::ostringstream text;
-    text << "0x" << std::hex << code;
-    return text.str();
+    return hexadecimal(code);
 }
 
 /// Prints the call and what it returned, and ends the journey when that isn't CKR_OK.
@@ -136,7 +140,7 @@ CK_SLOT_ID firstTokenSlot() {
 
     CK_SLOT_INFO slot;
     check("C_GetSlotInfo", cryptoki->C_GetSlotInfo(slots.front(), &slot));
-    show("slot", slots.front());
+    show("slot", hexadecimal(slots.front()));
     show("description", fieldText(slot.slotDescription));
 
     CK_TOKEN_INFO token;
@@ -164,35 +168,33 @@ std::vector<CK_OBJECT_HANDLE> findObjects(CK_SESSION_HANDLE session, CK_OBJECT_C
     return found;
 }
 
-/// The value of an attribute, or nothing where the object has no such attribute.
-std::optional<Bytes> readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
-    CK_ATTRIBUTE attribute = {type, nullptr, 0};
-    check("C_GetAttributeValue (how long?)", cryptoki->C_GetAttributeValue(session, object, &attribute, 1));
-    const CK_ULONG length = attribute.ulValueLen;
-    if (length == CK_UNAVAILABLE_INFORMATION) {
-        return std::nullopt;
+/// The values of an object's attributes, in the order asked for; empty where the object has no such attribute.
+std::vector<Bytes> readAttributes(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                  std::initializer_list<CK_ATTRIBUTE_TYPE> types) {
+    std::vector<CK_ATTRIBUTE> wanted;
+    for (const CK_ATTRIBUTE_TYPE type : types) {
+        wanted.push_back({type, nullptr, 0});
     }
-    Bytes value(length);
-    if (length > 0) {
-        attribute.pValue = value.data();
-        check("C_GetAttributeValue", cryptoki->C_GetAttributeValue(session, object, &attribute, 1));
+    const auto count = static_cast<CK_ULONG>(wanted.size());
+    check("C_GetAttributeValue (how long?)", cryptoki->C_GetAttributeValue(session, object, wanted.data(), count));
+    std::vector<Bytes> values(wanted.size());
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+        if (wanted[i].ulValueLen != CK_UNAVAILABLE_INFORMATION) {
+            values[i].resize(wanted[i].ulValueLen);
+            wanted[i].pValue = values[i].data();
+        }
     }
-    return value;
+    check("C_GetAttributeValue", cryptoki->C_GetAttributeValue(session, object, wanted.data(), count));
+    return values;
 }
 
-CK_ULONG readNumber(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
-    const std::optional<Bytes> value = readAttribute(session, object, type);
-    CK_ULONG number = 0;
-    if (!value || value->size() != sizeof number) {
-        throw std::runtime_error("a numeric attribute has no number's length");
+CK_ULONG number(const Bytes& value) {
+    CK_ULONG result = 0;
+    if (value.size() != sizeof result) {
+        throw std::runtime_error("a numeric attribute doesn't have a number's length");
     }
-    std::memcpy(&number, value->data(), sizeof number);
-    return number;
-}
-
-std::string readLabel(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
-    const Bytes label = readAttribute(session, object, CKA_LABEL).value_or(Bytes());
-    return {label.begin(), label.end()};
+    std::memcpy(&result, value.data(), sizeof result);
+    return result;
 }
 
 struct Key {
@@ -202,18 +204,16 @@ struct Key {
 };
 
 Key describeKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle) {
-    const std::string label = readLabel(session, handle);
-    Key key = {handle, readNumber(session, handle, CKA_KEY_TYPE), {}};
-    key.id = readAttribute(session, handle, CKA_ID).value_or(Bytes());
-    show("private key", handle);
-    show("label", label);
+    const std::vector<Bytes> values =
+        readAttributes(session, handle, {CKA_LABEL, CKA_ID, CKA_KEY_TYPE, CKA_MODULUS_BITS, CKA_EC_PARAMS});
+    Key key = {handle, number(values[2]), values[1]};
+    show("private key", hexadecimal(handle));
+    show("label", std::string(values[0].begin(), values[0].end()));
     show("id", hexadecimal(key.id));
     if (key.type == CKK_RSA) {
-        const CK_ULONG bits = readNumber(session, handle, CKA_MODULUS_BITS);
-        show("key type", "RSA, " + std::to_string(bits) + " bits");
+        show("key type", "RSA, " + std::to_string(number(values[3])) + " bits");
     } else {
-        const Bytes curve = readAttribute(session, handle, CKA_EC_PARAMS).value_or(Bytes());
-        show("key type", "EC, curve " + hexadecimal(curve));
+        show("key type", "EC, curve " + hexadecimal(values[4]));
     }
     return key;
 }
@@ -224,14 +224,12 @@ struct Certificate {
 };
 
 Certificate describeCertificate(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle) {
-    const std::string label = readLabel(session, handle);
-    Certificate certificate = {readAttribute(session, handle, CKA_ID).value_or(Bytes()),
-                               readAttribute(session, handle, CKA_VALUE).value_or(Bytes())};
-    show("certificate", handle);
-    show("label", label);
-    show("id", hexadecimal(certificate.id));
-    show("DER bytes", certificate.der.size());
-    return certificate;
+    const std::vector<Bytes> values = readAttributes(session, handle, {CKA_LABEL, CKA_ID, CKA_VALUE});
+    show("certificate", hexadecimal(handle));
+    show("label", std::string(values[0].begin(), values[0].end()));
+    show("id", hexadecimal(values[1]));
+    show("DER bytes", values[2].size());
+    return {values[1], values[2]};
 }
 
 Bytes sign(CK_SESSION_HANDLE session, const Key& key, CK_MECHANISM_TYPE mechanismType, Bytes data) {
@@ -277,7 +275,7 @@ void journey(const std::string& modulePath, std::string pin, const Bytes& data, 
     std::cout << "\nSession and login\n";
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
     check("C_OpenSession", cryptoki->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session));
-    show("session", session);
+    show("session", hexadecimal(session));
     check("C_Login", cryptoki->C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()),
                                        static_cast<CK_ULONG>(pin.size())));
 

@@ -71,8 +71,12 @@ Instance::Device& Instance::refreshed(std::string_view serialNumber) {
     const auto stamp = fileStamp(known ? found->second.file : file);
     if (!stamp) {
         if (known) devices_.erase(found);
-        if (store_.isPlugged(serialNumber)) throw Failure(Error::tokenDamaged, "the token's file is missing");
-        throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
+        if (!store_.isPlugged(serialNumber)) throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
+        // Either it has just come back, or its file is missing.
+        if (!fileStamp(store_.pluggedTokenFile(serialNumber))) {
+            throw Failure(Error::tokenDamaged, "the token's file is missing");
+        }
+        throw Failure(Error::deviceNotPresent, "the token was just plugged in");
     }
     if (!known) {
         found = devices_.emplace(serialNumber, Device{}).first;

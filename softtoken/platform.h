@@ -9,7 +9,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace softtoken {
 
@@ -28,9 +27,6 @@ std::string utf8FromPath(const std::filesystem::path& path);
 std::filesystem::path pathFromNarrow(std::string_view text);
 /// The reverse of pathFromNarrow; characters that have no 8-bit form are lost.
 std::string narrowFromPath(const std::filesystem::path& path);
-
-/// The command line in UTF-8, the program's name first.
-std::vector<std::string> commandLineUtf8(int count, char** arguments);
 
 /// Makes the folder and those above it, readable for the user alone.
 void createPrivateFolders(const std::filesystem::path& folder);

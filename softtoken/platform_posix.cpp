@@ -87,10 +87,6 @@ std::string narrowFromPath(const fs::path& path) {
     return path.string();
 }
 
-std::vector<std::string> commandLineUtf8(int count, char** arguments) {
-    return {arguments, arguments + count};
-}
-
 void createPrivateFolders(const fs::path& folder) {
     if (fs::is_directory(folder)) return;
     if (folder.has_parent_path() && folder.parent_path() != folder) createPrivateFolders(folder.parent_path());

@@ -1,5 +1,4 @@
 #include <functional>
-#include <shellapi.h>
 
 #include <windows.h>
 
@@ -104,16 +103,6 @@ fs::path pathFromNarrow(std::string_view text) {
 
 std::string narrowFromPath(const fs::path& path) {
     return narrow(path.native(), CP_ACP);
-}
-
-std::vector<std::string> commandLineUtf8(int /*count*/, char** /*arguments*/) {
-    SetConsoleOutputCP(CP_UTF8);
-    int count = 0;
-    wchar_t** arguments = CommandLineToArgvW(GetCommandLineW(), &count);
-    std::vector<std::string> result;
-    for (int i = 0; i < count; ++i) result.push_back(narrow(arguments[i], CP_UTF8));
-    LocalFree(arguments);
-    return result;
 }
 
 void createPrivateFolders(const fs::path& folder) {

@@ -27,13 +27,6 @@ const PinSection& sectionOf(const TokenData& token, Role role) {
     return *token.officer;
 }
 
-Attempts readAttemptsFile(const fs::path& folder) {
-    const auto document = readFile(folder / attemptsFileName);
-    // Without the file nobody knows how often a PIN was guessed already.
-    if (!document) throw Failure(Error::tokenDamaged, "the token's PIN counters are missing");
-    return readAttempts(*document);
-}
-
 }  // namespace
 
 std::vector<std::string> Store::list(const char* folder) const {
@@ -60,7 +53,8 @@ bool Store::isPlugged(std::string_view serialNumber) const {
 
 fs::path Store::folderOf(std::string_view serialNumber) const {
     if (isSerialNumber(serialNumber)) {
-        for (const char* folder : {"plugged", "unplugged"}) {
+        // The third look is for a token that went back while the second folder was looked into.
+        for (const char* folder : {"plugged", "unplugged", "plugged"}) {
             std::error_code ignored;
             fs::path path = root_ / folder / serialNumber;
             if (fs::is_directory(path, ignored)) return path;
@@ -69,9 +63,16 @@ fs::path Store::folderOf(std::string_view serialNumber) const {
     notPresent(serialNumber);
 }
 
+std::optional<std::string> Store::readFileOf(std::string_view serialNumber, const char* name) const {
+    // A token that is being plugged in or out may leave the folder between the two steps.
+    for (int round = 0; round < 3; ++round) {
+        if (auto document = readFile(folderOf(serialNumber) / name)) return document;
+    }
+    return std::nullopt;
+}
+
 TokenData Store::load(std::string_view serialNumber) const {
-    const fs::path folder = folderOf(serialNumber);
-    const auto document = readFile(folder / tokenFileName);
+    const auto document = readFileOf(serialNumber, tokenFileName);
     if (!document) throw Failure(Error::tokenDamaged, "the token's file is missing");
     TokenData token = readTokenData(*document);
     if (token.serialNumber != serialNumber) {
@@ -81,7 +82,10 @@ TokenData Store::load(std::string_view serialNumber) const {
 }
 
 Attempts Store::loadAttempts(std::string_view serialNumber) const {
-    return readAttemptsFile(folderOf(serialNumber));
+    const auto document = readFileOf(serialNumber, attemptsFileName);
+    // Without the file nobody knows how often a PIN was guessed already.
+    if (!document) throw Failure(Error::tokenDamaged, "the token's PIN counters are missing");
+    return readAttempts(*document);
 }
 
 FileLock Store::lockFor(std::string_view serialNumber) const {
@@ -142,7 +146,7 @@ SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::strin
         token = load(serialNumber);
         sectionOf(token, role);
         const fs::path folder = folderOf(serialNumber);
-        Attempts attempts = readAttemptsFile(folder);
+        Attempts attempts = loadAttempts(serialNumber);
         left = attemptsOf(attempts, role);
         if (left <= 0) throw PinFailure(Error::pinLocked, 0, "the PIN is locked");
         left = --attemptsOf(attempts, role);
@@ -181,7 +185,7 @@ void Store::resetAttempts(std::string_view serialNumber, Role role) {
     const FileLock lock = lockFor(serialNumber);
     const fs::path folder = folderOf(serialNumber);
     const int maximum = sectionOf(load(serialNumber), role).maximumAttempts;
-    Attempts attempts = readAttemptsFile(folder);
+    Attempts attempts = loadAttempts(serialNumber);
     if (attemptsOf(attempts, role) == maximum) return;
     attemptsOf(attempts, role) = maximum;
     replaceFile(folder / attemptsFileName, writeAttempts(attempts));

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,6 +64,7 @@ public:
 private:
     [[nodiscard]] std::vector<std::string> list(const char* folder) const;
     [[nodiscard]] std::filesystem::path folderOf(std::string_view serialNumber) const;
+    [[nodiscard]] std::optional<std::string> readFileOf(std::string_view serialNumber, const char* name) const;
     /// Asks for the token first, so that a question about an unknown one leaves no lock file behind.
     [[nodiscard]] FileLock lockFor(std::string_view serialNumber) const;
     void move(std::string_view serialNumber, const char* from, const char* to);

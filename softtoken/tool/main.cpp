@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <iostream>
 
+#include "command_line.h"
 #include "commands.h"
-#include "errors.h"
-#include "platform.h"
 
 namespace softtoken::tool {
 
@@ -52,5 +51,5 @@ int run(std::vector<std::string> arguments) {
 }  // namespace softtoken::tool
 
 int main(int count, char** arguments) {
-    return softtoken::tool::run(softtoken::commandLineUtf8(count, arguments));
+    return softtoken::tool::run(softtoken::tool::commandLineUtf8(count, arguments));
 }

@@ -51,7 +51,7 @@ std::string writeBack(const std::string& label, const std::string& serial = "SN1
 
 TEST_F(AttributesLabelTest, AKeyPairIsNamedAfterItsCertificate) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    for (const CK_OBJECT_HANDLE object : {privateKey(5), publicKey(5), publicKey(5)}) {  // each time anew
+    for (const CK_OBJECT_HANDLE object : Numbers{privateKey(5), publicKey(5), publicKey(5)}) {  // each time anew
         EXPECT_EQ(
             read(session, object),
             (Outcome{CKR_OK,

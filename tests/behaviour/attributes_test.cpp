@@ -46,7 +46,7 @@ TEST_F(AttributesTest, TheTemplateComesBeforeTheCount) {
 TEST_F(AttributesTest, TheCountComesBeforeTheObject) {
     CK_ATTRIBUTE unread = {CKA_CLASS, nullptr, 77};
     const Outcome refused = {CKR_ARGUMENTS_BAD, started(0) + Lines{"ERROR C_GetAttributeValue: ulCount<=0"}};
-    for (const CK_OBJECT_HANDLE object : {CK_OBJECT_HANDLE{0}, privateKey(5), CK_OBJECT_HANDLE{0x70003000}}) {
+    for (const CK_OBJECT_HANDLE object : Numbers{0, privateKey(5), 0x70003000}) {
         EXPECT_EQ(observe([&] { return api->C_GetAttributeValue(session, object, &unread, 0); }), refused);
     }
 }
@@ -92,8 +92,8 @@ TEST_F(AttributesTest, ObjectsThatAreNotThereAreRefused) {
 
 TEST_F(AttributesTest, ASizeQueryReportsEveryLength) {
     Template wanted;
-    for (const CK_ATTRIBUTE_TYPE type : {CKA_ID, CKA_MODULUS, CKA_EC_PARAMS, CKA_START_DATE, CKA_CLASS}) {
-        wanted.addRaw(static_cast<CK_ATTRIBUTE_TYPE>(type), nullptr, type == CKA_MODULUS ? 3 : 0);
+    for (const CK_ATTRIBUTE_TYPE type : Numbers{CKA_ID, CKA_MODULUS, CKA_EC_PARAMS, CKA_START_DATE, CKA_CLASS}) {
+        wanted.addRaw(type, nullptr, type == CKA_MODULUS ? 3 : 0);
     }
     EXPECT_EQ(
         read(privateKey(5), wanted),
@@ -224,11 +224,11 @@ TEST_F(AttributesTest, TheTemplateIsReadAndWrittenAtAnyAddress) {
 }
 
 TEST_F(AttributesTest, EverySessionStateMayReadEveryObject) {
-    for (const CK_STATE state : {CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
-                                 CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
+    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
+                                        CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
         closeEverything(session);
-        session = openSessionIn(static_cast<CK_STATE>(state));
-        for (const CK_OBJECT_HANDLE object : {privateKey(5), publicKey(5), certificate(5)}) {
+        session = openSessionIn(state);
+        for (const CK_OBJECT_HANDLE object : Numbers{privateKey(5), publicKey(5), certificate(5)}) {
             Room value(1);
             Template wanted;
             wanted.addRaw(CKA_TRUSTED, value.address(), 1);

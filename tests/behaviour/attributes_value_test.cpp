@@ -238,7 +238,7 @@ TEST_F(AttributesValueTest, KeyTypes) {
         SCOPED_TRACE(text("key type ", row.code));
         world.keyPairs["SN1"][0].keyType = row.code;
         setPublicKey(world.keyPairs["SN1"][0], value);
-        for (const CK_OBJECT_HANDLE object : {privateKey(5), publicKey(5)}) {
+        for (const CK_OBJECT_HANDLE object : Numbers{privateKey(5), publicKey(5)}) {
             if (row.elliptic) {
                 expectValues(object, {{CKA_KEY_TYPE, number(CKK_EC)},
                                       {CKA_VALUE, value},
@@ -299,7 +299,7 @@ TEST_F(AttributesValueTest, ValuesOfNoBytes) {
     record.objectIdLength = 0;
     record.derLength = 0;
     setLabel(record, "");
-    for (const CK_OBJECT_HANDLE object : {privateKey(5), publicKey(5), certificate(5)}) {
+    for (const CK_OBJECT_HANDLE object : Numbers{privateKey(5), publicKey(5), certificate(5)}) {
         expectValues(object, {{CKA_ID, none}, {CKA_VALUE, none}, {CKA_MODULUS, none}, {CKA_LABEL, none}});
     }
 }
@@ -371,7 +371,7 @@ TEST_F(AttributesValueTest, UnknownTypesHaveLengthZero) {
         types.push_back((std::uint64_t{1} << 32U) + CKA_ID);
     }
     for (const std::uint64_t type : types) {
-        for (const CK_OBJECT_HANDLE object : {privateKey(5), publicKey(5), certificate(5)}) {
+        for (const CK_OBJECT_HANDLE object : Numbers{privateKey(5), publicKey(5), certificate(5)}) {
             expectValues(object, {{static_cast<CK_ATTRIBUTE_TYPE>(type), none}});
         }
     }
@@ -381,8 +381,8 @@ TEST_F(AttributesValueTest, UnknownTypesHaveLengthZero) {
 TEST_F(AttributesValueTest, NamesAreAskedWhenTheyAreWanted) {
     const std::string der = shown(derOf(certificateFive));
     Template wanted;
-    for (const CK_ATTRIBUTE_TYPE type : {CKA_SERIAL_NUMBER, CKA_ID, CKA_SUBJECT, CKA_ISSUER}) {
-        wanted.addRaw(static_cast<CK_ATTRIBUTE_TYPE>(type), nullptr, 0);
+    for (const CK_ATTRIBUTE_TYPE type : Numbers{CKA_SERIAL_NUMBER, CKA_ID, CKA_SUBJECT, CKA_ISSUER}) {
+        wanted.addRaw(type, nullptr, 0);
     }
     EXPECT_EQ(
         observe([&] { return api->C_GetAttributeValue(session, certificate(5), wanted.data(), 4); }).device,
@@ -417,11 +417,11 @@ TEST_F(AttributesValueTest, OddLengthsInARecordAreNeverFollowedBeyondTheField) {
         keyPair.keyType = length % 2 == 0 ? p256 : rsa2048;
         ZentakCertificate& record = world.certificates["SN1"][0];
         record.derLength = record.objectIdLength = length;
-        for (const CK_OBJECT_HANDLE object : {privateKey(5), publicKey(5), certificate(5)}) {
-            for (const CK_ATTRIBUTE_TYPE type : {CKA_VALUE, CKA_ID, CKA_MODULUS, CKA_EC_POINT, CKA_ISSUER}) {
+        for (const CK_OBJECT_HANDLE object : Numbers{privateKey(5), publicKey(5), certificate(5)}) {
+            for (const CK_ATTRIBUTE_TYPE type : Numbers{CKA_VALUE, CKA_ID, CKA_MODULUS, CKA_EC_POINT, CKA_ISSUER}) {
                 SCOPED_TRACE(text("length ", length, ", object ", object, ", attribute ", type));
                 Bytes room(8192);
-                CK_ATTRIBUTE wanted = {static_cast<CK_ATTRIBUTE_TYPE>(type), room.data(), 8192};
+                CK_ATTRIBUTE wanted = {type, room.data(), 8192};
                 EXPECT_EQ(api->C_GetAttributeValue(session, object, &wanted, 1), CKR_OK);
                 const CK_ULONG written = wanted.ulValueLen;
                 const bool fits = type == CKA_ID ? written <= 128 : written <= 3072 + 3;

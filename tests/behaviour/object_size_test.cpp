@@ -114,7 +114,7 @@ TEST_F(ObjectSizeTest, OddLengthsInARecordAreHarmless) {
     for (const std::int32_t length : {INT32_MIN, -1, 0, 5000, INT32_MAX}) {
         world.keyPairs["SN1"][0].publicKeyLength = length;
         world.certificates["SN1"][0].derLength = length;
-        for (const CK_OBJECT_HANDLE handle : {privateKey(5), publicKey(5), certificate(5)}) {
+        for (const CK_OBJECT_HANDLE handle : Numbers{privateKey(5), publicKey(5), certificate(5)}) {
             CK_ULONG size = 77;
             EXPECT_EQ(api->C_GetObjectSize(session, handle, &size), CKR_OK) << length;
             EXPECT_NE(size, 77U) << length;
@@ -123,10 +123,10 @@ TEST_F(ObjectSizeTest, OddLengthsInARecordAreHarmless) {
 }
 
 TEST_F(ObjectSizeTest, EverySessionStateMayAsk) {
-    for (const CK_STATE state : {CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
-                                 CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
+    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
+                                        CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
         closeEverything(session);
-        session = openSessionIn(static_cast<CK_STATE>(state));
+        session = openSessionIn(state);
         CK_ULONG size = 0;
         EXPECT_EQ(api->C_GetObjectSize(session, privateKey(5), &size), CKR_OK);
         EXPECT_EQ(size, 512U);

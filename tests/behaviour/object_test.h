@@ -19,6 +19,8 @@
 namespace support {
 
 using Handles = std::vector<CK_OBJECT_HANDLE>;
+/// States, classes or types to go through; the constants themselves are wider than CK_ULONG in the Windows form.
+using Numbers = std::vector<CK_ULONG>;
 
 /// All that a call shows to the outside, its output parameters apart.
 struct Outcome {

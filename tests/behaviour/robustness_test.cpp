@@ -117,7 +117,7 @@ TEST_F(Robustness, theTokenInformationThrows) {
 TEST_F(Robustness, thePasswordCheckThrows) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     for (const Thrown& thrown : thrownCodes) {
-        for (const CK_USER_TYPE userType : {CKU_USER, CKU_SO}) {
+        for (const CK_USER_TYPE userType : std::vector<CK_USER_TYPE>{CKU_USER, CKU_SO}) {
             letThrow("zentak_validatePassword", thrown.thrown);
             EXPECT_EQ(functions().C_Login(session, userType, pin("1234"), 4), thrown.code);
             expectOneError(log(), "C_Login");

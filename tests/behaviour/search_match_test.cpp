@@ -29,8 +29,8 @@ struct SearchRows {
 };
 
 TEST_F(SearchMatchTest, PrivateKeysShowOnlyToALoggedInUser) {
-    for (const CK_STATE state : {CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
-                                 CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
+    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
+                                        CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
         SCOPED_TRACE(text("state ", state));
         const bool user = state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS;
         const CK_SESSION_HANDLE session = openSessionIn(state);
@@ -63,10 +63,10 @@ TEST_F(SearchMatchTest, TheLoginStateCountsWhenTheSearchStarts) {
 
 TEST_F(SearchMatchTest, OtherClassesFindNothing) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    for (const CK_OBJECT_CLASS objectClass :
-         {CKO_DATA, CKO_SECRET_KEY, CKO_HW_FEATURE, CKO_DOMAIN_PARAMETERS, CKO_MECHANISM, 0x80000001UL, 0xFFFFFFFFUL}) {
+    for (const CK_OBJECT_CLASS objectClass : Numbers{CKO_DATA, CKO_SECRET_KEY, CKO_HW_FEATURE, CKO_DOMAIN_PARAMETERS,
+                                                     CKO_MECHANISM, 0x80000001UL, 0xFFFFFFFFUL}) {
         Template wanted;
-        wanted.addNumber(CKA_CLASS, static_cast<CK_OBJECT_CLASS>(objectClass));
+        wanted.addNumber(CKA_CLASS, objectClass);
         EXPECT_EQ(findInit(session, wanted),
                   (Outcome{CKR_OK,
                            {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 1",
@@ -220,7 +220,7 @@ TEST_F(SearchMatchTest, SeveralMatchesKeepTheOrderOfTheList) {
 TEST_F(SearchMatchTest, TheLabelOfATemplateEndsAtItsTerminator) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     unsigned char label[] = "Key five\0behind";
-    for (const CK_ULONG length : {CK_ULONG{1}, CK_ULONG{3}, CK_ULONG{8}, CK_ULONG{9}, CK_ULONG{15}}) {
+    for (const CK_ULONG length : Numbers{1, 3, 8, 9, 15}) {
         Template wanted;
         wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).addRaw(CKA_LABEL, label, length);
         EXPECT_EQ(search(session, wanted), (Handles{publicKey(5)})) << length;
@@ -293,11 +293,10 @@ TEST_F(SearchMatchTest, OddRecordsAreNeverReadBeyondTheirFields) {
         keyPair.publicKeyLength = keyPair.objectIdLength = length;
         certificate.derLength = certificate.objectIdLength = length;
         const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-        for (const CK_ATTRIBUTE_TYPE type : {CKA_VALUE, CKA_ID, CKA_MODULUS, CKA_SUBJECT}) {
-            for (const CK_OBJECT_CLASS objectClass : {CKO_CERTIFICATE, CKO_PRIVATE_KEY}) {
+        for (const CK_ATTRIBUTE_TYPE type : Numbers{CKA_VALUE, CKA_ID, CKA_MODULUS, CKA_SUBJECT}) {
+            for (const CK_OBJECT_CLASS objectClass : Numbers{CKO_CERTIFICATE, CKO_PRIVATE_KEY}) {
                 Template wanted;
-                wanted.addNumber(CKA_CLASS, static_cast<CK_OBJECT_CLASS>(objectClass))
-                    .add(static_cast<CK_ATTRIBUTE_TYPE>(type), Bytes(5000, 0));
+                wanted.addNumber(CKA_CLASS, objectClass).add(type, Bytes(5000, 0));
                 EXPECT_EQ(findInit(session, wanted).code, CKR_OK);
             }
         }

@@ -68,7 +68,7 @@ TEST_F(SearchResultTest, NothingFoundAnswersBeforeTheRoomIsLookedAt) {
     const Outcome nothing = {CKR_OK,
                              {"DEBUG C_FindObjects", "DEBUG C_FindObjects find object count : 0",
                               "DEBUG C_FindObjects find object count 0"}};
-    for (const CK_ULONG room : {CK_ULONG{0}, CK_ULONG{8}}) {
+    for (const CK_ULONG room : Numbers{0, 8}) {
         count = 99;
         EXPECT_EQ(observe([&] { return api->C_FindObjects(session, handles, room, &count); }), nothing);
         EXPECT_EQ(count, 0U);

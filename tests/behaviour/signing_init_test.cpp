@@ -39,10 +39,10 @@ TEST_F(SigningInitTest, TheSessionComesBeforeTheArguments) {
 }
 
 TEST_F(SigningInitTest, OnlyAReadOnlyPublicSessionIsRefused) {
-    for (const CK_STATE state : {CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
-                                 CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
+    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
+                                        CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
         closeEverything(session);
-        session = openSessionIn(static_cast<CK_STATE>(state));
+        session = openSessionIn(state);
         EXPECT_EQ(init({CKM_RSA_PKCS, nullptr, 0}, privateKey(5)),
                   state == CKS_RO_PUBLIC_SESSION
                       ? refused(CKR_SESSION_HANDLE_INVALID, "ERROR C_SignInit: invalid session state=0")
@@ -109,13 +109,34 @@ TEST_F(SigningInitTest, EverySigningMechanismIsAccepted) {
 
 TEST_F(SigningInitTest, EveryOtherMechanismIsRefused) {
     std::set<std::uint64_t> others = {
-        CKM_RC2_KEY_GEN,      CKM_RC4_KEY_GEN,         CKM_DES_ECB,         CKM_DES3_CBC_PAD,
-        CKM_DES3_MAC_GENERAL, CKM_MD2,                 CKM_MD5,             CKM_MD5_HMAC,
-        CKM_SHA_1,            CKM_SHA_1_HMAC,          CKM_RIPEMD160,       CKM_SHA224,
-        CKM_SHA256,           CKM_SHA256_HMAC,         CKM_SHA384,          CKM_SHA512,
-        CKM_SHA512_HMAC,      CKM_SSL3_MD5_MAC,        CKM_TLS_PRF,         CKM_PKCS5_PBKD2,
-        CKM_CMS_SIG,          CKM_EC_KEY_PAIR_GEN,     CKM_ECDH1_DERIVE,    CKM_AES_MAC,
-        CKM_AES_CBC_PAD,      CKM_DSA_PARAMETER_GEN,   CKM_VENDOR_DEFINED,  0x80000001,
+        CKM_RC2_KEY_GEN,
+        CKM_RC4_KEY_GEN,
+        CKM_DES_ECB,
+        CKM_DES3_CBC_PAD,
+        CKM_DES3_MAC_GENERAL,
+        CKM_MD2,
+        CKM_MD5,
+        CKM_MD5_HMAC,
+        CKM_SHA_1,
+        CKM_SHA_1_HMAC,
+        CKM_RIPEMD160,
+        CKM_SHA224,
+        CKM_SHA256,
+        CKM_SHA256_HMAC,
+        CKM_SHA384,
+        CKM_SHA512,
+        CKM_SHA512_HMAC,
+        CKM_SSL3_MD5_MAC,
+        CKM_TLS_PRF,
+        CKM_PKCS5_PBKD2,
+        CKM_CMS_SIG,
+        CKM_EC_KEY_PAIR_GEN,
+        CKM_ECDH1_DERIVE,
+        CKM_AES_MAC,
+        CKM_AES_CBC_PAD,
+        CKM_DSA_PARAMETER_GEN,
+        CKM_VENDOR_DEFINED,
+        0x80000001,
         0xFFFFFFFF,
     };
     for (std::uint64_t type = 0; type <= 0x60; ++type) others.insert(type);
@@ -166,7 +187,7 @@ TEST_F(SigningInitTest, TheMechanismIsReadAtAnyAddress) {
 }
 
 TEST_F(SigningInitTest, HandlesBelowTheKeysAreRefusedUnasked) {
-    for (const CK_OBJECT_HANDLE key : {CK_OBJECT_HANDLE{0}, session, CK_OBJECT_HANDLE{0x6FFFFFFF}}) {
+    for (const CK_OBJECT_HANDLE key : Numbers{0, session, 0x6FFFFFFF}) {
         EXPECT_EQ(init({CKM_RSA_PKCS, nullptr, 0}, key),
                   refused(CKR_OBJECT_HANDLE_INVALID, text("ERROR C_SignInit: invalid hKey=", key)));
     }
@@ -174,11 +195,11 @@ TEST_F(SigningInitTest, HandlesBelowTheKeysAreRefusedUnasked) {
 
 // Every other handle is looked up by its distance from the first private key, so none but a private key's is found.
 TEST_F(SigningInitTest, HandlesOfOtherObjectsAreNotFound) {
-    for (const CK_OBJECT_HANDLE key :
-         {privateKey(7), privateKey(0xFFF), publicKey(5), certificate(5), CK_OBJECT_HANDLE{0x70003000},
-          CK_OBJECT_HANDLE{0x70010005}, CK_OBJECT_HANDLE{0xFFFFFFFF}}) {
+    for (const CK_OBJECT_HANDLE key : Numbers{privateKey(7), privateKey(0xFFF), publicKey(5), certificate(5),
+                                              0x70003000, CK_OBJECT_HANDLE{0x70010005}, CK_OBJECT_HANDLE{0xFFFFFFFF}}) {
         EXPECT_EQ(init({CKM_RSA_PKCS, nullptr, 0}, key),
-                  (Outcome{CKR_OBJECT_HANDLE_INVALID, {name, text("ERROR Invalid input handle in sign : ", key)},
+                  (Outcome{CKR_OBJECT_HANDLE_INVALID,
+                           {name, text("ERROR Invalid input handle in sign : ", key)},
                            {listKeyPairs}}));
     }
 }
@@ -207,14 +228,15 @@ TEST_F(SigningInitTest, TheKeyMustBePermittedToSign) {
 TEST_F(SigningInitTest, Rsa1024IsRefusedOnEveryToken) {
     world.keyPairs["SN1"][0].keyType = rsa1024;
     world.keyPairs["SN2"][0].keyType = rsa1024;
-    const CK_SESSION_HANDLE fips = openSessionIn(CKS_RW_USER_FUNCTIONS, fipsSlot);
+    const CK_SESSION_HANDLE fips = openSession(CKF_RW_SESSION, fipsSlot);
     for (const auto& [where, serial] : {std::pair{session, "SN1"}, std::pair{fips, "SN2"}}) {
         for (const SignMechanism& mechanism : signMechanisms) {
             if (where == fips && !mechanism.onFips) continue;
             EXPECT_EQ(initIn(where, {mechanism.type, nullptr, 0}, privateKey(5)),
                       (Outcome{CKR_KEY_SIZE_RANGE,
-                               {name, "ERROR C_SignInit: RSA-1024 signing not allowed \xE2\x80\x94 key size below "
-                                      "112-bit security strength"},
+                               {name,
+                                "ERROR C_SignInit: RSA-1024 signing not allowed \xE2\x80\x94 key size below "
+                                "112-bit security strength"},
                                {text("zentak_getKeyPairList(\"", serial, "\", instance)")}}));
         }
     }
@@ -224,8 +246,8 @@ TEST_F(SigningInitTest, Rsa1024IsRefusedOnEveryToken) {
 TEST_F(SigningInitTest, EveryOtherKeyTypeGoesWithEveryMechanism) {
     for (const int keyType : {0, 2, 3, 4, 5, 6, 7, 8, -1}) {
         world.keyPairs["SN1"][0].keyType = keyType;
-        for (const CK_MECHANISM_TYPE type : {CKM_RSA_PKCS, CKM_ECDSA_SHA256}) {
-            EXPECT_EQ(init({static_cast<CK_MECHANISM_TYPE>(type), nullptr, 0}, privateKey(5)), accepted) << keyType;
+        for (const CK_MECHANISM_TYPE type : Numbers{CKM_RSA_PKCS, CKM_ECDSA_SHA256}) {
+            EXPECT_EQ(init({type, nullptr, 0}, privateKey(5)), accepted) << keyType;
             abandon();
         }
     }
@@ -235,11 +257,11 @@ TEST_F(SigningInitTest, ARefusedStartIsNoStart) {
     world.keyPairs["SN1"][1].keyUsage = 0;
     world.keyPairs["SN1"].push_back(labelledKeyPair(7, "small"));
     world.keyPairs["SN1"].back().keyType = rsa1024;
-    for (const CK_OBJECT_HANDLE key : {CK_OBJECT_HANDLE{0}, privateKey(9), privateKey(6), privateKey(7)}) {
+    for (const CK_OBJECT_HANDLE key : Numbers{0, privateKey(9), privateKey(6), privateKey(7)}) {
         EXPECT_NE(init({CKM_RSA_PKCS, nullptr, 0}, key).code, CKR_OK);
         EXPECT_EQ(sign({1}), notInitialised("C_Sign"));
         EXPECT_EQ(update({1}), notInitialised("C_SignUpdate"));
-        EXPECT_EQ(final(), notInitialised("C_SignFinal"));
+        EXPECT_EQ(finish(), notInitialised("C_SignFinal"));
         EXPECT_EQ(init({CKM_RSA_PKCS, nullptr, 0}, privateKey(5)), accepted);
         EXPECT_EQ(sign({1}).code, CKR_OK);
     }

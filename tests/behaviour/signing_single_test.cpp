@@ -97,37 +97,35 @@ TEST_F(SigningSingleTest, EveryStateSignsWithThePinThatIsCached) {
         closeEverything(session);
         session = openSessionIn(row.state);
         begin(CKM_RSA_PKCS);
-        EXPECT_EQ(sign({0x0A, 0xBC}),
-                  (Outcome{CKR_OK,
-                           {"DEBUG C_Sign", "DEBUG sign echanism : 1",
-                            text("DEBUG Sign: password empty=", row.pin.empty() ? 1 : 0,
-                                 " hashLen=2 session state=", row.state),
-                            "DEBUG Sign input hash : 0ABC"},
-                           {signHash({0x0A, 0xBC}, false, "SN1", row.pin)}}));
+        EXPECT_EQ(sign({0x0A, 0xBC}), (Outcome{CKR_OK,
+                                               {"DEBUG C_Sign", "DEBUG sign echanism : 1",
+                                                text("DEBUG Sign: password empty=", row.pin.empty() ? 1 : 0,
+                                                     " hashLen=2 session state=", row.state),
+                                                "DEBUG Sign input hash : 0ABC"},
+                                               {signHash({0x0A, 0xBC}, false, "SN1", row.pin)}}));
     }
 }
 
 TEST_F(SigningSingleTest, ALogoutInBetweenOnlyTakesThePinAway) {
     begin(CKM_RSA_PKCS);
     ASSERT_EQ(api->C_Logout(session), CKR_OK);
-    EXPECT_EQ(sign({7}), (Outcome{CKR_OK,
-                                  {"DEBUG C_Sign", "DEBUG sign echanism : 1",
-                                   "DEBUG Sign: password empty=1 hashLen=1 session state=0",
-                                   "DEBUG Sign input hash : 07"},
-                                  {signHash({7}, false, "SN1", "")}}));
+    EXPECT_EQ(sign({7}),
+              (Outcome{CKR_OK,
+                       {"DEBUG C_Sign", "DEBUG sign echanism : 1",
+                        "DEBUG Sign: password empty=1 hashLen=1 session state=0", "DEBUG Sign input hash : 07"},
+                       {signHash({7}, false, "SN1", "")}}));
 }
 
 TEST_F(SigningSingleTest, TheSignatureIsMadeOnTheSessionsToken) {
-    const CK_SESSION_HANDLE other = openSessionIn(CKS_RW_USER_FUNCTIONS, fipsSlot);
+    const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, fipsSlot);
     signInit(other, CKM_SHA256_RSA_PKCS_PSS, 5);
     EXPECT_EQ(signIn(other, {1}).device,
               (Lines{initHash(3, "SN2"), updateHash(1, {1}), finalHash(1), signHash(digest, true, "SN2")}));
 }
 
 TEST_F(SigningSingleTest, ASizeQueryComputesAndKeepsTheSignature) {
-    for (const CK_MECHANISM_TYPE type : {CKM_RSA_PKCS, CKM_SHA256_RSA_PKCS}) {
-        const auto mechanism = static_cast<CK_MECHANISM_TYPE>(type);
-        begin(mechanism);
+    for (const CK_MECHANISM_TYPE type : Numbers{CKM_RSA_PKCS, CKM_SHA256_RSA_PKCS}) {
+        begin(type);
         length = 3;
         EXPECT_EQ(signSize({1, 2, 3}).device.back(), signHash(type == CKM_RSA_PKCS ? Bytes{1, 2, 3} : digest));
         EXPECT_EQ(length, 256U);
@@ -148,16 +146,14 @@ TEST_F(SigningSingleTest, ASizeQueryComputesAndKeepsTheSignature) {
 }
 
 TEST_F(SigningSingleTest, TheStatedCapacityIsNeverLookedAt) {
-    for (const CK_ULONG capacity : {CK_ULONG{0}, CK_ULONG{1}, CK_ULONG{255}, CK_ULONG{256}, CK_ULONG{257},
-                                    CK_UNAVAILABLE_INFORMATION}) {
+    for (const CK_ULONG capacity : Numbers{0, 1, 255, 256, 257, CK_UNAVAILABLE_INFORMATION}) {
         begin(CKM_RSA_PKCS);
         Room target(300);
         unsigned char data[1] = {1};
         CK_ULONG size = capacity;
-        EXPECT_EQ(observe([&] {
-                      return api->C_Sign(session, data, 1, static_cast<CK_BYTE_PTR>(target.address()), &size);
-                  }),
-                  (Outcome{CKR_OK, traced(CKM_RSA_PKCS, {1}), {signHash({1})}}));
+        EXPECT_EQ(
+            observe([&] { return api->C_Sign(session, data, 1, static_cast<CK_BYTE_PTR>(target.address()), &size); }),
+            (Outcome{CKR_OK, traced(CKM_RSA_PKCS, {1}), {signHash({1})}}));
         EXPECT_EQ(size, 256U);
         EXPECT_EQ(target.first(256), signature);
         EXPECT_TRUE(target.untouchedFrom(256));

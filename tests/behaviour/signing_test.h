@@ -40,7 +40,9 @@ inline std::string initHash(int hashCode, const std::string& serial = "SN1") {
 }
 
 /// `context` is a number of creation, 0 for null.
-inline std::string contextName(int context) { return context == 0 ? "null" : text("context#", context); }
+inline std::string contextName(int context) {
+    return context == 0 ? "null" : text("context#", context);
+}
 
 inline std::string updateHash(int context, const Bytes& data) {
     return text("zentak_updateHash(", contextName(context), ", ", shown(data), ", instance)");
@@ -55,6 +57,14 @@ inline std::string signHash(const Bytes& data, bool pss = false, const std::stri
                             const std::string& pin = "246810") {
     return text("zentak_signHash(\"", token, "\", ", shownKeyReference(5), ", \"", pin, "\", ", shown(data),
                 ", out, *1024, false, instance, ", pss ? "true" : "false", ")");
+}
+
+/// True for the signing of no bytes; their address means nothing.
+inline bool signsNothing(const std::string& call) {
+    const std::string withAddress = signHash({});
+    std::string withoutAddress = withAddress;
+    withoutAddress.replace(withoutAddress.find("<>, 0"), 2, "null");
+    return call == withAddress || call == withoutAddress;
 }
 
 /// A session in which a user is logged in; the key pair 5 is on both tokens.
@@ -77,8 +87,8 @@ protected:
     Outcome sign(const Bytes& data) { return signIn(session, data); }
     Outcome signIn(CK_SESSION_HANDLE where, const Bytes& data) {
         Bytes copy = data;
-        return withRoom([&](CK_BYTE_PTR signature) {
-            return api->C_Sign(where, copy.data(), static_cast<CK_ULONG>(copy.size()), signature, &length);
+        return withRoom([&](CK_BYTE_PTR target) {
+            return api->C_Sign(where, copy.data(), static_cast<CK_ULONG>(copy.size()), target, &length);
         });
     }
     Outcome update(const Bytes& part) {
@@ -86,8 +96,8 @@ protected:
         return observe([&] { return api->C_SignUpdate(session, copy.data(), static_cast<CK_ULONG>(copy.size())); });
     }
     /// C_SignFinal into `room`.
-    Outcome final() {
-        return withRoom([&](CK_BYTE_PTR signature) { return api->C_SignFinal(session, signature, &length); });
+    Outcome finish() {
+        return withRoom([&](CK_BYTE_PTR target) { return api->C_SignFinal(session, target, &length); });
     }
     /// The same two with a null signature pointer.
     Outcome signSize(const Bytes& data) {
@@ -95,7 +105,7 @@ protected:
         return observe(
             [&] { return api->C_Sign(session, copy.data(), static_cast<CK_ULONG>(copy.size()), nullptr, &length); });
     }
-    Outcome finalSize() {
+    Outcome finishSize() {
         return observe([&] { return api->C_SignFinal(session, nullptr, &length); });
     }
 
@@ -112,7 +122,7 @@ protected:
     }
     void setResult(const std::string& operation, int result) { world.results[operation] = result; }
 
-    const Bytes digest = countingBytes(0xD0, 32);     ///< as the scripted library gives it
+    const Bytes digest = countingBytes(0xD0, 32);      ///< as the scripted library gives it
     const Bytes signature = countingBytes(0x50, 256);  ///< likewise
     CK_SESSION_HANDLE session = 0;
     CK_ULONG length = 0;  ///< written by the last call

@@ -153,7 +153,9 @@ Template& Template::add(CK_ATTRIBUTE_TYPE type, const Bytes& value) {
 
 Template& Template::add(CK_ATTRIBUTE_TYPE type, const char* text) {
     const std::string_view view = text;
-    return add(type, Bytes(view.begin(), view.end()));
+    Bytes& kept = values_.emplace_back(view.begin(), view.end());
+    kept.push_back(0);
+    return addRaw(type, kept.data(), static_cast<CK_ULONG>(view.size()));
 }
 
 Template& Template::add(CK_ATTRIBUTE_TYPE type, bool value) {

@@ -61,6 +61,7 @@ CertificateDetails makeDetails(const std::string& text2, const std::string& text
 class Template {
 public:
     Template& add(CK_ATTRIBUTE_TYPE type, const Bytes& value);
+    /// The text without its terminator, which stands behind it all the same: a label is searched for as a C string.
     Template& add(CK_ATTRIBUTE_TYPE type, const char* text);
     Template& add(CK_ATTRIBUTE_TYPE type, bool value);
     Template& addNumber(CK_ATTRIBUTE_TYPE type, CK_ULONG value);

@@ -3,6 +3,7 @@
 #ifndef ZENTAK_TESTS_SUPPORT_SCRIPTED_CALL_H
 #define ZENTAK_TESTS_SUPPORT_SCRIPTED_CALL_H
 
+#include <algorithm>
 #include <deque>
 #include <functional>
 #include <list>
@@ -34,6 +35,11 @@ struct Device::Hidden {
     std::vector<ZentakCertificate> certificateList;
     int buffersHandedOut = 0;
 };
+
+/// Copies `source` into an area of that capacity, as far as it fits.
+inline void copyInto(unsigned char* area, const Bytes& source, std::size_t capacity) {
+    std::copy_n(source.begin(), std::min(source.size(), capacity), area);
+}
 
 /// Made first thing in an operation, which names its arguments in their order and then calls `perform`.
 class Call {

@@ -1,0 +1,291 @@
+// Slot information and token information.
+
+#include "slots_test.h"
+
+namespace {
+
+using namespace support;
+
+/// Slots with one token, whose `TokenInfo` the test changes before it calls `list`.
+class SlotInfo : public SlotsTest {
+protected:
+    TokenInfo token = makeTokenInfo("SN1");
+
+    void list() const {
+        device().connectedDevices.clear();
+        plugIn(token);
+        EXPECT_EQ(listSlots(), (std::vector<CK_SLOT_ID>{firstSlot}));
+    }
+
+    CK_SLOT_INFO slotInfo() const {
+        list();
+        CK_SLOT_INFO info = filledWith<CK_SLOT_INFO>(0xFF);
+        EXPECT_EQ(functions().C_GetSlotInfo(firstSlot, &info), CKR_OK);
+        return info;
+    }
+
+    CK_TOKEN_INFO tokenInfo() const {
+        list();
+        CK_TOKEN_INFO info = filledWith<CK_TOKEN_INFO>(0xFF);
+        EXPECT_EQ(functions().C_GetTokenInfo(firstSlot, &info), CKR_OK);
+        return info;
+    }
+
+    CK_SLOT_INFO expectedSlotInfo() const {
+        CK_SLOT_INFO info = {};
+        std::memcpy(info.slotDescription, token.label.data(), token.label.size());
+        std::strcpy(reinterpret_cast<char*>(info.manufacturerID), "Dravenko Sentronics");
+        info.flags = 7;
+        info.hardwareVersion = {1, 0};
+        info.firmwareVersion = {3, 6};
+        return info;
+    }
+
+    CK_TOKEN_INFO expectedTokenInfo() const {
+        CK_TOKEN_INFO info = {};
+        std::memcpy(info.label, token.label.data(), token.label.size());
+        std::strcpy(reinterpret_cast<char*>(info.manufacturerID), "Dravenko Sentronics");
+        std::memcpy(info.model, token.model.data(), token.model.size());
+        std::memcpy(info.serialNumber, token.serialNumber.data(), token.serialNumber.size());
+        info.flags = 0x40D;
+        info.ulMaxPinLen = 63;
+        info.ulMinPinLen = 4;
+        info.ulTotalPublicMemory = CK_UNAVAILABLE_INFORMATION;
+        info.ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
+        info.ulTotalPrivateMemory = CK_UNAVAILABLE_INFORMATION;
+        info.ulFreePrivateMemory = CK_UNAVAILABLE_INFORMATION;
+        info.hardwareVersion = {1, 0};
+        info.firmwareVersion = {3, 6};
+        std::memset(info.utcTime, ' ', sizeof info.utcTime);
+        return info;
+    }
+};
+
+// --- The slot ID ----------------------------------------------------------------------------------------------------
+
+std::vector<CK_SLOT_ID> noSlots() {
+    std::vector<CK_SLOT_ID> ids = {
+        0, 1, firstSlot - 1, firstSlot + 1, firstSlot + 2, 0x60000001UL, 0xD0000001UL, CK_UNAVAILABLE_INFORMATION};
+    if constexpr (sizeof(CK_SLOT_ID) > 4) {
+        ids.push_back(static_cast<CK_SLOT_ID>(0x150000001ULL));  // its low 32 bits would be the first slot
+        ids.push_back(static_cast<CK_SLOT_ID>(0xFFFFFFFF50000001ULL));
+    }
+    return ids;
+}
+
+TEST_F(SlotInfo, slotInfoRefusesAnUnknownSlotFirst) {
+    list();
+    for (const CK_SLOT_ID slot : noSlots()) {
+        CK_SLOT_INFO info = filledWith<CK_SLOT_INFO>(0xFF);
+        for (CK_SLOT_INFO* const pointer : {&info, static_cast<CK_SLOT_INFO*>(nullptr)}) {
+            EXPECT_EQ(functions().C_GetSlotInfo(slot, pointer), CKR_SLOT_ID_INVALID);
+            EXPECT_EQ(log(), (Lines{"DEBUG C_GetSlotInfo", "ERROR C_GetSlotInfo: invalid slotID=" + decimal(slot)}));
+        }
+        EXPECT_EQ(bytesOf(info), Bytes(sizeof info, 0xFF));
+    }
+    EXPECT_EQ(calls(), Lines{});
+}
+
+TEST_F(SlotInfo, tokenInfoRefusesAnUnknownSlotFirst) {
+    list();
+    for (const CK_SLOT_ID slot : noSlots()) {
+        CK_TOKEN_INFO info = filledWith<CK_TOKEN_INFO>(0xFF);
+        for (CK_TOKEN_INFO* const pointer : {&info, static_cast<CK_TOKEN_INFO*>(nullptr)}) {
+            EXPECT_EQ(functions().C_GetTokenInfo(slot, pointer), CKR_SLOT_ID_INVALID);
+            EXPECT_EQ(log(), (Lines{"DEBUG C_GetTokenInfo", "ERROR C_GetTokenInfo: invalid slotID=" + decimal(slot)}));
+        }
+        EXPECT_EQ(bytesOf(info), Bytes(sizeof info, 0xFF));
+    }
+    EXPECT_EQ(calls(), Lines{});
+}
+
+TEST_F(SlotInfo, noSlotBeforeTheFirstListing) {
+    plugIn(token);
+    CK_ULONG count = 0;
+    EXPECT_EQ(functions().C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
+    EXPECT_EQ(resultFor(firstSlot), CKR_SLOT_ID_INVALID);
+}
+
+TEST_F(SlotInfo, aNullPointerIsRefusedAfterTheSlot) {
+    list();
+    EXPECT_EQ(functions().C_GetSlotInfo(firstSlot, nullptr), CKR_ARGUMENTS_BAD);
+    EXPECT_EQ(log(), (Lines{"DEBUG C_GetSlotInfo", "ERROR C_GetSlotInfo: pInfo is NULL"}));
+    EXPECT_EQ(functions().C_GetTokenInfo(firstSlot, nullptr), CKR_ARGUMENTS_BAD);
+    EXPECT_EQ(log(), (Lines{"DEBUG C_GetTokenInfo", "ERROR C_GetTokenInfo: pInfo is NULL"}));
+    EXPECT_EQ(calls(), Lines{});
+}
+
+// --- C_GetSlotInfo --------------------------------------------------------------------------------------------------
+
+TEST_F(SlotInfo, slotInfoIsWrittenWhole) {
+    EXPECT_EQ(bytesOf(slotInfo()), bytesOf(expectedSlotInfo()));
+    EXPECT_EQ(log(), (Lines{"DEBUG C_GetSlotInfo"}));
+    EXPECT_EQ(calls(), Lines{});  // from the table, not from the device
+}
+
+TEST_F(SlotInfo, slotLabels) {
+    for (const std::size_t length : {0U, 1U, 32U, 33U, 62U, 63U, 64U}) {
+        token.label = std::string(length, 'L');
+        EXPECT_EQ(bytesOf(slotInfo()), bytesOf(expectedSlotInfo())) << length;
+    }
+}
+
+/// What doesn't fit is cut, and the field behind isn't touched.
+TEST_F(SlotInfo, aLongerSlotLabelIsCut) {
+    for (const std::size_t length : {65U, 66U, 96U, 200U, 5000U}) {
+        token.label = std::string(length, 'L');
+        const CK_SLOT_INFO info = slotInfo();
+        token.label = std::string(64, 'L');
+        EXPECT_EQ(bytesOf(info), bytesOf(expectedSlotInfo())) << length;
+    }
+}
+
+TEST_F(SlotInfo, aSlotLabelMayHoldAnyBytes) {
+    token.label = "Schl\xC3\xBCssel \xE2\x80\x94 \xFF\x80";
+    EXPECT_EQ(bytesOf(slotInfo()), bytesOf(expectedSlotInfo()));
+}
+
+struct Firmware {
+    const char* text;
+    unsigned char major;
+    unsigned char minor;
+};
+
+constexpr Firmware firmwares[] = {{"3", 3, 0},           {"3.6", 3, 6},    {"3.06", 3, 6}, {"12.34", 12, 34},
+                                  {"x.y", 0, 0},         {"x.7", 0, 7},    {"7.y", 7, 0},  {"", 0, 0},
+                                  {".", 0, 0},           {".5", 0, 5},     {"4.", 4, 0},   {"1.2.3", 1, 2},
+                                  {"255.255", 255, 255}, {"300.1", 44, 1},  // the low byte
+                                  {"1..2", 1, 0}};
+
+TEST_F(SlotInfo, firmwareVersions) {
+    for (const Firmware& firmware : firmwares) {
+        token.firmwareVersion = firmware.text;
+        CK_SLOT_INFO expectedSlot = expectedSlotInfo();
+        expectedSlot.firmwareVersion = {firmware.major, firmware.minor};
+        EXPECT_EQ(bytesOf(slotInfo()), bytesOf(expectedSlot)) << firmware.text;
+        CK_TOKEN_INFO expectedToken = expectedTokenInfo();
+        expectedToken.firmwareVersion = {firmware.major, firmware.minor};
+        EXPECT_EQ(bytesOf(tokenInfo()), bytesOf(expectedToken)) << firmware.text;
+    }
+}
+
+TEST_F(SlotInfo, aFirmwareNumberOfAnyLengthDoesNoHarm) {
+    for (const char* const text : {"99999999999.1", "-1.-1", "18446744073709551616.99999999999999999999999"}) {
+        token.firmwareVersion = text;
+        slotInfo();
+        tokenInfo();
+    }
+    token.firmwareVersion = std::string(100000, '9');
+    slotInfo();
+}
+
+// --- C_GetTokenInfo -------------------------------------------------------------------------------------------------
+
+TEST_F(SlotInfo, tokenInfoIsWrittenWhole) {
+    EXPECT_EQ(bytesOf(tokenInfo()), bytesOf(expectedTokenInfo()));
+    EXPECT_EQ(log(), (Lines{"DEBUG C_GetTokenInfo", "DEBUG C_GetTokenInfo -- exit"}));
+    EXPECT_EQ(calls(), Lines{});
+}
+
+TEST_F(SlotInfo, tokenLabels) {
+    const std::string label = "abcdefghijklmnopqrstuvwxyz0123456789";
+    const std::pair<std::size_t, std::size_t> shownOf[] = {{0, 0},   {1, 1},   {29, 29}, {30, 30},
+                                                           {31, 30}, {32, 30}, {33, 32}, {36, 32}};
+    for (const auto& [length, shown] : shownOf) {
+        token.label = label.substr(0, length);
+        const CK_TOKEN_INFO info = tokenInfo();
+        token.label = label.substr(0, shown);
+        EXPECT_EQ(bytesOf(info), bytesOf(expectedTokenInfo())) << length;
+    }
+}
+
+TEST_F(SlotInfo, models) {
+    const std::string model = "AB1defghijklmnopqrst";
+    for (const std::size_t length : {0U, 1U, 2U, 3U, 15U, 16U, 17U, 20U}) {
+        token.model = model.substr(0, length);
+        const CK_TOKEN_INFO info = tokenInfo();
+        token.model = model.substr(0, 16);
+        if (length < 16) {
+            token.model = model.substr(0, length);
+        }
+        EXPECT_EQ(bytesOf(info), bytesOf(expectedTokenInfo())) << length;
+    }
+}
+
+TEST_F(SlotInfo, serialNumbers) {
+    const std::string serial = "0123456789ABCDEFGHIJ";
+    for (const std::size_t length : {1U, 15U, 16U, 17U, 20U}) {
+        token = makeTokenInfo(serial.substr(0, length));
+        token.label = "label";
+        const CK_TOKEN_INFO info = tokenInfo();
+        token.serialNumber = serial.substr(0, std::min<std::size_t>(length, 16));
+        EXPECT_EQ(bytesOf(info), bytesOf(expectedTokenInfo())) << length;
+    }
+}
+
+TEST_F(SlotInfo, pinFlags) {
+    const std::pair<int, CK_FLAGS> flagsOfAttempts[] = {{0, CKF_USER_PIN_LOCKED},
+                                                        {1, CKF_USER_PIN_FINAL_TRY},
+                                                        {2, CKF_USER_PIN_COUNT_LOW},
+                                                        {3, 0},
+                                                        {5, 0},
+                                                        {-1, 0},
+                                                        {256, 0}};
+    for (const int changed : {1, 0, 2, -1, 257}) {
+        for (const auto& [attempts, flags] : flagsOfAttempts) {
+            token.userPinChanged = changed;
+            token.userPinAttemptsLeft = attempts;
+            CK_TOKEN_INFO expected = expectedTokenInfo();
+            expected.flags = (changed == 1 ? 0x40DUL : 0x8040DUL) | flags;
+            EXPECT_EQ(bytesOf(tokenInfo()), bytesOf(expected)) << changed << " " << attempts;
+        }
+    }
+}
+
+/// Sessions of all slots count, but only while nobody is logged in to them.
+TEST_F(SlotInfo, sessionCountsAreOfPublicSessionsOnAllSlots) {
+    connect({"SN1", "SN2"});
+    listSlots();
+    const CK_SESSION_HANDLE first = openSession(0, firstSlot);
+    openSession(CKF_RW_SESSION, firstSlot);
+    openSession(0, firstSlot + 1);
+    openSession(0, firstSlot + 1);
+    openSession(CKF_RW_SESSION, firstSlot + 1);
+    openSession(CKF_RW_SESSION, firstSlot + 1);
+    openSession(CKF_RW_SESSION, firstSlot + 1);
+    const auto expectCounts = [](CK_ULONG readOnly, CK_ULONG readWrite) {
+        for (const CK_SLOT_ID slot : {firstSlot, firstSlot + 1}) {
+            CK_TOKEN_INFO info = {};
+            EXPECT_EQ(functions().C_GetTokenInfo(slot, &info), CKR_OK);
+            EXPECT_EQ(+info.ulSessionCount, readOnly);
+            EXPECT_EQ(+info.ulRwSessionCount, readWrite);
+            EXPECT_EQ(+info.ulMaxSessionCount, 0U);
+            EXPECT_EQ(+info.ulMaxRwSessionCount, 0U);
+        }
+    };
+    expectCounts(3, 4);
+    login(first);
+    expectCounts(2, 3);
+    ASSERT_EQ(functions().C_Logout(first), CKR_OK);
+    expectCounts(3, 4);
+    ASSERT_EQ(functions().C_CloseAllSessions(firstSlot), CKR_OK);
+    expectCounts(0, 0);
+    const CK_SESSION_HANDLE officer = openSession(CKF_RW_SESSION);
+    login(officer, "officer pin", CKU_SO);
+    expectCounts(0, 0);
+}
+
+/// The table is read, not the device: what changed since the last listing isn't seen.
+TEST_F(SlotInfo, informationIsThatOfTheLastListing) {
+    list();
+    device().tokenInfo["SN1"].label = "renamed";
+    device().tokenInfo["SN1"].userPinAttemptsLeft = 1;
+    CK_TOKEN_INFO info = {};
+    EXPECT_EQ(functions().C_GetTokenInfo(firstSlot, &info), CKR_OK);
+    EXPECT_EQ(bytesOf(info), bytesOf(expectedTokenInfo()));
+    listSlots();
+    EXPECT_EQ(functions().C_GetTokenInfo(firstSlot, &info), CKR_OK);
+    EXPECT_EQ(+info.flags, 0x2040DU);
+}
+
+}  // namespace

@@ -1,0 +1,305 @@
+// Reading certificates, storing them, and finding them in folders.
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <functional>
+
+#include "certificates.h"
+#include "test_certificates.h"
+#include "token_test.h"
+
+namespace softtoken {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+CertificateDetails detailsOf(const Bytes& der) {
+    CertificateDetails details;
+    EXPECT_EQ(zentak_getCertificateDetails(der.data(), static_cast<int>(der.size()), &details, nullptr), 0);
+    return details;
+}
+
+TEST(CertificateParsing, NamesAndValidity) {
+    const CertificateDetails details = detailsOf(makeCertificate(testKey(5)));
+    EXPECT_EQ(details.text1, "1234");
+    EXPECT_EQ(details.text2, "Alice");
+    EXPECT_EQ(details.text3, "Root");
+    EXPECT_EQ(details.text4, "2026-01-02T03:04:05Z");
+    EXPECT_EQ(details.text5, "2036-01-02T03:04:05Z");
+    EXPECT_EQ(details.text6, "CN=Root,O=Org,C=XX");
+    EXPECT_EQ(details.text7, "CN=Alice,O=Org,C=XX");
+    EXPECT_EQ(details.text8, "");
+}
+
+TEST(CertificateParsing, NamesBeyondAsciiAreUtf8) {
+    CertificateSettings settings;
+    settings.subject = {{"O", "B\xC3\xBCro, GmbH"}, {"CN", "\xC3\x85lice"}};
+    const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
+    EXPECT_EQ(details.text2, "\xC3\x85lice");
+    EXPECT_EQ(details.text7, "CN=\xC3\x85lice,O=B\xC3\xBCro\\, GmbH");
+}
+
+TEST(CertificateParsing, NameWithoutCommonNameStandsForItself) {
+    CertificateSettings settings;
+    settings.issuer = {{"C", "XX"}, {"O", "Old Authority"}};
+    const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
+    EXPECT_EQ(details.text3, "O=Old Authority,C=XX");
+    EXPECT_EQ(details.text6, details.text3);
+}
+
+TEST(CertificateParsing, EmptyNames) {
+    CertificateSettings settings;
+    settings.subject.clear();
+    settings.issuer.clear();
+    const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
+    EXPECT_EQ(details.text2, "");
+    EXPECT_EQ(details.text3, "");
+    EXPECT_EQ(details.text7, "");
+}
+
+TEST(CertificateParsing, LastCommonNameCounts) {
+    CertificateSettings settings;
+    settings.subject = {{"CN", "Users"}, {"CN", "Alice"}};
+    const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
+    EXPECT_EQ(details.text2, "Alice");
+    EXPECT_EQ(details.text7, "CN=Alice,CN=Users");
+}
+
+TEST(CertificateParsing, CommonNameWithAZeroByteIsNotTakenAsText) {
+    CertificateSettings settings;
+    settings.subject = {{"CN", std::string("good\0evil", 9)}};
+    const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
+    EXPECT_EQ(details.text2, "CN=good\\00evil");
+}
+
+TEST(CertificateParsing, PublicKeyIsInTheFormOfKeyPairs) {
+    for (int keyType = 1; keyType <= 7; ++keyType) {
+        const Key& key = testKey(keyType);
+        const CertificateDetails details = detailsOf(makeCertificate(key));
+        ASSERT_FALSE(details.publicKey.empty());
+        if (keyType <= 4) {
+            BIGNUM* modulus = nullptr;
+            ASSERT_EQ(EVP_PKEY_get_bn_param(key.get(), "n", &modulus), 1);
+            const BigNumber owned(modulus);
+            Bytes expected(static_cast<std::size_t>(BN_num_bytes(modulus)));
+            BN_bn2bin(modulus, expected.data());
+            EXPECT_EQ(details.publicKey, expected);
+            EXPECT_EQ(details.publicKey.size(), keyType == 1 ? 128U : 128U * static_cast<unsigned>(keyType));
+        } else {
+            unsigned char* point = nullptr;
+            const std::size_t length = EVP_PKEY_get1_encoded_public_key(key.get(), &point);
+            EXPECT_EQ(details.publicKey, Bytes(point, point + length));
+            EXPECT_EQ(details.publicKey[0], 0x04);
+            OPENSSL_free(point);
+        }
+    }
+}
+
+TEST(CertificateParsing, NamesAndSerialNumberInDerAreThoseOfTheCertificate) {
+    CertificateSettings settings;
+    settings.serialNumber = {0x80, 0x00, 0x01};
+    const Bytes der = makeCertificate(testKey(5), settings);
+    const int length = static_cast<int>(der.size());
+    const Bytes subject = zentak_getCertificateSubject(der.data(), length, nullptr);
+    const Bytes issuer = zentak_getCertificateIssuer(der.data(), length, nullptr);
+    EXPECT_EQ(zentak_getCertificateSerialDER(der.data(), length, nullptr), (Bytes{0x02, 0x04, 0x00, 0x80, 0x00, 0x01}));
+    ASSERT_FALSE(subject.empty());
+    ASSERT_FALSE(issuer.empty());
+    EXPECT_NE(subject, issuer);
+    EXPECT_EQ(subject[0], 0x30);
+    EXPECT_NE(std::search(der.begin(), der.end(), subject.begin(), subject.end()), der.end());
+    EXPECT_NE(std::search(der.begin(), der.end(), issuer.begin(), issuer.end()), der.end());
+    EXPECT_LT(std::search(der.begin(), der.end(), issuer.begin(), issuer.end()),
+              std::search(der.begin(), der.end(), subject.begin(), subject.end()));
+}
+
+TEST(CertificateParsing, GarbageIsRefusedAndLeavesTheDetailsEmpty) {
+    const Bytes good = makeCertificate(testKey(5));
+    Bytes longer = good;
+    longer.push_back(0);
+    const Bytes cut(good.begin(), good.end() - 1);
+    for (const Bytes& der :
+         {Bytes{0x30, 0x03, 0x01, 0x01, 0x00}, Bytes(100, 0xFF), Bytes{0x30, 0x84, 0xFF, 0xFF, 0xFF}, longer, cut}) {
+        CertificateDetails details;
+        const int length = static_cast<int>(der.size());
+        EXPECT_EQ(zentak_getCertificateDetails(der.data(), length, &details, nullptr),
+                  number(Error::certificateInvalid));
+        EXPECT_TRUE(details.text2.empty() && details.text7.empty() && details.publicKey.empty());
+        EXPECT_TRUE(zentak_getCertificateSubject(der.data(), length, nullptr).empty());
+        EXPECT_TRUE(zentak_getCertificateIssuer(der.data(), length, nullptr).empty());
+        EXPECT_TRUE(zentak_getCertificateSerialDER(der.data(), length, nullptr).empty());
+    }
+}
+
+TEST(CertificateParsing, EveryFlippedByteIsReadOrRefused) {
+    const Bytes good = makeCertificate(testKey(5));
+    for (std::size_t position = 0; position < good.size(); ++position) {
+        Bytes der = good;
+        der[position] ^= 0x55;
+        CertificateDetails details;
+        const int result = zentak_getCertificateDetails(der.data(), static_cast<int>(der.size()), &details, nullptr);
+        EXPECT_TRUE(result == 0 || result == number(Error::certificateInvalid)) << position;
+    }
+}
+
+TEST(CertificateParsing, NoBytesOrNegativeLengths) {
+    const Bytes good = makeCertificate(testKey(5));
+    CertificateDetails details;
+    for (const int length : {0, -1, INT_MIN}) {
+        EXPECT_NE(zentak_getCertificateDetails(good.data(), length, &details, nullptr), 0);
+        EXPECT_NE(zentak_getCertificateDetails(nullptr, length, &details, nullptr), 0);
+        EXPECT_TRUE(zentak_getCertificateSubject(good.data(), length, nullptr).empty());
+    }
+    EXPECT_NE(zentak_getCertificateDetails(nullptr, 100, &details, nullptr), 0);
+    EXPECT_NE(zentak_getCertificateDetails(good.data(), static_cast<int>(good.size()), nullptr, nullptr), 0);
+}
+
+class CertificateStorage : public TokenTest {
+protected:
+    static ZentakCertificate recordFor(const Bytes& der, const std::string& label = "", const Bytes& objectId = {}) {
+        ZentakCertificate record{};
+        std::copy_n(der.begin(), std::min(der.size(), sizeof record.der), record.der);
+        record.derLength = static_cast<int>(der.size());
+        std::copy(objectId.begin(), objectId.end(), record.objectId);
+        record.objectIdLength = static_cast<int>(objectId.size());
+        label.copy(record.label, sizeof record.label - 1);
+        return record;
+    }
+    int import(ZentakCertificate& record, const char* password = "") {
+        return zentak_importCertificate(device(), password, &record, instance_);
+    }
+    const std::vector<ZentakCertificate>& list() { return zentak_getCertificateList(device(), instance_); }
+};
+
+TEST_F(CertificateStorage, ImportNeedsNoPin) {
+    const Bytes der = makeCertificate(testKey(5));
+    ZentakCertificate record = recordFor(der, "Alice", {0xAB, 0xCD});
+    ASSERT_EQ(import(record), 0);
+    ASSERT_EQ(list().size(), 1U);
+    const ZentakCertificate& stored = list()[0];
+    EXPECT_EQ(stored.id, 1U);
+    EXPECT_EQ(std::memcmp(stored.certId, record.certId, 16), 0);
+    EXPECT_EQ(Bytes(stored.der, stored.der + stored.derLength), der);
+    EXPECT_EQ(Bytes(stored.objectId, stored.objectId + stored.objectIdLength), (Bytes{0xAB, 0xCD}));
+    EXPECT_STREQ(stored.label, "Alice");
+    EXPECT_TRUE(std::all_of(stored.der + stored.derLength, stored.der + sizeof stored.der,
+                            [](unsigned char byte) { return byte == 0; }));
+}
+
+TEST_F(CertificateStorage, WrongPinIsIgnoredAndNotCounted) {
+    ZentakCertificate record = recordFor(makeCertificate(testKey(5)));
+    EXPECT_EQ(import(record, "000000"), 0);
+    EXPECT_EQ(attemptsLeft(), 5);
+}
+
+TEST_F(CertificateStorage, SameCertificateIsStoredOnceAndCompleted) {
+    const Bytes der = makeCertificate(testKey(5));
+    ZentakCertificate first = recordFor(der);
+    ASSERT_EQ(import(first), 0);
+    ZentakCertificate second = recordFor(der, "Alice", {1});
+    ASSERT_EQ(import(second), 0);
+    EXPECT_EQ(std::memcmp(first.certId, second.certId, 16), 0);
+    ZentakCertificate third = recordFor(der, "Bob", {2});
+    ASSERT_EQ(import(third), 0);
+    ASSERT_EQ(list().size(), 1U);
+    EXPECT_STREQ(list()[0].label, "Alice");
+    EXPECT_EQ(list()[0].objectId[0], 1);
+}
+
+TEST_F(CertificateStorage, LargestCertificateFits) {
+    CertificateSettings settings;
+    settings.paddingLength = 2000;
+    const std::size_t base = makeCertificate(testKey(2), settings).size();
+    settings.paddingLength += maximumCertificateLength - base;
+    const Bytes der = makeCertificate(testKey(2), settings);
+    ASSERT_EQ(der.size(), maximumCertificateLength);
+    ZentakCertificate record = recordFor(der);
+    EXPECT_EQ(import(record), 0);
+    EXPECT_EQ(list()[0].derLength, static_cast<int>(maximumCertificateLength));
+}
+
+TEST_F(CertificateStorage, RecordsWithImpossibleFieldsAreRefused) {
+    const Bytes der = makeCertificate(testKey(5));
+    const auto expectRefused = [&](const std::function<void(ZentakCertificate&)>& spoil) {
+        ZentakCertificate record = recordFor(der);
+        spoil(record);
+        EXPECT_NE(import(record), 0);
+        EXPECT_TRUE(list().empty());
+    };
+    for (const int length : {-1, 0, 3073, INT_MAX, INT_MIN}) {
+        expectRefused([&](ZentakCertificate& record) { record.derLength = length; });
+    }
+    for (const int length : {-1, 129, INT_MAX, INT_MIN}) {
+        expectRefused([&](ZentakCertificate& record) { record.objectIdLength = length; });
+    }
+    expectRefused([](ZentakCertificate& record) { std::memset(record.label, 'a', sizeof record.label); });
+    expectRefused([](ZentakCertificate& record) { record.der[0] = 0; });
+}
+
+TEST_F(CertificateStorage, FullTokenSaysSo) {
+    store_.change(serialNumber_, [](TokenData& token) { token.capacity = 1; });
+    ZentakCertificate first = recordFor(makeCertificate(testKey(5)));
+    ZentakCertificate second = recordFor(makeCertificate(testKey(6)));
+    EXPECT_EQ(import(first), 0);
+    EXPECT_EQ(import(second), 242);
+    // The one that is there already needs no room.
+    EXPECT_EQ(import(first), 0);
+}
+
+class FolderScan : public testing::Test {
+protected:
+    using Found = std::vector<std::pair<std::string, Bytes>>;
+
+    Found scan(const std::string& folder,
+               const std::vector<std::string>& extensions = {".cer", ".der", ".pem", ".crt"}) {
+        return zentak_getFilesWithExtensionsAndConvertDER(folder.c_str(), extensions, nullptr);
+    }
+    void write(const std::string& name, const std::string& content) { writeFile(folder_.path() / name, content); }
+
+    TemporaryFolder folder_;
+    const Bytes der_ = makeCertificate(testKey(5));
+    const std::string derText_{der_.begin(), der_.end()};
+};
+
+TEST_F(FolderScan, FindsWantedFilesInOrderAndConvertsPem) {
+    write("b.der", derText_);
+    write("a.PEM", "some text\n" + pemCertificate(der_));
+    write("c.txt", derText_);
+    write("d.crt", "");
+    fs::create_directories(folder_.path() / "e.cer");
+    EXPECT_EQ(scan(folder_.path().string()), (Found{{"a.PEM", der_}, {"b.der", der_}}));
+    EXPECT_EQ(scan(folder_.path().string(), {".der"}), (Found{{"b.der", der_}}));
+    EXPECT_TRUE(scan(folder_.path().string(), {}).empty());
+}
+
+TEST_F(FolderScan, BundleGivesEachOfItsCertificates) {
+    const Bytes other = makeCertificate(testKey(6));
+    write("bundle.pem", pemCertificate(der_) + pemPrivateKey(testKey(5)) + pemCertificate(other));
+    EXPECT_EQ(scan(folder_.path().string()), (Found{{"bundle.pem", der_}, {"bundle.pem", other}}));
+}
+
+TEST_F(FolderScan, BothKindsOfSlashSeparate) {
+    fs::create_directories(folder_.path() / "ZentakDSC" / "Certificates");
+    writeFile(folder_.path() / "ZentakDSC" / "Certificates" / "a.cer", derText_);
+    EXPECT_EQ(scan(folder_.path().string() + "\\ZentakDSC\\Certificates").size(), 1U);
+    EXPECT_EQ(scan(folder_.path().string() + "/ZentakDSC/Certificates").size(), 1U);
+}
+
+TEST_F(FolderScan, MissingFolderHoldsNothing) {
+    EXPECT_TRUE(scan((folder_.path() / "none").string()).empty());
+    EXPECT_TRUE(scan("").empty());
+    EXPECT_TRUE(zentak_getFilesWithExtensionsAndConvertDER(nullptr, {".cer"}, nullptr).empty());
+}
+
+TEST_F(FolderScan, HugeAndBrokenFilesDoNotHarm) {
+    write("huge.cer", std::string((1 << 20) + 1, 'x'));
+    write("broken.pem", "-----BEGIN CERTIFICATE-----\n!!!\n-----END CERTIFICATE-----\n");
+    write("good.cer", derText_);
+    EXPECT_EQ(scan(folder_.path().string()), (Found{{"good.cer", der_}}));
+}
+
+}  // namespace
+
+}  // namespace softtoken

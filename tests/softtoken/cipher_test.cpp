@@ -1,0 +1,220 @@
+// Encryption, decryption, key agreement and random bytes.
+
+#include <climits>
+#include <cstdlib>
+#include <openssl/rsa.h>
+
+#include "test_certificates.h"
+#include "token_test.h"
+
+namespace softtoken {
+
+namespace {
+
+Bytes spkiOf(const Key& key) {
+    Bytes der(static_cast<std::size_t>(i2d_PUBKEY(key.get(), nullptr)));
+    unsigned char* position = der.data();
+    i2d_PUBKEY(key.get(), &position);
+    return der;
+}
+
+Bytes opensslCrypts(const Key& key, const Bytes& data, int padding, bool encrypting) {
+    const KeyContext context(EVP_PKEY_CTX_new(key.get(), nullptr));
+    EXPECT_EQ(encrypting ? EVP_PKEY_encrypt_init(context.get()) : EVP_PKEY_decrypt_init(context.get()), 1);
+    EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), padding), 1);
+    Bytes output(1024);
+    std::size_t length = output.size();
+    EXPECT_EQ((encrypting ? EVP_PKEY_encrypt : EVP_PKEY_decrypt)(context.get(), output.data(), &length, data.data(),
+                                                                 data.size()),
+              1);
+    output.resize(length);
+    return output;
+}
+
+class CipherTest : public TokenTest {
+protected:
+    struct Answer {
+        int result;
+        Bytes output;
+    };
+
+    Answer encrypt(const Bytes& der, const Bytes& data, PaddingMode padding) {
+        Bytes area(1024);
+        int length = 0;
+        const int result = zentak_encrypt(EncryptionType::rsa2048, padding, data.data(), static_cast<int>(data.size()),
+                                          area.data(), &length, der.data(), static_cast<int>(der.size()), instance_);
+        area.resize(static_cast<std::size_t>(length));
+        return {result, area};
+    }
+    Answer decrypt(const KeyPairEntry& key, const Bytes& data, const char* pin = userPin) {
+        unsigned char* output = nullptr;
+        int length = -1;
+        const int result = zentak_decrypt(device(), key.keyId.data(), pin, data.data(), static_cast<int>(data.size()),
+                                          &output, &length, false, instance_);
+        EXPECT_EQ(output != nullptr, result == 0);
+        Answer answer{result, {}};
+        if (result == 0) answer.output.assign(output, output + length);
+        std::free(output);
+        return answer;
+    }
+    Answer derive(const KeyPairEntry& key, const Bytes& peer, const char* pin = userPin) {
+        unsigned char* output = nullptr;
+        int length = -1;
+        const int result = zentak_ecdhDerive(device(), key.keyId.data(), pin, peer.data(),
+                                             static_cast<int>(peer.size()), &output, &length, instance_);
+        EXPECT_EQ(output != nullptr, result == 0);
+        Answer answer{result, {}};
+        if (result == 0) answer.output.assign(output, output + length);
+        std::free(output);
+        return answer;
+    }
+};
+
+class RsaCipherTest : public CipherTest, public testing::WithParamInterface<int> {};
+
+TEST_P(RsaCipherTest, EncryptionIsUndoneByOpenssl) {
+    const Key& key = testKey(GetParam());
+    const Bytes data(40, 0x5A);
+    const Answer pkcs1 = encrypt(spkiOf(key), data, PaddingMode::pkcs1);
+    ASSERT_EQ(pkcs1.result, 0);
+    EXPECT_EQ(opensslCrypts(key, pkcs1.output, RSA_PKCS1_PADDING, false), data);
+    const Answer oaep = encrypt(spkiOf(key), data, PaddingMode::oaep);
+    ASSERT_EQ(oaep.result, 0);
+    EXPECT_EQ(opensslCrypts(key, oaep.output, RSA_PKCS1_OAEP_PADDING, false), data);
+}
+
+TEST_P(RsaCipherTest, DecryptionUndoesOpenssl) {
+    const KeyPairEntry entry = addKey(GetParam());
+    const Key& key = testKey(GetParam());
+    for (const std::size_t length : {0, 1, 32, 60}) {
+        const Bytes data(length, 0x00);
+        for (const int padding : {RSA_PKCS1_PADDING, RSA_PKCS1_OAEP_PADDING}) {
+            const Answer answer = decrypt(entry, opensslCrypts(key, data, padding, true));
+            EXPECT_EQ(answer.result, 0);
+            EXPECT_EQ(answer.output, data);
+        }
+    }
+}
+
+TEST_P(RsaCipherTest, LongestData) {
+    const KeyPairEntry entry = addKey(GetParam());
+    const Bytes spki = spkiOf(testKey(GetParam()));
+    const std::size_t modulus = entry.publicKey.size();
+    for (const auto& [padding, overhead] : {std::pair{PaddingMode::pkcs1, 11U}, {PaddingMode::oaep, 42U}}) {
+        const Bytes longest(modulus - overhead, 0xFF);
+        const Answer answer = encrypt(spki, longest, padding);
+        ASSERT_EQ(answer.result, 0);
+        EXPECT_EQ(decrypt(entry, answer.output).output, longest);
+        EXPECT_EQ(encrypt(spki, Bytes(modulus - overhead + 1, 0xFF), padding).result, number(Error::dataLength));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, RsaCipherTest, testing::Values(1, 2, 3, 4));
+
+TEST_F(CipherTest, WrongPaddingHasOneAnswerOnly) {
+    const KeyPairEntry entry = addKey(2);
+    Bytes raw(256, 0);
+    const auto expectRefused = [&](const Bytes& padded) {
+        EXPECT_EQ(decrypt(entry, opensslCrypts(testKey(2), padded, RSA_NO_PADDING, true)).result,
+                  number(Error::cryptoFailed));
+    };
+    expectRefused(raw);
+    raw[1] = 2;
+    expectRefused(raw);
+    std::fill(raw.begin() + 2, raw.end(), 0xFF);
+    expectRefused(raw);
+    raw[5] = 0;
+    expectRefused(raw);
+    raw[0] = 1;
+    raw[5] = 0xFF;
+    expectRefused(Bytes(raw.begin(), raw.end()));
+}
+
+TEST_F(CipherTest, DecryptionRefusals) {
+    const KeyPairEntry entry = addKey(2);
+    const KeyPairEntry signOnly = addKey(3, usageSign);
+    const KeyPairEntry ec = addKey(5);
+    const Bytes good = opensslCrypts(testKey(2), Bytes(8, 1), RSA_PKCS1_PADDING, true);
+    EXPECT_EQ(decrypt(entry, Bytes(good.begin(), good.end() - 1)).result, number(Error::dataLength));
+    EXPECT_EQ(decrypt(entry, {}).result, number(Error::dataLength));
+    EXPECT_EQ(decrypt(entry, Bytes(256, 0xFF)).result, number(Error::cryptoFailed));
+    EXPECT_EQ(decrypt(signOnly, Bytes(384, 1)).result, number(Error::usageNotPermitted));
+    EXPECT_EQ(decrypt(ec, Bytes(256, 1)).result, number(Error::keyTypeMismatch));
+    EXPECT_EQ(decrypt(entry, good, "").result, number(Error::pinRequired));
+    EXPECT_EQ(decrypt(entry, good, "000000").result, number(Error::pinIncorrect));
+    EXPECT_EQ(decrypt(entry, good).result, 0);
+}
+
+TEST_F(CipherTest, EncryptionRefusals) {
+    const Bytes spki = spkiOf(testKey(2));
+    EXPECT_NE(encrypt(spki, {1}, static_cast<PaddingMode>(0)).result, 0);
+    EXPECT_NE(encrypt(spki, {1}, static_cast<PaddingMode>(3)).result, 0);
+    EXPECT_NE(encrypt({}, {1}, PaddingMode::pkcs1).result, 0);
+    EXPECT_NE(encrypt(Bytes(100, 0x30), {1}, PaddingMode::pkcs1).result, 0);
+    EXPECT_NE(encrypt(spkiOf(testKey(5)), {1}, PaddingMode::pkcs1).result, 0);
+}
+
+class AgreementTest : public CipherTest, public testing::WithParamInterface<int> {};
+
+TEST_P(AgreementTest, BothSidesAgree) {
+    const KeyPairEntry entry = addKey(GetParam(), 0);
+    const Key peer = generateKey(*keyTypeOfCode(GetParam()));
+    const KeyContext context(EVP_PKEY_CTX_new(peer.get(), nullptr));
+    EVP_PKEY_derive_init(context.get());
+    ASSERT_EQ(EVP_PKEY_derive_set_peer(context.get(), testKey(GetParam()).get()), 1);
+    Bytes expected(100);
+    std::size_t length = expected.size();
+    ASSERT_EQ(EVP_PKEY_derive(context.get(), expected.data(), &length), 1);
+    expected.resize(length);
+
+    const Bytes point = publicKeyBytes(peer.get());
+    EXPECT_EQ(derive(entry, point).output, expected);
+    Bytes wrapped = {0x04};
+    if (point.size() >= 0x80) wrapped.push_back(0x81);
+    wrapped.push_back(static_cast<unsigned char>(point.size()));
+    wrapped.insert(wrapped.end(), point.begin(), point.end());
+    EXPECT_EQ(derive(entry, wrapped).output, expected);
+}
+
+TEST_P(AgreementTest, PointsOffTheCurveAreRefused) {
+    const KeyPairEntry entry = addKey(GetParam());
+    Bytes point = entry.publicKey;
+    point.back() ^= 1;
+    EXPECT_EQ(derive(entry, point).result, number(Error::invalidArgument));
+    EXPECT_EQ(derive(entry, {}).result, number(Error::invalidArgument));
+    EXPECT_EQ(derive(entry, {0x04}).result, number(Error::invalidArgument));
+    EXPECT_EQ(derive(entry, {0x00}).result, number(Error::invalidArgument));
+    EXPECT_EQ(derive(entry, Bytes(entry.publicKey.size(), 0x04)).result, number(Error::invalidArgument));
+    EXPECT_EQ(derive(entry, Bytes(10000, 0x04)).result, number(Error::invalidArgument));
+    EXPECT_EQ(derive(entry, publicKeyBytes(testKey(GetParam() == 5 ? 6 : 5).get())).result,
+              number(Error::invalidArgument));
+    EXPECT_EQ(derive(entry, entry.publicKey, "").result, number(Error::pinRequired));
+    EXPECT_EQ(derive(entry, entry.publicKey).result, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Curves, AgreementTest, testing::Values(5, 6, 7));
+
+TEST_F(CipherTest, AgreementNeedsAnEcKey) {
+    EXPECT_EQ(derive(addKey(2), publicKeyBytes(testKey(5).get())).result, number(Error::keyTypeMismatch));
+}
+
+TEST_F(CipherTest, RandomBytes) {
+    Bytes first(64, 0);
+    Bytes second(64, 0);
+    EXPECT_EQ(zentak_generateRamdomNumber(device(), 64, first.data(), true, nullptr), 0);
+    EXPECT_EQ(zentak_generateRamdomNumber(device(), 64, second.data(), true, nullptr), 0);
+    EXPECT_NE(first, second);
+    Bytes guarded(3, 0xEE);
+    EXPECT_EQ(zentak_generateRamdomNumber(device(), 1, guarded.data(), true, nullptr), 0);
+    EXPECT_EQ(guarded[1], 0xEE);
+    for (const int count : {0, -1, INT_MIN}) {
+        EXPECT_NE(zentak_generateRamdomNumber(device(), count, first.data(), true, nullptr), 0);
+    }
+    EXPECT_NE(zentak_generateRamdomNumber(device(), 1, nullptr, true, nullptr), 0);
+    EXPECT_EQ(zentak_generateRamdomNumber("00", 1, first.data(), true, nullptr), 48);
+    EXPECT_EQ(zentak_generateRamdomNumber(nullptr, 1, first.data(), true, nullptr), 48);
+}
+
+}  // namespace
+
+}  // namespace softtoken

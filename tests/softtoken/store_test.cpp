@@ -1,0 +1,303 @@
+// The store: life cycle of a token, changes that are whole or not at all, damaged and foreign files.
+
+#ifndef _WIN32
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "token_test.h"
+
+namespace softtoken {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using StoreTest = TokenTest;
+
+TEST_F(StoreTest, NewTokenIsPluggedInAndDescribed) {
+    EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_), std::vector<std::string>{serialNumber_});
+    const TokenInfo info = zentak_getTokenInfo(device(), instance_);
+    EXPECT_EQ(info.serialNumber, serialNumber_);
+    EXPECT_EQ(info.label, "Test token");
+    EXPECT_EQ(info.model, "ZS1 Software");
+    EXPECT_EQ(info.firmwareVersion, "1.0");
+    EXPECT_EQ(info.userPinChanged, 1);
+    EXPECT_EQ(info.userPinAttemptsLeft, 5);
+    EXPECT_TRUE(isSerialNumber(serialNumber_));
+    EXPECT_EQ(zentak_initDevice(device(), true, instance_), 0);
+    EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+    EXPECT_TRUE(zentak_getCertificateList(device(), instance_).empty());
+}
+
+TEST_F(StoreTest, SeveralTokensAreListedInAscendingOrder) {
+    std::vector<std::string> expected = {serialNumber_};
+    for (int i = 0; i < 4; ++i) expected.push_back(createToken(store_, cheapToken()));
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_), expected);
+}
+
+TEST_F(StoreTest, UnpluggedTokenIsGoneAndComesBackUnchanged) {
+    addKey(5);
+    ASSERT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
+    store_.unplug(serialNumber_);
+    EXPECT_TRUE(zentak_getConnectedDeviceList(false, instance_).empty());
+    EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
+    EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(Error::deviceNotPresent));
+    EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+    store_.plug(serialNumber_);
+    EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_).size(), 1U);
+    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
+}
+
+TEST_F(StoreTest, RemovedTokenLeavesNothing) {
+    store_.remove(serialNumber_);
+    EXPECT_TRUE(zentak_getConnectedDeviceList(false, instance_).empty());
+    for (const auto& entry : fs::recursive_directory_iterator(folder_.path())) {
+        EXPECT_EQ(entry.path().string().find(serialNumber_), std::string::npos) << entry.path();
+    }
+}
+
+TEST_F(StoreTest, TokenSurvivesReopening) {
+    const KeyPairEntry key = addKey(5, usageSign);
+    reopen();
+    const auto& list = zentak_getKeyPairList(device(), instance_);
+    ASSERT_EQ(list.size(), 1U);
+    EXPECT_EQ(list[0].id, 1U);
+    EXPECT_EQ(std::memcmp(list[0].keyId, key.keyId.data(), 16), 0);
+    EXPECT_EQ(list[0].keyType, 5);
+    EXPECT_EQ(list[0].keyUsage, usageSign);
+    EXPECT_STREQ(list[0].alias, "key");
+    EXPECT_EQ(list[0].objectIdLength, 3);
+    EXPECT_EQ(list[0].publicKeyLength, 65);
+    EXPECT_EQ(list[0].publicKey[0], 0x04);
+}
+
+TEST_F(StoreTest, AnotherProcessesChangeIsSeenAtOnce) {
+    for (std::size_t count = 1; count <= 20; ++count) {
+        store_.change(serialNumber_, [&](TokenData& token) {
+            CertificateEntry entry;
+            entry.id = static_cast<std::uint32_t>(count);
+            entry.der = {0x30, static_cast<unsigned char>(count)};
+            token.certificates.push_back(entry);
+        });
+        ASSERT_EQ(zentak_getCertificateList(device(), instance_).size(), count);
+    }
+}
+
+TEST_F(StoreTest, ReferenceToAListOutlivesAChange) {
+    addKey(5);
+    const auto& before = zentak_getKeyPairList(device(), instance_);
+    addKey(6);
+    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 2U);
+    ASSERT_EQ(before.size(), 1U);
+    EXPECT_EQ(before[0].keyType, 5);
+}
+
+TEST_F(StoreTest, LeftoverOfAKilledProcessDoesNotMatter) {
+    addKey(5);
+    fs::path leftover = tokenFile();
+    leftover += ".new";
+    writeFile(leftover, "{\"format\": \"zentak-soft");
+    fs::create_directories(folder_.path() / "scratch" / "00AA");
+    reopen();
+    EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_).size(), 1U);
+    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
+    addKey(6);
+    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 2U);
+    EXPECT_FALSE(fs::exists(leftover));
+}
+
+TEST_F(StoreTest, ChangeThatThrowsChangesNothing) {
+    const std::string before = fileContent(tokenFile());
+    EXPECT_THROW(store_.change(serialNumber_,
+                               [](TokenData& token) {
+                                   token.label = "other";
+                                   throw Failure(Error::internal, "no");
+                               }),
+                 Failure);
+    EXPECT_EQ(fileContent(tokenFile()), before);
+}
+
+#ifndef _WIN32
+TEST_F(StoreTest, KilledProcessLeavesTheOldOrTheNewToken) {
+    for (int round = 0; round < 25; ++round) {
+        const pid_t child = fork();
+        if (child == 0) {
+            for (int i = 0;; ++i) {
+                store_.change(serialNumber_, [&](TokenData& token) {
+                    token.label = std::string(1 + static_cast<std::size_t>(i % 50), 'x');
+                    token.model = std::to_string(token.label.size());
+                });
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(1000 + round * 377));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        const TokenData token = store_.load(serialNumber_);
+        if (token.label != "Test token") {
+            EXPECT_EQ(token.model, std::to_string(token.label.size()));
+        }
+        const TokenInfo info = zentak_getTokenInfo(device(), instance_);
+        EXPECT_EQ(info.label, token.label);
+    }
+    addKey(5);
+    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
+}
+#endif
+
+/// What a damaged file must not do: it isn't used, and nothing overwrites it.
+class DamagedStoreTest : public TokenTest {
+protected:
+    void expectRefused(const std::string& content, Error error) {
+        writeFile(tokenFile(), content);
+        const TokenInfo info = zentak_getTokenInfo(device(), instance_);
+        EXPECT_EQ(info.serialNumber, "");
+        EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(error));
+        EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+        EXPECT_EQ(validate(userPin), number(error));
+        ZentakKeyPair record{};
+        record.keyType = 5;
+        EXPECT_EQ(zentak_generateKeyPair(device(), userPin, &record, instance_), number(error));
+        EXPECT_EQ(fileContent(tokenFile()), content);
+    }
+};
+
+TEST_F(DamagedStoreTest, TruncatedFile) {
+    const std::string whole = fileContent(tokenFile());
+    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, whole.size() / 2, whole.size() - 3}) {
+        expectRefused(whole.substr(0, length), Error::tokenDamaged);
+    }
+}
+
+TEST_F(DamagedStoreTest, FlippedCharacter) {
+    addKey(5);
+    const std::string whole = fileContent(tokenFile());
+    for (std::size_t position = 0; position < whole.size(); position += whole.size() / 37) {
+        std::string changed = whole;
+        changed[position] = changed[position] == '0' ? '1' : '0';
+        writeFile(tokenFile(), changed);
+        // Between the values a changed blank may leave the meaning as it was; nothing else may be taken.
+        try {
+            EXPECT_EQ(store_.load(serialNumber_), readTokenData(whole)) << "at " << position;
+        } catch (const Failure& failure) {
+            EXPECT_TRUE(failure.error == Error::tokenDamaged || failure.error == Error::unknownVersion);
+        }
+    }
+}
+
+TEST_F(DamagedStoreTest, OtherDocuments) {
+    for (const char* content : {"null", "[]", "{}", "12", "\"x\"", "{\"format\": 7}", "\xFF\xFE"}) {
+        expectRefused(content, Error::tokenDamaged);
+    }
+    expectRefused(std::string(100000, '[') + std::string(100000, ']'), Error::tokenDamaged);
+}
+
+TEST_F(DamagedStoreTest, UnknownVersion) {
+    std::string content = fileContent(tokenFile());
+    const std::string version = "\"version\": 1";
+    ASSERT_NE(content.find(version), std::string::npos);
+    content.replace(content.find(version), version.size(), "\"version\": 2");
+    expectRefused(content, Error::unknownVersion);
+}
+
+TEST_F(DamagedStoreTest, FileOfAnotherToken) {
+    const std::string other = createToken(store_, cheapToken());
+    expectRefused(fileContent(store_.pluggedTokenFile(other)), Error::tokenDamaged);
+}
+
+TEST_F(DamagedStoreTest, MissingFile) {
+    fs::remove(tokenFile());
+    EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(Error::tokenDamaged));
+    EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
+    EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_).size(), 1U);
+}
+
+TEST_F(DamagedStoreTest, MissingPinCounterRefusesEveryPin) {
+    fs::remove(tokenFile().parent_path() / "attempts.json");
+    EXPECT_EQ(validate(userPin), number(Error::tokenDamaged));
+    EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
+}
+
+TEST_F(DamagedStoreTest, DamageHealsWhenTheFileIsRestored) {
+    const std::string whole = fileContent(tokenFile());
+    expectRefused("{}", Error::tokenDamaged);
+    writeFile(tokenFile(), whole);
+    EXPECT_EQ(validate(userPin), 0);
+}
+
+/// Somebody who knows the format can give a changed file a new checksum; keys are protected by more than that.
+TEST_F(DamagedStoreTest, ForgedUsageOrTypeMakesTheKeyUnusable) {
+    const KeyPairEntry key = addKey(5, usageDecrypt);
+    store_.change(serialNumber_, [](TokenData& token) { token.keyPairs[0].keyUsage |= usageSign; });
+    unsigned char hash[32] = {};
+    unsigned char signature[1024];
+    int length = sizeof signature;
+    EXPECT_EQ(
+        zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_, false),
+        number(Error::tokenDamaged));
+}
+
+TEST_F(DamagedStoreTest, ForgedUsageIsRefusedAlsoForALoadedKey) {
+    const KeyPairEntry key = addKey(5, usageSign);
+    unsigned char hash[32] = {};
+    unsigned char signature[1024];
+    int length = sizeof signature;
+    ASSERT_EQ(
+        zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_, false), 0);
+    store_.change(serialNumber_, [](TokenData& token) { token.keyPairs[0].keyUsage = 0xFF; });
+    length = sizeof signature;
+    EXPECT_EQ(
+        zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_, false),
+        number(Error::tokenDamaged));
+}
+
+TEST(TokenDataTest, DocumentGivesBackWhatWasWritten) {
+    TokenData token;
+    token.serialNumber = "00AA11BB";
+    token.label = "\xC3\xA4 \"quoted\" \\";
+    token.model = "\xFF\xFE no UTF-8";
+    token.user = {1, Bytes(16, 1), Bytes(60, 2), 5};
+    token.keyPairs.push_back({4095, Reference{1}, 7, 3, "\x80", Bytes(128, 9), Bytes(133, 4), Bytes(300, 5)});
+    token.certificates.push_back({1, Reference{2}, "", {}, Bytes(3072, 6)});
+    EXPECT_EQ(readTokenData(writeTokenData(token)), token);
+    token.officer = PinSection{7, Bytes(16, 3), Bytes(60, 4), 3};
+    EXPECT_EQ(readTokenData(writeTokenData(token)), token);
+}
+
+TEST(TokenDataTest, FieldsBeyondTheirLimitsAreRefused) {
+    TokenData good;
+    good.serialNumber = "00AA11BB";
+    good.user = {1, Bytes(16, 1), Bytes(60, 2), 5};
+    good.keyPairs.push_back({1, Reference{1}, 7, 3, "a", {}, Bytes(133, 4), Bytes(300, 5)});
+    good.certificates.push_back({1, Reference{2}, "", {}, Bytes(100, 6)});
+    ASSERT_EQ(readTokenData(writeTokenData(good)), good);
+    const auto expectRefused = [&](const std::function<void(TokenData&)>& spoil) {
+        TokenData bad = good;
+        spoil(bad);
+        EXPECT_THROW(readTokenData(writeTokenData(bad)), Failure);
+    };
+    expectRefused([](TokenData& token) { token.serialNumber = "../x"; });
+    expectRefused([](TokenData& token) { token.user.iterations = 0; });
+    expectRefused([](TokenData& token) { token.user.iterations = UINT32_MAX; });
+    expectRefused([](TokenData& token) { token.user.maximumAttempts = -1; });
+    expectRefused([](TokenData& token) { token.keyPairs[0].id = 0; });
+    expectRefused([](TokenData& token) { token.keyPairs[0].id = 0x1000; });
+    expectRefused([](TokenData& token) { token.keyPairs[0].keyType = 8; });
+    expectRefused([](TokenData& token) { token.keyPairs[0].alias = std::string(132, 'a'); });
+    expectRefused([](TokenData& token) { token.keyPairs[0].objectId = Bytes(129, 1); });
+    expectRefused([](TokenData& token) { token.keyPairs[0].publicKey = Bytes(1025, 1); });
+    expectRefused([](TokenData& token) { token.keyPairs.push_back(token.keyPairs[0]); });
+    expectRefused([](TokenData& token) { token.certificates[0].der = Bytes(3073, 1); });
+    expectRefused([](TokenData& token) { token.certificates[0].label = std::string(152, 'a'); });
+}
+
+}  // namespace
+
+}  // namespace softtoken

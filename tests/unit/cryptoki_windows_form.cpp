@@ -1,0 +1,7 @@
+#define ZENTAK_WINDOWS_CRYPTOKI
+#include "cryptoki_tables.h"
+#include "frame/cryptoki.h"
+
+#define CONSTANTS windowsFormConstants
+#define LAYOUT windowsFormLayout
+#include "make_tables.inc"
