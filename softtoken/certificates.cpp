@@ -71,6 +71,25 @@ std::string serialNumberHex(const X509* certificate) {
     return hexText({ASN1_STRING_get0_data(serial), static_cast<std::size_t>(ASN1_STRING_length(serial))});
 }
 
+CertificateFacts readFacts(const X509* certificate) {
+    const X509_NAME* const subject = X509_get_subject_name(certificate);
+    const X509_NAME* const issuer = X509_get_issuer_name(certificate);
+    CertificateFacts facts;
+    facts.subject = encode(&i2d_X509_NAME, subject);
+    facts.issuer = encode(&i2d_X509_NAME, issuer);
+    facts.serialNumber = encode(&i2d_ASN1_INTEGER, X509_get0_serialNumber(certificate));
+    CertificateDetails& details = facts.details;
+    details.text1 = serialNumberHex(certificate);
+    details.text2 = commonName(subject);
+    details.text3 = commonName(issuer);
+    details.text4 = timeText(X509_get0_notBefore(certificate));
+    details.text5 = timeText(X509_get0_notAfter(certificate));
+    details.text6 = distinguishedName(issuer);
+    details.text7 = distinguishedName(subject);
+    if (const EVP_PKEY* key = X509_get0_pubkey(certificate)) details.publicKey = publicKeyBytes(key);
+    return facts;
+}
+
 }  // namespace
 
 Certificate parseCertificate(ByteView der) {
@@ -88,35 +107,8 @@ Certificate parseCertificate(ByteView der) {
     return certificate;
 }
 
-Bytes subjectDer(const X509* certificate) {
-    return encode(&i2d_X509_NAME, static_cast<const X509_NAME*>(X509_get_subject_name(certificate)));
-}
-
-Bytes issuerDer(const X509* certificate) {
-    return encode(&i2d_X509_NAME, static_cast<const X509_NAME*>(X509_get_issuer_name(certificate)));
-}
-
-Bytes serialNumberDer(const X509* certificate) {
-    return encode(&i2d_ASN1_INTEGER, X509_get0_serialNumber(certificate));
-}
-
-CertificateDetails certificateDetails(const X509* certificate) {
-    const X509_NAME* const subject = X509_get_subject_name(certificate);
-    const X509_NAME* const issuer = X509_get_issuer_name(certificate);
-    CertificateDetails details;
-    details.text1 = serialNumberHex(certificate);
-    details.text2 = commonName(subject);
-    details.text3 = commonName(issuer);
-    details.text4 = timeText(X509_get0_notBefore(certificate));
-    details.text5 = timeText(X509_get0_notAfter(certificate));
-    details.text6 = distinguishedName(issuer);
-    details.text7 = distinguishedName(subject);
-    if (const EVP_PKEY* key = X509_get0_pubkey(certificate)) details.publicKey = publicKeyBytes(key);
-    return details;
-}
-
-CertificateDetails certificateDetails(ByteView der) {
-    using Remembered = std::unordered_map<std::string, CertificateDetails>;
+std::shared_ptr<const CertificateFacts> certificateFacts(ByteView der) {
+    using Remembered = std::unordered_map<std::string, std::shared_ptr<const CertificateFacts>>;
     constexpr std::size_t most = 512;
     // Never destroyed: threads may still ask while the process ends.
     static std::mutex& mutex = *new std::mutex;
@@ -127,11 +119,11 @@ CertificateDetails certificateDetails(ByteView der) {
         const auto found = remembered.find(name);
         if (found != remembered.end()) return found->second;
     }
-    CertificateDetails details = certificateDetails(parseCertificate(der).get());
+    const auto facts = std::make_shared<const CertificateFacts>(readFacts(parseCertificate(der).get()));
     const std::lock_guard lock(mutex);
     if (remembered.size() >= most) remembered.clear();
-    remembered.emplace(std::move(name), details);
-    return details;
+    remembered.emplace(std::move(name), facts);
+    return facts;
 }
 
 std::vector<Bytes> certificatesOfFile(const std::string& content) {

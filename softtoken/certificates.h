@@ -11,20 +11,21 @@ namespace softtoken {
 /// Throws Error::certificateInvalid for anything but exactly one certificate.
 Certificate parseCertificate(ByteView der);
 
-/// The names as they stand in the certificate.
-Bytes subjectDer(const X509* certificate);
-Bytes issuerDer(const X509* certificate);
-/// A DER INTEGER.
-Bytes serialNumberDer(const X509* certificate);
+/// What callers ask of a certificate.
+struct CertificateFacts {
+    /// text1 the serial number in hexadecimal, text2 the subject's common name, text3 the issuer's, text4 and text5 the
+    /// validity's begin and end, text6 the issuer's distinguished name, text7 the subject's, text8 empty. A name
+    /// without a common name gives its distinguished name instead, so that chains can be followed through such
+    /// authorities too.
+    CertificateDetails details;
+    Bytes subject;       ///< DER, as it stands in the certificate
+    Bytes issuer;        ///< the same
+    Bytes serialNumber;  ///< a DER INTEGER
+};
 
-/// text1 the serial number in hexadecimal, text2 the subject's common name, text3 the issuer's, text4 and text5 the
-/// validity's begin and end, text6 the issuer's distinguished name, text7 the subject's, text8 empty. A name without a
-/// common name gives its distinguished name instead, so that chains can be followed through such authorities too.
-CertificateDetails certificateDetails(const X509* certificate);
-
-/// The same from DER, remembered: listing a token asks for the same certificates again and again. Throws
+/// Reads a certificate and remembers what was read: listing a token asks for the same ones again and again. Throws
 /// Error::certificateInvalid.
-CertificateDetails certificateDetails(ByteView der);
+std::shared_ptr<const CertificateFacts> certificateFacts(ByteView der);
 
 /// The certificates of a file: all of a PEM text, or the bytes themselves when they aren't PEM.
 std::vector<Bytes> certificatesOfFile(const std::string& content);

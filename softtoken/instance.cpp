@@ -162,14 +162,18 @@ void Instance::login(std::string_view serialNumber, Role role, std::string_view 
     const std::lock_guard turn(pinMutex_);
     const PinDigest digest = digestOf(pin);
     bool verified = false;
+    int maximum = 0;
     {
         const std::lock_guard lock(mutex_);
-        verified = isVerified(refreshed(serialNumber), digest);
+        const Device& present = refreshed(serialNumber);
+        verified = isVerified(present, digest);
+        maximum = present.snapshot->token.user.maximumAttempts;
     }
-    if (verified && store_.loadAttempts(serialNumber).user > 0) {
-        store_.resetAttempts(serialNumber, role);
-    } else {
+    const int left = store_.loadAttempts(serialNumber).user;
+    if (!verified || left == 0) {
         static_cast<void>(verifyPin(serialNumber, pin, digest));
+    } else if (left != maximum) {
+        store_.resetAttempts(serialNumber, role);
     }
 }
 

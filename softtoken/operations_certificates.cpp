@@ -11,20 +11,20 @@ int zentak_getCertificateDetails(const unsigned char* der, int length, Certifica
                                  void* /*instance*/) {
     return statusOf([&] {
         requireArgument(details != nullptr);
-        *details = certificateDetails(bytesOf(der, length));
+        *details = certificateFacts(bytesOf(der, length))->details;
     });
 }
 
 std::vector<unsigned char> zentak_getCertificateSubject(const unsigned char* der, int length, void* /*instance*/) {
-    return valueOf([&] { return subjectDer(parseCertificate(bytesOf(der, length)).get()); });
+    return valueOf([&] { return certificateFacts(bytesOf(der, length))->subject; });
 }
 
 std::vector<unsigned char> zentak_getCertificateIssuer(const unsigned char* der, int length, void* /*instance*/) {
-    return valueOf([&] { return issuerDer(parseCertificate(bytesOf(der, length)).get()); });
+    return valueOf([&] { return certificateFacts(bytesOf(der, length))->issuer; });
 }
 
 std::vector<unsigned char> zentak_getCertificateSerialDER(const unsigned char* der, int length, void* /*instance*/) {
-    return valueOf([&] { return serialNumberDer(parseCertificate(bytesOf(der, length)).get()); });
+    return valueOf([&] { return certificateFacts(bytesOf(der, length))->serialNumber; });
 }
 
 std::vector<std::pair<std::string, std::vector<unsigned char>>> zentak_getFilesWithExtensionsAndConvertDER(

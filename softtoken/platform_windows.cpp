@@ -58,14 +58,16 @@ std::optional<std::wstring> environmentWide(const wchar_t* name) {
     }
 }
 
-/// Another process, or a virus scanner, may have a file open for a moment, which forbids to replace or rename it.
-void retryWhileInUse(const char* what, const fs::path& path, const std::function<bool()>& attempt) {
+/// Another process, or a virus scanner, may have a file open for a moment, which forbids to replace or rename it, and a
+/// file that is being replaced can't be opened for a moment. Answers 0 or the error that remained.
+DWORD retryWhileInUse(const std::function<bool()>& attempt) {
     for (int left = 200; !attempt(); --left) {
         const DWORD number = GetLastError();
         const bool passing = number == ERROR_ACCESS_DENIED || number == ERROR_SHARING_VIOLATION;
-        if (!passing || left == 0) failStore(what, path, number);
+        if (!passing || left == 0) return number;
         Sleep(10);
     }
+    return 0;
 }
 
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
@@ -133,7 +135,9 @@ FileLock::~FileLock() {
 
 std::optional<FileStamp> fileStamp(const fs::path& file) {
     WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (!GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data)) return std::nullopt;
+    if (retryWhileInUse([&] { return GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data) != 0; }) != 0) {
+        return std::nullopt;
+    }
     if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return std::nullopt;
     // No identity: it would cost opening the file, and the creation time of a replaced file is passed on to the new
     // one.
@@ -148,10 +152,14 @@ std::int64_t fileClockNow() {
 }
 
 std::optional<std::string> readFile(const fs::path& file) {
-    const Handle handle(
-        CreateFileW(file.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    HANDLE opened = INVALID_HANDLE_VALUE;
+    const DWORD number = retryWhileInUse([&] {
+        opened =
+            CreateFileW(file.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        return opened != INVALID_HANDLE_VALUE;
+    });
+    const Handle handle(opened);
     if (!handle.valid()) {
-        const DWORD number = GetLastError();
         if (number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND) return std::nullopt;
         failStore("open", file, number);
     }
@@ -184,13 +192,16 @@ void replaceFile(const fs::path& file, std::string_view content) {
         }
         if (!FlushFileBuffers(handle.get())) failStore("flush", fresh, GetLastError());
     }
-    retryWhileInUse("replace", file, [&] {
+    const DWORD number = retryWhileInUse([&] {
         return MoveFileExW(fresh.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
     });
+    if (number != 0) failStore("replace", file, number);
 }
 
 void moveFolder(const fs::path& from, const fs::path& to) {
-    retryWhileInUse("move", from, [&] { return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0; });
+    const DWORD number =
+        retryWhileInUse([&] { return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0; });
+    if (number != 0) failStore("move", from, number);
 }
 
 std::optional<std::string> promptWithoutEcho(const std::string& prompt) {

@@ -56,7 +56,8 @@ Json describeObjects(const TokenData& token) {
     }
     Json certificates = Json::array();
     for (const CertificateEntry& entry : token.certificates) {
-        const CertificateDetails details = certificateDetails(entry.der);
+        const auto facts = certificateFacts(entry.der);
+        const CertificateDetails& details = facts->details;
         certificates.push_back({{"id", entry.id},
                                 {"label", entry.label},
                                 {"objectId", hexText(entry.objectId)},

@@ -279,6 +279,22 @@ TEST_F(AttributesLabelTest, OtherValuesAreThoseOfTheRecord) {
     EXPECT_EQ(value.first(256), publicKeyOf(keyFive));
 }
 
+// The library's lists change under the walk, as any call may make them.
+TEST_F(AttributesLabelTest, TheListsAreCopiesThatNoLaterCallDisturbs) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    for (const char* operation : {"zentak_getCertificateDetails", "zentak_updateKeyPairDetails"}) {
+        scripted::Fault fault;
+        fault.operation = operation;
+        fault.action = [] {
+            zentak_getKeyPairList("nobody", nullptr).shrink_to_fit();
+            zentak_getCertificateList("nobody", nullptr).shrink_to_fit();
+        };
+        world.addFault(fault);
+        EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+        EXPECT_EQ(labelOf(session, certificate(5)), "Bob_99");
+    }
+}
+
 TEST_F(AttributesLabelTest, ThrownExceptionsBecomeReturnCodes) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
     struct Row {

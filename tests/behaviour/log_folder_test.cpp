@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <optional>
 
 #include "child_process.h"
 #include "log_test.h"
@@ -126,6 +127,21 @@ TEST_F(LogFolder, aTemporaryFolderWithASlashAtItsEnd) {
     setEnvironment("TMPDIR", temporaryFolder().string() + "/");
     EXPECT_EQ(outputOfAnErrorLine(), "");
     EXPECT_EQ(parseLog(readLogFiles(logFolder())), onlyError);
+}
+
+/// Without the variable it is /tmp.
+TEST_F(LogFolder, noTemporaryFolderIsNamed) {
+    for (const std::optional<std::string>& value : {std::optional<std::string>(), std::optional<std::string>("")}) {
+        const fs::path folder = fs::path("/tmp/Dravenko Sentronics") / processName();
+        fs::create_directories(folder);
+        const std::string before = readLogFiles(folder);
+        setEnvironment("TMPDIR", value);
+        EXPECT_EQ(outputOfAnErrorLine(), "");
+        EXPECT_EQ(parseLog(readLogFiles(folder).substr(before.size())), onlyError);
+        if (before.empty()) {
+            fs::remove_all(folder);
+        }
+    }
 }
 
 /// A path that doesn't fit the room for it is cut; where that leads isn't the point, but nothing may break.

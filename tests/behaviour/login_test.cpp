@@ -56,7 +56,7 @@ TEST_F(Login, refusesOtherUserTypesBeforeTheNullPointer) {
 TEST_F(Login, refusesANullPinBeforeItsLength) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     for (const CK_USER_TYPE userType : bothUserTypes) {
-        for (const CK_ULONG length : {0, 3, 4, 64}) {
+        for (const CK_ULONG length : std::vector<CK_ULONG>{0, 3, 4, 64}) {
             EXPECT_EQ(functions().C_Login(session, userType, nullptr, length), CKR_ARGUMENTS_BAD);
             EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "ERROR C_Login: pPin is NULL"}));
         }

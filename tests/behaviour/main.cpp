@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
+#include "log_level.h"
 #include "run_folder.h"
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     const support::RunFolder folder;
-    return RUN_ALL_TESTS();
+    const int result = RUN_ALL_TESTS();
+    support::removeLogLevel();  // on Windows it is the machine's own
+    return result;
 }

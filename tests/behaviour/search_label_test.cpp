@@ -162,6 +162,23 @@ TEST_F(SearchLabelTest, ACertificateWithoutDerIsNotAskedForItsLabel) {
     EXPECT_EQ(next(session, 10), Handles{});
 }
 
+// The library's lists change under the walk, as any call may make them.
+TEST_F(SearchLabelTest, TheListsAreCopiesThatNoLaterCallDisturbs) {
+    for (int nth = 1; nth <= 3; ++nth) {
+        scripted::Fault fault;
+        fault.operation = "zentak_getCertificateDetails";
+        fault.nth = nth;
+        fault.action = [] {
+            zentak_getKeyPairList("nobody", nullptr).shrink_to_fit();
+            zentak_getCertificateList("nobody", nullptr).shrink_to_fit();
+        };
+        world.addFault(fault);
+    }
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(publicKeysNamed(session, "Carol_9"), (Handles{publicKey(2)}));
+    EXPECT_EQ(certificatesNamed(session, "Carol_9"), (Handles{certificate(3)}));
+}
+
 TEST_F(SearchLabelTest, OtherCriteriaAskNoDetails) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
     Template wanted;

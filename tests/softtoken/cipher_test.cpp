@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstdlib>
+#include <initializer_list>
 #include <openssl/rsa.h>
 
 #include "test_certificates.h"
@@ -86,7 +87,7 @@ TEST_P(RsaCipherTest, EncryptionIsUndoneByOpenssl) {
 TEST_P(RsaCipherTest, DecryptionUndoesOpenssl) {
     const KeyPairEntry entry = addKey(GetParam());
     const Key& key = testKey(GetParam());
-    for (const std::size_t length : {0, 1, 32, 60}) {
+    for (const std::size_t length : std::initializer_list<std::size_t>{0, 1, 32, 60}) {
         const Bytes data(length, 0x00);
         for (const int padding : {RSA_PKCS1_PADDING, RSA_PKCS1_OAEP_PADDING}) {
             const Answer answer = decrypt(entry, opensslCrypts(key, data, padding, true));

@@ -1,6 +1,7 @@
 // Signatures of the library, checked by OpenSSL directly, and the library's verification, checked with signatures made
 // by OpenSSL directly.
 
+#include <initializer_list>
 #include <openssl/rsa.h>
 
 #include "test_certificates.h"
@@ -105,7 +106,7 @@ class RsaSignatureTest : public SignatureTest, public testing::WithParamInterfac
 
 TEST_P(RsaSignatureTest, BareHashesGetTheirDigestInfo) {
     const KeyPairEntry key = addKey(GetParam());
-    for (const std::size_t length : {20, 28, 32, 48, 64}) {
+    for (const std::size_t length : std::initializer_list<std::size_t>{20, 28, 32, 48, 64}) {
         const Bytes hash = patternOf(length);
         const Answer answer = sign(key, hash, false);
         ASSERT_EQ(answer.result, 0);
@@ -117,7 +118,7 @@ TEST_P(RsaSignatureTest, BareHashesGetTheirDigestInfo) {
 
 TEST_P(RsaSignatureTest, PssFollowsTheHashLength) {
     const KeyPairEntry key = addKey(GetParam());
-    for (const std::size_t length : {20, 28, 32, 48, 64}) {
+    for (const std::size_t length : std::initializer_list<std::size_t>{20, 28, 32, 48, 64}) {
         // SHA-512 with a salt of its length leaves no room in a modulus of 1024 bits.
         if (GetParam() == 1 && length == 64) continue;
         const Bytes hash = patternOf(length);
@@ -150,7 +151,7 @@ TEST_P(RsaSignatureTest, EverythingElseIsPaddedAsItIs) {
     }
     EXPECT_EQ(sign(key, patternOf(longest + 1), false).result, number(Error::dataLength));
     EXPECT_EQ(sign(key, {}, false).result, number(Error::dataLength));
-    for (const std::size_t length : {0, 1, 16, 33, 128}) {
+    for (const std::size_t length : std::initializer_list<std::size_t>{0, 1, 16, 33, 128}) {
         EXPECT_EQ(sign(key, patternOf(length), true).result, number(Error::dataLength)) << length;
     }
 }
@@ -162,7 +163,7 @@ class EcSignatureTest : public SignatureTest, public testing::WithParamInterface
 TEST_P(EcSignatureTest, HalvesAreAsLongAsTheField) {
     const KeyPairEntry key = addKey(GetParam());
     const std::size_t half = keyTypeOfCode(GetParam())->fieldLength;
-    for (const std::size_t length : {1, 20, 28, 32, 48, 64, 66, 67, 100}) {
+    for (const std::size_t length : std::initializer_list<std::size_t>{1, 20, 28, 32, 48, 64, 66, 67, 100}) {
         const Bytes hash = patternOf(length);
         // Often enough for a half with a leading zero byte.
         for (int i = 0; i < 20; ++i) {

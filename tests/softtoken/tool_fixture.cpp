@@ -1,0 +1,99 @@
+#include <algorithm>
+#include <cstdlib>
+
+#include "tool_test.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/wait.h>
+#endif
+
+namespace softtoken {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The folder of the test program, where the tool lies too.
+fs::path programFolder() {
+#ifdef _WIN32
+    wchar_t path[MAX_PATH];
+    GetModuleFileNameW(nullptr, path, MAX_PATH);
+    return fs::path(path).parent_path();
+#else
+    return fs::read_symlink("/proc/self/exe").parent_path();
+#endif
+}
+
+/// The file's content with plain line ends.
+std::string textOf(const fs::path& path) {
+    std::string text = fileContent(path);
+    std::erase(text, '\r');
+    return text;
+}
+
+}  // namespace
+
+ToolTest::ToolTest() {
+    setEnvironment("ZENTAK_TOKENS", (folder_.path() / "tokens").string());
+    setEnvironment("ZENTAK_PIN", "123456");
+    setEnvironment("ZENTAK_SO_PIN", "98765432");
+    setEnvironment("ZENTAK_NEW_PIN", "");
+}
+
+ToolTest::~ToolTest() {
+    for (const char* name : {"ZENTAK_PIN", "ZENTAK_SO_PIN", "ZENTAK_NEW_PIN", "ZENTAK_FILE_PASSWORD"}) {
+        setEnvironment(name, "");
+    }
+}
+
+ToolTest::Answer ToolTest::run(const std::string& arguments) {
+    const fs::path output = folder_.path() / "output";
+    const fs::path errors = folder_.path() / "errors";
+#ifdef _WIN32
+    const std::string nothing = "NUL";
+    const std::string program = (programFolder() / "zentak-token.exe").string();
+    // The shell takes the outermost quotes away.
+    const std::string line = "\"\"" + program + "\" " + arguments + " <" + nothing + " >\"" + output.string() +
+                             "\" 2>\"" + errors.string() + "\"\"";
+    const int exitCode = std::system(line.c_str());
+#else
+    const std::string program = (programFolder() / "zentak-token").string();
+    const std::string line =
+        "'" + program + "' " + arguments + " </dev/null >'" + output.string() + "' 2>'" + errors.string() + "'";
+    const int status = std::system(line.c_str());
+    const int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+#endif
+    return {exitCode, textOf(output), textOf(errors)};
+}
+
+void ToolTest::expectError(const std::string& arguments, const std::string& text) {
+    const Answer answer = run(arguments);
+    EXPECT_NE(answer.exitCode, 0) << arguments;
+    EXPECT_NE(answer.errors.find(text), std::string::npos) << answer.errors;
+    EXPECT_EQ(answer.errors.find("zentak-token: "), 0U) << answer.errors;
+    EXPECT_EQ(std::count(answer.errors.begin(), answer.errors.end(), '\n'), 1) << answer.errors;
+    EXPECT_EQ(answer.output, "");
+}
+
+std::string ToolTest::create(const std::string& options) {
+    const Answer answer = run("create --label Demo --kdf-iterations 1 --json " + options);
+    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+    const auto json = nlohmann::json::parse(answer.output, nullptr, false);
+    EXPECT_TRUE(json.is_object()) << answer.output;
+    return json.value("serialNumber", "");
+}
+
+nlohmann::json ToolTest::jsonOf(const std::string& arguments) {
+    const Answer answer = run(arguments);
+    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+    return nlohmann::json::parse(answer.output, nullptr, false);
+}
+
+std::string ToolTest::file(const std::string& name, const std::string& content) {
+    writeFile(folder_.path() / name, content);
+    return "\"" + (folder_.path() / name).string() + "\"";
+}
+
+}  // namespace softtoken
