@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 #include "frame/entry_frame.h"
 
@@ -39,18 +40,35 @@ int finalHash(void* context, std::size_t capacity, std::vector<unsigned char>& d
     return result;
 }
 
-CK_RV hashInOnePass(const char* deviceId, int hashCode, const unsigned char* data, std::size_t length,
-                    std::vector<unsigned char>& digest, void* instance) {
+CK_RV hashInOnePass(const char* deviceId, int hashCode, ByteView data, std::vector<unsigned char>& digest,
+                    void* instance, const HashFailureTexts& texts) {
     void* context = nullptr;
     if (const int result = zentak_initHash(deviceId, hashCode, &context, instance); result != 0) {
-        return refuse(CKR_FUNCTION_FAILED, "init hash failed ", result);
+        return refuse(CKR_FUNCTION_FAILED, texts.init, result);
     }
-    if (const int result = updateHash(context, data, length, instance); result != 0) {
-        return refuse(CKR_FUNCTION_FAILED, "update hash failed ", result);
+    if (const int result = updateHash(context, data.data(), data.size(), instance); result != 0) {
+        return refuse(CKR_FUNCTION_FAILED, texts.update, result);
     }
     if (const int result = finalHash(context, digestCapacity, digest, instance); result != 0) {
-        return refuse(CKR_FUNCTION_FAILED, "final hash failed ", result);
+        return refuse(CKR_FUNCTION_FAILED, texts.final, result);
     }
+    return CKR_OK;
+}
+
+CK_RV updateSessionHash(SessionRecord& session, int hashCode, ByteView part, void* instance,
+                        const HashFailureTexts& texts) {
+    if (session.hashContext == nullptr) {
+        if (const int result = zentak_initHash(session.deviceId(), hashCode, &session.hashContext, instance);
+            result != 0) {
+            return refuse(CKR_FUNCTION_FAILED, texts.init, result);
+        }
+    }
+    // Kept only when the update succeeds.
+    void* const context = std::exchange(session.hashContext, nullptr);
+    if (const int result = updateHash(context, part.data(), part.size(), instance); result != 0) {
+        return refuse(CKR_FUNCTION_FAILED, texts.update, result);
+    }
+    session.hashContext = context;
     return CKR_OK;
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "frame/module_state.h"
+#include "objects/records.h"
 
 namespace zentak {
 
@@ -27,9 +28,22 @@ int updateHash(void* context, const unsigned char* data, std::size_t length, voi
 /// std::length_error when the library reports a length that the area can't hold.
 int finalHash(void* context, std::size_t capacity, std::vector<unsigned char>& digest, void* instance);
 
+/// What a failing step of a hash logs before the library's result.
+struct HashFailureTexts {
+    const char* init;
+    const char* update;
+    const char* final;
+};
+
 /// Hashes `data` in one pass, with a context of its own. CKR_OK, or CKR_FUNCTION_FAILED with the reason logged.
-CK_RV hashInOnePass(const char* deviceId, int hashCode, const unsigned char* data, std::size_t length,
-                    std::vector<unsigned char>& digest, void* instance);
+CK_RV hashInOnePass(const char* deviceId, int hashCode, ByteView data, std::vector<unsigned char>& digest,
+                    void* instance, const HashFailureTexts& texts);
+
+/// Feeds `part` to the session's hash context, which is opened first where there is none: one that an earlier operation
+/// left is used as it is. After a failed update the context is dropped. CKR_OK, or CKR_FUNCTION_FAILED with the reason
+/// logged.
+CK_RV updateSessionHash(SessionRecord& session, int hashCode, ByteView part, void* instance,
+                        const HashFailureTexts& texts);
 
 /// The bytes of an output area that the library has filled, after a look at the length it reports.
 void cutToReportedLength(std::vector<unsigned char>& area, int reportedLength);

@@ -1,16 +1,15 @@
 /// C_SignInit, C_Sign, C_SignUpdate and C_SignFinal.
 
-#include <algorithm>
-#include <array>
 #include <limits>
 #include <utility>
 
 #include "crypto/hashing.h"
+#include "crypto/key_selection.h"
 #include "crypto/operation_end.h"
 #include "crypto/raw_input_policy.h"
+#include "crypto/signature_mechanisms.h"
 #include "crypto/two_call_output.h"
 #include "frame/entry_frame.h"
-#include "objects/lookup.h"
 #include "objects/object_handles.h"
 #include "objects/records.h"
 #include "slots/slot_table.h"
@@ -19,50 +18,12 @@ using namespace zentak;
 
 namespace {
 
-struct SignMechanism {
-    CK_MECHANISM_TYPE type;
-    int hashCode;  ///< 0 for a raw mechanism, whose input goes to the token as it is
-    bool isPss;
-    bool refusedOnFips;
-
-    bool isRaw() const { return hashCode == 0; }
-};
-
-/// The FIPS column is uneven on purpose: SHA-224 is refused with PSS and ECDSA but not with PKCS #1 v1.5.
-constexpr std::array<SignMechanism, 18> signMechanisms = {{
-    {CKM_RSA_PKCS, 0, false, false},
-    {CKM_SHA1_RSA_PKCS, hashSha1, false, true},
-    {CKM_RSA_PKCS_PSS, 0, true, false},
-    {CKM_SHA1_RSA_PKCS_PSS, hashSha1, true, true},
-    {CKM_SHA256_RSA_PKCS, hashSha256, false, false},
-    {CKM_SHA384_RSA_PKCS, hashSha384, false, false},
-    {CKM_SHA512_RSA_PKCS, hashSha512, false, false},
-    {CKM_SHA256_RSA_PKCS_PSS, hashSha256, true, false},
-    {CKM_SHA384_RSA_PKCS_PSS, hashSha384, true, false},
-    {CKM_SHA512_RSA_PKCS_PSS, hashSha512, true, false},
-    {CKM_SHA224_RSA_PKCS, hashSha224, false, false},
-    {CKM_SHA224_RSA_PKCS_PSS, hashSha224, true, true},
-    {CKM_ECDSA, 0, false, false},
-    {CKM_ECDSA_SHA1, hashSha1, false, true},
-    {CKM_ECDSA_SHA224, hashSha224, false, true},
-    {CKM_ECDSA_SHA256, hashSha256, false, false},
-    {CKM_ECDSA_SHA384, hashSha384, false, false},
-    {CKM_ECDSA_SHA512, hashSha512, false, false},
-}};
-
-constexpr std::int32_t keyTypeRsa1024 = 1;
 constexpr std::size_t signatureCapacity = 1024;
 constexpr std::size_t longestInput = std::numeric_limits<int>::max();
 
-const SignMechanism* findSignMechanism(CK_MECHANISM_TYPE type) {
-    const auto* found = std::find_if(signMechanisms.begin(), signMechanisms.end(),
-                                     [&](const SignMechanism& mechanism) { return mechanism.type == type; });
-    return found != signMechanisms.end() ? found : nullptr;
-}
-
 /// The mechanism of the session's operation: C_SignInit has let no other in.
-const SignMechanism& activeMechanism(const SessionRecord& session) {
-    return *findSignMechanism(session.mechanism);
+const SignatureMechanism& activeMechanism(const SessionRecord& session) {
+    return *findSignatureMechanism(session.mechanism);
 }
 
 /// Signs `input` with the session's key. 0 with the signature in `resultBuffer`, or the device library's result.
@@ -82,10 +43,10 @@ int signHash(const ModuleState& state, SessionRecord& session, ByteView input) {
 /// The bytes that C_Sign gives to the token: the digest (kept in `digest`) or, for a raw mechanism, the data itself.
 CK_RV prepareInput(const ModuleState& state, const SessionRecord& session, ByteView data,
                    std::vector<unsigned char>& digest, ByteView& input) {
-    const SignMechanism& mechanism = activeMechanism(session);
+    const SignatureMechanism& mechanism = activeMechanism(session);
     if (!mechanism.isRaw()) {
-        const CK_RV hashed =
-            hashInOnePass(session.deviceId(), mechanism.hashCode, data.data(), data.size(), digest, state.instance);
+        const CK_RV hashed = hashInOnePass(session.deviceId(), mechanism.hashCode, data, digest, state.instance,
+                                           {"init hash failed ", "update hash failed ", "final hash failed "});
         input = digest;
         return hashed;
     }
@@ -122,24 +83,6 @@ CK_RV computeSignature(const ModuleState& state, SessionRecord& session, ByteVie
     return CKR_OK;
 }
 
-/// Feeds a part to the session's hash context, which is opened first where there is none. One that an earlier operation
-/// left is used as it is.
-CK_RV updateSessionHash(const ModuleState& state, SessionRecord& session, int hashCode, ByteView part) {
-    if (session.hashContext == nullptr) {
-        if (const int result = zentak_initHash(session.deviceId(), hashCode, &session.hashContext, state.instance);
-            result != 0) {
-            return refuse(CKR_FUNCTION_FAILED, "C_SignUpdate: initHash failed ", result);
-        }
-    }
-    // Kept only when the update succeeds.
-    void* const context = std::exchange(session.hashContext, nullptr);
-    if (const int result = updateHash(context, part.data(), part.size(), state.instance); result != 0) {
-        return refuse(CKR_FUNCTION_FAILED, "C_SignUpdate: updateHash failed ", result);
-    }
-    session.hashContext = context;
-    return CKR_OK;
-}
-
 /// Computes the signature of a multi-part operation into `resultBuffer`. Whatever happens, the input is used up.
 CK_RV computeFinalSignature(const ModuleState& state, SessionRecord& session) {
     std::vector<unsigned char> input = std::exchange(session.dataBuffer, {});
@@ -162,7 +105,7 @@ CK_RV computeFinalSignature(const ModuleState& state, SessionRecord& session) {
 
 CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
     return sessionEntryPoint("C_SignInit", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
-        if (session.state < CKS_RO_USER_FUNCTIONS || session.state > CKS_RW_SO_FUNCTIONS) {
+        if (!session.permitsOperations()) {
             return refuse(CKR_SESSION_HANDLE_INVALID, "C_SignInit: invalid session state=", session.state);
         }
         if (session.activeOperation != ActiveOperation::None) {
@@ -172,8 +115,8 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
         if (pMechanism == nullptr) {
             return refuse(CKR_ARGUMENTS_BAD, "C_SignInit: pMechanism is NULL");
         }
-        const SignMechanism* mechanism = findSignMechanism(pMechanism->mechanism);
-        if (mechanism != nullptr && mechanism->refusedOnFips && isFips140Token(session.tokenInfo)) {
+        const SignatureMechanism* mechanism = findSignatureMechanism(pMechanism->mechanism);
+        if (mechanism != nullptr && mechanism->signingRefusedOnFips && isFips140Token(session.tokenInfo)) {
             return refuse(CKR_MECHANISM_INVALID, "C_SignInit: mechanism not allowed on FIPS 140-3 token");
         }
         if (mechanism == nullptr) {
@@ -190,17 +133,17 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
         if (hKey < privateKeyBase) {
             return refuse(CKR_OBJECT_HANDLE_INVALID, "C_SignInit: invalid hKey=", hKey);
         }
-        ZentakKeyPair* keyPair = findKeyPair(state, session.deviceId(), hKey - privateKeyBase);
-        if (keyPair == nullptr) {
-            return refuse(CKR_OBJECT_HANDLE_INVALID, "Invalid input handle in sign : ", hKey);
+        const CK_RV selected =
+            selectKeyPair(state, session, hKey - privateKeyBase, "Invalid input handle in sign : ", hKey);
+        if (selected != CKR_OK) {
+            return selected;
         }
-        session.keyPair = keyPair;
-        if ((keyPair->keyUsage & keyUsageSign) == 0) {
-            session.keyPair = nullptr;
-            return refuse(CKR_KEY_FUNCTION_NOT_PERMITTED,
-                          "C_SignInit: key usage does not permit signing, keyUsage=", keyPair->keyUsage);
+        const CK_RV permitted =
+            requireKeyUsage(session, keyUsageSign, "C_SignInit: key usage does not permit signing, keyUsage=");
+        if (permitted != CKR_OK) {
+            return permitted;
         }
-        if (keyPair->keyType == keyTypeRsa1024) {
+        if (session.keyPair->keyType == keyTypeRsa1024) {
             session.keyPair = nullptr;
             return refuse(CKR_KEY_SIZE_RANGE,
                           "C_SignInit: RSA-1024 signing not allowed \u2014 key size below 112-bit security strength");
@@ -250,13 +193,15 @@ CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPar
         if (pPart == nullptr || ulPartLen == 0) {
             return refuse(CKR_ARGUMENTS_BAD, "C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
         }
-        const SignMechanism& mechanism = activeMechanism(session);
+        const SignatureMechanism& mechanism = activeMechanism(session);
         if (mechanism.isRaw()) {
             session.dataBuffer.insert(session.dataBuffer.end(), pPart, pPart + ulPartLen);
             return CKR_OK;
         }
         OperationEnd end(session);
-        const CK_RV updated = updateSessionHash(state, session, mechanism.hashCode, {pPart, ulPartLen});
+        const CK_RV updated =
+            updateSessionHash(session, mechanism.hashCode, {pPart, ulPartLen}, state.instance,
+                              {"C_SignUpdate: initHash failed ", "C_SignUpdate: updateHash failed ", ""});
         if (updated == CKR_OK) {
             end.keepOperation();
         }

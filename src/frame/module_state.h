@@ -52,6 +52,9 @@ struct SessionRecord {
 
     /// What the device library calls the token: its serial number.
     const char* deviceId() const { return tokenInfo.serialNumber.c_str(); }
+    /// Whether operations that need more than a read-only public session may begin.
+    bool permitsOperations() const { return state >= CKS_RO_USER_FUNCTIONS && state <= CKS_RW_SO_FUNCTIONS; }
+    bool isReadWrite() const { return state >= CKS_RW_PUBLIC_SESSION && state <= CKS_RW_SO_FUNCTIONS; }
     /// Whether a normal user is logged in on this session's token.
     bool isUserSession() const { return state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS; }
 };
@@ -74,8 +77,10 @@ struct ModuleState {
     ZentakKeyPair keyPairBuffer = {};
     ZentakCertificate certificateBuffer = {};
 
-    /// Secrets made by key derivation. Nothing removes an entry, and handles aren't used twice in a process.
+    /// Secrets made by key derivation. Nothing removes an entry.
     std::map<CK_OBJECT_HANDLE, std::vector<unsigned char>> derivedSecrets;
+    /// Handle of the next derived secret: none is used twice in a process.
+    std::uint32_t nextDerivedSecret = 0x70003000;
 };
 
 ModuleState& moduleState();

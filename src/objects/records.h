@@ -20,6 +20,19 @@ using ByteView = std::span<const unsigned char>;
 inline constexpr std::uint32_t keyUsageSign = 1;     ///< signing and verification
 inline constexpr std::uint32_t keyUsageEncrypt = 2;  ///< encryption and decryption
 
+/// Key type codes.
+inline constexpr std::int32_t keyTypeRsa1024 = 1;
+inline constexpr std::int32_t keyTypeRsa2048 = 2;
+inline constexpr std::int32_t keyTypeRsa3072 = 3;
+inline constexpr std::int32_t keyTypeRsa4096 = 4;
+inline constexpr std::int32_t keyTypeP256 = 5;
+inline constexpr std::int32_t keyTypeP384 = 6;
+inline constexpr std::int32_t keyTypeP521 = 7;
+
+inline bool isEcKeyType(std::int32_t keyType) {
+    return keyType >= keyTypeP256 && keyType <= keyTypeP521;
+}
+
 template <std::size_t FieldSize>
 ByteView validBytes(const unsigned char (&field)[FieldSize], std::int32_t length) {
     return {field, std::min(static_cast<std::size_t>(std::max(length, 0)), FieldSize)};

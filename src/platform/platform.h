@@ -43,6 +43,15 @@ std::string executableName();
 /// it can't be opened; the caller closes it.
 std::FILE* openForAppending(const char* path);
 
+/// Value of an environment variable, nothing when it isn't set.
+std::optional<std::string> environmentVariable(const char* name);
+
+/// Whether anything, file or folder, has this path.
+bool pathExists(const char* path);
+
+/// Path of the process's main executable as the system tells it; empty when it can't be told.
+std::string executablePath();
+
 }  // namespace zentak::platform
 
 #endif

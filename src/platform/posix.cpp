@@ -59,14 +59,25 @@ bool createDirectory(const char* path) {
     return mkdir(path, 0777) == 0;
 }
 
-std::string executableName() {
+std::string executablePath() {
     std::array<char, 4096> path{};
     const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
-    if (length <= 0) {
-        return {};
-    }
-    const std::string name(path.data(), static_cast<std::size_t>(length));
-    return name.substr(name.rfind('/') + 1);
+    return length > 0 ? std::string(path.data(), static_cast<std::size_t>(length)) : std::string();
+}
+
+std::string executableName() {
+    const std::string path = executablePath();
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::optional<std::string> environmentVariable(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
+bool pathExists(const char* path) {
+    struct stat status {};
+    return stat(path, &status) == 0;
 }
 
 std::FILE* openForAppending(const char* path) {

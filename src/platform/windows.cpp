@@ -8,6 +8,7 @@
 // clang-format on
 
 #include <array>
+#include <cstdlib>
 
 #include "platform/platform.h"
 
@@ -49,6 +50,21 @@ std::string executableName() {
     std::array<char, 1024> name{};
     const DWORD length = GetModuleBaseNameA(GetCurrentProcess(), nullptr, name.data(), static_cast<DWORD>(name.size()));
     return std::string(name.data(), length);
+}
+
+std::optional<std::string> environmentVariable(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
+bool pathExists(const char* path) {
+    return GetFileAttributesA(path) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::string executablePath() {
+    std::array<char, 32768> path{};
+    const DWORD length = GetModuleFileNameA(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    return std::string(path.data(), length);
 }
 
 std::FILE* openForAppending(const char* path) {

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "device/library_results.h"
 #include "frame/entry_frame.h"
 
 using namespace zentak;
@@ -23,7 +24,6 @@ std::string pinText(CK_UTF8CHAR_PTR pin, CK_ULONG length) {
 /// Asks the device library for its word on a PIN.
 CK_RV validatePin(const ModuleState& state, const SessionRecord& session, CK_USER_TYPE userType,
                   const std::string& pin) {
-    constexpr int deviceDoesNotAnswer = 48;
     int attemptsLeft = 0;
     const int result = zentak_validatePassword(session.deviceId(), pin.c_str(), userType == CKU_USER ? 1 : 2,
                                                &attemptsLeft, state.instance);

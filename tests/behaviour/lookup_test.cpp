@@ -147,7 +147,7 @@ TEST_F(LookupTest, WideHandlesAreNotCut) {
 TEST_F(LookupTest, SecretKeysThatNobodyDerivedAreNotThere) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
     Bytes value;
-    for (const CK_OBJECT_HANDLE handle : Numbers{0x70003000, 0x70003001, 0xFFFFFFFF}) {
+    for (const CK_OBJECT_HANDLE handle : Numbers{0x70013000, 0x70013001, 0xFFFFFFFF}) {
         EXPECT_EQ(read(session, handle, CKA_VALUE, value),
                   (Outcome{CKR_OBJECT_HANDLE_INVALID,
                            {"DEBUG C_GetAttributeValue", "DEBUG C_GetAttributeValue count : 1",

@@ -1,0 +1,41 @@
+/// A buffer that the device library allocates for its caller.
+
+#ifndef ZENTAK_CRYPTO_LIBRARY_BUFFER_H
+#define ZENTAK_CRYPTO_LIBRARY_BUFFER_H
+
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace zentak {
+
+/// Owns what zentak_decrypt or zentak_ecdhDerive hands out, also when the operation fails or throws afterwards. The C
+/// runtime's `free` releases it.
+class LibraryBuffer {
+public:
+    LibraryBuffer() = default;
+    ~LibraryBuffer() { std::free(bytes_); }
+    LibraryBuffer(const LibraryBuffer&) = delete;
+    LibraryBuffer& operator=(const LibraryBuffer&) = delete;
+
+    /// Where the library puts its pointer.
+    unsigned char** address() { return &bytes_; }
+
+    bool isNull() const { return bytes_ == nullptr; }
+
+    /// The first `length` bytes. Throws std::length_error for a length that no buffer has.
+    std::vector<unsigned char> copy(int length) const {
+        if (length < 0 || (length > 0 && isNull())) {
+            throw std::length_error("the device library reports an output length of " + std::to_string(length));
+        }
+        return {bytes_, bytes_ + length};
+    }
+
+private:
+    unsigned char* bytes_ = nullptr;
+};
+
+}  // namespace zentak
+
+#endif

@@ -1,0 +1,68 @@
+#include "objects/issuer_chain.h"
+
+#include <algorithm>
+#include <set>
+
+#include "log/diagnostic_log.h"
+#include "objects/template_reader.h"
+
+namespace zentak {
+
+std::string_view commonNameIn(std::string_view distinguishedName) {
+    // A search by hand: the standard's regular expressions recurse for each character of other people's certificates.
+    constexpr std::string_view key = "CN=";
+    for (std::size_t position = distinguishedName.find(key); position != std::string_view::npos;
+         position = distinguishedName.find(key, position + 1)) {
+        const std::string_view rest = distinguishedName.substr(position + key.size());
+        const std::string_view name = rest.substr(0, rest.find_first_of(",\n\r"));
+        if (!name.empty()) {
+            return name;
+        }
+    }
+    return distinguishedName;
+}
+
+ZentakCertificate certificateRecord(ByteView der, std::string_view label) {
+    ZentakCertificate record = {};
+    record.derLength = replaceField(record.der, textIn(der), sizeof(record.der));
+    replaceField(record.label, label, longestCertificateLabel);
+    return record;
+}
+
+IssuerTable::IssuerTable(const std::vector<File>& files) {
+    for (const auto& [fileName, der] : files) {
+        if (der.empty() || der.size() > sizeof(ZentakCertificate::der)) {
+            continue;
+        }
+        CertificateDetails details;
+        if (zentak_getCertificateDetails(der.data(), static_cast<int>(der.size()), &details, nullptr) != 0) {
+            continue;
+        }
+        const std::string name(commonNameIn(details.text7));
+        certificates_.try_emplace(name, certificateRecord(der, name));
+        details_.insert_or_assign(name, std::move(details));
+    }
+}
+
+std::vector<ZentakCertificate> IssuerTable::chainOf(const ZentakCertificate& leaf, std::string_view issuer) const {
+    std::vector<ZentakCertificate> chain = {leaf};
+    std::set<std::string_view> visited;
+    for (std::string_view wanted = commonNameIn(issuer); !wanted.empty();) {
+        const auto found = certificates_.find(wanted);
+        if (found == certificates_.end() || !visited.insert(wanted).second) {
+            logDebug("Issuer '", wanted, "' NOT found \u2014 skipping chain import");
+            return {};
+        }
+        chain.push_back(found->second);
+        const CertificateDetails& details = details_.find(wanted)->second;
+        const std::string_view issuerName = commonNameIn(details.text3);
+        if (issuerName == commonNameIn(details.text7)) {
+            break;
+        }
+        wanted = issuerName;
+    }
+    std::reverse(chain.begin(), chain.end());
+    return chain;
+}
+
+}  // namespace zentak

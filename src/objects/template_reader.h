@@ -1,0 +1,55 @@
+/// Reading of a caller's template entry by entry, values at any alignment.
+
+#ifndef ZENTAK_OBJECTS_TEMPLATE_READER_H
+#define ZENTAK_OBJECTS_TEMPLATE_READER_H
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include "frame/cryptoki.h"
+#include "objects/records.h"
+
+namespace zentak {
+
+/// Calls `use(type, value)` for each entry that has a value, in order; entries without one are passed over.
+template <typename Use>
+void forEachValue(const CK_ATTRIBUTE* pTemplate, CK_ULONG ulCount, const Use& use) {
+    for (CK_ULONG index = 0; index < ulCount; ++index) {
+        const CK_ATTRIBUTE entry = pTemplate[index];
+        if (entry.pValue != nullptr && entry.ulValueLen != 0) {
+            use(entry.type, ByteView(static_cast<const unsigned char*>(entry.pValue), entry.ulValueLen));
+        }
+    }
+}
+
+/// A value as a number, as many of its bytes as a CK_ULONG has.
+inline CK_ULONG numberIn(ByteView value) {
+    CK_ULONG number = 0;
+    std::memcpy(&number, value.data(), std::min(value.size(), sizeof(number)));
+    return number;
+}
+
+/// A value as text that needs no terminator.
+inline std::string_view textIn(ByteView value) {
+    return {reinterpret_cast<const char*>(value.data()), value.size()};
+}
+
+/// The usage bits that CKA_SIGN and CKA_DECRYPT of a template set: a non-zero first byte sets the bit, anything else
+/// clears it.
+inline void setUsage(std::uint32_t& usage, std::uint32_t bit, ByteView value) {
+    usage = value[0] != 0 ? usage | bit : usage & ~bit;
+}
+
+/// Makes at most `limit` bytes the content of a field and fills the rest with zeros; how many it were.
+template <typename Byte, std::size_t FieldSize>
+std::int32_t replaceField(Byte (&field)[FieldSize], std::string_view bytes, std::size_t limit) {
+    const std::size_t count = std::min({bytes.size(), limit, FieldSize});
+    std::memset(field, 0, FieldSize);
+    std::memcpy(field, bytes.data(), count);
+    return static_cast<std::int32_t>(count);
+}
+
+}  // namespace zentak
+
+#endif

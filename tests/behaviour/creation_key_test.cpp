@@ -1,0 +1,230 @@
+// C_CreateObject: the import of an RSA private key from its components.
+
+#include "creation_test.h"
+
+using namespace support;
+
+namespace {
+
+constexpr std::size_t bytesOf2048 = 256;
+
+std::string importKey(const Bytes& modulus, const Bytes& exponent, const Bytes& prime, int usage = 3,
+                      const std::string& label = "", const Bytes& id = {}, const std::string& pin = "246810",
+                      const std::string& token = "SN1") {
+    return text("zentak_importPfx(\"", token, "\", \"", pin, "\", {components=[<", hexadecimal(modulus), ">, <>, <",
+                hexadecimal(exponent), ">, <", hexadecimal(prime), ">, <>, <>, <>, <>], keyUsage=", usage, ", label=\"",
+                label, "\", objectId=<", hexadecimal(id), ">, extra=<>}, instance)");
+}
+
+class CreationKeyTest : public CreationTest {
+protected:
+    void SetUp() override {
+        CreationTest::SetUp();
+        world.generated = keySix;
+    }
+
+    /// Class and the three components.
+    void addComponents(Template& wanted, const Bytes& withModulus) const {
+        wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
+            .add(CKA_MODULUS, withModulus)
+            .add(CKA_PRIVATE_EXPONENT, exponent)
+            .add(CKA_PRIME_1, prime);
+    }
+
+    const Bytes modulus = countingBytes(0xC1, bytesOf2048);
+    const Bytes exponent = countingBytes(0x21, bytesOf2048);
+    const Bytes prime = countingBytes(0xE1, bytesOf2048 / 2);
+    /// What the components alone let the module log.
+    const Lines componentLines = {"DEBUG C_CreateObject", attributeLine(CKA_CLASS), attributeLine(CKA_MODULUS),
+                                  attributeLine(CKA_PRIVATE_EXPONENT), attributeLine(CKA_PRIME_1)};
+};
+
+TEST_F(CreationKeyTest, TheComponentsAreHandedOn) {
+    Template wanted;
+    addComponents(wanted, modulus);
+    EXPECT_EQ(create(wanted), (Outcome{CKR_OK, componentLines, {importKey(modulus, exponent, prime), listKeyPairs}}));
+    EXPECT_EQ(created, privateKey(6));
+}
+
+TEST_F(CreationKeyTest, TheOtherComponentsAreNot) {
+    const std::string label = " key label ";
+    Template wanted;
+    addComponents(wanted, modulus);
+    wanted.add(CKA_PUBLIC_EXPONENT, Bytes{1, 0, 1})
+        .add(CKA_PRIME_2, Bytes{2})
+        .add(CKA_EXPONENT_1, Bytes{3})
+        .add(CKA_EXPONENT_2, Bytes{4})
+        .add(CKA_COEFFICIENT, Bytes{5})
+        .add(CKA_VALUE, Bytes{6})
+        .add(CKA_ID, countingBytes(1, 200))
+        .add(CKA_LABEL, label.c_str())
+        .addNumber(CKA_KEY_TYPE, CKK_RSA)
+        .addRaw(CKA_MODULUS, nullptr, 7);
+    const Lines more = {attributeLine(CKA_PUBLIC_EXPONENT),
+                        attributeLine(CKA_PRIME_2),
+                        attributeLine(CKA_EXPONENT_1),
+                        attributeLine(CKA_EXPONENT_2),
+                        attributeLine(CKA_COEFFICIENT),
+                        attributeLine(CKA_VALUE),
+                        attributeLine(CKA_ID),
+                        attributeLine(CKA_LABEL),
+                        attributeLine(CKA_KEY_TYPE)};
+    EXPECT_EQ(create(wanted),
+              (Outcome{CKR_OK,
+                       componentLines + more,
+                       {importKey(modulus, exponent, prime, 3, label, countingBytes(1, 200)), listKeyPairs}}));
+}
+
+TEST_F(CreationKeyTest, LaterEntriesReplaceEarlierOnes) {
+    Template wanted;
+    wanted.add(CKA_PRIME_1, Bytes{1}).add(CKA_PRIVATE_EXPONENT, Bytes{2}).add(CKA_LABEL, "one").add(CKA_ID, Bytes{3});
+    addComponents(wanted, countingBytes(0, 10));
+    wanted.add(CKA_MODULUS, modulus).add(CKA_LABEL, "two").add(CKA_ID, Bytes{4});
+    EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime, 3, "two", {4}), listKeyPairs}));
+}
+
+TEST_F(CreationKeyTest, UsageIsWhatTheTemplateSays) {
+    struct Row {
+        std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>> entries;
+        int usage;
+    };
+    const Row rows[] = {
+        {{}, 3},
+        {{{CKA_DECRYPT, {1}}}, 2},
+        {{{CKA_DECRYPT, {0}}}, 0},
+        {{{CKA_SIGN, {1}}}, 1},
+        {{{CKA_SIGN, {0}}}, 0},
+        {{{CKA_SIGN, {1}}, {CKA_DECRYPT, {1}}}, 3},
+        {{{CKA_DECRYPT, {1}}, {CKA_SIGN, {0}}}, 2},
+        {{{CKA_SIGN, {1}}, {CKA_DECRYPT, {0}}}, 1},
+        {{{CKA_SIGN, {0}}, {CKA_DECRYPT, {0}}}, 0},
+        {{{CKA_SIGN, {0x80}}, {CKA_DECRYPT, {0xFF}}}, 3},
+        {{{CKA_SIGN, {0, 1}}, {CKA_DECRYPT, {2, 0}}}, 2},
+        {{{CKA_SIGN, {1}}, {CKA_SIGN, {0}}}, 0},
+        {{{CKA_DECRYPT, {0}}, {CKA_DECRYPT, {1}}}, 2},
+        {{{CKA_ENCRYPT, {0}}, {CKA_VERIFY, {0}}}, 3},
+        {{{CKA_SIGN, {}}, {CKA_DECRYPT, {}}}, 3},
+    };
+    for (const Row& row : rows) {
+        Template wanted;
+        addComponents(wanted, modulus);
+        for (const auto& [type, value] : row.entries) wanted.add(type, value);
+        EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime, row.usage), listKeyPairs}));
+    }
+}
+
+TEST_F(CreationKeyTest, EllipticCurveKeysAreRefusedFirst) {
+    Template wanted;
+    wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).addNumber(CKA_KEY_TYPE, CKK_EC).add(CKA_MODULUS, Bytes{1});
+    EXPECT_EQ(create(wanted), (Outcome{CKR_FUNCTION_FAILED,
+                                       {"DEBUG C_CreateObject", attributeLine(CKA_CLASS), attributeLine(CKA_KEY_TYPE),
+                                        attributeLine(CKA_MODULUS), "ERROR ECC keypair not supported for import"}}));
+    EXPECT_EQ(created, untouched);
+}
+
+TEST_F(CreationKeyTest, EveryOtherTypeIsRsa) {
+    for (const CK_KEY_TYPE type : Numbers{CKK_RSA, CKK_DSA, CKK_DH, CKK_AES, 0x80000003, 0xFFFFFFFF}) {
+        Template wanted;
+        addComponents(wanted, modulus);
+        wanted.addNumber(CKA_KEY_TYPE, type);
+        EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime), listKeyPairs}));
+    }
+}
+
+TEST_F(CreationKeyTest, ThreeComponentsAreNeeded) {
+    for (const CK_ATTRIBUTE_TYPE missing : Numbers{CKA_MODULUS, CKA_PRIVATE_EXPONENT, CKA_PRIME_1}) {
+        Template wanted;
+        addComponents(wanted, countingBytes(1, 128));  // too short besides
+        wanted[missing == CKA_MODULUS ? 1 : missing == CKA_PRIVATE_EXPONENT ? 2 : 3].ulValueLen = 0;
+        Lines lines = componentLines;
+        lines.erase(std::find(lines.begin(), lines.end(), attributeLine(missing)));
+        EXPECT_EQ(create(wanted),
+                  (Outcome{CKR_FUNCTION_FAILED, lines + Lines{"ERROR Invalid input parameters for import RSA key"}}));
+        EXPECT_EQ(created, untouched);
+    }
+}
+
+TEST_F(CreationKeyTest, ShortKeysAreRefusedOnEveryToken) {
+    for (const CK_SLOT_ID slot : {firstSlot, fipsSlot}) {
+        const CK_SESSION_HANDLE where = openSession(CKF_RW_SESSION, slot);
+        for (const std::size_t length : {1U, 127U, 128U}) {
+            Template wanted;
+            addComponents(wanted, countingBytes(1, length));
+            EXPECT_EQ(
+                createIn(where, wanted),
+                (Outcome{CKR_KEY_SIZE_RANGE,
+                         componentLines + Lines{"ERROR C_CreateObject: RSA-1024 key import not allowed \u2014 key "
+                                                "size below 112-bit security strength"}}));
+            EXPECT_EQ(created, untouched);
+        }
+    }
+}
+
+TEST_F(CreationKeyTest, OneByteMoreIsEnough) {
+    Bytes padded = countingBytes(0x81, 128);
+    padded.insert(padded.begin(), 0);
+    Template wanted;
+    addComponents(wanted, padded);
+    EXPECT_EQ(create(wanted), (Outcome{CKR_OK, componentLines, {importKey(padded, exponent, prime), listKeyPairs}}));
+}
+
+TEST_F(CreationKeyTest, AFailedImportIsReported) {
+    for (const auto& [result, code] : std::vector<std::pair<int, CK_RV>>{{40, CKR_DEVICE_MEMORY},
+                                                                         {242, CKR_DEVICE_MEMORY},
+                                                                         {39, CKR_FUNCTION_FAILED},
+                                                                         {1, CKR_FUNCTION_FAILED},
+                                                                         {-242, CKR_FUNCTION_FAILED}}) {
+        world.results["zentak_importPfx"] = result;
+        Template wanted;
+        addComponents(wanted, modulus);
+        EXPECT_EQ(create(wanted),
+                  (Outcome{code,
+                           componentLines + Lines{text("ERROR Import private key into device failed : ", result)},
+                           {importKey(modulus, exponent, prime)}}));
+        EXPECT_EQ(created, untouched);
+    }
+}
+
+TEST_F(CreationKeyTest, TheHandleComesFromTheList) {
+    ZentakKeyPair twin = labelledKeyPair(0, "twin");
+    std::copy_n(keySix.keyId, sizeof twin.keyId, twin.keyId);
+    world.keyPairs["SN1"] = {keyFive, twin, keySix};
+    Template wanted;
+    addComponents(wanted, modulus);
+    EXPECT_EQ(create(wanted).code, CKR_OK);
+    EXPECT_EQ(created, privateKey(0));
+
+    ZentakKeyPair nearly = keySix;
+    nearly.keyId[15] ^= 1U;
+    world.keyPairs["SN1"] = {keyFive, nearly};
+    EXPECT_EQ(create(wanted), (Outcome{CKR_OK, componentLines, {importKey(modulus, exponent, prime), listKeyPairs}}));
+    EXPECT_EQ(created, untouched);
+}
+
+TEST_F(CreationKeyTest, NeitherLoginNorAWritableSessionIsNeeded) {
+    closeEverything(session);
+    world.keyPairs["SN2"] = {keySix};
+    const CK_SESSION_HANDLE readOnly = openSessionIn(CKS_RO_PUBLIC_SESSION, fipsSlot);
+    Template wanted;
+    addComponents(wanted, modulus);
+    EXPECT_EQ(createIn(readOnly, wanted).device, (Lines{importKey(modulus, exponent, prime, 3, "", {}, "", "SN2"),
+                                                        "zentak_getKeyPairList(\"SN2\", instance)"}));
+    EXPECT_EQ(created, privateKey(6));
+}
+
+TEST_F(CreationKeyTest, ExceptionsBecomeCodes) {
+    Template wanted;
+    addComponents(wanted, modulus);
+    for (const ThrownCode& row : thrownCodes) {
+        for (const char* operation : {"zentak_importPfx", "zentak_getKeyPairList"}) {
+            letThrow(operation, row.thrown);
+            const Outcome outcome = create(wanted);
+            EXPECT_EQ(outcome.code, row.code);
+            EXPECT_TRUE(endsWithOneError(outcome.log, "C_CreateObject"));
+            EXPECT_EQ(created, untouched);
+        }
+    }
+    EXPECT_EQ(create(wanted).code, CKR_OK);
+}
+
+}  // namespace

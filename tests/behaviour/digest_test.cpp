@@ -1,0 +1,245 @@
+// C_DigestInit, C_Digest, C_DigestUpdate and C_DigestFinal.
+
+#include "signing_test.h"
+
+using namespace support;
+
+namespace {
+
+struct DigestMechanism {
+    CK_MECHANISM_TYPE type;
+    int hashCode;
+};
+
+constexpr DigestMechanism digestMechanisms[] = {
+    {CKM_SHA_1, 2}, {CKM_SHA256, 3}, {CKM_SHA224, 6}, {CKM_SHA384, 4}, {CKM_SHA512, 5}};
+
+std::string finalDigest(int context) {
+    return text("zentak_finalHash(", contextName(context), ", out, *128, instance)");
+}
+
+class DigestTest : public SigningTest {
+protected:
+    Outcome digestInit(CK_MECHANISM_TYPE type) {
+        CK_MECHANISM mechanism = {type, nullptr, 0};
+        return observe([&] { return api->C_DigestInit(session, &mechanism); });
+    }
+    /// C_Digest into `room`.
+    Outcome digestData(const Bytes& data) {
+        Bytes copy = data;
+        return intoRoom([&](CK_BYTE_PTR target) {
+            return api->C_Digest(session, copy.empty() ? nullptr : copy.data(), static_cast<CK_ULONG>(copy.size()),
+                                 target, &length);
+        });
+    }
+    Outcome digestUpdate(const Bytes& part) {
+        Bytes copy = part;
+        return observe([&] { return api->C_DigestUpdate(session, copy.data(), static_cast<CK_ULONG>(copy.size())); });
+    }
+    Outcome digestFinal() {
+        return intoRoom([&](CK_BYTE_PTR target) { return api->C_DigestFinal(session, target, &length); });
+    }
+    Outcome sizeOf(const Bytes& data) {
+        Bytes copy = data;
+        return observe(
+            [&] { return api->C_Digest(session, copy.data(), static_cast<CK_ULONG>(copy.size()), nullptr, &length); });
+    }
+
+private:
+    template <typename Function>
+    Outcome intoRoom(Function call) {
+        room = Room(2000);
+        length = 0;  // the capacity isn't looked at
+        return observe([&] { return call(static_cast<CK_BYTE_PTR>(room.address())); });
+    }
+};
+
+TEST_F(DigestTest, InitChecksInItsOrder) {
+    const CK_SESSION_HANDLE publicSession = openSessionIn(CKS_RO_PUBLIC_SESSION, fipsSlot);
+    CK_MECHANISM sha1 = {CKM_SHA_1, nullptr, 0};
+    EXPECT_EQ(observe([&] { return api->C_DigestInit(7, nullptr); }),
+              (Outcome{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_DigestInit", "ERROR C_DigestInit: invalid hSession=7"}}));
+    EXPECT_EQ(api->C_Logout(session), CKR_OK);
+    api->C_FindObjectsInit(session, nullptr, 0);
+    EXPECT_EQ(
+        observe([&] { return api->C_DigestInit(session, nullptr); }),
+        (Outcome{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_DigestInit", "ERROR C_DigestInit: invalid session state=0"}}));
+    api->C_CloseSession(publicSession);
+    login(session, userPin);
+    EXPECT_EQ(observe([&] { return api->C_DigestInit(session, nullptr); }),
+              (Outcome{CKR_OPERATION_ACTIVE,
+                       {"DEBUG C_DigestInit", "ERROR C_DigestInit: operation already active, activeOperation=1"}}));
+    api->C_FindObjectsFinal(session);
+    EXPECT_EQ(observe([&] { return api->C_DigestInit(session, nullptr); }),
+              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_DigestInit", "ERROR C_DigestInit mechanism pointer in NULL"}}));
+    EXPECT_EQ(observe([&] { return api->C_DigestInit(session, &sha1); }).code, CKR_OK);
+}
+
+TEST_F(DigestTest, Sha1IsRefusedOnAFipsToken) {
+    session = openSessionIn(CKS_RW_PUBLIC_SESSION, fipsSlot);
+    EXPECT_EQ(digestInit(CKM_SHA_1),
+              (Outcome{CKR_MECHANISM_INVALID,
+                       {"DEBUG C_DigestInit", "ERROR C_DigestInit: SHA-1 not allowed on FIPS 140-3 token"}}));
+    EXPECT_EQ(digestInit(CKM_SHA224), (Outcome{CKR_OK, {"DEBUG C_DigestInit"}, {initHash(6, "SN2")}}));
+}
+
+TEST_F(DigestTest, OtherMechanismsAreUnknown) {
+    Numbers others = {CKM_MD5, CKM_SHA256_RSA_PKCS, CKM_SHA256_HMAC, 0, CK_UNAVAILABLE_INFORMATION};
+    if constexpr (sizeof(CK_ULONG) == 8) others.push_back(static_cast<CK_ULONG>(0x100000250ULL));
+    for (const CK_MECHANISM_TYPE type : others) {
+        EXPECT_EQ(digestInit(type), (Outcome{CKR_MECHANISM_INVALID,
+                                             {"DEBUG C_DigestInit", "ERROR C_DigestInit mechanism not supported"}}));
+    }
+}
+
+TEST_F(DigestTest, EachMechanismHashesWithItsCode) {
+    const Bytes data = {1, 2, 3};
+    int context = 0;
+    for (const DigestMechanism& mechanism : digestMechanisms) {
+        ++context;
+        EXPECT_EQ(digestInit(mechanism.type),
+                  (Outcome{CKR_OK, {"DEBUG C_DigestInit"}, {initHash(mechanism.hashCode)}}));
+        EXPECT_EQ(digestData(data), (Outcome{CKR_OK,
+                                             {"DEBUG C_Digest", "DEBUG C_Digest Success"},
+                                             {updateHash(context, data), finalDigest(context)}}));
+        EXPECT_EQ(length, 32U);
+        EXPECT_EQ(room.first(32), digest);
+        EXPECT_TRUE(room.untouchedFrom(32));
+        EXPECT_EQ(digestData(data), notInitialised("C_Digest"));
+    }
+}
+
+TEST_F(DigestTest, ParametersAreIgnored) {
+    unsigned char parameter = 0;
+    CK_MECHANISM mechanism = {CKM_SHA256, &parameter, 1};
+    EXPECT_EQ(api->C_DigestInit(session, &mechanism), CKR_OK);
+}
+
+TEST_F(DigestTest, AFailedInitLeavesNoOperation) {
+    setResult("zentak_initHash", 9);
+    EXPECT_EQ(digestInit(CKM_SHA256), (Outcome{CKR_FUNCTION_FAILED,
+                                               {"DEBUG C_DigestInit", "ERROR Init hash in diges init failed : 9"},
+                                               {initHash(3)}}));
+    EXPECT_EQ(digestData({1}), notInitialised("C_Digest"));
+}
+
+TEST_F(DigestTest, ArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
+    EXPECT_EQ(observe([&] { return api->C_Digest(session, nullptr, 4, nullptr, nullptr); }),
+              notInitialised("C_Digest"));
+    digestInit(CKM_SHA256);
+    EXPECT_EQ(observe([&] { return api->C_Digest(session, nullptr, 4, nullptr, nullptr); }),
+              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_Digest", "ERROR C_Digest: pData is NULL with ulDataLen=4"}}));
+    EXPECT_EQ(observe([&] { return api->C_Digest(session, nullptr, 0, nullptr, nullptr); }),
+              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_Digest", "ERROR C_Digest: pulDigestLen is NULL"}}));
+    unsigned char part = 1;
+    for (const auto& [address, count] : {std::pair<CK_BYTE_PTR, CK_ULONG>{nullptr, 3}, {&part, 0}}) {
+        EXPECT_EQ(observe([&] { return api->C_DigestUpdate(session, address, count); }),
+                  (Outcome{CKR_ARGUMENTS_BAD,
+                           {"DEBUG C_DigestUpdate",
+                            text("ERROR C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", count)}}));
+    }
+    EXPECT_EQ(observe([&] { return api->C_DigestFinal(session, nullptr, nullptr); }),
+              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_DigestFinal", "ERROR C_DigestFinal: pulDigestLen is NULL"}}));
+    EXPECT_EQ(digestData({1}).code, CKR_OK);
+}
+
+TEST_F(DigestTest, TheOtherFunctionsNeedTheOperationToo) {
+    begin(CKM_RSA_PKCS);
+    EXPECT_EQ(digestUpdate({1}), notInitialised("C_DigestUpdate", 5));
+    EXPECT_EQ(digestFinal(), notInitialised("C_DigestFinal", 5));
+    EXPECT_EQ(digestInit(CKM_SHA256).code, CKR_OPERATION_ACTIVE);
+}
+
+TEST_F(DigestTest, TheEmptyMessageIsHashed) {
+    digestInit(CKM_SHA256);
+    const Outcome outcome = digestData({});
+    EXPECT_EQ(outcome.code, CKR_OK);
+    EXPECT_EQ(outcome.device, (Lines{"zentak_updateHash(context#1, null, 0, instance)", finalDigest(1)}));
+}
+
+TEST_F(DigestTest, ASizeQueryKeepsTheDigestForTheNextCall) {
+    digestInit(CKM_SHA256);
+    EXPECT_EQ(sizeOf({1}),
+              (Outcome{CKR_OK, {"DEBUG C_Digest", "DEBUG C_Digest Success"}, {updateHash(1, {1}), finalDigest(1)}}));
+    EXPECT_EQ(length, 32U);
+    EXPECT_EQ(digestData({2, 3}), (Outcome{CKR_OK, {"DEBUG C_Digest", "DEBUG C_Digest Success"}}));
+    EXPECT_EQ(room.first(32), digest);
+
+    digestInit(CKM_SHA256);
+    ASSERT_EQ(digestUpdate({1}).code, CKR_OK);
+    EXPECT_EQ(observe([&] { return api->C_DigestFinal(session, nullptr, &length); }),
+              (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}, {finalDigest(2)}}));
+    EXPECT_EQ(digestFinal(), (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}}));
+    EXPECT_EQ(room.first(32), digest);
+    EXPECT_EQ(digestFinal(), notInitialised("C_DigestFinal"));
+}
+
+TEST_F(DigestTest, PartsAreFedAsTheyCome) {
+    digestInit(CKM_SHA512);
+    EXPECT_EQ(digestUpdate({1, 2}), (Outcome{CKR_OK, {"DEBUG C_DigestUpdate"}, {updateHash(1, {1, 2})}}));
+    EXPECT_EQ(digestUpdate({3}), (Outcome{CKR_OK, {"DEBUG C_DigestUpdate"}, {updateHash(1, {3})}}));
+    EXPECT_EQ(digestFinal(),
+              (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}, {finalDigest(1)}}));
+    EXPECT_EQ(room.first(32), digest);
+}
+
+TEST_F(DigestTest, FailuresEndTheOperation) {
+    digestInit(CKM_SHA256);
+    setResult("zentak_updateHash", 5);
+    EXPECT_EQ(digestData({1}).log, (Lines{"DEBUG C_Digest", "ERROR Update hash data in diget failed : 5"}));
+    EXPECT_EQ(digestData({1}), notInitialised("C_Digest"));
+    digestInit(CKM_SHA256);
+    EXPECT_EQ(digestUpdate({1}),
+              (Outcome{CKR_FUNCTION_FAILED,
+                       {"DEBUG C_DigestUpdate", "ERROR Update hash data in digest update failed : 5"},
+                       {updateHash(2, {1})}}));
+    EXPECT_EQ(digestUpdate({1}), notInitialised("C_DigestUpdate"));
+    setResult("zentak_updateHash", 0);
+    setResult("zentak_finalHash", -6);
+    digestInit(CKM_SHA256);
+    EXPECT_EQ(digestData({1}).log, (Lines{"DEBUG C_Digest", "ERROR Final hash data in diget failed : -6"}));
+    EXPECT_EQ(digestData({1}), notInitialised("C_Digest"));
+    digestInit(CKM_SHA256);
+    EXPECT_EQ(digestFinal(), (Outcome{CKR_FUNCTION_FAILED,
+                                      {"DEBUG C_DigestFinal", "ERROR Final hash data in diget failed : -6"},
+                                      {finalDigest(4)}}));
+    EXPECT_EQ(digestFinal(), notInitialised("C_DigestFinal"));
+}
+
+TEST_F(DigestTest, ExceptionsEndTheOperationLikeFailures) {
+    for (const ThrownCode& row : thrownCodes) {
+        for (const char* operation : {"zentak_updateHash", "zentak_finalHash"}) {
+            digestInit(CKM_SHA256);
+            letThrow(operation, row.thrown);
+            const Outcome outcome = digestData({1});
+            EXPECT_EQ(outcome.code, row.code);
+            EXPECT_TRUE(endsWithOneError(outcome.log, "C_Digest"));
+            EXPECT_EQ(digestData({1}), notInitialised("C_Digest"));
+        }
+        letThrow("zentak_initHash", row.thrown);
+        EXPECT_EQ(digestInit(CKM_SHA256).code, row.code);
+        EXPECT_EQ(digestInit(CKM_SHA256).code, CKR_OK);
+        EXPECT_EQ(digestData({1}).code, CKR_OK);
+    }
+}
+
+TEST_F(DigestTest, ALengthBeyondTheAreaIsAFailure) {
+    for (const int reported : {129, -1}) {
+        digestInit(CKM_SHA256);
+        world.reportedLength = reported;
+        const Outcome outcome = digestData({1});
+        EXPECT_EQ(outcome.code, CKR_FUNCTION_FAILED);
+        EXPECT_TRUE(endsWithOneError(outcome.log, "C_Digest"));
+        world.reportedLength.reset();
+        EXPECT_EQ(digestData({1}), notInitialised("C_Digest"));
+    }
+}
+
+TEST_F(DigestTest, AFinishedContextStaysAndIsUsedByALaterMultiPartSignature) {
+    digestInit(CKM_SHA256);
+    ASSERT_EQ(digestData({1}).code, CKR_OK);
+    begin(CKM_SHA512_RSA_PKCS);
+    EXPECT_EQ(update({7}), (Outcome{CKR_OK, {"DEBUG C_SignUpdate"}, {updateHash(1, {7})}}));
+}
+
+}  // namespace

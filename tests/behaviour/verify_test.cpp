@@ -1,0 +1,326 @@
+// C_VerifyInit, C_Verify, C_VerifyUpdate and C_VerifyFinal; above all where single-part and multi-part differ.
+
+#include "signing_test.h"
+
+using namespace support;
+
+namespace {
+
+const Bytes rsaIdentifier = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
+
+/// The SubjectPublicKeyInfo of a 256-byte modulus with its top bit set, written out by hand.
+Bytes wrapped2048(const Bytes& modulus) {
+    return Bytes{0x30, 0x82, 0x01, 0x22} + rsaIdentifier + Bytes{0x03, 0x82, 0x01, 0x0F, 0x00} +
+           Bytes{0x30, 0x82, 0x01, 0x0A} + Bytes{0x02, 0x82, 0x01, 0x01, 0x00} + modulus +
+           Bytes{0x02, 0x03, 0x01, 0x00, 0x01};
+}
+
+class VerifyTest : public SigningTest {
+protected:
+    void SetUp() override {
+        SigningTest::SetUp();
+        setPublicKey(world.keyPairs["SN1"][0], modulus_);
+        session = openSession();  // verification needs no login
+    }
+    Outcome verifyInit(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key = privateKey(5)) {
+        CK_MECHANISM mechanism = {type, nullptr, 0};
+        return observe([&] { return api->C_VerifyInit(session, &mechanism, key); });
+    }
+    void beginVerify(CK_MECHANISM_TYPE type) { ASSERT_EQ(verifyInit(type).code, CKR_OK); }
+    Outcome verify(const Bytes& data) {
+        Bytes copy = data;
+        Bytes given = given_;
+        return observe([&] {
+            return api->C_Verify(session, copy.data(), static_cast<CK_ULONG>(copy.size()), given.data(),
+                                 static_cast<CK_ULONG>(given.size()));
+        });
+    }
+    Outcome verifyUpdate(const Bytes& part) {
+        Bytes copy = part;
+        return observe([&] { return api->C_VerifyUpdate(session, copy.data(), static_cast<CK_ULONG>(copy.size())); });
+    }
+    Outcome verifyFinal() {
+        Bytes given = given_;
+        return observe([&] { return api->C_VerifyFinal(session, given.data(), static_cast<CK_ULONG>(given.size())); });
+    }
+    std::string verifyHash(const Bytes& hash, const Bytes& key, bool pss = false, int keyType = 2) const {
+        return text("zentak_verifySignatureHash(", keyType, ", \"SN1\", ", shown(hash), ", ", shown(key), ", ",
+                    shown(given_), ", instance, ", pss ? "true" : "false", ")");
+    }
+    const Bytes& modulus() const { return modulus_; }
+
+    const Bytes given_ = {0x51, 0x67};  ///< the signature to be verified
+    const Bytes modulus_ = countingBytes(0x80, 256);
+};
+
+const Lines wraps = {"DEBUG C_Verify", "DEBUG Public key is not der need to convert to the der"};
+
+TEST_F(VerifyTest, InitChecksInItsOrder) {
+    EXPECT_EQ(observe([&] { return api->C_VerifyInit(7, nullptr, 0); }),
+              (Outcome{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: invalid hSession=7"}}));
+    api->C_FindObjectsInit(session, nullptr, 0);
+    EXPECT_EQ(observe([&] { return api->C_VerifyInit(session, nullptr, 0); }),
+              (Outcome{CKR_OPERATION_ACTIVE,
+                       {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: operation already active, activeOperation=1"}}));
+    api->C_FindObjectsFinal(session);
+    EXPECT_EQ(observe([&] { return api->C_VerifyInit(session, nullptr, 0); }),
+              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: pMechanism is NULL"}}));
+    EXPECT_EQ(verifyInit(CKM_MD5_RSA_PKCS, 0),
+              (Outcome{CKR_MECHANISM_INVALID, {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: unsupported mechanism=5"}}));
+    EXPECT_EQ(
+        verifyInit(CKM_RSA_PKCS, 0x6FFFFFFF),
+        (Outcome{CKR_OBJECT_HANDLE_INVALID, {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: invalid hKey=1879048191"}}));
+    EXPECT_EQ(verifyInit(CKM_RSA_PKCS, privateKey(9)),
+              (Outcome{CKR_OBJECT_HANDLE_INVALID,
+                       {"DEBUG C_VerifyInit", text("ERROR Invalid input handle in verify : ", privateKey(9))},
+                       {listKeyPairs}}));
+}
+
+TEST_F(VerifyTest, BothHandlesOfAPairMeanIt) {
+    for (const CK_OBJECT_HANDLE key : {privateKey(5), publicKey(5)}) {
+        EXPECT_EQ(verifyInit(CKM_ECDSA, key), (Outcome{CKR_OK, {"DEBUG C_VerifyInit"}, {listKeyPairs}}));
+        EXPECT_EQ(verify({1}).code, CKR_OK);
+    }
+}
+
+TEST_F(VerifyTest, TheKeyMustBeForSignatures) {
+    world.keyPairs["SN1"][0].keyUsage = usageEncrypt;
+    EXPECT_EQ(verifyInit(CKM_RSA_PKCS),
+              (Outcome{CKR_KEY_FUNCTION_NOT_PERMITTED,
+                       {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: key usage does not permit verify, keyUsage=2"},
+                       {listKeyPairs}}));
+    EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
+}
+
+TEST_F(VerifyTest, NeitherPolicyNorParametersNorKeySizeRefuse) {
+    session = openSession(0, fipsSlot);
+    world.keyPairs["SN2"][0].keyType = rsa1024;
+    unsigned char parameter = 0;
+    for (const SignMechanism& row : signMechanisms) {
+        CK_MECHANISM mechanism = {row.type, &parameter, 1};
+        EXPECT_EQ(api->C_VerifyInit(session, &mechanism, privateKey(5)), CKR_OK) << row.type;
+        EXPECT_EQ(verify(Bytes(20, 1)).code, CKR_OK) << row.type;
+    }
+}
+
+TEST_F(VerifyTest, ARunningDigestIsReplacedButNoOtherOperation) {
+    session = openSessionIn(CKS_RW_PUBLIC_SESSION);
+    CK_MECHANISM sha256 = {CKM_SHA256, nullptr, 0};
+    ASSERT_EQ(api->C_DigestInit(session, &sha256), CKR_OK);
+    EXPECT_EQ(verifyInit(CKM_SHA256_RSA_PKCS).code, CKR_OK);
+    // The digest's context serves the verification.
+    EXPECT_EQ(verifyUpdate({1}), (Outcome{CKR_OK, {"DEBUG C_VerifyUpdate"}, {updateHash(1, {1})}}));
+    EXPECT_EQ(verifyInit(CKM_RSA_PKCS).code, CKR_OPERATION_ACTIVE);
+}
+
+TEST_F(VerifyTest, EachMechanismHashesInASinglePartInItsWay) {
+    const Bytes data = {0xDA, 0x7A};
+    int context = 0;
+    for (const SignMechanism& row : signMechanisms) {
+        SCOPED_TRACE(row.type);
+        beginVerify(row.type);
+        Lines device;
+        if (row.hashCode != 0) {
+            ++context;
+            device = {initHash(row.hashCode), updateHash(context, data), finalHash(context)};
+        }
+        const Bytes hash = row.hashCode != 0 ? digest : data;
+        device.push_back(verifyHash(hash, wrapped2048(modulus()), row.pss));
+        EXPECT_EQ(verify(data), (Outcome{CKR_OK, wraps, device}));
+        EXPECT_EQ(verify(data), notInitialised("C_Verify"));
+    }
+}
+
+TEST_F(VerifyTest, AModulusIsWrappedWithItsLeadingByteInMind) {
+    ASSERT_EQ(modulus()[0], 0x80);
+    EXPECT_EQ(wrapped2048(modulus()).size(), 294U);
+    // Without a set top bit nothing is put in front, and short lengths are one byte.
+    setPublicKey(world.keyPairs["SN1"][0], {0x7F, 0x01});
+    beginVerify(CKM_ECDSA);
+    const Bytes wrapped = Bytes{0x30, 0x1D} + rsaIdentifier +
+                          Bytes{0x03, 0x0C, 0x00, 0x30, 0x09, 0x02, 0x02, 0x7F, 0x01, 0x02, 0x03, 0x01, 0x00, 0x01};
+    EXPECT_EQ(verify({1}).device, (Lines{verifyHash({1}, wrapped)}));
+}
+
+TEST_F(VerifyTest, OtherFormsOfTheKeyGoAsTheyAre) {
+    struct Row {
+        int keyType;
+        Bytes key;
+    };
+    for (const Row& row :
+         {Row{p256, Bytes{4} + countingBytes(0, 64)}, Row{p384, Bytes{4} + countingBytes(0, 96)},
+          Row{p521, Bytes{4} + countingBytes(0, 132)}, Row{rsa2048, Bytes{0x30, 1, 2}}, Row{rsa2048, Bytes{}}}) {
+        world.keyPairs["SN1"][0].keyType = row.keyType;
+        setPublicKey(world.keyPairs["SN1"][0], row.key);
+        beginVerify(CKM_ECDSA);
+        const Outcome outcome = verify({1});
+        EXPECT_EQ(outcome.log, (Lines{"DEBUG C_Verify", "DEBUG Public key passed as-is"}));
+        EXPECT_EQ(outcome.device, (Lines{verifyHash({1}, row.key, false, row.keyType)}));
+    }
+}
+
+TEST_F(VerifyTest, TheHashIsTakenOutOfADigestInfo) {
+    const Bytes hash = countingBytes(1, 32);
+    const Bytes info = Bytes{0x30, 0x31, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
+                             0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20} +
+                       hash;
+    beginVerify(CKM_RSA_PKCS);
+    EXPECT_EQ(verify(info).device, (Lines{verifyHash(hash, wrapped2048(modulus()))}));
+    // For the other raw mechanisms, and in several parts, it stays as it is.
+    for (const CK_MECHANISM_TYPE type : Numbers{CKM_ECDSA, CKM_RSA_PKCS_PSS}) {
+        beginVerify(type);
+        EXPECT_EQ(verify(info).device, (Lines{verifyHash(info, wrapped2048(modulus()), type == CKM_RSA_PKCS_PSS)}));
+    }
+    beginVerify(CKM_RSA_PKCS);
+    ASSERT_EQ(verifyUpdate(info).code, CKR_OK);
+    EXPECT_EQ(verifyFinal().device, (Lines{verifyHash(info, modulus())}));
+}
+
+TEST_F(VerifyTest, ArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
+    unsigned char byte = 1;
+    EXPECT_EQ(observe([&] { return api->C_Verify(session, nullptr, 0, nullptr, 0); }), notInitialised("C_Verify"));
+    beginVerify(CKM_RSA_PKCS);
+    for (const auto& [data, mark] : {std::pair<CK_BYTE_PTR, CK_BYTE_PTR>{nullptr, &byte}, {&byte, nullptr}}) {
+        EXPECT_EQ(observe([&] { return api->C_Verify(session, data, 0, mark, 0); }),
+                  (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_Verify", "ERROR C_Verify: pData or pSignature is NULL"}}));
+    }
+    for (const auto& [dataLength, markLength] : {std::pair<CK_ULONG, CK_ULONG>{0, 1}, {1, 0}, {0, 0}}) {
+        EXPECT_EQ(observe([&] { return api->C_Verify(session, &byte, dataLength, &byte, markLength); }),
+                  (Outcome{CKR_ARGUMENTS_BAD,
+                           {"DEBUG C_Verify", text("ERROR C_Verify: ulDataLen or ulSignatureLen <= 0, ulDataLen=",
+                                                   dataLength, " ulSignatureLen=", markLength)}}));
+    }
+    EXPECT_EQ(observe([&] { return api->C_VerifyUpdate(session, nullptr, 3); }),
+              (Outcome{CKR_ARGUMENTS_BAD,
+                       {"DEBUG C_VerifyUpdate", "ERROR C_VerifyUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=3"}}));
+    EXPECT_EQ(observe([&] { return api->C_VerifyFinal(session, nullptr, 3); }),
+              (Outcome{CKR_ARGUMENTS_BAD,
+                       {"DEBUG C_VerifyFinal",
+                        "ERROR C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=3"}}));
+    EXPECT_EQ(observe([&] { return api->C_VerifyFinal(session, &byte, 0); }).code, CKR_ARGUMENTS_BAD);
+    EXPECT_EQ(verify({1}).code, CKR_OK);
+    EXPECT_EQ(verifyUpdate({1}), notInitialised("C_VerifyUpdate"));
+    EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
+}
+
+TEST_F(VerifyTest, AWrongSignatureEndsTheOperation) {
+    setResult("zentak_verifySignatureHash", 13);
+    beginVerify(CKM_RSA_PKCS);
+    EXPECT_EQ(verify({1}), (Outcome{CKR_SIGNATURE_INVALID,
+                                    wraps + Lines{"ERROR Verify signature failed : 13"},
+                                    {verifyHash({1}, wrapped2048(modulus()))}}));
+    EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
+    beginVerify(CKM_RSA_PKCS);
+    ASSERT_EQ(verifyUpdate({1}).code, CKR_OK);
+    EXPECT_EQ(verifyFinal(), (Outcome{CKR_SIGNATURE_INVALID,
+                                      {"DEBUG C_VerifyFinal", "ERROR C_VerifyFinal: verify failed 13"},
+                                      {verifyHash({1}, modulus())}}));
+    EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
+}
+
+TEST_F(VerifyTest, HashingFailuresEndASinglePart) {
+    const std::pair<const char*, const char*> steps[] = {
+        {"zentak_initHash", "ERROR C_Verify: initHash failed ret=4"},
+        {"zentak_updateHash", "ERROR C_Verify: updateHash failed ret=4"},
+        {"zentak_finalHash", "ERROR C_Verify: finalHash failed ret=4"}};
+    for (const auto& [operation, line] : steps) {
+        setResult(operation, 4);
+        beginVerify(CKM_SHA256_RSA_PKCS);
+        const Outcome outcome = verify({1});
+        EXPECT_EQ(outcome.code, CKR_FUNCTION_FAILED);
+        EXPECT_EQ(outcome.log, (Lines{"DEBUG C_Verify", line}));
+        EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
+        setResult(operation, 0);
+    }
+}
+
+TEST_F(VerifyTest, SeveralPartsHaveAHashTableOfTheirOwn) {
+    struct Row {
+        CK_MECHANISM_TYPE type;
+        int hashCode;  ///< 0: collected
+    };
+    const Row rows[] = {
+        {CKM_RSA_PKCS, 0},
+        {CKM_SHA1_RSA_PKCS, 2},
+        {CKM_RSA_PKCS_PSS, 3},
+        {CKM_SHA1_RSA_PKCS_PSS, 3},
+        {CKM_SHA256_RSA_PKCS, 3},
+        {CKM_SHA384_RSA_PKCS, 4},
+        {CKM_SHA512_RSA_PKCS, 5},
+        {CKM_SHA256_RSA_PKCS_PSS, 3},
+        {CKM_SHA384_RSA_PKCS_PSS, 3},
+        {CKM_SHA512_RSA_PKCS_PSS, 3},
+        {CKM_SHA224_RSA_PKCS, 6},
+        {CKM_SHA224_RSA_PKCS_PSS, 6},
+        {CKM_ECDSA, 0},
+        {CKM_ECDSA_SHA1, 2},
+        {CKM_ECDSA_SHA224, 6},
+        {CKM_ECDSA_SHA256, 3},
+        {CKM_ECDSA_SHA384, 4},
+        {CKM_ECDSA_SHA512, 5},
+    };
+    int context = 0;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.type);
+        beginVerify(row.type);
+        if (row.hashCode == 0) {
+            EXPECT_EQ(verifyUpdate({1, 2}), (Outcome{CKR_OK, {"DEBUG C_VerifyUpdate"}}));
+            EXPECT_EQ(verifyUpdate({3}), (Outcome{CKR_OK, {"DEBUG C_VerifyUpdate"}}));
+            EXPECT_EQ(verifyFinal(), (Outcome{CKR_OK, {"DEBUG C_VerifyFinal"}, {verifyHash({1, 2, 3}, modulus())}}));
+            continue;
+        }
+        ++context;
+        EXPECT_EQ(verifyUpdate({1, 2}).device, (Lines{initHash(row.hashCode), updateHash(context, {1, 2})}));
+        EXPECT_EQ(verifyUpdate({3}).device, (Lines{updateHash(context, {3})}));
+        // The PSS flag is false whatever the mechanism.
+        EXPECT_EQ(verifyFinal(),
+                  (Outcome{CKR_OK, {"DEBUG C_VerifyFinal"}, {finalHash(context), verifyHash(digest, modulus())}}));
+    }
+}
+
+TEST_F(VerifyTest, FailuresInSeveralPartsEndTheOperation) {
+    setResult("zentak_initHash", 4);
+    beginVerify(CKM_SHA256_RSA_PKCS);
+    EXPECT_EQ(verifyUpdate({1}).log, (Lines{"DEBUG C_VerifyUpdate", "ERROR C_VerifyUpdate: initHash failed 4"}));
+    EXPECT_EQ(verifyUpdate({1}), notInitialised("C_VerifyUpdate"));
+    setResult("zentak_initHash", 0);
+
+    setResult("zentak_updateHash", 4);
+    beginVerify(CKM_SHA256_RSA_PKCS);
+    EXPECT_EQ(verifyUpdate({1}).log, (Lines{"DEBUG C_VerifyUpdate", "ERROR C_VerifyUpdate: updateHash failed 4"}));
+    setResult("zentak_updateHash", 0);
+    beginVerify(CKM_SHA256_RSA_PKCS);
+    EXPECT_EQ(verifyUpdate({1}).device.front(), initHash(3));  // the failed context is gone
+
+    setResult("zentak_finalHash", 4);
+    EXPECT_EQ(verifyFinal().log, (Lines{"DEBUG C_VerifyFinal", "ERROR C_VerifyFinal: finalHash failed 4"}));
+    EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
+    setResult("zentak_finalHash", 0);
+    beginVerify(CKM_SHA256_RSA_PKCS);
+    EXPECT_EQ(verifyUpdate({1}).device.front(), initHash(3));
+}
+
+TEST_F(VerifyTest, ExceptionsEndTheOperationLikeFailures) {
+    for (const ThrownCode& row : thrownCodes) {
+        for (const char* operation :
+             {"zentak_initHash", "zentak_updateHash", "zentak_finalHash", "zentak_verifySignatureHash"}) {
+            beginVerify(CKM_SHA256_RSA_PKCS);
+            letThrow(operation, row.thrown);
+            const Outcome outcome = verify({1});
+            EXPECT_EQ(outcome.code, row.code) << operation;
+            EXPECT_TRUE(endsWithOneError(outcome.log, "C_Verify")) << operation;
+            EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
+        }
+        for (const char* operation : {"zentak_finalHash", "zentak_verifySignatureHash"}) {
+            beginVerify(CKM_SHA256_RSA_PKCS);
+            ASSERT_EQ(verifyUpdate({1}).code, CKR_OK);
+            letThrow(operation, row.thrown);
+            EXPECT_EQ(verifyFinal().code, row.code) << operation;
+            EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
+        }
+        beginVerify(CKM_SHA256_RSA_PKCS);
+        EXPECT_EQ(verify({1}).code, CKR_OK);
+    }
+}
+
+}  // namespace
