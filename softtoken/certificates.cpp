@@ -119,7 +119,7 @@ std::shared_ptr<const CertificateFacts> certificateFacts(ByteView der) {
         const auto found = remembered.find(name);
         if (found != remembered.end()) return found->second;
     }
-    const auto facts = std::make_shared<const CertificateFacts>(readFacts(parseCertificate(der).get()));
+    auto facts = std::make_shared<const CertificateFacts>(readFacts(parseCertificate(der).get()));
     const std::lock_guard lock(mutex);
     if (remembered.size() >= most) remembered.clear();
     remembered.emplace(std::move(name), facts);

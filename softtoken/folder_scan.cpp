@@ -44,6 +44,7 @@ std::vector<std::pair<std::string, Bytes>> scanFolder(std::string_view folder,
     std::replace(path.begin(), path.end(), '\\', '/');
 #endif
     std::vector<std::string> wanted;
+    wanted.reserve(extensions.size());
     for (const std::string& extension : extensions) wanted.push_back(lowerCase(extension));
     std::vector<fs::path> files;
     std::error_code error;

@@ -51,5 +51,10 @@ int run(std::vector<std::string> arguments) {
 }  // namespace softtoken::tool
 
 int main(int count, char** arguments) {
-    return softtoken::tool::run(softtoken::tool::commandLineUtf8(count, arguments));
+    try {
+        return softtoken::tool::run(softtoken::tool::commandLineUtf8(count, arguments));
+    } catch (...) {
+        // Only a lack of memory for the command line itself comes here: run() answers for everything else.
+        return 1;
+    }
 }

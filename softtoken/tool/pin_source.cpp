@@ -25,7 +25,7 @@ std::optional<std::string> readSilently(const SecretSource& source) {
 }
 
 std::optional<std::string> promptTwice(const SecretSource& source, const std::string& hint) {
-    const auto first = promptWithoutEcho(std::string(source.prompt) + hint + ": ");
+    auto first = promptWithoutEcho(std::string(source.prompt) + hint + ": ");
     if (!first || first->empty()) return first;
     if (promptWithoutEcho(std::string(source.prompt) + ", again: ") != first) {
         throw Failure(Error::pinRequired, "the two don't agree");

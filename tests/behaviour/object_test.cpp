@@ -32,6 +32,7 @@ ZentakCertificate labelledCertificate(std::uint32_t id, std::string_view label) 
 }
 
 void ObjectTest::plugInTokens() {
+    api = &functions();  // not earlier: loading the module may log
     plugIn(makeTokenInfo("SN1", ordinaryModel));
     plugIn(makeTokenInfo("SN2", fipsModel));
     world.keyPairs["SN1"] = {keyFive, keySix};

@@ -106,7 +106,7 @@ protected:
     const ZentakCertificate certificateSeven = labelledCertificate(7, "Certificate seven");
 
     scripted::Device& world = device();
-    const CK_FUNCTION_LIST* api = &functions();
+    const CK_FUNCTION_LIST* api = nullptr;
 
     void plugInTokens() override;
 

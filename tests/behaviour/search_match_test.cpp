@@ -1,5 +1,6 @@
 // Which objects a template finds: the class, the first criterion that is present, the login state, stored labels.
 
+#include <cstddef>
 #include <deque>
 
 #include "object_test.h"
@@ -285,18 +286,58 @@ TEST_F(SearchMatchTest, EachTokenIsSearchedForItself) {
     EXPECT_EQ(next(second, 10), (Handles{certificate(9)}));
 }
 
-TEST_F(SearchMatchTest, OddRecordsAreNeverReadBeyondTheirFields) {
+/// The memory of a record from `offset` on.
+template <typename Record>
+Bytes memoryOf(const Record& record, std::size_t offset, std::size_t length) {
+    const auto* first = reinterpret_cast<const unsigned char*>(&record) + offset;
+    return Bytes(first, first + length);
+}
+
+// The template asks for exactly what lies in the record's memory, one byte further than the field.
+TEST_F(SearchMatchTest, RecordsAreNeverReadBeyondTheirFields) {
+    ZentakKeyPair& keyPair = world.keyPairs["SN1"][0];
+    ZentakCertificate& record = world.certificates["SN1"][0];
+    keyPair.publicKeyLength = sizeof keyPair.publicKey + 1;
+    keyPair.objectIdLength = sizeof keyPair.objectId + 1;
+    record.derLength = sizeof record.der + 1;
+    record.objectIdLength = sizeof record.objectId + 1;
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    SearchRows rows;
+    rows.add("public key", {})
+        .addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
+        .add(CKA_VALUE, memoryOf(keyPair, offsetof(ZentakKeyPair, publicKey), sizeof keyPair.publicKey + 1));
+    rows.add("modulus", {})
+        .addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
+        .add(CKA_MODULUS, memoryOf(keyPair, offsetof(ZentakKeyPair, publicKey), sizeof keyPair.publicKey + 1));
+    rows.add("object id of a key pair", {})
+        .addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
+        .add(CKA_ID, memoryOf(keyPair, offsetof(ZentakKeyPair, objectId), sizeof keyPair.objectId + 1));
+    rows.add("DER", {})
+        .addNumber(CKA_CLASS, CKO_CERTIFICATE)
+        .add(CKA_VALUE, memoryOf(record, offsetof(ZentakCertificate, der), sizeof record.der + 1));
+    rows.add("object id of a certificate", {})
+        .addNumber(CKA_CLASS, CKO_CERTIFICATE)
+        .add(CKA_ID, memoryOf(record, offsetof(ZentakCertificate, objectId), sizeof record.objectId + 1));
+    for (SearchRow& row : rows.all) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(search(session, row.wanted), row.found);
+    }
+}
+
+TEST_F(SearchMatchTest, OddLengthsInARecordAreHarmless) {
     for (const std::int32_t length : {-1, INT32_MIN, 129, 1025, 3073, INT32_MAX}) {
         SCOPED_TRACE(length);
         ZentakKeyPair& keyPair = world.keyPairs["SN1"][0];
-        ZentakCertificate& certificate = world.certificates["SN1"][0];
+        ZentakCertificate& record = world.certificates["SN1"][0];
         keyPair.publicKeyLength = keyPair.objectIdLength = length;
-        certificate.derLength = certificate.objectIdLength = length;
+        record.derLength = record.objectIdLength = length;
+        setAlias(keyPair, "");
+        setLabel(record, "");
         const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-        for (const CK_ATTRIBUTE_TYPE type : Numbers{CKA_VALUE, CKA_ID, CKA_MODULUS, CKA_SUBJECT}) {
+        for (const CK_ATTRIBUTE_TYPE type : Numbers{CKA_LABEL, CKA_VALUE, CKA_ID, CKA_MODULUS, CKA_SUBJECT}) {
             for (const CK_OBJECT_CLASS objectClass : Numbers{CKO_CERTIFICATE, CKO_PRIVATE_KEY}) {
                 Template wanted;
-                wanted.addNumber(CKA_CLASS, objectClass).add(type, Bytes(5000, 0));
+                wanted.addNumber(CKA_CLASS, objectClass).add(type, terminated("some"));
                 EXPECT_EQ(findInit(session, wanted).code, CKR_OK);
             }
         }

@@ -199,7 +199,7 @@ TEST_F(SigningSingleTest, SessionsKeepTheirSignaturesApart) {
 }
 
 TEST_F(SigningSingleTest, LongInputReachesTheDeviceWhole) {
-    const Bytes data = countingBytes(0, 4096);
+    const Bytes data = countingBytes(0, 1200);
     begin(CKM_RSA_PKCS);
     EXPECT_EQ(sign(data), (Outcome{CKR_OK, traced(CKM_RSA_PKCS, data), {signHash(data)}}));
     begin(CKM_SHA256_RSA_PKCS);
