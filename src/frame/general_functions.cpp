@@ -3,31 +3,64 @@
 #include <cstring>
 
 #include "frame/entry_frame.h"
+#include "slots/device_monitor.h"
 
 using namespace zentak;
+
+namespace {
+
+/// Held by C_Initialize and C_Finalize from end to end. Not the module lock: stopping the monitor takes as long as its
+/// poll, and the monitor needs that lock itself.
+std::mutex& lifecycleMutex() {
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+
+}  // namespace
 
 CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/) {
     constexpr auto name = "C_Initialize";
     logDebug(name);
-    return withoutExceptions(name, []() -> CK_RV {
+    std::unique_lock lifecycle(lifecycleMutex(), std::defer_lock);
+    const CK_RV prepared = withoutExceptions(name, [&]() -> CK_RV {
+        lifecycle.lock();
         ModuleState& state = moduleState();
-        const std::scoped_lock lock(state.mutex);
         if (state.instance != nullptr) {
             return refuse(CKR_CRYPTOKI_ALREADY_INITIALIZED, name, ": already initialized");
         }
         void* instance = nullptr;
         zentak_createInstance(&instance);
         state.instance = instance;
-        if (instance == nullptr) {
-            // The host learns of it from its next call, which finds the module uninitialised.
-            logError("Init pkcs11 library failed failed");
+        if (isDeviceMonitorRunning()) {
+            // Left by an initialisation that got no instance.
+            logDebug("Monitor already running. Stopping old thread.");
+            stopDeviceMonitor();
         }
         return CKR_OK;
     });
+    if (prepared != CKR_OK) {
+        return prepared;
+    }
+    // The one exception that reaches a host: the system has no thread for the monitor.
+    startDeviceMonitor();
+    if (moduleState().instance == nullptr) {
+        // The host learns of it from its next call, which finds the module uninitialised.
+        logError("Init pkcs11 library failed failed");
+    }
+    return CKR_OK;
 }
 
 CK_RV C_Finalize(CK_VOID_PTR /*pReserved*/) {
-    return entryPoint("C_Finalize", [](ModuleState& state) -> CK_RV {
+    constexpr auto name = "C_Finalize";
+    logDebug(name);
+    return withoutExceptions(name, []() -> CK_RV {
+        const std::scoped_lock lifecycle(lifecycleMutex());
+        ModuleState& state = moduleState();
+        if (state.instance == nullptr) {
+            return refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name, ": not initialized");
+        }
+        stopDeviceMonitor();
+        const std::scoped_lock lock(state.mutex);
         zentak_releaseInstance(state.instance);
         state.instance = nullptr;
         state.slotTable.clear();

@@ -52,6 +52,9 @@ bool pathExists(const char* path);
 /// Path of the process's main executable as the system tells it; empty when it can't be told.
 std::string executablePath();
 
+/// Keeps this library in the process from now on, so that its own thread never runs in unloaded code.
+void keepModuleLoaded();
+
 }  // namespace zentak::platform
 
 #endif

@@ -80,6 +80,9 @@ bool pathExists(const char* path) {
     return stat(path, &status) == 0;
 }
 
+// The library is linked to stay (nodelete).
+void keepModuleLoaded() {}
+
 std::FILE* openForAppending(const char* path) {
     const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
     if (file < 0) {

@@ -67,6 +67,12 @@ std::string executablePath() {
     return std::string(path.data(), length);
 }
 
+void keepModuleLoaded() {
+    HMODULE module = nullptr;
+    GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                       reinterpret_cast<LPCSTR>(&keepModuleLoaded), &module);
+}
+
 std::FILE* openForAppending(const char* path) {
     return _fsopen(path, "ab", _SH_DENYNO);
 }

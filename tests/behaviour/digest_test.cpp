@@ -55,7 +55,6 @@ private:
 };
 
 TEST_F(DigestTest, InitChecksInItsOrder) {
-    const CK_SESSION_HANDLE publicSession = openSessionIn(CKS_RO_PUBLIC_SESSION, fipsSlot);
     CK_MECHANISM sha1 = {CKM_SHA_1, nullptr, 0};
     EXPECT_EQ(observe([&] { return api->C_DigestInit(7, nullptr); }),
               (Outcome{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_DigestInit", "ERROR C_DigestInit: invalid hSession=7"}}));
@@ -64,7 +63,6 @@ TEST_F(DigestTest, InitChecksInItsOrder) {
     EXPECT_EQ(
         observe([&] { return api->C_DigestInit(session, nullptr); }),
         (Outcome{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_DigestInit", "ERROR C_DigestInit: invalid session state=0"}}));
-    api->C_CloseSession(publicSession);
     login(session, userPin);
     EXPECT_EQ(observe([&] { return api->C_DigestInit(session, nullptr); }),
               (Outcome{CKR_OPERATION_ACTIVE,
@@ -76,7 +74,7 @@ TEST_F(DigestTest, InitChecksInItsOrder) {
 }
 
 TEST_F(DigestTest, Sha1IsRefusedOnAFipsToken) {
-    session = openSessionIn(CKS_RW_PUBLIC_SESSION, fipsSlot);
+    session = openSession(CKF_RW_SESSION, fipsSlot);
     EXPECT_EQ(digestInit(CKM_SHA_1),
               (Outcome{CKR_MECHANISM_INVALID,
                        {"DEBUG C_DigestInit", "ERROR C_DigestInit: SHA-1 not allowed on FIPS 140-3 token"}}));

@@ -1,8 +1,6 @@
 // What must never do harm: exceptions from the device library, garbage from the caller, many threads, hosts that end
 // without saying so.
 
-#include <atomic>
-#include <set>
 #include <thread>
 
 #include "child_process.h"
@@ -287,83 +285,6 @@ TEST_F(Robustness, argumentsBehindNullPointers) {
     mechanism.mechanism = CKM_RSA_PKCS;
     mechanism.ulParameterLen = CK_UNAVAILABLE_INFORMATION;
     EXPECT_EQ(functions().C_SignInit(session, &mechanism, privateKeyBase + 1), CKR_MECHANISM_PARAM_INVALID);
-}
-
-// --- Many threads ---------------------------------------------------------------------------------------------------
-
-/// Handles are handed out once, states and lines stay whole.
-TEST_F(Robustness, manyThreads) {
-    constexpr int threadCount = 8;
-    constexpr int rounds = 40;
-    device().records = false;
-    setLogLevel(debugLevel);
-    std::vector<std::set<CK_SESSION_HANDLE>> handles(threadCount);
-    std::atomic<int> refusals = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < threadCount; ++i) {
-        threads.emplace_back([&, i] {
-            const auto expectOk = [&](CK_RV code) { refusals += code == CKR_OK ? 0 : 1; };
-            for (int round = 0; round < rounds; ++round) {
-                CK_SESSION_HANDLE session = 0;
-                expectOk(functions().C_OpenSession(firstSlot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
-                                                   &session));
-                handles[static_cast<std::size_t>(i)].insert(session);
-                CK_SESSION_INFO info;
-                expectOk(functions().C_GetSessionInfo(session, &info));
-                const CK_RV loggedIn = functions().C_Login(session, CKU_USER, pin("1234"), 4);
-                expectOk(loggedIn == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : loggedIn);
-                CK_ULONG count = 4;
-                CK_SLOT_ID slots[4];
-                expectOk(functions().C_GetSlotList(CK_TRUE, slots, &count));
-                CK_TOKEN_INFO tokenInfo;
-                expectOk(functions().C_GetTokenInfo(firstSlot, &tokenInfo));
-                const CK_RV loggedOut = functions().C_Logout(session);
-                expectOk(loggedOut == CKR_USER_NOT_LOGGED_IN ? CKR_OK : loggedOut);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(refusals, 0);
-    std::set<CK_SESSION_HANDLE> all;
-    for (const std::set<CK_SESSION_HANDLE>& some : handles) {
-        all.insert(some.begin(), some.end());
-    }
-    EXPECT_EQ(all.size(), static_cast<std::size_t>(threadCount * rounds));
-    EXPECT_EQ(*all.begin(), firstSession);
-    EXPECT_EQ(*all.rbegin(), firstSession + all.size() - 1);
-
-    std::size_t opened = 0;
-    for (const std::string& line : log()) {  // each of the right shape, or the reader complains
-        opened += line == "DEBUG C_OpenSession" ? 1 : 0;
-    }
-    EXPECT_EQ(opened, all.size());
-}
-
-TEST_F(Robustness, threadsStartAndStopTheModule) {
-    device().records = false;
-    setLogLevel(errorLevel);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            for (int round = 0; round < 50; ++round) {
-                functions().C_Initialize(nullptr);
-                CK_ULONG count = 4;
-                CK_SLOT_ID slots[4];
-                functions().C_GetSlotList(CK_TRUE, slots, &count);
-                CK_SESSION_HANDLE session = 0;
-                functions().C_OpenSession(firstSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
-                functions().C_Login(session, CKU_USER, pin("1234"), 4);
-                functions().C_Finalize(nullptr);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    functions().C_Initialize(nullptr);
-    expectUsable();
 }
 
 // --- Hosts that end without C_Finalize ------------------------------------------------------------------------------

@@ -104,7 +104,7 @@ TEST_F(VerifyTest, NeitherPolicyNorParametersNorKeySizeRefuse) {
 }
 
 TEST_F(VerifyTest, ARunningDigestIsReplacedButNoOtherOperation) {
-    session = openSessionIn(CKS_RW_PUBLIC_SESSION);
+    session = openSession(CKF_RW_SESSION);
     CK_MECHANISM sha256 = {CKM_SHA256, nullptr, 0};
     ASSERT_EQ(api->C_DigestInit(session, &sha256), CKR_OK);
     EXPECT_EQ(verifyInit(CKM_SHA256_RSA_PKCS).code, CKR_OK);

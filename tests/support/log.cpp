@@ -1,11 +1,13 @@
 #include "log.h"
 
+#include <chrono>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <map>
 #include <regex>
 #include <set>
+#include <thread>
 
 #include "run_folder.h"
 
@@ -85,17 +87,51 @@ std::string readLogFiles(const std::filesystem::path& folder) {
     return text;
 }
 
-Lines takeLog() {
+namespace {
+
+bool isMonitorLine(const std::string& line) {
+    for (const char* begin : {"DEBUG Session monitor thread ", "ERROR Session monitor",
+                              "DEBUG Slot event: ", "DEBUG Device disconnected, clearing userPassword"}) {
+        if (line.rfind(begin, 0) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Lines that have been read and not yet taken.
+struct ReadLines {
+    Lines host;
+    Lines monitor;
+};
+
+ReadLines& readNewLines() {
     static std::map<std::filesystem::path, std::size_t> taken;
-    Lines lines;
+    static ReadLines lines;
     for (const std::filesystem::path& file : filesIn(logFolder())) {
         std::size_t& done = taken[file];
-        const std::string text = readFile(file, done);
-        const Lines more = parseLog(text);
-        lines.insert(lines.end(), more.begin(), more.end());
+        std::string text = readFile(file, done);
+        // The monitor may be in the middle of a line.
+        for (int i = 0; i < 1000 && !text.empty() && text.back() != '\n'; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            text = readFile(file, done);
+        }
+        for (const std::string& line : parseLog(text)) {
+            (isMonitorLine(line) ? lines.monitor : lines.host).push_back(line);
+        }
         done += text.size();
     }
     return lines;
+}
+
+}  // namespace
+
+Lines takeLog() {
+    return std::exchange(readNewLines().host, {});
+}
+
+Lines takeMonitorLog() {
+    return std::exchange(readNewLines().monitor, {});
 }
 
 }  // namespace support

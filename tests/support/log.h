@@ -30,7 +30,12 @@ void createLogFolder();
 
 /// The lines since the last call, in order, each as its tag, a blank and the message: "ERROR C_Login: pPin is NULL".
 /// A line of another shape fails the test. Reads every file of the folder in name order, so midnight may pass.
+///
+/// What the module's monitor thread logs comes whenever it likes and is left out.
 Lines takeLog();
+
+/// The lines of the monitor thread since the last call, in order.
+Lines takeMonitorLog();
 
 /// The lines of a whole log file's text, in the same form.
 Lines parseLog(const std::string& text);

@@ -5,10 +5,13 @@
 namespace support {
 
 void plugIn(const TokenInfo& info) {
+    std::vector<std::string> connected;
     device().change([&](scripted::Device& world) {
         world.connectedDevices.push_back(info.serialNumber);
         world.tokenInfo[info.serialNumber] = info;
+        connected = world.connectedDevices;
     });
+    device().showToMonitor(connected);
 }
 
 CK_UTF8CHAR_PTR pin(const char* text) {
@@ -30,6 +33,8 @@ void ModuleTest::SetUp() {
     createLogFolder();
     plugInTokens();
     ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+    // From now on the monitor is quiet for a second.
+    ASSERT_TRUE(device().waitForPolls(1));
     listSlots();
     clear();
 }
@@ -73,7 +78,9 @@ CK_STATE ModuleTest::stateOf(CK_SESSION_HANDLE session) {
 
 void ModuleTest::clear() {
     takeLog();
+    takeMonitorLog();
     device().takeCalls();
+    device().takePolls();
 }
 
 }  // namespace support

@@ -39,7 +39,8 @@ constexpr CK_OBJECT_HANDLE privateKeyBase = 0x70000000UL;
 constexpr CK_OBJECT_HANDLE publicKeyBase = 0x70001000UL;
 constexpr CK_OBJECT_HANDLE certificateBase = 0x70002000UL;
 
-/// Puts a token at the end of the connected devices; the module sees it at its next listing.
+/// Puts a token at the end of the connected devices; the module sees it at its next listing, its monitor at its next
+/// poll.
 void plugIn(const TokenInfo& info);
 
 /// A text as a Cryptoki function takes it; the text must outlive the call.

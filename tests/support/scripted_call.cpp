@@ -174,7 +174,7 @@ Call& Call::keyPair(const ZentakKeyPair* value) {
 
 std::optional<int> Call::recordAndStrike() {
     if (device_.records) {
-        hidden_.calls.push_back(text_ + ")");
+        (operation_ == poll ? hidden_.polls : hidden_.calls).push_back(text_ + ")");
     }
     ++hidden_.counts[operation_];
     std::list<Device::Hidden::PendingFault> striking;
@@ -198,6 +198,10 @@ std::optional<int> Call::recordAndStrike() {
 }
 
 int Call::configuredResult(int defaultResult) const {
+    if (operation_ == poll) {
+        // A test may be changing the results right now.
+        return defaultResult;
+    }
     const auto found = device_.results.find(operation_);
     return found == device_.results.end() ? defaultResult : found->second;
 }

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "scripted_library.h"
@@ -25,6 +26,9 @@ struct Device::Hidden {
 
     std::mutex mutex;  ///< guards everything here, and the world itself while an operation answers
     std::vector<std::string> calls;
+    std::thread::id testThread;
+    std::vector<std::string> polls;
+    std::vector<std::string> shownToMonitor;
     std::map<std::string, int, std::less<>> counts;
     std::list<PendingFault> faults;
     void* instance = nullptr;
@@ -40,6 +44,9 @@ struct Device::Hidden {
 inline void copyInto(unsigned char* area, const Bytes& source, std::size_t capacity) {
     std::copy_n(source.begin(), std::min(source.size(), capacity), area);
 }
+
+/// Operation name of a zentak_getConnectedDeviceList that the module's monitor makes.
+inline constexpr std::string_view poll = "poll";
 
 /// Made first thing in an operation, which names its arguments in their order and then calls `perform`.
 class Call {

@@ -34,6 +34,36 @@ int Device::countOf(std::string_view operation) const {
     return found == hidden_->counts.end() ? 0 : found->second;
 }
 
+bool Device::isPoll() const {
+    const std::lock_guard lock(hidden_->mutex);
+    return std::this_thread::get_id() != hidden_->testThread;
+}
+
+void Device::showToMonitor(std::vector<std::string> devices) {
+    const std::lock_guard lock(hidden_->mutex);
+    hidden_->shownToMonitor = std::move(devices);
+}
+
+std::vector<std::string> Device::takePolls() {
+    const std::lock_guard lock(hidden_->mutex);
+    return std::exchange(hidden_->polls, {});
+}
+
+bool Device::waitForPolls(std::size_t count) const {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto seen = [&] {
+        const std::lock_guard lock(hidden_->mutex);
+        return hidden_->polls.size();
+    };
+    while (seen() < count) {
+        if (std::chrono::steady_clock::now() > limit) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 int Device::buffersHandedOut() const {
     const std::lock_guard lock(hidden_->mutex);
     return hidden_->buffersHandedOut;
@@ -83,7 +113,10 @@ void Device::reset() {
     random = countingBytes(0, 256);
     records = true;
 
+    hidden_->testThread = std::this_thread::get_id();
     hidden_->calls.clear();
+    hidden_->polls.clear();
+    hidden_->shownToMonitor.clear();
     hidden_->counts.clear();
     hidden_->faults.clear();
     hidden_->contexts.clear();

@@ -50,6 +50,11 @@ void zentak_releaseInstance(void* instance) {
 }
 
 std::vector<std::string> zentak_getConnectedDeviceList(bool flag, void* instance) {
+    if (scripted::device().isPoll()) {
+        return Call(scripted::poll.data()).boolean(flag).instance(instance).perform([](Device& device, int) {
+            return device.hidden().shownToMonitor;
+        });
+    }
     return Call("zentak_getConnectedDeviceList").boolean(flag).instance(instance).perform([](Device& device, int) {
         return device.connectedDevices;
     });

@@ -6,10 +6,14 @@
 /// the same process, meets that world through the ordinary operations. Everything here may be used while other threads
 /// are inside the library, except the references that `Device` hands out to its plain members: change those while no
 /// call is running, or inside `Device::change`.
+///
+/// The module's monitor thread asks for the connected devices whenever it likes. What it asks is kept apart from a
+/// test's own calls, and what it sees is set apart: see `showToMonitor`.
 
 #ifndef ZENTAK_TESTS_SUPPORT_SCRIPTED_LIBRARY_H
 #define ZENTAK_TESTS_SUPPORT_SCRIPTED_LIBRARY_H
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -126,9 +130,21 @@ public:
     /// Buffers handed out by zentak_decrypt and zentak_ecdhDerive since `reset`.
     int buffersHandedOut() const;
     /// False stops the recording (a stress test would fill the memory). Default true.
-    bool records = true;
+    std::atomic<bool> records = true;
     /// False while nobody holds an instance: before zentak_createInstance and after zentak_releaseInstance.
     bool hasInstance() const;
+
+    // --- The monitor
+    // --------------------------------------------------------------------------------------------------
+
+    /// A poll is a call of zentak_getConnectedDeviceList from another thread than the one that called `reset` last.
+    /// What polls answer is set here; `reset` makes it nothing. The operation name of a poll's faults is "poll".
+    void showToMonitor(std::vector<std::string> devices);
+    /// The polls since the last `takePolls` (or `reset`): poll(false, instance).
+    std::vector<std::string> takePolls();
+    /// Waits until `count` polls have begun since the last `takePolls` (or `reset`); the module has dealt with all but
+    /// the last of them then. False when that takes longer than any host would wait.
+    bool waitForPolls(std::size_t count) const;
 
     // --- Changing the world ------------------------------------------------------------------------------------------
 
@@ -145,6 +161,7 @@ public:
 
     struct Hidden;  // what the operations need and no test does
     Hidden& hidden() const { return *hidden_; }
+    bool isPoll() const;  ///< whether the calling thread is the module's monitor
 
 private:
     Hidden* hidden_;

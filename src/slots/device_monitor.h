@@ -1,0 +1,21 @@
+/// The device monitor: a thread that watches, from C_Initialize to C_Finalize, for tokens that come and go. It drops
+/// the login of a token that is gone and raises the slot events that C_WaitForSlotEvent hands out.
+
+#ifndef ZENTAK_SLOTS_DEVICE_MONITOR_H
+#define ZENTAK_SLOTS_DEVICE_MONITOR_H
+
+namespace zentak {
+
+/// Whether a monitor runs, perhaps from an earlier initialisation that got no instance.
+bool isDeviceMonitorRunning();
+
+/// Starts the thread. Throws std::system_error when the system gives none.
+void startDeviceMonitor();
+
+/// Stops the thread and waits until it has ended, at most for the poll that it is in; wakes all who wait for a slot
+/// event. Without a thread only the wake-up happens. Not to be called with the module locked.
+void stopDeviceMonitor();
+
+}  // namespace zentak
+
+#endif

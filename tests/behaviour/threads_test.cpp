@@ -1,0 +1,214 @@
+// Many host threads at once, with the monitor running beside them. Meant for ThreadSanitizer above all.
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "module_test.h"
+
+namespace {
+
+using namespace support;
+using std::chrono::milliseconds;
+
+#if defined(__SANITIZE_THREAD__)
+constexpr std::chrono::seconds stressTime{10};
+#else
+constexpr std::chrono::seconds stressTime{2};
+#endif
+
+/// The codes that functions have answered, from all threads.
+class Answers {
+public:
+    CK_RV note(const std::string& function, CK_RV code) {
+        const std::lock_guard lock(mutex_);
+        codes_[function].insert(code);
+        return code;
+    }
+    std::set<CK_RV> of(const std::string& function) { return codes_[function]; }
+    /// Those that aren't among `expected`.
+    std::set<CK_RV> unexpected(const std::string& function, const std::set<CK_RV>& expected) {
+        std::set<CK_RV> rest = codes_[function];
+        for (const CK_RV code : expected) rest.erase(code);
+        return rest;
+    }
+
+private:
+    std::mutex mutex_;
+    std::map<std::string, std::set<CK_RV>> codes_;
+};
+
+class Threads : public ModuleTest {
+protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        device().change([](scripted::Device& world) {
+            world.records = false;
+            world.keyPairs["SN1"] = {makeKeyPair(1)};
+        });
+        setLogLevel(errorLevel);
+    }
+
+    /// What one host thread does over and over, in sessions of its own. Another thread may log the user in or out, the
+    /// token may vanish and the slot with it, at any moment in between.
+    void useOnce() {
+        const CK_FUNCTION_LIST& api = functions();
+        CK_SLOT_ID slots[4];
+        CK_ULONG count = 4;
+        answers.note("C_GetSlotList", api.C_GetSlotList(CK_TRUE, slots, &count));
+        CK_SESSION_HANDLE session = 0;
+        if (answers.note("C_OpenSession", api.C_OpenSession(firstSlot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr,
+                                                            nullptr, &session)) != CKR_OK) {
+            return;
+        }
+        answers.note("C_Login", api.C_Login(session, CKU_USER, pin("1234"), 4));
+
+        CK_OBJECT_HANDLE found[4];
+        answers.note("C_FindObjectsInit", api.C_FindObjectsInit(session, nullptr, 0));
+        answers.note("C_FindObjects", api.C_FindObjects(session, found, 4, &count));
+        answers.note("C_FindObjectsFinal", api.C_FindObjectsFinal(session));
+
+        unsigned char data[] = {1, 2, 3};
+        unsigned char output[1024];
+        CK_ULONG length = sizeof output;
+        CK_MECHANISM sign = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+        if (answers.note("C_SignInit", api.C_SignInit(session, &sign, privateKeyBase + 1)) == CKR_OK) {
+            answers.note("C_Sign", api.C_Sign(session, data, sizeof data, output, &length));
+        }
+        CK_MECHANISM digest = {CKM_SHA256, nullptr, 0};
+        if (answers.note("C_DigestInit", api.C_DigestInit(session, &digest)) == CKR_OK) {
+            answers.note("C_DigestUpdate", api.C_DigestUpdate(session, data, sizeof data));
+            length = sizeof output;
+            answers.note("C_DigestFinal", api.C_DigestFinal(session, output, &length));
+        }
+        answers.note("C_Logout", api.C_Logout(session));
+        answers.note("C_CloseSession", api.C_CloseSession(session));
+    }
+
+    Answers answers;
+};
+
+TEST_F(Threads, useTheModuleWhileDevicesComeAndGo) {
+    std::atomic<bool> done = false;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] {
+            while (!done) useOnce();
+        });
+    }
+    std::thread waiter([&] {
+        CK_SLOT_ID slot = 0;
+        while (answers.note("C_WaitForSlotEvent", functions().C_WaitForSlotEvent(0, &slot, nullptr)) == CKR_OK) {
+        }
+    });
+    const auto end = std::chrono::steady_clock::now() + stressTime;
+    for (bool present = false; std::chrono::steady_clock::now() < end; present = !present) {
+        const std::vector<std::string> connected =
+            present ? std::vector<std::string>{"SN1"} : std::vector<std::string>{};
+        device().change([&](scripted::Device& world) { world.connectedDevices = connected; });
+        device().showToMonitor(connected);
+        std::this_thread::sleep_for(milliseconds(150));
+    }
+    done = true;
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    waiter.join();
+
+    EXPECT_EQ(answers.unexpected("C_GetSlotList", {CKR_OK}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_OpenSession", {CKR_OK, CKR_SLOT_ID_INVALID}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_Login", {CKR_OK, CKR_USER_ALREADY_LOGGED_IN}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_FindObjectsInit", {CKR_OK}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_FindObjects", {CKR_OK}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_FindObjectsFinal", {CKR_OK}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_SignInit", {CKR_OK}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_Sign", {CKR_OK}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_DigestInit", {CKR_OK}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_DigestUpdate", {CKR_OK}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_DigestFinal", {CKR_OK}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_Logout", {CKR_OK, CKR_USER_NOT_LOGGED_IN}), std::set<CK_RV>{});
+    EXPECT_EQ(answers.unexpected("C_CloseSession", {CKR_OK}), std::set<CK_RV>{});
+    // All of it happened, too.
+    for (const char* function :
+         {"C_OpenSession", "C_Login", "C_Sign", "C_DigestFinal", "C_Logout", "C_WaitForSlotEvent"}) {
+        EXPECT_EQ(answers.of(function).count(CKR_OK), 1U) << function;
+    }
+    EXPECT_EQ(answers.of("C_WaitForSlotEvent"), (std::set<CK_RV>{CKR_OK, CKR_CRYPTOKI_NOT_INITIALIZED}));
+}
+
+/// Handles are handed out once, states and lines stay whole.
+TEST_F(Threads, openManySessions) {
+    constexpr int threadCount = 8;
+    constexpr int rounds = 40;
+    setLogLevel(debugLevel);
+    std::vector<std::set<CK_SESSION_HANDLE>> handles(threadCount);
+    std::atomic<int> refusals = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < threadCount; ++i) {
+        threads.emplace_back([&, i] {
+            const auto expectOk = [&](CK_RV code) { refusals += code == CKR_OK ? 0 : 1; };
+            for (int round = 0; round < rounds; ++round) {
+                CK_SESSION_HANDLE session = 0;
+                expectOk(functions().C_OpenSession(firstSlot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
+                                                   &session));
+                handles[static_cast<std::size_t>(i)].insert(session);
+                CK_SESSION_INFO info;
+                expectOk(functions().C_GetSessionInfo(session, &info));
+                const CK_RV loggedIn = functions().C_Login(session, CKU_USER, pin("1234"), 4);
+                expectOk(loggedIn == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : loggedIn);
+                CK_ULONG count = 4;
+                CK_SLOT_ID slots[4];
+                expectOk(functions().C_GetSlotList(CK_TRUE, slots, &count));
+                CK_TOKEN_INFO tokenInfo;
+                expectOk(functions().C_GetTokenInfo(firstSlot, &tokenInfo));
+                const CK_RV loggedOut = functions().C_Logout(session);
+                expectOk(loggedOut == CKR_USER_NOT_LOGGED_IN ? CKR_OK : loggedOut);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(refusals, 0);
+    std::set<CK_SESSION_HANDLE> all;
+    for (const std::set<CK_SESSION_HANDLE>& some : handles) {
+        all.insert(some.begin(), some.end());
+    }
+    EXPECT_EQ(all.size(), static_cast<std::size_t>(threadCount * rounds));
+    EXPECT_EQ(*all.begin(), firstSession);
+    EXPECT_EQ(*all.rbegin(), firstSession + all.size() - 1);
+
+    std::size_t opened = 0;
+    for (const std::string& line : log()) {  // each of the right shape, or the reader complains
+        opened += line == "DEBUG C_OpenSession" ? 1 : 0;
+    }
+    EXPECT_EQ(opened, all.size());
+}
+
+TEST_F(Threads, startAndStopTheModule) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int round = 0; round < 50; ++round) {
+                functions().C_Initialize(nullptr);
+                CK_ULONG count = 4;
+                CK_SLOT_ID slots[4];
+                functions().C_GetSlotList(CK_TRUE, slots, &count);
+                CK_SESSION_HANDLE session = 0;
+                functions().C_OpenSession(firstSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
+                functions().C_Login(session, CKU_USER, pin("1234"), 4);
+                functions().C_Finalize(nullptr);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    functions().C_Initialize(nullptr);
+    CK_INFO info;
+    EXPECT_EQ(functions().C_GetInfo(&info), CKR_OK);
+}
+
+}  // namespace
