@@ -74,7 +74,6 @@ TEST_F(AttributesTest, ObjectsThatAreNotThereAreRefused) {
         {0x70002000, invalid, {}},
         {0x70002001, certificateLine, {listCertificates}},
         {0x70002FFF, certificateLine, {listCertificates}},
-        {0x70003000, derived, {}},
         {0xFFFFFFFF, derived, {}},
     };
     world.certificates["SN1"].push_back(labelledCertificate(0, "zero"));  // has a handle that isn't accepted here

@@ -1,5 +1,7 @@
 // C_DeriveKey, and the derived secrets as C_GetAttributeValue shows them.
 
+#include "child_process.h"
+#include "run_folder.h"
 #include "signing_test.h"
 
 using namespace support;
@@ -78,6 +80,13 @@ TEST_F(DeriveTest, TheRawSecretIsKeptAndReadBack) {
     EXPECT_GE(handle, derivedBase);
     EXPECT_EQ(secretOf(handle), world.sharedSecret);
     EXPECT_EQ(world.buffersHandedOut(), 1);
+}
+
+TEST_F(DeriveTest, TheFirstHandleOfAProcess) {
+    std::filesystem::create_directories(logFolder("derive_probe"));  // or the module complains on the output
+    const ChildResult result = runChild(programFile().parent_path() / "derive_probe", {});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.output, "82 70003000 70003001 0 0 82");
 }
 
 TEST_F(DeriveTest, HandlesCountOnWhateverTheSession) {

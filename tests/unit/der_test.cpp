@@ -61,8 +61,10 @@ TEST(SubjectPublicKeyInfo, KeepsLeadingZerosAndEmptiness) {
     EXPECT_TRUE(std::equal(empty.rbegin(), empty.rend(), nothing.rbegin()));
 }
 
+using Place = std::pair<std::ptrdiff_t, std::size_t>;  ///< offset and length
+
 /// `hashInDigestInfo` as offset and length inside `data`.
-std::pair<std::ptrdiff_t, std::size_t> found(const Bytes& data) {
+Place found(const Bytes& data) {
     const ByteView hash = hashInDigestInfo(data);
     return {hash.data() - data.data(), hash.size()};
 }
@@ -72,21 +74,20 @@ Bytes operator+(Bytes left, const Bytes& right) {
     return left;
 }
 
-std::pair<std::ptrdiff_t, std::size_t> unchanged(const Bytes& data) {
+Place unchanged(const Bytes& data) {
     return {0, data.size()};
 }
 
 const Bytes algorithm = {0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00};
 
 TEST(DigestInfo, GivesItsHash) {
-    EXPECT_EQ(found(Bytes{0x30, 0x31} + algorithm + Bytes{0x04, 0x20} + Bytes(32, 7)), std::pair(19L, std::size_t{32}));
+    EXPECT_EQ(found(Bytes{0x30, 0x31} + algorithm + Bytes{0x04, 0x20} + Bytes(32, 7)), Place(19, 32));
     // The outer length in its longer form, and bytes behind the hash.
-    EXPECT_EQ(found(Bytes{0x30, 0x81, 0x31} + algorithm + Bytes{0x04, 0x20} + Bytes(33, 7)),
-              std::pair(20L, std::size_t{32}));
+    EXPECT_EQ(found(Bytes{0x30, 0x81, 0x31} + algorithm + Bytes{0x04, 0x20} + Bytes(33, 7)), Place(20, 32));
     // Without an algorithm.
-    EXPECT_EQ(found(Bytes{0x30, 0x0A, 0x04, 0x08} + Bytes(8, 7)), std::pair(4L, std::size_t{8}));
+    EXPECT_EQ(found(Bytes{0x30, 0x0A, 0x04, 0x08} + Bytes(8, 7)), Place(4, 8));
     // A hash of no bytes.
-    EXPECT_EQ(found(Bytes{0x30, 0x0A, 0x04, 0x00} + Bytes(8, 7)), std::pair(4L, std::size_t{0}));
+    EXPECT_EQ(found(Bytes{0x30, 0x0A, 0x04, 0x00} + Bytes(8, 7)), Place(4, 0));
 }
 
 TEST(DigestInfo, IsLeftAloneWhereItIsNone) {
