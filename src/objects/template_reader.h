@@ -46,7 +46,7 @@ template <typename Byte, std::size_t FieldSize>
 std::int32_t replaceField(Byte (&field)[FieldSize], std::string_view bytes, std::size_t limit) {
     const std::size_t count = std::min({bytes.size(), limit, FieldSize});
     std::memset(field, 0, FieldSize);
-    std::memcpy(field, bytes.data(), count);
+    std::copy_n(bytes.begin(), count, field);
     return static_cast<std::int32_t>(count);
 }
 
