@@ -97,6 +97,17 @@ CK_RV readPublicTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, CK_KEY_TY
     return result;
 }
 
+/// Lets the token make the pair and complete its record.
+CK_RV generateOnToken(const ModuleState& state, const SessionRecord& session, ZentakKeyPair& keyPair) {
+    const int result =
+        zentak_generateKeyPair(session.deviceId(), state.cachedUserPassword.c_str(), &keyPair, state.instance);
+    if (result == 0) {
+        return CKR_OK;
+    }
+    return refuse(isDeviceFull(result) ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED,
+                  "Generate key pair failed : ", result);
+}
+
 }  // namespace
 
 CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_ATTRIBUTE_PTR pPublicKeyTemplate,
@@ -141,11 +152,9 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
         if (read != CKR_OK) {
             return read;
         }
-        const int result =
-            zentak_generateKeyPair(session.deviceId(), state.cachedUserPassword.c_str(), &keyPair, state.instance);
-        if (result != 0) {
-            return refuse(isDeviceFull(result) ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED,
-                          "Generate key pair failed : ", result);
+        const CK_RV generated = generateOnToken(state, session, keyPair);
+        if (generated != CKR_OK) {
+            return generated;
         }
         *phPublicKey = publicKeyBase + keyPair.id;
         *phPrivateKey = privateKeyBase + keyPair.id;
