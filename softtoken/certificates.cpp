@@ -81,10 +81,10 @@ CertificateFacts readFacts(const X509* certificate) {
     CertificateDetails& details = facts.details;
     details.text1 = serialNumberHex(certificate);
     details.text2 = commonName(subject);
-    details.text3 = commonName(issuer);
+    details.text3 = distinguishedName(issuer);
     details.text4 = timeText(X509_get0_notBefore(certificate));
     details.text5 = timeText(X509_get0_notAfter(certificate));
-    details.text6 = distinguishedName(issuer);
+    details.text6 = commonName(issuer);
     details.text7 = distinguishedName(subject);
     if (const EVP_PKEY* key = X509_get0_pubkey(certificate)) details.publicKey = publicKeyBytes(key);
     return facts;

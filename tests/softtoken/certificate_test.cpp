@@ -25,10 +25,10 @@ TEST(CertificateParsing, NamesAndValidity) {
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5)));
     EXPECT_EQ(details.text1, "1234");
     EXPECT_EQ(details.text2, "Alice");
-    EXPECT_EQ(details.text3, "Root");
+    EXPECT_EQ(details.text3, "CN=Root,O=Org,C=XX");
     EXPECT_EQ(details.text4, "2026-01-02T03:04:05Z");
     EXPECT_EQ(details.text5, "2036-01-02T03:04:05Z");
-    EXPECT_EQ(details.text6, "CN=Root,O=Org,C=XX");
+    EXPECT_EQ(details.text6, "Root");
     EXPECT_EQ(details.text7, "CN=Alice,O=Org,C=XX");
     EXPECT_EQ(details.text8, "");
 }
@@ -47,6 +47,16 @@ TEST(CertificateParsing, NameWithoutCommonNameStandsForItself) {
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
     EXPECT_EQ(details.text3, "O=Old Authority,C=XX");
     EXPECT_EQ(details.text6, details.text3);
+}
+
+/// By these two a chain is followed: what one certificate calls its issuer, the other calls itself.
+TEST(CertificateParsing, IssuerAndSubjectAreWrittenAlike) {
+    CertificateSettings settings;
+    settings.issuer = {{"C", "XX"}, {"O", "B\xC3\xBCro, GmbH"}, {"CN", "Root, first"}};
+    settings.subject = settings.issuer;
+    const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
+    EXPECT_EQ(details.text3, "CN=Root\\, first,O=B\xC3\xBCro\\, GmbH,C=XX");
+    EXPECT_EQ(details.text3, details.text7);
 }
 
 TEST(CertificateParsing, EmptyNames) {
