@@ -7,119 +7,19 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <initializer_list>
-#include <iomanip>
 #include <iostream>
 #include <iterator>
-#include <span>
-#include <sstream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
-#include <utility>
 #include <vector>
 
+#include "example_support.h"
 #include "module_file.h"
 
 namespace {
 
-using Bytes = std::vector<CK_BYTE>;
-
 CK_FUNCTION_LIST_PTR cryptoki = nullptr;
-
-// --- Showing what happens --------------------------------------------------------------------------------------------
-
-std::string hexadecimal(CK_ULONG number) {
-    std::ostringstream text;
-    text << "0x" << std::hex << std::uppercase << number;
-    return text.str();
-}
-
-std::string returnCodeName(CK_RV code) {
-    static constexpr std::pair<CK_RV, const char*> names[] = {
-        {CKR_OK, "CKR_OK"},
-        {CKR_HOST_MEMORY, "CKR_HOST_MEMORY"},
-        {CKR_SLOT_ID_INVALID, "CKR_SLOT_ID_INVALID"},
-        {CKR_FUNCTION_FAILED, "CKR_FUNCTION_FAILED"},
-        {CKR_ARGUMENTS_BAD, "CKR_ARGUMENTS_BAD"},
-        {CKR_FUNCTION_NOT_SUPPORTED, "CKR_FUNCTION_NOT_SUPPORTED"},
-        {CKR_KEY_SIZE_RANGE, "CKR_KEY_SIZE_RANGE"},
-        {CKR_KEY_FUNCTION_NOT_PERMITTED, "CKR_KEY_FUNCTION_NOT_PERMITTED"},
-        {CKR_MECHANISM_INVALID, "CKR_MECHANISM_INVALID"},
-        {CKR_OBJECT_HANDLE_INVALID, "CKR_OBJECT_HANDLE_INVALID"},
-        {CKR_OPERATION_ACTIVE, "CKR_OPERATION_ACTIVE"},
-        {CKR_OPERATION_NOT_INITIALIZED, "CKR_OPERATION_NOT_INITIALIZED"},
-        {CKR_PIN_INCORRECT, "CKR_PIN_INCORRECT"},
-        {CKR_PIN_LEN_RANGE, "CKR_PIN_LEN_RANGE"},
-        {CKR_PIN_LOCKED, "CKR_PIN_LOCKED"},
-        {CKR_SESSION_HANDLE_INVALID, "CKR_SESSION_HANDLE_INVALID"},
-        {CKR_TOKEN_NOT_PRESENT, "CKR_TOKEN_NOT_PRESENT"},
-        {CKR_USER_ALREADY_LOGGED_IN, "CKR_USER_ALREADY_LOGGED_IN"},
-        {CKR_USER_NOT_LOGGED_IN, "CKR_USER_NOT_LOGGED_IN"},
-        {CKR_BUFFER_TOO_SMALL, "CKR_BUFFER_TOO_SMALL"},
-        {CKR_CRYPTOKI_NOT_INITIALIZED, "CKR_CRYPTOKI_NOT_INITIALIZED"},
-    };
-    for (const auto& [value, name] : names) {
-        if (value == code) {
-            return name;
-        }
-    }
-    return hexadecimal(code);
-}
-
-/// Prints the call and what it returned, and ends the journey when that isn't CKR_OK.
-void check(std::string_view call, CK_RV result) {
-    std::cout << "  " << call << " -> " << returnCodeName(result) << '\n';
-    if (result != CKR_OK) {
-        throw std::runtime_error(std::string(call) + " returned " + returnCodeName(result));
-    }
-}
-
-template <typename Value>
-void show(std::string_view name, const Value& value) {
-    std::cout << "      " << std::left << std::setw(20) << name << value << '\n';
-}
-
-std::string hexadecimal(const Bytes& bytes) {
-    std::ostringstream text;
-    for (const CK_BYTE byte : bytes) {
-        text << std::hex << std::uppercase << std::setfill('0') << std::setw(2) << unsigned{byte};
-    }
-    return text.str();
-}
-
-/// The text in a field of an information structure, which ends at a zero byte or at the end of the field.
-std::string fieldText(std::span<const CK_BYTE> field) {
-    std::string text(field.begin(), field.end());
-    return text.substr(0, text.find('\0'));
-}
-
-std::string versionText(CK_VERSION version) {
-    return std::to_string(version.major) + '.' + std::to_string(version.minor);
-}
-
-// --- Files -----------------------------------------------------------------------------------------------------------
-
-Bytes readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        throw std::runtime_error("cannot read " + path);
-    }
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const std::string& path, const Bytes& bytes) {
-    std::ofstream file(path, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    file.close();
-    if (!file) {
-        throw std::runtime_error("cannot write " + path);
-    }
-    show("written", path);
-}
-
-// --- The journey -----------------------------------------------------------------------------------------------------
 
 CK_SLOT_ID firstTokenSlot() {
     CK_INFO library;
