@@ -40,7 +40,7 @@ void require(bool isSo, std::string_view claim) {
     if (!isSo) {
         throw std::runtime_error("this isn't so: " + std::string(claim));
     }
-    std::cout << "  so " << claim << '\n';
+    std::cout << "  checked: " << claim << '\n';
 }
 
 void startModule(const std::string& path) {
@@ -74,11 +74,18 @@ std::vector<Token> openTwoTokens() {
     }
     std::vector<Token> tokens;
     for (const CK_SLOT_ID slot : {slots[0], slots[1]}) {
+        CK_SLOT_INFO place;
+        check("C_GetSlotInfo", cryptoki->C_GetSlotInfo(slot, &place));
+        show("slot", hexadecimal(slot));
+        show("description", fieldText(place.slotDescription));
         CK_TOKEN_INFO token;
         check("C_GetTokenInfo", cryptoki->C_GetTokenInfo(slot, &token));
-        show("slot", hexadecimal(slot));
         show("label", fieldText(token.label));
         show("serial number", fieldText(token.serialNumber));
+        show("model", fieldText(token.model));
+        CK_ULONG mechanisms = 0;
+        check("C_GetMechanismList", cryptoki->C_GetMechanismList(slot, nullptr, &mechanisms));
+        show("mechanisms", mechanisms);
         tokens.push_back({slot, fieldText(token.serialNumber), openSession(slot)});
     }
     return tokens;
