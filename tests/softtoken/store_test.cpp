@@ -104,7 +104,7 @@ TEST_F(StoreTest, LeftoverOfAKilledProcessDoesNotMatter) {
     addKey(5);
     fs::path leftover = tokenFile();
     leftover += ".new";
-    writeFile(leftover, "{\"format\": \"zentak-soft");
+    writeFile(leftover, "zentak-soft");
     fs::create_directories(folder_.path() / "scratch" / "00AA");
     reopen();
     EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_).size(), 1U);
@@ -193,18 +193,28 @@ TEST_F(DamagedStoreTest, FlippedCharacter) {
 }
 
 TEST_F(DamagedStoreTest, OtherDocuments) {
-    for (const char* content : {"null", "[]", "{}", "12", "\"x\"", "{\"format\": 7}", "\xFF\xFE"}) {
+    for (const char* content : {"\n", "{}", "zentak-software-token", "zentak-software-token\n", "\xFF\xFE",
+                                "zentak-software-token 1\n", "zentak-software-token-attempts 1\n"}) {
         expectRefused(content, Error::tokenDamaged);
     }
-    expectRefused(std::string(100000, '[') + std::string(100000, ']'), Error::tokenDamaged);
+    expectRefused(std::string(100000, '\n'), Error::tokenDamaged);
+    expectRefused(std::string(100000, '\0'), Error::tokenDamaged);
+    // The other document of the same token.
+    expectRefused(fileContent(tokenFile().parent_path() / "attempts"), Error::tokenDamaged);
 }
 
 TEST_F(DamagedStoreTest, UnknownVersion) {
     std::string content = fileContent(tokenFile());
-    const std::string version = "\"version\": 1";
-    ASSERT_NE(content.find(version), std::string::npos);
-    content.replace(content.find(version), version.size(), "\"version\": 2");
-    expectRefused(content, Error::unknownVersion);
+    const std::string line = "zentak-software-token 1\n";
+    ASSERT_EQ(content.find(line), 0U);
+    for (const char* version : {"2", "0", "10", "999999999"}) {
+        expectRefused("zentak-software-token " + std::string(version) + "\n" + content.substr(line.size()),
+                      Error::unknownVersion);
+    }
+    for (const char* version : {"", "1 ", "-1", "0x1", "9999999999", "\x1B[2J"}) {
+        expectRefused("zentak-software-token " + std::string(version) + "\n" + content.substr(line.size()),
+                      Error::tokenDamaged);
+    }
 }
 
 TEST_F(DamagedStoreTest, FileOfAnotherToken) {
@@ -220,7 +230,7 @@ TEST_F(DamagedStoreTest, MissingFile) {
 }
 
 TEST_F(DamagedStoreTest, MissingPinCounterRefusesEveryPin) {
-    fs::remove(tokenFile().parent_path() / "attempts.json");
+    fs::remove(tokenFile().parent_path() / "attempts");
     EXPECT_EQ(validate(userPin), number(Error::tokenDamaged));
     EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
 }
