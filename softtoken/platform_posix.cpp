@@ -3,6 +3,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -64,6 +65,14 @@ std::optional<std::string> environmentText(const char* name) {
     return value;
 }
 
+void forgetEnvironment(const char* name) {
+    char* const value = std::getenv(name);
+    if (value == nullptr) return;
+    // The variable's own memory: the process was started with it.
+    OPENSSL_cleanse(value, std::strlen(value));
+    unsetenv(name);
+}
+
 fs::path defaultStoreFolder() {
     if (const auto named = environmentText("ZENTAK_TOKENS")) return fs::absolute(*named);
     if (const auto data = environmentText("XDG_DATA_HOME")) return fs::path(*data) / "zentak" / "tokens";
@@ -90,7 +99,11 @@ std::string narrowFromPath(const fs::path& path) {
 void createPrivateFolders(const fs::path& folder) {
     if (fs::is_directory(folder)) return;
     if (folder.has_parent_path() && folder.parent_path() != folder) createPrivateFolders(folder.parent_path());
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) failStore("make the folder", folder);
+    if (mkdir(folder.c_str(), 0700) == 0) {
+        syncFolder(folder.has_parent_path() ? folder.parent_path() : ".");
+    } else if (errno != EEXIST) {
+        failStore("make the folder", folder);
+    }
 }
 
 FileLock::FileLock(const fs::path& file) : handle_(openRetrying(file, O_RDWR | O_CREAT, 0600)) {
@@ -111,7 +124,11 @@ FileLock::~FileLock() {
 
 std::optional<FileStamp> fileStamp(const fs::path& file) {
     struct stat status {};
-    if (stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    if (stat(file.c_str(), &status) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+        failStore("look at", file);
+    }
+    if (!S_ISREG(status.st_mode)) return std::nullopt;
     return FileStamp{static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec,
                      static_cast<std::uint64_t>(status.st_size), static_cast<std::uint64_t>(status.st_ino)};
 }
@@ -144,18 +161,24 @@ std::optional<std::string> readFile(const fs::path& file) {
 void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += ".new";
-    Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_TRUNC, 0600));
-    if (descriptor.get() < 0) failStore("make", fresh);
-    while (!content.empty()) {
-        const ssize_t count = write(descriptor.get(), content.data(), content.size());
-        if (count >= 0) {
-            content.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            failStore("write", fresh);
+    try {
+        Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600));
+        if (descriptor.get() < 0) failStore("make", fresh);
+        while (!content.empty()) {
+            const ssize_t count = write(descriptor.get(), content.data(), content.size());
+            if (count >= 0) {
+                content.remove_prefix(static_cast<std::size_t>(count));
+            } else if (errno != EINTR) {
+                failStore("write", fresh);
+            }
         }
+        if (fsync(descriptor.get()) != 0 || !descriptor.closeNow()) failStore("flush", fresh);
+        if (rename(fresh.c_str(), file.c_str()) != 0) failStore("replace", file);
+    } catch (...) {
+        // On a full disk it would keep the space that the next attempt needs.
+        unlink(fresh.c_str());
+        throw;
     }
-    if (fsync(descriptor.get()) != 0 || !descriptor.closeNow()) failStore("flush", fresh);
-    if (rename(fresh.c_str(), file.c_str()) != 0) failStore("replace", file);
     syncFolder(file.parent_path());
 }
 
@@ -165,7 +188,7 @@ void moveFolder(const fs::path& from, const fs::path& to) {
     syncFolder(from.parent_path());
 }
 
-std::optional<std::string> promptWithoutEcho(const std::string& prompt) {
+std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo) {
     // In a script nobody is there to answer, though it may have a terminal.
     if (isatty(STDIN_FILENO) == 0) return std::nullopt;
     const Descriptor terminal(openRetrying("/dev/tty", O_RDWR | O_NOCTTY));
@@ -177,12 +200,14 @@ std::optional<std::string> promptWithoutEcho(const std::string& prompt) {
     if (!say(prompt)) return std::nullopt;
     termios silent = before;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    tcsetattr(terminal.get(), TCSAFLUSH, &silent);
+    if (echo == Echo::off) tcsetattr(terminal.get(), TCSAFLUSH, &silent);
     std::string line;
     char character = 0;
     while (read(terminal.get(), &character, 1) == 1 && character != '\n') line += character;
-    tcsetattr(terminal.get(), TCSAFLUSH, &before);
-    say("\n");
+    if (echo == Echo::off) {
+        tcsetattr(terminal.get(), TCSAFLUSH, &before);
+        say("\n");
+    }
     return line;
 }
 
