@@ -24,6 +24,7 @@ namespace fs = std::filesystem;
 
 /// Runs the body in a child process; its failures become the test's.
 void inChild(const std::function<void()>& body) {
+    std::fflush(nullptr);
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
