@@ -72,10 +72,11 @@ void addExportCommand(CLI::App& program, const Common& common) {
     CLI::App* const command = addCommand(program, "export-certificate", "Write a certificate of a token, as PEM",
                                          [&common, options] { exportCertificate(common, *options); });
     addTokenArgument(*command, options->token);
-    command->add_option("--number", options->number, "Number of the certificate, as \"show\" gives it")
+    command->add_option("--number", options->number, "Number of the certificate: its \"id\" in \"show\"")
         ->check(CLI::Range(1U, largestObjectNumber));
     command->add_option("--label", options->label, "Label of the certificate");
-    command->add_option("--id", options->objectId, "CKA_ID of the certificate in hexadecimal digits");
+    command->add_option("--id", options->objectId,
+                        "CKA_ID of the certificate in hexadecimal digits: its \"objectId\" in \"show\"");
     CLI::Option* const all = command->add_flag("--all", options->all, "All that fit, one after the other");
     CLI::Option* const output =
         command->add_option("--output", options->output, "File to write; else the standard output")->type_name("FILE");
