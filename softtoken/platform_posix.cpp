@@ -1,4 +1,6 @@
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -51,6 +53,42 @@ int openRetrying(const fs::path& path, int flags, mode_t mode = 0) {
     } while (number < 0 && errno == EINTR);
     return number;
 }
+
+/// While a terminal is silent: a program that is interrupted gives the echo back before it ends.
+class EchoGuard {
+public:
+    EchoGuard(int terminal, const termios& settings) {
+        terminal_ = terminal;
+        settings_ = settings;
+        for (std::size_t i = 0; i < signals.size(); ++i) {
+            struct sigaction restoring {};
+            restoring.sa_handler = &restore;
+            sigaction(signals[i], &restoring, &before_[i]);
+            // A signal that is ignored stays so.
+            if (before_[i].sa_handler == SIG_IGN) sigaction(signals[i], &before_[i], nullptr);
+        }
+    }
+    EchoGuard(const EchoGuard&) = delete;
+    EchoGuard& operator=(const EchoGuard&) = delete;
+    ~EchoGuard() {
+        for (std::size_t i = 0; i < signals.size(); ++i) sigaction(signals[i], &before_[i], nullptr);
+    }
+
+private:
+    static constexpr std::array<int, 4> signals = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
+
+    static void restore(int number) {
+        tcsetattr(terminal_, TCSAFLUSH, &settings_);
+        struct sigaction ending {};
+        ending.sa_handler = SIG_DFL;
+        sigaction(number, &ending, nullptr);
+        raise(number);
+    }
+
+    static inline int terminal_ = -1;
+    static inline termios settings_{};
+    std::array<struct sigaction, signals.size()> before_{};
+};
 
 void syncFolder(const fs::path& folder) {
     const Descriptor descriptor(openRetrying(folder, O_RDONLY | O_DIRECTORY));
@@ -195,12 +233,18 @@ std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo
     termios before{};
     if (terminal.get() < 0 || tcgetattr(terminal.get(), &before) != 0) return std::nullopt;
     const auto say = [&](std::string_view text) {
-        return write(terminal.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+        while (!text.empty()) {
+            const ssize_t count = write(terminal.get(), text.data(), text.size());
+            if (count <= 0) return;
+            text.remove_prefix(static_cast<std::size_t>(count));
+        }
     };
-    if (!say(prompt)) return std::nullopt;
+    const EchoGuard guard(terminal.get(), before);
     termios silent = before;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    // Before the question, so that nothing of a quick answer is shown or lost.
     if (echo == Echo::off) tcsetattr(terminal.get(), TCSAFLUSH, &silent);
+    say(prompt);
     std::string line;
     char character = 0;
     while (read(terminal.get(), &character, 1) == 1 && character != '\n') line += character;

@@ -59,6 +59,7 @@ void addGenerateCommand(CLI::App& program, const Common& common) {
                                          [&common, options] { generate(common, *options); });
     addTokenArgument(*command, options->token);
     std::vector<std::string> names;
+    names.reserve(kinds.size());
     for (const KindOfKey& kind : kinds) names.emplace_back(kind.name);
     command->add_option("--type", options->kind, "Kind of key")->check(CLI::IsMember(names))->capture_default_str();
     command->add_option("--label", options->label, "Label of the key pair");

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "other_process.h"
@@ -52,6 +53,9 @@ protected:
         }
         while (readMore(terminal)) {
         }
+        termios settings{};
+        tcgetattr(terminal, &settings);
+        echoAtTheEnd_ = (settings.c_lflag & ECHO) != 0;
         close(terminal);
         int status = -1;
         waitpid(child, &status, 0);
@@ -72,6 +76,7 @@ protected:
 
     std::string serialNumber_;
     std::string screen_;
+    bool echoAtTheEnd_ = false;
 };
 
 TEST_F(ToolTerminalTest, RemoveAsks) {
@@ -92,6 +97,13 @@ TEST_F(ToolTerminalTest, PinsAreTypedUnseen) {
     EXPECT_EQ(screen_.find("123456"), std::string::npos) << screen_;
     EXPECT_EQ(screen_.find("tr0ub4dor"), std::string::npos) << screen_;
     EXPECT_NO_THROW(Store(folder_.path() / "tokens").checkPin(serialNumber_, Role::user, "tr0ub4dor"));
+}
+
+TEST_F(ToolTerminalTest, InterruptedQuestionGivesTheEchoBack) {
+    echoAtTheEnd_ = false;
+    // Control-C, which the terminal turns into a signal.
+    EXPECT_EQ(runAtTerminal({"set-pin"}, {{"user PIN: ", "\x03"}}), -1);
+    EXPECT_TRUE(echoAtTheEnd_);
 }
 
 TEST_F(ToolTerminalTest, NewPinsThatDifferAreRefused) {
