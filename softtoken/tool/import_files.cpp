@@ -46,11 +46,15 @@ int passwordCallback(char* buffer, int size, int /*writing*/, void* data) {
     }
 }
 
-/// Containers of older programs are encrypted with RC2, which OpenSSL keeps in a module of its own.
-void allowOldCiphers() {
-#ifndef _WIN32
-    // Not on Windows: the folder that our OpenSSL would load the module from is anybody's to write to.
-    OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
+using Provider = std::unique_ptr<OSSL_PROVIDER, Releaser<&OSSL_PROVIDER_unload>>;
+
+/// Containers of older programs are encrypted with RC2, which OpenSSL keeps in a module of its own. Null without it.
+Provider oldCiphers() {
+#ifdef _WIN32
+    // The folder that our OpenSSL would load the module from is anybody's to write to.
+    return nullptr;
+#else
+    return Provider(OSSL_PROVIDER_try_load(nullptr, "legacy", 1));
 #endif
 }
 
@@ -102,7 +106,7 @@ ImportedObjects readPkcs12File(const std::string& file, const AskPassword& askPa
     EVP_PKEY* key = nullptr;
     X509* own = nullptr;
     STACK_OF(X509)* others = nullptr;
-    allowOldCiphers();
+    const Provider provider = oldCiphers();
     if (PKCS12_parse(container.get(), askPassword().c_str(), &key, &own, &others) != 1) {
         const bool password = ERR_GET_REASON(ERR_peek_last_error()) == PKCS12_R_MAC_VERIFY_FAILURE;
         throw Failure(Error::invalidArgument,

@@ -2,6 +2,7 @@
 
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
+#include <openssl/provider.h>
 
 #include "certificates.h"
 #include "test_certificates.h"
@@ -219,6 +220,20 @@ TEST_F(ToolImportTest, Pkcs12OfOlderPrograms) {
         file("3des.p12", pkcs12(NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And3_Key_TripleDES_CBC));
     EXPECT_EQ(run("import --pkcs12 " + tripleDes).exitCode, 0);
 }
+
+#ifndef _WIN32
+TEST_F(ToolImportTest, Pkcs12WithOldCiphers) {
+    create();
+    setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
+    OSSL_PROVIDER* const provider = OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
+    ASSERT_NE(provider, nullptr);
+    const std::string rc2 =
+        file("rc2.p12", pkcs12(NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And40BitRC2_CBC));
+    OSSL_PROVIDER_unload(provider);
+    const Answer answer = run("import --pkcs12 " + rc2);
+    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+}
+#endif
 
 }  // namespace
 
