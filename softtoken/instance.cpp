@@ -10,8 +10,8 @@ namespace softtoken {
 
 namespace {
 
-/// How many outdated snapshots stay alive for callers that are still copying a list.
-constexpr std::size_t retiredSnapshots = 16;
+/// How many outdated snapshots stay alive for callers that are still copying a list. One with 500 key pairs is 1 MB.
+constexpr std::size_t retiredSnapshots = 4;
 constexpr std::size_t rememberedPublicKeys = 32;
 /// Two changes within the clock's resolution can't be told apart by their times, so a file that was read so soon after
 /// its change is read again.
@@ -97,14 +97,13 @@ Instance::Device& Instance::refreshed(std::string_view serialNumber) {
 }
 
 void Instance::read(Device& device, std::string_view serialNumber) {
-    const auto document = readFile(device.file);
+    const auto document = readTokenFile(device.file);
     if (!document) throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
-    TokenData token = readTokenData(*document);
-    if (token.serialNumber != serialNumber) {
-        throw Failure(Error::tokenDamaged, "the token's file is that of another token");
-    }
+    TokenData token = readTokenDataOf(serialNumber, *document);
     if (device.snapshot && device.snapshot->token == token) return;
     const auto fresh = std::make_shared<Snapshot>();
+    fresh->keyPairs.reserve(token.keyPairs.size());
+    fresh->certificates.reserve(token.certificates.size());
     for (const KeyPairEntry& entry : token.keyPairs) fresh->keyPairs.push_back(recordOf(entry));
     for (const CertificateEntry& entry : token.certificates) fresh->certificates.push_back(recordOf(entry));
     fresh->token = std::move(token);

@@ -52,7 +52,8 @@ struct FileStamp {
     bool operator==(const FileStamp&) const = default;
 };
 
-/// Nothing when there is no such file.
+/// Nothing when there is no such file, or something else under its name. Throws Error::storeFailed when that can't be
+/// found out.
 std::optional<FileStamp> fileStamp(const std::filesystem::path& file);
 
 /// The present time on the clock of FileStamp::modified.
@@ -68,8 +69,12 @@ void replaceFile(const std::filesystem::path& file, std::string_view content);
 /// Renames a folder and makes that last. Throws Error::storeFailed.
 void moveFolder(const std::filesystem::path& from, const std::filesystem::path& to);
 
-/// Asks on the terminal without echo. Nothing when there is no terminal to ask on.
-std::optional<std::string> promptWithoutEcho(const std::string& prompt);
+/// Takes a variable out of the process, memory included.
+void forgetEnvironment(const char* name);
+
+/// Asks for a line on the terminal. Nothing when there is no terminal to ask on.
+enum class Echo { off, on };
+std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo);
 
 }  // namespace softtoken
 

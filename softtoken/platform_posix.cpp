@@ -1,8 +1,11 @@
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -51,6 +54,42 @@ int openRetrying(const fs::path& path, int flags, mode_t mode = 0) {
     return number;
 }
 
+/// While a terminal is silent: a program that is interrupted gives the echo back before it ends.
+class EchoGuard {
+public:
+    EchoGuard(int terminal, const termios& settings) {
+        terminal_ = terminal;
+        settings_ = settings;
+        for (std::size_t i = 0; i < signals.size(); ++i) {
+            struct sigaction restoring {};
+            restoring.sa_handler = &restore;
+            sigaction(signals[i], &restoring, &before_[i]);
+            // A signal that is ignored stays so.
+            if (before_[i].sa_handler == SIG_IGN) sigaction(signals[i], &before_[i], nullptr);
+        }
+    }
+    EchoGuard(const EchoGuard&) = delete;
+    EchoGuard& operator=(const EchoGuard&) = delete;
+    ~EchoGuard() {
+        for (std::size_t i = 0; i < signals.size(); ++i) sigaction(signals[i], &before_[i], nullptr);
+    }
+
+private:
+    static constexpr std::array<int, 4> signals = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
+
+    static void restore(int number) {
+        tcsetattr(terminal_, TCSAFLUSH, &settings_);
+        struct sigaction ending {};
+        ending.sa_handler = SIG_DFL;
+        sigaction(number, &ending, nullptr);
+        raise(number);
+    }
+
+    static inline int terminal_ = -1;
+    static inline termios settings_{};
+    std::array<struct sigaction, signals.size()> before_{};
+};
+
 void syncFolder(const fs::path& folder) {
     const Descriptor descriptor(openRetrying(folder, O_RDONLY | O_DIRECTORY));
     if (descriptor.get() < 0 || fsync(descriptor.get()) != 0) failStore("flush the folder", folder);
@@ -62,6 +101,14 @@ std::optional<std::string> environmentText(const char* name) {
     const char* value = std::getenv(name);
     if (value == nullptr || *value == '\0') return std::nullopt;
     return value;
+}
+
+void forgetEnvironment(const char* name) {
+    char* const value = std::getenv(name);
+    if (value == nullptr) return;
+    // The variable's own memory: the process was started with it.
+    OPENSSL_cleanse(value, std::strlen(value));
+    unsetenv(name);
 }
 
 fs::path defaultStoreFolder() {
@@ -90,7 +137,11 @@ std::string narrowFromPath(const fs::path& path) {
 void createPrivateFolders(const fs::path& folder) {
     if (fs::is_directory(folder)) return;
     if (folder.has_parent_path() && folder.parent_path() != folder) createPrivateFolders(folder.parent_path());
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) failStore("make the folder", folder);
+    if (mkdir(folder.c_str(), 0700) == 0) {
+        syncFolder(folder.has_parent_path() ? folder.parent_path() : ".");
+    } else if (errno != EEXIST) {
+        failStore("make the folder", folder);
+    }
 }
 
 FileLock::FileLock(const fs::path& file) : handle_(openRetrying(file, O_RDWR | O_CREAT, 0600)) {
@@ -111,7 +162,11 @@ FileLock::~FileLock() {
 
 std::optional<FileStamp> fileStamp(const fs::path& file) {
     struct stat status {};
-    if (stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    if (stat(file.c_str(), &status) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+        failStore("look at", file);
+    }
+    if (!S_ISREG(status.st_mode)) return std::nullopt;
     return FileStamp{static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec,
                      static_cast<std::uint64_t>(status.st_size), static_cast<std::uint64_t>(status.st_ino)};
 }
@@ -144,18 +199,24 @@ std::optional<std::string> readFile(const fs::path& file) {
 void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += ".new";
-    Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_TRUNC, 0600));
-    if (descriptor.get() < 0) failStore("make", fresh);
-    while (!content.empty()) {
-        const ssize_t count = write(descriptor.get(), content.data(), content.size());
-        if (count >= 0) {
-            content.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            failStore("write", fresh);
+    try {
+        Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600));
+        if (descriptor.get() < 0) failStore("make", fresh);
+        while (!content.empty()) {
+            const ssize_t count = write(descriptor.get(), content.data(), content.size());
+            if (count >= 0) {
+                content.remove_prefix(static_cast<std::size_t>(count));
+            } else if (errno != EINTR) {
+                failStore("write", fresh);
+            }
         }
+        if (fsync(descriptor.get()) != 0 || !descriptor.closeNow()) failStore("flush", fresh);
+        if (rename(fresh.c_str(), file.c_str()) != 0) failStore("replace", file);
+    } catch (...) {
+        // On a full disk it would keep the space that the next attempt needs.
+        unlink(fresh.c_str());
+        throw;
     }
-    if (fsync(descriptor.get()) != 0 || !descriptor.closeNow()) failStore("flush", fresh);
-    if (rename(fresh.c_str(), file.c_str()) != 0) failStore("replace", file);
     syncFolder(file.parent_path());
 }
 
@@ -165,24 +226,32 @@ void moveFolder(const fs::path& from, const fs::path& to) {
     syncFolder(from.parent_path());
 }
 
-std::optional<std::string> promptWithoutEcho(const std::string& prompt) {
+std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo) {
     // In a script nobody is there to answer, though it may have a terminal.
     if (isatty(STDIN_FILENO) == 0) return std::nullopt;
     const Descriptor terminal(openRetrying("/dev/tty", O_RDWR | O_NOCTTY));
     termios before{};
     if (terminal.get() < 0 || tcgetattr(terminal.get(), &before) != 0) return std::nullopt;
     const auto say = [&](std::string_view text) {
-        return write(terminal.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+        while (!text.empty()) {
+            const ssize_t count = write(terminal.get(), text.data(), text.size());
+            if (count <= 0) return;
+            text.remove_prefix(static_cast<std::size_t>(count));
+        }
     };
-    if (!say(prompt)) return std::nullopt;
+    const EchoGuard guard(terminal.get(), before);
     termios silent = before;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    tcsetattr(terminal.get(), TCSAFLUSH, &silent);
+    // Before the question, so that nothing of a quick answer is shown or lost.
+    if (echo == Echo::off) tcsetattr(terminal.get(), TCSAFLUSH, &silent);
+    say(prompt);
     std::string line;
     char character = 0;
     while (read(terminal.get(), &character, 1) == 1 && character != '\n') line += character;
-    tcsetattr(terminal.get(), TCSAFLUSH, &before);
-    say("\n");
+    if (echo == Echo::off) {
+        tcsetattr(terminal.get(), TCSAFLUSH, &before);
+        say("\n");
+    }
     return line;
 }
 

@@ -70,6 +70,25 @@ DWORD retryWhileInUse(const std::function<bool()>& attempt) {
     return 0;
 }
 
+void writeNewFile(const fs::path& file, std::string_view content) {
+    HANDLE opened = INVALID_HANDLE_VALUE;
+    const DWORD number = retryWhileInUse([&] {
+        opened = CreateFileW(file.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        return opened != INVALID_HANDLE_VALUE;
+    });
+    const Handle handle(opened);
+    if (!handle.valid()) failStore("make", file, number);
+    while (!content.empty()) {
+        DWORD count = 0;
+        const DWORD wanted = static_cast<DWORD>(std::min<std::size_t>(content.size(), 1 << 20));
+        if (!WriteFile(handle.get(), content.data(), wanted, &count, nullptr)) {
+            failStore("write", file, GetLastError());
+        }
+        content.remove_prefix(count);
+    }
+    if (!FlushFileBuffers(handle.get())) failStore("flush", file, GetLastError());
+}
+
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 /// FILETIME counts steps of 100 ns.
@@ -83,6 +102,15 @@ std::optional<std::string> environmentText(const char* name) {
     const auto value = environmentWide(wide(name, CP_UTF8).c_str());
     if (!value) return std::nullopt;
     return narrow(*value, CP_UTF8);
+}
+
+void forgetEnvironment(const char* name) {
+    const std::wstring variable = wide(name, CP_UTF8);
+    const auto value = environmentWide(variable.c_str());
+    if (!value) return;
+    // The block keeps a value of the same length in place.
+    SetEnvironmentVariableW(variable.c_str(), std::wstring(value->size(), L'x').c_str());
+    SetEnvironmentVariableW(variable.c_str(), nullptr);
 }
 
 fs::path defaultStoreFolder() {
@@ -135,9 +163,10 @@ FileLock::~FileLock() {
 
 std::optional<FileStamp> fileStamp(const fs::path& file) {
     WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (retryWhileInUse([&] { return GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data) != 0; }) != 0) {
-        return std::nullopt;
-    }
+    const DWORD number =
+        retryWhileInUse([&] { return GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data) != 0; });
+    if (number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND) return std::nullopt;
+    if (number != 0) failStore("look at", file, number);
     if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return std::nullopt;
     // No identity: it would cost opening the file, and the creation time of a replaced file is passed on to the new
     // one.
@@ -178,24 +207,17 @@ std::optional<std::string> readFile(const fs::path& file) {
 void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += L".new";
-    {
-        const Handle handle(
-            CreateFileW(fresh.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-        if (!handle.valid()) failStore("make", fresh, GetLastError());
-        while (!content.empty()) {
-            DWORD count = 0;
-            const DWORD wanted = static_cast<DWORD>(std::min<std::size_t>(content.size(), 1 << 20));
-            if (!WriteFile(handle.get(), content.data(), wanted, &count, nullptr)) {
-                failStore("write", fresh, GetLastError());
-            }
-            content.remove_prefix(count);
-        }
-        if (!FlushFileBuffers(handle.get())) failStore("flush", fresh, GetLastError());
+    try {
+        writeNewFile(fresh, content);
+        const DWORD number = retryWhileInUse([&] {
+            return MoveFileExW(fresh.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+        });
+        if (number != 0) failStore("replace", file, number);
+    } catch (...) {
+        // On a full disk it would keep the space that the next attempt needs.
+        DeleteFileW(fresh.c_str());
+        throw;
     }
-    const DWORD number = retryWhileInUse([&] {
-        return MoveFileExW(fresh.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
-    });
-    if (number != 0) failStore("replace", file, number);
 }
 
 void moveFolder(const fs::path& from, const fs::path& to) {
@@ -204,7 +226,7 @@ void moveFolder(const fs::path& from, const fs::path& to) {
     if (number != 0) failStore("move", from, number);
 }
 
-std::optional<std::string> promptWithoutEcho(const std::string& prompt) {
+std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo) {
     const Handle input(
         CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
     const Handle output(CreateFileW(L"CONOUT$", GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
@@ -218,12 +240,14 @@ std::optional<std::string> promptWithoutEcho(const std::string& prompt) {
         WriteConsoleW(output.get(), line.data(), static_cast<DWORD>(line.size()), nullptr, nullptr);
     };
     say(prompt);
-    SetConsoleMode(input.get(), before & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
+    if (echo == Echo::off) SetConsoleMode(input.get(), before & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
     wchar_t line[256];
     DWORD count = 0;
     const BOOL read = ReadConsoleW(input.get(), line, 256, &count, nullptr);
-    SetConsoleMode(input.get(), before);
-    say("\r\n");
+    if (echo == Echo::off) {
+        SetConsoleMode(input.get(), before);
+        say("\r\n");
+    }
     if (!read) return std::nullopt;
     std::wstring_view text(line, count);
     while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) text.remove_suffix(1);

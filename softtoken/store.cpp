@@ -10,8 +10,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* tokenFileName = "token.json";
-constexpr const char* attemptsFileName = "attempts.json";
+constexpr const char* tokenFileName = "token";
+constexpr const char* attemptsFileName = "attempts";
+/// More than a full token takes.
+constexpr std::uint64_t largestTokenFile = 64 << 20;
 
 [[noreturn]] void notPresent(std::string_view serialNumber) {
     throw Failure(Error::deviceNotPresent, "there is no token " + std::string(serialNumber));
@@ -27,15 +29,37 @@ const PinSection& sectionOf(const TokenData& token, Role role) {
     return *token.officer;
 }
 
+/// Empties the folder of what killed processes left there. The caller holds the lock.
+void clearScratch(const fs::path& scratch) {
+    createPrivateFolders(scratch);
+    std::error_code ignored;
+    for (fs::directory_iterator entry(scratch, ignored), end; !ignored && entry != end; entry.increment(ignored)) {
+        std::error_code staying;
+        fs::remove_all(entry->path(), staying);
+    }
+}
+
 }  // namespace
+
+std::optional<std::string> readTokenFile(const fs::path& file) {
+    // A pipe in the file's place would keep the reader waiting, and a huge file would take the memory.
+    const auto stamp = fileStamp(file);
+    if (!stamp) return std::nullopt;
+    if (stamp->size > largestTokenFile) throw Failure(Error::tokenDamaged, "the token's file is damaged: its size");
+    return readFile(file);
+}
 
 std::vector<std::string> Store::list(const char* folder) const {
     std::vector<std::string> serialNumbers;
     std::error_code error;
+    if (fs::status(root_ / folder, error).type() == fs::file_type::not_found) return {};
     for (fs::directory_iterator entry(root_ / folder, error), end; !error && entry != end; entry.increment(error)) {
         std::string name = utf8FromPath(entry->path().filename());
         std::error_code ignored;
         if (isSerialNumber(name) && entry->is_directory(ignored)) serialNumbers.push_back(std::move(name));
+    }
+    if (error) {
+        throw Failure(Error::storeFailed, "cannot list " + utf8FromPath(root_ / folder) + ": " + error.message());
     }
     std::sort(serialNumbers.begin(), serialNumbers.end());
     return serialNumbers;
@@ -66,19 +90,27 @@ fs::path Store::folderOf(std::string_view serialNumber) const {
 std::optional<std::string> Store::readFileOf(std::string_view serialNumber, const char* name) const {
     // A token that is being plugged in or out may leave the folder between the two steps.
     for (int round = 0; round < 3; ++round) {
-        if (auto document = readFile(folderOf(serialNumber) / name)) return document;
+        if (auto document = readTokenFile(folderOf(serialNumber) / name)) return document;
     }
     return std::nullopt;
 }
 
-TokenData Store::load(std::string_view serialNumber) const {
-    const auto document = readFileOf(serialNumber, tokenFileName);
-    if (!document) throw Failure(Error::tokenDamaged, "the token's file is missing");
-    TokenData token = readTokenData(*document);
+TokenData readTokenDataOf(std::string_view serialNumber, std::string_view document) {
+    TokenData token = readTokenData(document);
     if (token.serialNumber != serialNumber) {
         throw Failure(Error::tokenDamaged, "the token's file is that of another token");
     }
     return token;
+}
+
+std::string Store::readDocument(std::string_view serialNumber) const {
+    auto document = readFileOf(serialNumber, tokenFileName);
+    if (!document) throw Failure(Error::tokenDamaged, "the token's file is missing");
+    return *std::move(document);
+}
+
+TokenData Store::load(std::string_view serialNumber) const {
+    return readTokenDataOf(serialNumber, readDocument(serialNumber));
 }
 
 Attempts Store::loadAttempts(std::string_view serialNumber) const {
@@ -94,15 +126,15 @@ FileLock Store::lockFor(std::string_view serialNumber) const {
 }
 
 void Store::add(const TokenData& token, const Attempts& attempts) {
-    for (const char* folder : {"plugged", "unplugged", "scratch"}) createPrivateFolders(root_ / folder);
+    for (const char* folder : {"plugged", "unplugged"}) createPrivateFolders(root_ / folder);
     const FileLock lock(root_ / "lock");
+    clearScratch(root_ / "scratch");
     for (const char* folder : {"plugged", "unplugged"}) {
         if (fs::exists(root_ / folder / token.serialNumber)) {
             throw Failure(Error::storeFailed, "there is a token " + token.serialNumber + " already");
         }
     }
     const fs::path made = root_ / "scratch" / token.serialNumber;
-    fs::remove_all(made);
     createPrivateFolders(made);
     replaceFile(made / attemptsFileName, writeAttempts(attempts));
     replaceFile(made / tokenFileName, writeTokenData(token));
@@ -111,19 +143,18 @@ void Store::add(const TokenData& token, const Attempts& attempts) {
 
 void Store::change(std::string_view serialNumber, const std::function<void(TokenData&)>& change) {
     const FileLock lock = lockFor(serialNumber);
-    const TokenData before = load(serialNumber);
-    TokenData token = before;
+    const std::string before = readDocument(serialNumber);
+    TokenData token = readTokenDataOf(serialNumber, before);
     change(token);
-    if (token != before) replaceFile(folderOf(serialNumber) / tokenFileName, writeTokenData(token));
+    const std::string after = writeTokenData(token);
+    if (after != before) replaceFile(folderOf(serialNumber) / tokenFileName, after);
 }
 
 void Store::remove(std::string_view serialNumber) {
     const FileLock lock = lockFor(serialNumber);
-    createPrivateFolders(root_ / "scratch");
-    const fs::path removed = root_ / "scratch" / serialNumber;
-    fs::remove_all(removed);
-    moveFolder(folderOf(serialNumber), removed);
-    fs::remove_all(removed);
+    clearScratch(root_ / "scratch");
+    moveFolder(folderOf(serialNumber), root_ / "scratch" / serialNumber);
+    clearScratch(root_ / "scratch");
 }
 
 void Store::move(std::string_view serialNumber, const char* from, const char* to) {

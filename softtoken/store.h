@@ -2,8 +2,8 @@
 /// the old or the new state, and the counting of PIN attempts.
 ///
 /// `plugged/SERIAL` and `unplugged/SERIAL` are the tokens; `scratch` holds what is being made or removed; `lock` is
-/// locked for each change and `pin-lock` while a PIN is checked. A token's folder holds `token.json` and
-/// `attempts.json`.
+/// locked for each change and `pin-lock` while a PIN is checked. A token's folder holds the files `token` and
+/// `attempts`. docs/software-token.md describes them.
 
 #ifndef ZENTAK_SOFTTOKEN_STORE_H
 #define ZENTAK_SOFTTOKEN_STORE_H
@@ -27,7 +27,8 @@ public:
 
     [[nodiscard]] const std::filesystem::path& root() const { return root_; }
 
-    /// Serial numbers in ascending order. One listing of a folder, no file is opened.
+    /// Serial numbers in ascending order. One listing of a folder, no file is opened. A store that isn't there holds
+    /// nothing; throws Error::storeFailed for one that can't be read.
     [[nodiscard]] std::vector<std::string> plugged() const { return list("plugged"); }
     [[nodiscard]] std::vector<std::string> unplugged() const { return list("unplugged"); }
 
@@ -65,12 +66,22 @@ private:
     [[nodiscard]] std::vector<std::string> list(const char* folder) const;
     [[nodiscard]] std::filesystem::path folderOf(std::string_view serialNumber) const;
     [[nodiscard]] std::optional<std::string> readFileOf(std::string_view serialNumber, const char* name) const;
+    /// The content of a token's main file.
+    [[nodiscard]] std::string readDocument(std::string_view serialNumber) const;
     /// Asks for the token first, so that a question about an unknown one leaves no lock file behind.
     [[nodiscard]] FileLock lockFor(std::string_view serialNumber) const;
     void move(std::string_view serialNumber, const char* from, const char* to);
 
     std::filesystem::path root_;
 };
+
+/// Reads a file of a token. Nothing when it isn't there or no regular file. Throws Error::tokenDamaged when it is too
+/// large to be a token's, and Error::storeFailed when it can't be read.
+std::optional<std::string> readTokenFile(const std::filesystem::path& file);
+
+/// A token from its file's content. Throws Error::tokenDamaged, also when it is another token's, and
+/// Error::unknownVersion.
+TokenData readTokenDataOf(std::string_view serialNumber, std::string_view document);
 
 }  // namespace softtoken
 

@@ -1,7 +1,6 @@
 #include "token_data.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <set>
 
 #include "errors.h"
@@ -11,223 +10,250 @@ namespace softtoken {
 
 namespace {
 
-using Json = nlohmann::json;
-
-constexpr const char* tokenFormat = "zentak-software-token";
-constexpr const char* attemptsFormat = "zentak-software-token-attempts";
-constexpr int formatVersion = 1;
+constexpr std::string_view tokenFormat = "zentak-software-token";
+constexpr std::string_view attemptsFormat = "zentak-software-token-attempts";
+constexpr std::string_view formatVersion = "1";
+constexpr std::size_t checksumLength = 32;
+constexpr std::uint32_t kdfPbkdf2Sha256 = 1;
 /// More would keep a host waiting for minutes at a file that somebody prepared.
 constexpr std::uint32_t maximumIterations = 20'000'000;
 constexpr std::size_t maximumAttempts = 1000;
+constexpr std::size_t maximumTextLength = 1024;
 
 [[noreturn]] void damaged(const std::string& what) {
     throw Failure(Error::tokenDamaged, "the token's file is damaged: " + what);
 }
 
-/// Labels are bytes that applications choose; JSON holds valid UTF-8 alone, so other labels are written as digits.
-Json textToJson(const std::string& text) {
-    try {
-        static_cast<void>(Json(text).dump());
-        return text;
-    } catch (const Json::type_error&) {
-        return Json{{"hex", hexText(viewOf(text))}};
+/// Composes a document: the line with format and version, fields, checksum.
+class Writer {
+public:
+    explicit Writer(std::string_view format) {
+        document_ += format;
+        document_ += ' ';
+        document_ += formatVersion;
+        document_ += '\n';
     }
-}
 
-Bytes bytesFromJson(const Json& value, std::size_t smallest, std::size_t largest) {
-    auto bytes = bytesFromHex(value.get_ref<const std::string&>());
-    if (!bytes || bytes->size() < smallest || bytes->size() > largest) damaged("a byte field");
-    return *std::move(bytes);
-}
-
-std::string textFromJson(const Json& value, std::size_t largest) {
-    std::string text;
-    if (value.is_object()) {
-        const Bytes bytes = bytesFromJson(value.at("hex"), 0, largest);
-        text.assign(bytes.begin(), bytes.end());
-    } else {
-        text = value.get<std::string>();
+    void number(std::uint32_t value) {
+        for (int shift = 0; shift < 32; shift += 8) document_ += static_cast<char>(value >> shift);
     }
-    if (text.size() > largest || text.find('\0') != std::string::npos) damaged("a text field");
-    return text;
+    void text(std::string_view value) {
+        number(static_cast<std::uint32_t>(value.size()));
+        document_ += value;
+    }
+    void bytes(ByteView value) { text({reinterpret_cast<const char*>(value.data()), value.size()}); }
+
+    std::string finish() {
+        const auto checksum = sha256(viewOf(document_));
+        document_.append(checksum.begin(), checksum.end());
+        return std::move(document_);
+    }
+
+private:
+    std::string document_;
+};
+
+/// Takes a document apart. Every field is bounded, and named in the complaint about it.
+class Reader {
+public:
+    Reader(std::string_view format, std::string_view document) {
+        const std::string_view line = document.substr(0, std::min(document.find('\n'), document.size()));
+        if (!line.starts_with(format) || line.size() == document.size() || line.substr(format.size(), 1) != " ") {
+            damaged("it is no such document");
+        }
+        const std::string_view version = line.substr(format.size() + 1);
+        if (version != formatVersion) {
+            const bool number = !version.empty() && version.size() <= 9 &&
+                                version.find_first_not_of("0123456789") == std::string_view::npos;
+            if (!number) damaged("its version is no number");
+            throw Failure(Error::unknownVersion, "the token's file is of version " + std::string(version) +
+                                                     ", this program knows version " + std::string(formatVersion));
+        }
+        if (document.size() < line.size() + 1 + checksumLength) damaged("it is too short");
+        const std::string_view covered = document.substr(0, document.size() - checksumLength);
+        const auto checksum = sha256(viewOf(covered));
+        if (!std::equal(checksum.begin(), checksum.end(), viewOf(document).last(checksumLength).begin())) {
+            damaged("the checksum doesn't match");
+        }
+        rest_ = viewOf(covered).subspan(line.size() + 1);
+    }
+
+    std::uint32_t number(const char* name, std::uint32_t smallest, std::uint32_t largest) {
+        const std::uint32_t value = plainNumber(name);
+        if (value < smallest || value > largest) damaged(name);
+        return value;
+    }
+
+    ByteView bytes(const char* name, std::size_t smallest, std::size_t largest) {
+        const std::size_t length = plainNumber(name);
+        if (length < smallest || length > largest || length > rest_.size()) damaged(name);
+        const ByteView value = rest_.first(length);
+        rest_ = rest_.subspan(length);
+        return value;
+    }
+
+    Bytes ownBytes(const char* name, std::size_t smallest, std::size_t largest) {
+        const ByteView value = bytes(name, smallest, largest);
+        return {value.begin(), value.end()};
+    }
+
+    std::string text(const char* name, std::size_t largest) {
+        const ByteView value = bytes(name, 0, largest);
+        if (std::find(value.begin(), value.end(), 0) != value.end()) damaged(name);
+        return {value.begin(), value.end()};
+    }
+
+    Reference reference(const char* name) {
+        Reference value{};
+        const ByteView view = bytes(name, value.size(), value.size());
+        std::copy(view.begin(), view.end(), value.begin());
+        return value;
+    }
+
+    void finish() const {
+        if (!rest_.empty()) damaged("something follows its last field");
+    }
+
+private:
+    std::uint32_t plainNumber(const char* name) {
+        if (rest_.size() < 4) damaged(name);
+        std::uint32_t value = 0;
+        for (std::size_t i = 0; i < 4; ++i) value |= static_cast<std::uint32_t>(rest_[i]) << (8 * i);
+        rest_ = rest_.subspan(4);
+        return value;
+    }
+
+    ByteView rest_;
+};
+
+void writePinSection(Writer& writer, const PinSection& section) {
+    writer.number(kdfPbkdf2Sha256);
+    writer.number(section.iterations);
+    writer.bytes(section.salt);
+    writer.bytes(section.wrappedTokenKey);
+    writer.number(static_cast<std::uint32_t>(section.maximumAttempts));
 }
 
-Reference referenceFromJson(const Json& value) {
-    const Bytes bytes = bytesFromJson(value, sizeof(Reference), sizeof(Reference));
-    Reference reference{};
-    std::copy(bytes.begin(), bytes.end(), reference.begin());
-    return reference;
-}
-
-/// A whole number within the bounds; JSON numbers convert silently otherwise.
-std::uint32_t numberFromJson(const Json& value, std::size_t smallest, std::size_t largest) {
-    if (!value.is_number_unsigned()) damaged("a number");
-    const auto number = value.get<std::uint64_t>();
-    if (number < smallest || number > largest) damaged("a number");
-    return static_cast<std::uint32_t>(number);
-}
-
-Json pinSectionToJson(const PinSection& section) {
-    return {{"kdf", "PBKDF2-HMAC-SHA256"},
-            {"iterations", section.iterations},
-            {"salt", hexText(section.salt)},
-            {"wrappedTokenKey", hexText(section.wrappedTokenKey)},
-            {"maximumAttempts", section.maximumAttempts}};
-}
-
-PinSection pinSectionFromJson(const Json& value) {
-    if (value.at("kdf") != "PBKDF2-HMAC-SHA256") damaged("the key derivation function");
+PinSection readPinSection(Reader& reader) {
     PinSection section;
-    section.iterations = numberFromJson(value.at("iterations"), 1, maximumIterations);
-    section.salt = bytesFromJson(value.at("salt"), 8, 64);
-    section.wrappedTokenKey = bytesFromJson(value.at("wrappedTokenKey"), 29, 256);
-    section.maximumAttempts = static_cast<int>(numberFromJson(value.at("maximumAttempts"), 1, maximumAttempts));
+    reader.number("the key derivation function", kdfPbkdf2Sha256, kdfPbkdf2Sha256);
+    section.iterations = reader.number("the iterations", 1, maximumIterations);
+    section.salt = reader.ownBytes("the salt", 8, 64);
+    section.wrappedTokenKey = reader.ownBytes("the wrapped token key", 29, 256);
+    section.maximumAttempts = static_cast<int>(reader.number("the number of attempts", 1, maximumAttempts));
     return section;
 }
 
-Json keyPairToJson(const KeyPairEntry& entry) {
-    return {{"id", entry.id},
-            {"keyId", hexText(entry.keyId)},
-            {"keyType", entry.keyType},
-            {"keyUsage", entry.keyUsage},
-            {"alias", textToJson(entry.alias)},
-            {"objectId", hexText(entry.objectId)},
-            {"publicKey", hexText(entry.publicKey)},
-            {"sealedPrivateKey", hexText(entry.sealedPrivateKey)}};
+void writeKeyPair(Writer& writer, const KeyPairEntry& entry) {
+    writer.number(entry.id);
+    writer.bytes(entry.keyId);
+    writer.number(static_cast<std::uint32_t>(entry.keyType));
+    writer.number(entry.keyUsage);
+    writer.text(entry.alias);
+    writer.bytes(entry.objectId);
+    writer.bytes(entry.publicKey);
+    writer.bytes(entry.sealedPrivateKey);
 }
 
-KeyPairEntry keyPairFromJson(const Json& value) {
+KeyPairEntry readKeyPair(Reader& reader) {
     KeyPairEntry entry;
-    entry.id = numberFromJson(value.at("id"), 1, largestObjectNumber);
-    entry.keyId = referenceFromJson(value.at("keyId"));
-    entry.keyType = static_cast<int>(numberFromJson(value.at("keyType"), 1, 7));
-    entry.keyUsage = numberFromJson(value.at("keyUsage"), 0, UINT32_MAX);
-    entry.alias = textFromJson(value.at("alias"), maximumAliasLength);
-    entry.objectId = bytesFromJson(value.at("objectId"), 0, maximumObjectIdLength);
-    entry.publicKey = bytesFromJson(value.at("publicKey"), 1, 1024);
-    entry.sealedPrivateKey = bytesFromJson(value.at("sealedPrivateKey"), 29, 16384);
+    entry.id = reader.number("a key pair's number", 1, largestObjectNumber);
+    entry.keyId = reader.reference("a key pair's reference");
+    entry.keyType = static_cast<int>(reader.number("a key pair's type", 1, 7));
+    entry.keyUsage = reader.number("a key pair's usage", 0, UINT32_MAX);
+    entry.alias = reader.text("a key pair's label", maximumAliasLength);
+    entry.objectId = reader.ownBytes("a key pair's CKA_ID", 0, maximumObjectIdLength);
+    entry.publicKey = reader.ownBytes("a public key", 1, 1024);
+    entry.sealedPrivateKey = reader.ownBytes("a private key", 29, 16384);
     return entry;
 }
 
-Json certificateToJson(const CertificateEntry& entry) {
-    return {{"id", entry.id},
-            {"certId", hexText(entry.certId)},
-            {"label", textToJson(entry.label)},
-            {"objectId", hexText(entry.objectId)},
-            {"der", hexText(entry.der)}};
+void writeCertificate(Writer& writer, const CertificateEntry& entry) {
+    writer.number(entry.id);
+    writer.bytes(entry.certId);
+    writer.text(entry.label);
+    writer.bytes(entry.objectId);
+    writer.bytes(entry.der);
 }
 
-CertificateEntry certificateFromJson(const Json& value) {
+CertificateEntry readCertificate(Reader& reader) {
     CertificateEntry entry;
-    entry.id = numberFromJson(value.at("id"), 1, largestObjectNumber);
-    entry.certId = referenceFromJson(value.at("certId"));
-    entry.label = textFromJson(value.at("label"), maximumCertificateLabelLength);
-    entry.objectId = bytesFromJson(value.at("objectId"), 0, maximumObjectIdLength);
-    entry.der = bytesFromJson(value.at("der"), 1, maximumCertificateLength);
+    entry.id = reader.number("a certificate's number", 1, largestObjectNumber);
+    entry.certId = reader.reference("a certificate's reference");
+    entry.label = reader.text("a certificate's label", maximumCertificateLabelLength);
+    entry.objectId = reader.ownBytes("a certificate's CKA_ID", 0, maximumObjectIdLength);
+    entry.der = reader.ownBytes("a certificate", 1, maximumCertificateLength);
     return entry;
 }
 
-/// Wraps a document's content with what tells whether it is ours and whole.
-std::string writeDocument(const char* format, const Json& content) {
-    const std::string text = content.dump();
-    return Json{{"format", format},
-                {"version", formatVersion},
-                {"checksum", hexText(sha256(viewOf(text)))},
-                {"content", content}}
-               .dump(1) +
-           "\n";
-}
-
-Json readDocument(const char* format, std::string_view text) {
-    // Our documents are flat; writing a value for its checksum takes stack for each level.
-    const auto refuseDepth = [](int depth, Json::parse_event_t /*event*/, const Json& /*value*/) {
-        if (depth > 8) damaged("it is nested too deeply");
-        return true;
-    };
-    const Json document = Json::parse(text, refuseDepth, false);
-    if (!document.is_object() || document.value("format", Json()) != format) damaged("it is no such document");
-    const Json& version = document.at("version");
-    if (version != formatVersion) {
-        throw Failure(Error::unknownVersion, "the token's file is of version " + version.dump() +
-                                                 ", this program knows version " + std::to_string(formatVersion));
-    }
-    const Json& content = document.at("content");
-    if (document.at("checksum") != hexText(sha256(viewOf(content.dump())))) damaged("the checksum doesn't match");
-    return content;
-}
-
-/// Gives the JSON library's complaints about missing or mistyped fields our own form.
-template <typename Read>
-auto translatingErrors(Read&& read) {
-    try {
-        return read();
-    } catch (const Json::exception& error) {
-        damaged(error.what());
-    }
-}
-
-template <typename Entries>
-void requireUniqueNumbers(const Entries& entries) {
+template <typename Entry>
+std::vector<Entry> readEntries(Reader& reader, const char* what, Entry (*readEntry)(Reader&)) {
+    const std::uint32_t count = reader.number(what, 0, largestObjectNumber);
+    std::vector<Entry> entries;
     std::set<std::uint32_t> numbers;
-    for (const auto& entry : entries) {
-        if (!numbers.insert(entry.id).second) damaged("an object number occurs twice");
+    for (std::uint32_t i = 0; i < count; ++i) {
+        entries.push_back(readEntry(reader));
+        if (!numbers.insert(entries.back().id).second) damaged("an object number occurs twice");
     }
+    return entries;
 }
 
 }  // namespace
 
 std::string writeTokenData(const TokenData& token) {
-    Json keyPairs = Json::array();
-    for (const KeyPairEntry& entry : token.keyPairs) keyPairs.push_back(keyPairToJson(entry));
-    Json certificates = Json::array();
-    for (const CertificateEntry& entry : token.certificates) certificates.push_back(certificateToJson(entry));
-    return writeDocument(tokenFormat, {{"serialNumber", token.serialNumber},
-                                       {"label", textToJson(token.label)},
-                                       {"model", textToJson(token.model)},
-                                       {"firmwareVersion", textToJson(token.firmwareVersion)},
-                                       {"userPinChanged", token.userPinChanged},
-                                       {"user", pinSectionToJson(token.user)},
-                                       {"officer", token.officer ? pinSectionToJson(*token.officer) : Json()},
-                                       {"capacity", token.capacity},
-                                       {"lastKeyPairNumber", token.lastKeyPairNumber},
-                                       {"lastCertificateNumber", token.lastCertificateNumber},
-                                       {"keyPairs", keyPairs},
-                                       {"certificates", certificates}});
+    Writer writer(tokenFormat);
+    writer.text(token.serialNumber);
+    writer.text(token.label);
+    writer.text(token.model);
+    writer.text(token.firmwareVersion);
+    writer.number(token.userPinChanged ? 1 : 0);
+    writePinSection(writer, token.user);
+    writer.number(token.officer ? 1 : 0);
+    if (token.officer) writePinSection(writer, *token.officer);
+    writer.number(token.capacity);
+    writer.number(token.lastKeyPairNumber);
+    writer.number(token.lastCertificateNumber);
+    writer.number(static_cast<std::uint32_t>(token.keyPairs.size()));
+    for (const KeyPairEntry& entry : token.keyPairs) writeKeyPair(writer, entry);
+    writer.number(static_cast<std::uint32_t>(token.certificates.size()));
+    for (const CertificateEntry& entry : token.certificates) writeCertificate(writer, entry);
+    return writer.finish();
 }
 
 TokenData readTokenData(std::string_view document) {
-    return translatingErrors([&] {
-        const Json content = readDocument(tokenFormat, document);
-        TokenData token;
-        token.serialNumber = textFromJson(content.at("serialNumber"), maximumSerialNumberLength);
-        if (!isSerialNumber(token.serialNumber)) damaged("the serial number");
-        token.label = textFromJson(content.at("label"), 1024);
-        token.model = textFromJson(content.at("model"), 1024);
-        token.firmwareVersion = textFromJson(content.at("firmwareVersion"), 64);
-        token.userPinChanged = content.at("userPinChanged").get<bool>();
-        token.user = pinSectionFromJson(content.at("user"));
-        if (!content.at("officer").is_null()) token.officer = pinSectionFromJson(content.at("officer"));
-        token.capacity = numberFromJson(content.at("capacity"), 0, largestObjectNumber);
-        token.lastKeyPairNumber = numberFromJson(content.at("lastKeyPairNumber"), 0, largestObjectNumber);
-        token.lastCertificateNumber = numberFromJson(content.at("lastCertificateNumber"), 0, largestObjectNumber);
-        for (const Json& entry : content.at("keyPairs")) token.keyPairs.push_back(keyPairFromJson(entry));
-        for (const Json& entry : content.at("certificates")) token.certificates.push_back(certificateFromJson(entry));
-        requireUniqueNumbers(token.keyPairs);
-        requireUniqueNumbers(token.certificates);
-        return token;
-    });
+    Reader reader(tokenFormat, document);
+    TokenData token;
+    token.serialNumber = reader.text("the serial number", maximumSerialNumberLength);
+    if (!isSerialNumber(token.serialNumber)) damaged("the serial number");
+    token.label = reader.text("the label", maximumTextLength);
+    token.model = reader.text("the model", maximumTextLength);
+    token.firmwareVersion = reader.text("the firmware version", maximumTextLength);
+    token.userPinChanged = reader.number("the state of the PIN", 0, 1) == 1;
+    token.user = readPinSection(reader);
+    if (reader.number("the officer's presence", 0, 1) == 1) token.officer = readPinSection(reader);
+    token.capacity = reader.number("the capacity", 0, largestObjectNumber);
+    token.lastKeyPairNumber = reader.number("the last key pair's number", 0, largestObjectNumber);
+    token.lastCertificateNumber = reader.number("the last certificate's number", 0, largestObjectNumber);
+    token.keyPairs = readEntries(reader, "the number of key pairs", &readKeyPair);
+    token.certificates = readEntries(reader, "the number of certificates", &readCertificate);
+    reader.finish();
+    return token;
 }
 
 std::string writeAttempts(const Attempts& attempts) {
-    return writeDocument(attemptsFormat, {{"user", attempts.user}, {"officer", attempts.officer}});
+    Writer writer(attemptsFormat);
+    writer.number(static_cast<std::uint32_t>(attempts.user));
+    writer.number(static_cast<std::uint32_t>(attempts.officer));
+    return writer.finish();
 }
 
 Attempts readAttempts(std::string_view document) {
-    return translatingErrors([&] {
-        const Json content = readDocument(attemptsFormat, document);
-        return Attempts{static_cast<int>(numberFromJson(content.at("user"), 0, maximumAttempts)),
-                        static_cast<int>(numberFromJson(content.at("officer"), 0, maximumAttempts))};
-    });
+    Reader reader(attemptsFormat, document);
+    Attempts attempts;
+    attempts.user = static_cast<int>(reader.number("the user's attempts", 0, maximumAttempts));
+    attempts.officer = static_cast<int>(reader.number("the officer's attempts", 0, maximumAttempts));
+    reader.finish();
+    return attempts;
 }
 
 std::string hexText(ByteView bytes) {

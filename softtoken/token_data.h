@@ -1,4 +1,4 @@
-/// What a token holds, and its form on disk: a JSON document with a format name, a version and a checksum.
+/// What a token holds, and its form on disk: a document with a format name, a version, fields and a checksum.
 
 #ifndef ZENTAK_SOFTTOKEN_TOKEN_DATA_H
 #define ZENTAK_SOFTTOKEN_TOKEN_DATA_H

@@ -2,6 +2,7 @@
 
 #include "errors.h"
 #include "platform.h"
+#include "token_changes.h"
 
 namespace softtoken::tool {
 
@@ -45,6 +46,37 @@ std::string findToken(const Store& store, const std::string& token) {
     throw Failure(Error::deviceNotPresent, matching.empty()
                                                ? "there is no token " + token
                                                : "several tokens have the label " + token + ": use a serial number");
+}
+
+std::uint32_t usageBits(const std::string& text) {
+    std::uint32_t bits = 0;
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        const std::string_view word = rest.substr(0, rest.find(','));
+        rest.remove_prefix(std::min(rest.size(), word.size() + 1));
+        if (word == "sign") {
+            bits |= usageSign;
+        } else if (word == "decrypt") {
+            bits |= usageDecrypt;
+        } else {
+            throw Failure(Error::invalidArgument, "a usage is \"sign\" or \"decrypt\", or both with a comma");
+        }
+    }
+    return bits;
+}
+
+Bytes objectIdFromHex(const std::string& text) {
+    auto bytes = bytesFromHex(text);
+    if (!bytes) throw Failure(Error::invalidArgument, "--id takes pairs of hexadecimal digits");
+    return *std::move(bytes);
+}
+
+std::string printable(std::string text) {
+    for (char& character : text) {
+        const auto code = static_cast<unsigned char>(character);
+        if (code < 0x20 || code == 0x7F) character = '?';
+    }
+    return text;
 }
 
 }  // namespace softtoken::tool

@@ -20,7 +20,9 @@ struct Common {
 void addCreateCommand(CLI::App& program, const Common& common);
 void addListCommand(CLI::App& program, const Common& common);
 void addShowCommand(CLI::App& program, const Common& common);
+void addGenerateCommand(CLI::App& program, const Common& common);
 void addImportCommand(CLI::App& program, const Common& common);
+void addExportCommand(CLI::App& program, const Common& common);
 void addPlugCommands(CLI::App& program, const Common& common);
 void addPinCommands(CLI::App& program, const Common& common);
 void addRemoveCommand(CLI::App& program, const Common& common);
@@ -34,6 +36,15 @@ void addTokenArgument(CLI::App& command, std::string& token);
 
 /// The serial number of the token meant. Throws Error::deviceNotPresent when there is none, or several.
 std::string findToken(const Store& store, const std::string& token);
+
+/// The bits of a key's usage from "sign", "decrypt" or both with a comma. Throws Error::invalidArgument.
+std::uint32_t usageBits(const std::string& text);
+
+/// A CKA_ID as given on the command line. Throws Error::invalidArgument.
+Bytes objectIdFromHex(const std::string& text);
+
+/// The text on one line: labels and names may hold what would move a terminal's cursor.
+std::string printable(std::string text);
 
 }  // namespace softtoken::tool
 

@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "pin_source.h"
+#include "progress.h"
 #include "token_changes.h"
 
 namespace softtoken::tool {
@@ -31,13 +32,16 @@ void create(const Common& common, CreateOptions options) {
         readOptionalNewSecret({options.officerPinFile, "ZENTAK_SO_PIN", "security officer's PIN", "--so-pin-file"});
     token.userPinChanged = !options.initialPin;
     Store store = common.store();
-    const std::string serialNumber = createToken(store, token);
+    const std::string serialNumber = [&] {
+        const Progress progress("making the token");
+        return createToken(store, token);
+    }();
     if (options.json) {
         std::cout << nlohmann::json{{"serialNumber", serialNumber}, {"label", token.label}, {"model", token.model}}
                          .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
                   << "\n";
     } else {
-        std::cout << "Serial number: " << serialNumber << "\nLabel: " << token.label << "\n";
+        std::cout << "Serial number: " << serialNumber << "\nLabel: " << printable(token.label) << "\n";
     }
 }
 

@@ -1,10 +1,13 @@
 #include <iostream>
+#include <map>
 #include <memory>
+#include <optional>
 
 #include "commands.h"
 #include "errors.h"
 #include "import_files.h"
 #include "pin_source.h"
+#include "progress.h"
 #include "token_changes.h"
 
 namespace softtoken::tool {
@@ -13,9 +16,9 @@ namespace {
 
 struct ImportOptions {
     std::string token;
-    std::string keyFile;
+    std::vector<std::string> keyFiles;
     std::vector<std::string> certificateFiles;
-    std::string pkcs12File;
+    std::vector<std::string> pkcs12Files;
     std::string label;
     std::string objectId;
     std::string usage = "sign,decrypt";
@@ -23,36 +26,35 @@ struct ImportOptions {
     std::string passwordFile;
 };
 
-std::uint32_t usageBits(const std::string& text) {
-    std::uint32_t bits = 0;
-    std::string_view rest = text;
-    while (!rest.empty()) {
-        const std::string_view word = rest.substr(0, rest.find(','));
-        rest.remove_prefix(std::min(rest.size(), word.size() + 1));
-        if (word == "sign") {
-            bits |= usageSign;
-        } else if (word == "decrypt") {
-            bits |= usageDecrypt;
-        } else {
-            throw Failure(Error::invalidArgument, "a usage is \"sign\" or \"decrypt\", or both with a comma");
-        }
-    }
-    return bits;
+void append(ImportedObjects& all, ImportedObjects more) {
+    for (ImportedKey& key : more.keys) all.keys.push_back(std::move(key));
+    for (Bytes& der : more.certificates) all.certificates.push_back(std::move(der));
 }
 
 ImportedObjects readObjects(const ImportOptions& options) {
+    std::optional<Progress> progress(std::in_place, "reading the files");
+    std::optional<std::string> password;
+    // One password for all files, asked for when it is needed.
     const AskPassword askPassword = [&] {
-        return readSecret(
-            {options.passwordFile, "ZENTAK_FILE_PASSWORD", "password of the file", "--file-password-file"});
+        if (!password) {
+            progress.reset();
+            password = readSecret(
+                {options.passwordFile, "ZENTAK_FILE_PASSWORD", "password of the file", "--file-password-file"});
+            progress.emplace("reading the files");
+        }
+        return *password;
     };
     ImportedObjects objects;
-    if (!options.pkcs12File.empty()) objects = readPkcs12File(options.pkcs12File, askPassword);
-    if (!options.keyFile.empty()) objects.key = readPrivateKeyFile(options.keyFile, askPassword);
-    for (const std::string& file : options.certificateFiles) {
-        for (Bytes& der : readCertificateFile(file)) objects.certificates.push_back(std::move(der));
+    for (const std::string& file : options.pkcs12Files) append(objects, readPkcs12File(file, askPassword));
+    for (const std::string& file : options.keyFiles) {
+        objects.keys.push_back({readPrivateKeyFile(file, askPassword), ""});
     }
-    if (!objects.key && objects.certificates.empty()) {
+    for (const std::string& file : options.certificateFiles) append(objects, {{}, readCertificateFile(file)});
+    if (objects.keys.empty() && objects.certificates.empty()) {
         throw Failure(Error::invalidArgument, "nothing to import: use --key, --certificate or --pkcs12");
+    }
+    if (objects.keys.size() > 1 && !(options.label.empty() && options.objectId.empty())) {
+        throw Failure(Error::invalidArgument, "--label and --id are for one key pair, not for several");
     }
     return objects;
 }
@@ -61,30 +63,35 @@ void import(const Common& common, const ImportOptions& options) {
     Store store = common.store();
     const std::string serialNumber = findToken(store, options.token);
     const std::uint32_t usage = usageBits(options.usage);
-    const auto givenId = bytesFromHex(options.objectId);
-    if (!givenId) throw Failure(Error::invalidArgument, "--id takes pairs of hexadecimal digits");
+    const Bytes givenId = objectIdFromHex(options.objectId);
     const ImportedObjects objects = readObjects(options);
-    SecretBytes tokenKey;
-    if (objects.key) {
-        // The PIN authorises a private key; certificates are public.
-        tokenKey = store.checkPin(serialNumber, Role::user,
-                                  readSecret({options.pinFile, "ZENTAK_PIN", "user PIN", "--pin-file"}));
-    }
-    const Bytes keyIdentifier = objects.key ? publicKeyIdentifier(objects.key.get()) : Bytes();
+    // The PIN authorises private keys; certificates are public.
+    const std::string pin =
+        objects.keys.empty() ? "" : readSecret({options.pinFile, "ZENTAK_PIN", "user PIN", "--pin-file"});
+    Progress progress("importing", objects.keys.size() + objects.certificates.size());
+    const SecretBytes tokenKey = objects.keys.empty() ? SecretBytes() : store.checkPin(serialNumber, Role::user, pin);
     // One change for everything: either all of it is on the token afterwards or nothing.
     store.change(serialNumber, [&](TokenData& token) {
-        if (objects.key) {
-            const Bytes& objectId = givenId->empty() ? keyIdentifier : *givenId;
-            addKeyPair(token, tokenKey, objects.key.get(), {options.label, objectId, usage});
+        std::map<Bytes, std::string> labels;
+        for (const auto& [key, name] : objects.keys) {
+            const Bytes identifier = publicKeyIdentifier(key.get());
+            const std::string& label = options.label.empty() ? name : options.label;
+            addKeyPair(token, tokenKey, key.get(), {label, givenId.empty() ? identifier : givenId, usage});
+            labels[identifier] = label;
+            progress.advance();
         }
+        // The name and the id are meant for the certificate that comes alone, too.
+        const bool alone = objects.keys.empty() && objects.certificates.size() == 1;
         for (const Bytes& der : objects.certificates) {
             const Bytes identifier = publicKeyIdentifier(der);
-            // The name and the id are meant for the key's own certificate, or for the one that comes alone.
-            const bool own = objects.key ? identifier == keyIdentifier : objects.certificates.size() == 1;
-            addCertificate(token, der, own ? options.label : "", own && !givenId->empty() ? *givenId : identifier);
+            const auto key = labels.find(identifier);
+            const bool own = key != labels.end() || alone;
+            addCertificate(token, der, key != labels.end() ? key->second : (alone ? options.label : ""),
+                           own && !givenId.empty() ? givenId : identifier);
+            progress.advance();
         }
     });
-    std::cout << "Imported into " << serialNumber << ": key pairs " << (objects.key ? 1 : 0) << ", certificates "
+    std::cout << "Imported into " << serialNumber << ": key pairs " << objects.keys.size() << ", certificates "
               << objects.certificates.size() << "\n";
 }
 
@@ -95,12 +102,12 @@ void addImportCommand(CLI::App& program, const Common& common) {
     CLI::App* const command = addCommand(program, "import", "Bring a private key and certificates into a token",
                                          [&common, options] { import(common, *options); });
     addTokenArgument(*command, options->token);
-    command->add_option("--key", options->keyFile, "Private key, PEM or DER")->type_name("FILE");
-    command->add_option("--certificate", options->certificateFiles, "Certificate, PEM or DER; may be repeated")
+    command->add_option("--key", options->keyFiles, "Private keys, PEM or DER")->type_name("FILE");
+    command->add_option("--certificate", options->certificateFiles, "Certificates, PEM or DER")->type_name("FILE");
+    command->add_option("--pkcs12", options->pkcs12Files, "PKCS #12 containers with key and certificates")
         ->type_name("FILE");
-    command->add_option("--pkcs12", options->pkcs12File, "PKCS #12 container with key and certificates")
-        ->type_name("FILE");
-    command->add_option("--label", options->label, "Label of the key and of its certificate");
+    command->add_option("--label", options->label,
+                        "Label of the key and of its certificate; else the name in the PKCS #12 container");
     command->add_option("--id", options->objectId,
                         "CKA_ID of both in hexadecimal digits; SHA-1 of the public key without it");
     command->add_option("--usage", options->usage, "What the key is for")->capture_default_str();

@@ -1,8 +1,10 @@
 #include "import_files.h"
 
 #include <algorithm>
+#include <exception>
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
+#include <openssl/provider.h>
 
 #include "certificates.h"
 #include "errors.h"
@@ -24,16 +26,36 @@ Bio bioOf(const std::string& content) {
     return bio;
 }
 
-/// OpenSSL's way of asking; no exception may pass through it.
+/// No exception may pass through OpenSSL, so it waits here.
+struct Question {
+    const AskPassword& ask;
+    std::exception_ptr failure;
+};
+
+/// OpenSSL's way of asking.
 int passwordCallback(char* buffer, int size, int /*writing*/, void* data) {
+    auto& question = *static_cast<Question*>(data);
     try {
-        const std::string password = (*static_cast<const AskPassword*>(data))();
+        const std::string password = question.ask();
         if (password.size() > static_cast<std::size_t>(size)) return -1;
         std::copy(password.begin(), password.end(), buffer);
         return static_cast<int>(password.size());
     } catch (...) {
+        question.failure = std::current_exception();
         return -1;
     }
+}
+
+using Provider = std::unique_ptr<OSSL_PROVIDER, Releaser<&OSSL_PROVIDER_unload>>;
+
+/// Containers of older programs are encrypted with RC2, which OpenSSL keeps in a module of its own. Null without it.
+Provider oldCiphers() {
+#ifdef _WIN32
+    // The folder that our OpenSSL would load the module from is anybody's to write to.
+    return nullptr;
+#else
+    return Provider(OSSL_PROVIDER_try_load(nullptr, "legacy", 1));
+#endif
 }
 
 Bytes sha1(ByteView data) {
@@ -48,13 +70,18 @@ Bytes sha1(ByteView data) {
 Key readPrivateKeyFile(const std::string& file, const AskPassword& askPassword) {
     const std::string content = contentOf(file);
     EVP_PKEY* key = nullptr;
+    Question question{askPassword, nullptr};
     if (content.find("-----BEGIN ") != std::string::npos) {
-        key = PEM_read_bio_PrivateKey_ex(bioOf(content).get(), nullptr, &passwordCallback,
-                                         const_cast<AskPassword*>(&askPassword), cryptoContext(), nullptr);
+        key = PEM_read_bio_PrivateKey_ex(bioOf(content).get(), nullptr, &passwordCallback, &question, cryptoContext(),
+                                         nullptr);
     } else {
         const auto* position = reinterpret_cast<const unsigned char*>(content.data());
         key = d2i_AutoPrivateKey_ex(nullptr, &position, static_cast<long>(content.size()), cryptoContext(), nullptr);
+        if (key == nullptr) {
+            key = d2i_PKCS8PrivateKey_bio(bioOf(content).get(), nullptr, &passwordCallback, &question);
+        }
     }
+    if (question.failure) std::rethrow_exception(question.failure);
     if (key == nullptr) throw Failure(Error::invalidArgument, "no private key can be read from " + file);
     return ownKey(key);
 }
@@ -79,11 +106,20 @@ ImportedObjects readPkcs12File(const std::string& file, const AskPassword& askPa
     EVP_PKEY* key = nullptr;
     X509* own = nullptr;
     STACK_OF(X509)* others = nullptr;
+    const Provider provider = oldCiphers();
     if (PKCS12_parse(container.get(), askPassword().c_str(), &key, &own, &others) != 1) {
-        throw Failure(Error::invalidArgument, file + " can't be opened: is the password right?");
+        const bool password = ERR_GET_REASON(ERR_peek_last_error()) == PKCS12_R_MAC_VERIFY_FAILURE;
+        throw Failure(Error::invalidArgument,
+                      file + " can't be opened: " +
+                          (password ? "the password is wrong" : "it is damaged, or its cipher isn't supported"));
     }
     ImportedObjects objects;
-    if (key != nullptr) objects.key = ownKey(key);
+    if (key != nullptr) {
+        int length = 0;
+        const unsigned char* const name = own != nullptr ? X509_alias_get0(own, &length) : nullptr;
+        const std::size_t size = name != nullptr ? static_cast<std::size_t>(length) : 0;
+        objects.keys.push_back({ownKey(key), std::string(reinterpret_cast<const char*>(name), size)});
+    }
     const auto add = [&](X509* certificate) {
         unsigned char* der = nullptr;
         const int length = i2d_X509(certificate, &der);

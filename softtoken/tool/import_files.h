@@ -11,15 +11,21 @@
 
 namespace softtoken::tool {
 
+struct ImportedKey {
+    Key key;
+    std::string label;  ///< what the file calls it; may be empty
+};
+
 struct ImportedObjects {
-    Key key;  ///< null when there is none
+    std::vector<ImportedKey> keys;
     std::vector<Bytes> certificates;
 };
 
 /// Asked when a file turns out to be encrypted.
 using AskPassword = std::function<std::string()>;
 
-/// All of these throw Error::invalidArgument when the file holds no such thing, or the password is wrong.
+/// All of these throw Error::invalidArgument when the file holds no such thing, or the password is wrong; and what
+/// AskPassword throws.
 Key readPrivateKeyFile(const std::string& file, const AskPassword& askPassword);
 std::vector<Bytes> readCertificateFile(const std::string& file);
 /// The key's own certificate comes first.

@@ -5,21 +5,22 @@
 
 #include "command_line.h"
 #include "commands.h"
+#include "errors.h"
 
 namespace softtoken::tool {
 
 namespace {
 
 std::string messageFor(const std::string& text) {
-    return "zentak-token: " + text.substr(0, text.find('\n')) + "\n";
+    return "zentak-token: " + printable(text.substr(0, text.find('\n'))) + "\n";
 }
 
 int run(std::vector<std::string> arguments) {
     CLI::App program(
         "Makes software tokens and looks after them.\n\n"
         "Tokens lie in the folder named by ZENTAK_TOKENS, else in the user's local application data.\n"
-        "PINs come from a file named by an option, else from the variables ZENTAK_PIN, ZENTAK_SO_PIN and\n"
-        "ZENTAK_NEW_PIN, else from the terminal.",
+        "PINs come from the first line of a file named by an option, else from the variables ZENTAK_PIN,\n"
+        "ZENTAK_SO_PIN and ZENTAK_NEW_PIN, else from the terminal.",
         "zentak-token");
     Common common;
     program.add_option("--store", common.storeFolder, "Folder of the tokens")->type_name("FOLDER");
@@ -28,7 +29,9 @@ int run(std::vector<std::string> arguments) {
     addCreateCommand(program, common);
     addListCommand(program, common);
     addShowCommand(program, common);
+    addGenerateCommand(program, common);
     addImportCommand(program, common);
+    addExportCommand(program, common);
     addPlugCommands(program, common);
     addPinCommands(program, common);
     addRemoveCommand(program, common);
@@ -37,6 +40,7 @@ int run(std::vector<std::string> arguments) {
         // It wants the last argument first.
         std::reverse(arguments.begin(), arguments.end());
         program.parse(arguments);
+        if (!std::cout.flush()) throw Failure(Error::storeFailed, "cannot write to the standard output");
         return 0;
     } catch (const CLI::ParseError& error) {
         return program.exit(error, std::cout, std::cerr) == 0 ? 0 : 2;

@@ -25,9 +25,9 @@ std::optional<std::string> readSilently(const SecretSource& source) {
 }
 
 std::optional<std::string> promptTwice(const SecretSource& source, const std::string& hint) {
-    auto first = promptWithoutEcho(std::string(source.prompt) + hint + ": ");
+    auto first = promptOnTerminal(std::string(source.prompt) + hint + ": ", Echo::off);
     if (!first || first->empty()) return first;
-    if (promptWithoutEcho(std::string(source.prompt) + ", again: ") != first) {
+    if (promptOnTerminal(std::string(source.prompt) + ", again: ", Echo::off) != first) {
         throw Failure(Error::pinRequired, "the two don't agree");
     }
     return first;
@@ -35,9 +35,15 @@ std::optional<std::string> promptTwice(const SecretSource& source, const std::st
 
 }  // namespace
 
+void forgetSecrets() {
+    for (const char* name : {"ZENTAK_PIN", "ZENTAK_SO_PIN", "ZENTAK_NEW_PIN", "ZENTAK_FILE_PASSWORD"}) {
+        forgetEnvironment(name);
+    }
+}
+
 std::string readSecret(const SecretSource& source) {
     if (auto secret = readSilently(source)) return *std::move(secret);
-    if (auto secret = promptWithoutEcho(std::string(source.prompt) + ": ")) return *std::move(secret);
+    if (auto secret = promptOnTerminal(std::string(source.prompt) + ": ", Echo::off)) return *std::move(secret);
     failWithout(source);
 }
 

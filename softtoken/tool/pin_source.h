@@ -26,6 +26,10 @@ std::string readNewSecret(const SecretSource& source);
 /// The same for a secret that may be left out: empty at the terminal, or nowhere at all.
 std::string readOptionalNewSecret(const SecretSource& source);
 
+/// Takes the secrets out of the environment. A command that needs none starts with this: what it doesn't hold, it can't
+/// leave behind in a crash.
+void forgetSecrets();
+
 }  // namespace softtoken::tool
 
 #endif

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "keys.h"
+#include "pin_source.h"
 
 namespace softtoken::tool {
 
@@ -73,13 +74,14 @@ Json describeObjects(const TokenData& token) {
 void printText(const Json& value) {
     for (const auto& [name, field] : value.items()) {
         std::cout << name << ": "
-                  << (field.is_string() ? field.get<std::string>()
+                  << (field.is_string() ? printable(field.get<std::string>())
                                         : field.dump(-1, ' ', false, Json::error_handler_t::replace))
                   << "\n";
     }
 }
 
 void list(const Common& common, bool json) {
+    forgetSecrets();
     const Store store = common.store();
     Json tokens = Json::array();
     for (const std::string& serialNumber : store.plugged()) tokens.push_back(describeToken(store, serialNumber, true));
@@ -93,13 +95,14 @@ void list(const Common& common, bool json) {
     for (const Json& token : tokens) {
         std::cout << token["serialNumber"].get<std::string>() << "  "
                   << (token["plugged"].get<bool>() ? "plugged in" : "unplugged ") << "  "
-                  << (token["usable"].get<bool>() ? token["label"].get<std::string>()
-                                                  : "unusable: " + token["reason"].get<std::string>())
+                  << (token["usable"].get<bool>() ? printable(token["label"].get<std::string>())
+                                                  : "unusable: " + printable(token["reason"].get<std::string>()))
                   << "\n";
     }
 }
 
 void show(const Common& common, const std::string& name, bool json) {
+    forgetSecrets();
     const Store store = common.store();
     const std::string serialNumber = findToken(store, name);
     const Json objects = describeObjects(store.load(serialNumber));

@@ -6,6 +6,8 @@
 #include "commands.h"
 #include "errors.h"
 #include "pin_source.h"
+#include "platform.h"
+#include "progress.h"
 
 namespace softtoken::tool {
 
@@ -32,23 +34,51 @@ SecretSource newPin(const PinOptions& options) {
     return {options.newPinFile, "ZENTAK_NEW_PIN", "new PIN", "--new-pin-file"};
 }
 
-void setPin(const Common& common, const PinOptions& options) {
+SecretBytes checkPin(Store& store, const std::string& serialNumber, Role role, const SecretSource& source) {
+    const std::string pin = readSecret(source);
+    const Progress progress("checking the PIN");
+    return store.checkPin(serialNumber, role, pin);
+}
+
+void setPin(Store& store, const std::string& serialNumber, Role role, const SecretSource& source, ByteView tokenKey,
+            bool userPinChanged) {
+    const std::string pin = readNewSecret(source);
+    const Progress progress("changing the PIN");
+    store.setPin(serialNumber, role, pin, tokenKey, userPinChanged);
+}
+
+void changePin(const Common& common, const PinOptions& options) {
     Store store = common.store();
     const std::string serialNumber = findToken(store, options.token);
     const Role role = options.officer ? Role::officer : Role::user;
     const SecretBytes tokenKey =
-        store.checkPin(serialNumber, role, readSecret(options.officer ? officerPin(options) : userPin(options)));
+        checkPin(store, serialNumber, role, options.officer ? officerPin(options) : userPin(options));
     const bool changed = role == Role::user || store.load(serialNumber).userPinChanged;
-    store.setPin(serialNumber, role, readNewSecret(newPin(options)), tokenKey, changed);
+    setPin(store, serialNumber, role, newPin(options), tokenKey, changed);
     std::cout << "PIN changed on " << serialNumber << "\n";
 }
 
 void unlock(const Common& common, const PinOptions& options) {
     Store store = common.store();
     const std::string serialNumber = findToken(store, options.token);
-    const SecretBytes tokenKey = store.checkPin(serialNumber, Role::officer, readSecret(officerPin(options)));
-    store.setPin(serialNumber, Role::user, readNewSecret(newPin(options)), tokenKey, !options.initialPin);
+    const SecretBytes tokenKey = checkPin(store, serialNumber, Role::officer, officerPin(options));
+    setPin(store, serialNumber, Role::user, newPin(options), tokenKey, !options.initialPin);
     std::cout << "Unlocked " << serialNumber << "\n";
+}
+
+/// Asks whether the token may be destroyed. Throws Error::invalidArgument unless somebody says yes.
+void requireYes(const Store& store, const std::string& serialNumber) {
+    std::string description = serialNumber;
+    try {
+        const TokenData token = store.load(serialNumber);
+        description += " \"" + printable(token.label) + "\" with " + std::to_string(token.keyPairs.size()) +
+                       " key pairs and " + std::to_string(token.certificates.size()) + " certificates";
+    } catch (const Failure&) {
+        description += ", which can't be read,";
+    }
+    const auto answer = promptOnTerminal("Destroy " + description + " for good? (yes/no) ", Echo::on);
+    if (!answer) throw Failure(Error::invalidArgument, "this destroys " + serialNumber + ": add --yes");
+    if (*answer != "yes") throw Failure(Error::invalidArgument, serialNumber + " was not removed");
 }
 
 /// A command about a token alone.
@@ -74,7 +104,7 @@ void addPlugCommands(CLI::App& program, const Common& common) {
 void addPinCommands(CLI::App& program, const Common& common) {
     const auto options = std::make_shared<PinOptions>();
     CLI::App* const change =
-        addCommand(program, "set-pin", "Change a PIN", [&common, options] { setPin(common, *options); });
+        addCommand(program, "set-pin", "Change a PIN", [&common, options] { changePin(common, *options); });
     addTokenArgument(*change, options->token);
     change->add_flag("--so", options->officer, "The security officer's PIN instead of the user's");
     change->add_option("--pin-file", options->pinFile, "File with the present user PIN");
@@ -98,12 +128,12 @@ void addRemoveCommand(CLI::App& program, const Common& common) {
         addCommand(program, "remove", "Destroy a token with all its keys", [&common, token, sure] {
             Store store = common.store();
             const std::string serialNumber = findToken(store, *token);
-            if (!*sure) throw Failure(Error::invalidArgument, "this destroys " + serialNumber + ": add --yes");
+            if (!*sure) requireYes(store, serialNumber);
             store.remove(serialNumber);
             std::cout << "Removed " << serialNumber << "\n";
         });
     addTokenArgument(*command, *token);
-    command->add_flag("--yes", *sure, "Yes, destroy it");
+    command->add_flag("--yes", *sure, "Destroy it without asking");
 }
 
 }  // namespace softtoken::tool

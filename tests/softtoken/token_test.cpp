@@ -9,8 +9,8 @@ namespace softtoken {
 
 namespace fs = std::filesystem;
 
-TemporaryFolder::TemporaryFolder()
-    : path_(fs::temp_directory_path() / ("zentak-softtoken-" + hexText(randomBytes(8)))) {
+TemporaryFolder::TemporaryFolder(const fs::path& parent)
+    : path_(parent / ("zentak-softtoken-" + hexText(randomBytes(8)))) {
     fs::create_directories(path_);
 }
 

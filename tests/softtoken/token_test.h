@@ -20,10 +20,10 @@ constexpr int number(Error error) {
     return static_cast<int>(error);
 }
 
-/// A new folder in the system's temporary one, removed at the end.
+/// A new folder in the system's temporary one or in another, removed at the end.
 class TemporaryFolder {
 public:
-    TemporaryFolder();
+    explicit TemporaryFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path());
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
     ~TemporaryFolder();

@@ -1,11 +1,10 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "other_process.h"
 #include "tool_test.h"
 
-#ifdef _WIN32
-#include <windows.h>
-#else
+#ifndef _WIN32
 #include <sys/wait.h>
 #endif
 
@@ -14,17 +13,6 @@ namespace softtoken {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// The folder of the test program, where the tool lies too.
-fs::path programFolder() {
-#ifdef _WIN32
-    wchar_t path[MAX_PATH];
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    return fs::path(path).parent_path();
-#else
-    return fs::read_symlink("/proc/self/exe").parent_path();
-#endif
-}
 
 /// The file's content with plain line ends.
 std::string textOf(const fs::path& path) {

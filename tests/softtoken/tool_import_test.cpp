@@ -2,6 +2,7 @@
 
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
+#include <openssl/provider.h>
 
 #include "certificates.h"
 #include "test_certificates.h"
@@ -17,6 +18,16 @@ protected:
         return Store(folder_.path() / "tokens").load(serialNumber);
     }
 };
+
+std::string contentOf(const Bio& bio) {
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(bio.get(), &data);
+    return {data, static_cast<std::size_t>(length)};
+}
+
+Bytes publicKeyOf(ByteView certificate) {
+    return publicKeyBytes(X509_get0_pubkey(parseCertificate(certificate).get()));
+}
 
 TEST_F(ToolImportTest, ImportedKeyAndCertificateBelongTogether) {
     const std::string serialNumber = create();
@@ -106,7 +117,7 @@ TEST_F(ToolImportTest, EncryptedKeyNeedsItsPassword) {
     char* data = nullptr;
     const long length = BIO_get_mem_data(bio.get(), &data);
     const std::string key = file("key.pem", {data, static_cast<std::size_t>(length)});
-    expectError("import --key " + key, "no private key can be read");
+    expectError("import --key " + key, "no password of the file: use --file-password-file");
     setEnvironment("ZENTAK_FILE_PASSWORD", "wrong");
     expectError("import --key " + key, "no private key can be read");
     setEnvironment("ZENTAK_FILE_PASSWORD", "");
@@ -114,38 +125,115 @@ TEST_F(ToolImportTest, EncryptedKeyNeedsItsPassword) {
     EXPECT_EQ(load(serialNumber).keyPairs.at(0).keyType, 5);
 }
 
+TEST_F(ToolImportTest, KeysInDerPlainAndEncrypted) {
+    const std::string serialNumber = create();
+    const Bio plain(BIO_new(BIO_s_mem()));
+    const Bio encrypted(BIO_new(BIO_s_mem()));
+    ASSERT_EQ(i2d_PKCS8PrivateKey_bio(plain.get(), testKey(5).get(), nullptr, nullptr, 0, nullptr, nullptr), 1);
+    ASSERT_EQ(
+        i2d_PKCS8PrivateKey_bio(encrypted.get(), testKey(2).get(), EVP_aes_256_cbc(), "secret", 6, nullptr, nullptr),
+        1);
+    const std::string plainFile = file("plain.der", contentOf(plain));
+    const std::string encryptedFile = file("encrypted.der", contentOf(encrypted));
+    EXPECT_EQ(run("import --key " + plainFile).exitCode, 0);
+    expectError("import --key " + encryptedFile, "no password of the file");
+    setEnvironment("ZENTAK_FILE_PASSWORD", "wrong");
+    expectError("import --key " + encryptedFile, "no private key can be read");
+    setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
+    EXPECT_EQ(run("import --key " + encryptedFile).exitCode, 0);
+    EXPECT_EQ(load(serialNumber).keyPairs.size(), 2U);
+}
+
+TEST_F(ToolImportTest, ManyFilesAreOneChange) {
+    const std::string serialNumber = create();
+    std::string keys;
+    for (const int type : {2, 5, 6, 7}) {
+        const std::string name = std::to_string(type);
+        keys += " " + file("key" + name, pemPrivateKey(testKey(type)));
+    }
+    const std::string chain =
+        file("chain", pemCertificate(makeCertificate(testKey(5))) + pemCertificate(makeCertificate(testKey(6))));
+    expectError("import --label x --key" + keys, "--label and --id are for one key pair");
+    const Answer answer = run("import --key" + keys + " --certificate " + chain);
+    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+    EXPECT_EQ(answer.output, "Imported into " + serialNumber + ": key pairs 4, certificates 2\n");
+    const TokenData token = load(serialNumber);
+    ASSERT_EQ(token.keyPairs.size(), 4U);
+    ASSERT_EQ(token.certificates.size(), 2U);
+    EXPECT_EQ(token.certificates[0].objectId, token.keyPairs[1].objectId);
+    // One that is there already: none of the others comes either.
+    const std::string fresh = file("fresh", pemPrivateKey(testKey(3)));
+    expectError("import --key " + fresh + keys, "holds this key already");
+    EXPECT_EQ(load(serialNumber), token);
+}
+
+/// A container with the key of type 2, its certificate, and an authority's.
+std::string pkcs12(int keyCipher, int certificateCipher) {
+    const Certificate own = parseCertificate(makeCertificate(testKey(2)));
+    const Certificate authority = parseCertificate(makeCertificate(testKey(6)));
+    STACK_OF(X509)* const others = sk_X509_new_null();
+    sk_X509_push(others, authority.get());
+    PKCS12* const container = PKCS12_create("secret", "their name", testKey(2).get(), own.get(), others, keyCipher,
+                                            certificateCipher, 0, 0, 0);
+    sk_X509_free(others);
+    EXPECT_NE(container, nullptr);
+    const Bio bio(BIO_new(BIO_s_mem()));
+    EXPECT_EQ(i2d_PKCS12_bio(bio.get(), container), 1);
+    PKCS12_free(container);
+    return contentOf(bio);
+}
+
 TEST_F(ToolImportTest, Pkcs12BringsEverythingInIt) {
     const std::string serialNumber = create();
-    const Bytes own = makeCertificate(testKey(2));
-    const Bytes authority = makeCertificate(testKey(6));
-    const Certificate ownCertificate = parseCertificate(own);
-    const Certificate authorityCertificate = parseCertificate(authority);
-    STACK_OF(X509)* const others = sk_X509_new_null();
-    sk_X509_push(others, authorityCertificate.get());
-    PKCS12* const container =
-        PKCS12_create("secret", "name", testKey(2).get(), ownCertificate.get(), others, 0, 0, 0, 0, 0);
-    sk_X509_free(others);
-    ASSERT_NE(container, nullptr);
-    unsigned char* der = nullptr;
-    const int length = i2d_PKCS12(container, &der);
-    PKCS12_free(container);
-    const std::string path = file("container.p12", {reinterpret_cast<char*>(der), static_cast<std::size_t>(length)});
-    OPENSSL_free(der);
+    const std::string path = file("container.p12", pkcs12(0, 0));
+    expectError("import --pkcs12 " + path, "no password of the file");
     setEnvironment("ZENTAK_FILE_PASSWORD", "wrong");
-    expectError("import --pkcs12 " + path, "password");
+    expectError("import --pkcs12 " + path, "the password is wrong");
+    expectError("import --pkcs12 " + file("text", "no container"), "is no PKCS #12 file");
     setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
     const Answer answer = run("import --pkcs12 " + path + " --label mine");
     EXPECT_EQ(answer.exitCode, 0) << answer.errors;
     const TokenData token = load(serialNumber);
     ASSERT_EQ(token.keyPairs.size(), 1U);
     EXPECT_EQ(token.keyPairs[0].keyType, 2);
+    EXPECT_EQ(token.keyPairs[0].alias, "mine");
     ASSERT_EQ(token.certificates.size(), 2U);
-    EXPECT_EQ(token.certificates[0].der, own);
+    EXPECT_EQ(publicKeyOf(token.certificates[0].der), token.keyPairs[0].publicKey);
     EXPECT_EQ(token.certificates[0].label, "mine");
     EXPECT_EQ(token.certificates[0].objectId, token.keyPairs[0].objectId);
-    EXPECT_EQ(token.certificates[1].der, authority);
+    EXPECT_EQ(publicKeyOf(token.certificates[1].der), publicKeyBytes(testKey(6).get()));
     EXPECT_EQ(token.certificates[1].label, "");
 }
+
+TEST_F(ToolImportTest, Pkcs12NamesItsKey) {
+    const std::string serialNumber = create();
+    setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
+    EXPECT_EQ(run("import --pkcs12 " + file("container.p12", pkcs12(0, 0))).exitCode, 0);
+    EXPECT_EQ(load(serialNumber).keyPairs.at(0).alias, "their name");
+    EXPECT_EQ(load(serialNumber).certificates.at(0).label, "their name");
+}
+
+TEST_F(ToolImportTest, Pkcs12OfOlderPrograms) {
+    create();
+    setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
+    const std::string tripleDes =
+        file("3des.p12", pkcs12(NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And3_Key_TripleDES_CBC));
+    EXPECT_EQ(run("import --pkcs12 " + tripleDes).exitCode, 0);
+}
+
+#ifndef _WIN32
+TEST_F(ToolImportTest, Pkcs12WithOldCiphers) {
+    create();
+    setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
+    OSSL_PROVIDER* const provider = OSSL_PROVIDER_try_load(nullptr, "legacy", 1);
+    ASSERT_NE(provider, nullptr);
+    const std::string rc2 =
+        file("rc2.p12", pkcs12(NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And40BitRC2_CBC));
+    OSSL_PROVIDER_unload(provider);
+    const Answer answer = run("import --pkcs12 " + rc2);
+    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+}
+#endif
 
 }  // namespace
 

@@ -104,6 +104,65 @@ TEST_F(ToolTest, DamagedTokenIsShownAsSuchAndNotTouched) {
     EXPECT_EQ(fileContent(path), "{}");
 }
 
+TEST_F(ToolTest, UnknownVersionIsNamedAndNotTouched) {
+    const std::string serialNumber = create();
+    const fs::path path = Store(folder_.path() / "tokens").pluggedTokenFile(serialNumber);
+    std::string content = fileContent(path);
+    content.replace(content.find('1'), 1, "2");
+    writeFile(path, content);
+    const std::string reason = "the token's file is of version 2, this program knows version 1";
+    EXPECT_EQ(jsonOf("list --json").at(0)["reason"], reason);
+    EXPECT_EQ(run("list").output, serialNumber + "  plugged in  unusable: " + reason + "\n");
+    for (const char* command : {"show", "set-pin", "unlock", "generate", "export-certificate"}) {
+        expectError(command, reason);
+    }
+    EXPECT_EQ(fileContent(path), content);
+}
+
+TEST_F(ToolTest, GenerateMakesKeysOfEveryKind) {
+    const std::string serialNumber = create();
+    for (const char* kind : {"rsa-2048", "p-256", "p-384", "p-521"}) {
+        const Answer answer = run("generate --label " + std::string(kind) + " --type " + kind);
+        EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+    }
+    EXPECT_EQ(run("generate Demo --type p-256 --id 0aFF --usage sign").exitCode, 0);
+    const Json keys = jsonOf("show --json")["keyPairs"];
+    ASSERT_EQ(keys.size(), 5U);
+    EXPECT_EQ(keys[0]["type"], "RSA 2048");
+    EXPECT_EQ(keys[0]["label"], "rsa-2048");
+    EXPECT_EQ(keys[0]["objectId"].get<std::string>().size(), 40U);
+    EXPECT_EQ(keys[3]["type"], "EC P-521");
+    EXPECT_EQ(keys[4]["objectId"], "0AFF");
+    EXPECT_FALSE(keys[4]["decrypt"].get<bool>());
+    expectError("generate --type rsa-1024", "--type");
+    expectError("generate --type p-256 --id 0", "hexadecimal");
+    setEnvironment("ZENTAK_PIN", "000000");
+    expectError("generate --type p-256", "the PIN is wrong, attempts left: 4");
+    EXPECT_EQ(jsonOf("show --json")["keyPairs"].size(), 5U);
+}
+
+TEST_F(ToolTest, LongWorkIsAnnounced) {
+    setEnvironment("ZENTAK_SO_PIN", "");
+    const Answer slow = run("create --label Slow --kdf-iterations 12000000");
+    EXPECT_EQ(slow.exitCode, 0);
+    // Once after a second, and again every ten.
+    const std::string line = "zentak-token: making the token ...\n";
+    EXPECT_EQ(slow.errors.substr(0, line.size()), line);
+    EXPECT_EQ(slow.errors.size() % line.size(), 0U);
+    const Answer quick = run("create --label Quick --kdf-iterations 1");
+    EXPECT_EQ(quick.errors, "");
+}
+
+TEST_F(ToolTest, NamesCannotMoveTheCursor) {
+    create();
+    Store store(folder_.path() / "tokens");
+    store.change(store.plugged().at(0), [](TokenData& token) { token.label = "a\x1B[2Jb\nc"; });
+    EXPECT_NE(run("list").output.find("a?[2Jb?c\n"), std::string::npos);
+    EXPECT_NE(run("show").output.find("label: a?[2Jb?c\n"), std::string::npos);
+    EXPECT_EQ(jsonOf("list --json").at(0)["label"], "a\x1B[2Jb\nc");
+    expectError("show \"\x1B[2J\"", "there is no token ?[2J");
+}
+
 TEST_F(ToolTest, WrongCommandLines) {
     expectError("", "subcommand");
     expectError("create", "--label");
@@ -114,8 +173,8 @@ TEST_F(ToolTest, WrongCommandLines) {
 }
 
 TEST_F(ToolTest, EveryCommandHasHelp) {
-    for (const char* command :
-         {"", "create", "list", "show", "import", "plug", "unplug", "set-pin", "unlock", "remove"}) {
+    for (const char* command : {"", "create", "list", "show", "generate", "import", "export-certificate", "plug",
+                                "unplug", "set-pin", "unlock", "remove"}) {
         const Answer answer = run(std::string(command) + " --help");
         EXPECT_EQ(answer.exitCode, 0) << command;
         EXPECT_NE(answer.output.find("Usage: "), std::string::npos) << command;

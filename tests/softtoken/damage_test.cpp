@@ -1,0 +1,173 @@
+// Files of a token that were cut off, changed, replaced or taken away: refused, never half read, and left as they are.
+
+#include "test_certificates.h"
+#include "token_test.h"
+
+namespace softtoken {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class DamageTest : public TokenTest {
+protected:
+    [[nodiscard]] fs::path attemptsFile() const { return tokenFile().parent_path() / "attempts"; }
+
+    static bool isRefusal(int result) {
+        return result == number(Error::tokenDamaged) || result == number(Error::unknownVersion);
+    }
+
+    /// Everything that reads the token's main file refuses it, and nothing writes to it.
+    void expectTokenRefused(const std::string& content) {
+        writeFile(tokenFile(), content);
+        ASSERT_TRUE(isRefusal(zentak_initDevice(device(), true, instance_)));
+        EXPECT_TRUE(isRefusal(validate(userPin)));
+        EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
+        EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+        ZentakCertificate certificate{};
+        EXPECT_TRUE(isRefusal(zentak_importCertificate(device(), userPin, &certificate, instance_)));
+        EXPECT_FALSE(zentak_changeUserPassword(device(), userPin, "654321", nullptr, false, false, instance_));
+        EXPECT_EQ(fileContent(tokenFile()), content);
+    }
+
+    void expectAttemptsRefused(const std::string& content) {
+        writeFile(attemptsFile(), content);
+        ASSERT_TRUE(isRefusal(validate(userPin)));
+        EXPECT_TRUE(isRefusal(validate("000000")));
+        EXPECT_TRUE(isRefusal(validate(officerPin, nullptr, 2)));
+        EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
+        EXPECT_EQ(fileContent(attemptsFile()), content);
+    }
+};
+
+std::string flipped(std::string content, std::size_t position) {
+    content[position] = static_cast<char>(content[position] ^ (1 << position % 8));
+    return content;
+}
+
+TEST_F(DamageTest, EveryByteOfATokenFlippedOnce) {
+    addKey(5);
+    const std::string whole = fileContent(tokenFile());
+    for (std::size_t i = 0; i < whole.size(); ++i) {
+        SCOPED_TRACE("byte " + std::to_string(i));
+        ASSERT_NO_FATAL_FAILURE(expectTokenRefused(flipped(whole, i)));
+    }
+    writeFile(tokenFile(), whole);
+    EXPECT_EQ(validate(userPin), 0);
+    EXPECT_EQ(attemptsLeft(), 5);
+}
+
+TEST_F(DamageTest, EveryByteOfThePinCountersFlippedOnce) {
+    const std::string whole = fileContent(attemptsFile());
+    for (std::size_t i = 0; i < whole.size(); ++i) {
+        SCOPED_TRACE("byte " + std::to_string(i));
+        ASSERT_NO_FATAL_FAILURE(expectAttemptsRefused(flipped(whole, i)));
+    }
+    writeFile(attemptsFile(), whole);
+    EXPECT_EQ(validate(userPin), 0);
+}
+
+TEST_F(DamageTest, FilesCutOffAtEveryLength) {
+    const std::string token = fileContent(tokenFile());
+    for (std::size_t length = 0; length < token.size(); ++length) {
+        ASSERT_NO_FATAL_FAILURE(expectTokenRefused(token.substr(0, length))) << length;
+    }
+    ASSERT_NO_FATAL_FAILURE(expectTokenRefused(token + '\0'));
+    writeFile(tokenFile(), token);
+    const std::string attempts = fileContent(attemptsFile());
+    for (std::size_t length = 0; length < attempts.size(); ++length) {
+        ASSERT_NO_FATAL_FAILURE(expectAttemptsRefused(attempts.substr(0, length))) << length;
+    }
+}
+
+/// Whoever can compute the checksum can say anything in the fields; that must neither crash nor take long.
+TEST_F(DamageTest, EveryByteFlippedUnderARightChecksum) {
+    addKey(5);
+    const std::string whole = fileContent(tokenFile());
+    const std::size_t begin = whole.find('\n') + 1;
+    const std::size_t end = whole.size() - 32;
+    int readable = 0;
+    for (std::size_t i = begin; i < end; ++i) {
+        std::string content = flipped(whole.substr(0, end), i);
+        const auto checksum = sha256(viewOf(content));
+        content.append(checksum.begin(), checksum.end());
+        try {
+            static_cast<void>(readTokenData(content));
+            ++readable;
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.error, Error::tokenDamaged);
+        }
+    }
+    // Contents of texts and byte fields are anybody's, lengths and numbers aren't.
+    EXPECT_GT(readable, 0);
+    EXPECT_LT(static_cast<std::size_t>(readable), end - begin);
+}
+
+TEST_F(DamageTest, HugeFileIsNotRead) {
+    fs::resize_file(tokenFile(), (64 << 20) + 1);
+    EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(Error::tokenDamaged));
+    EXPECT_EQ(validate(userPin), number(Error::tokenDamaged));
+    EXPECT_EQ(fs::file_size(tokenFile()), (64 << 20) + 1);
+}
+
+TEST_F(DamageTest, FolderInThePlaceOfAFile) {
+    fs::remove(attemptsFile());
+    fs::create_directory(attemptsFile());
+    EXPECT_EQ(validate(userPin), number(Error::tokenDamaged));
+    fs::remove(tokenFile());
+    fs::create_directory(tokenFile());
+    EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(Error::tokenDamaged));
+}
+
+/// Each write begins with a new file beside the old one, which can't be made here.
+TEST_F(DamageTest, WriteThatFailsChangesNothing) {
+    ASSERT_EQ(validate(userPin), 0);
+    const std::string before = fileContent(tokenFile());
+    fs::path obstacle = tokenFile();
+    obstacle += ".new";
+    fs::create_directories(obstacle / "in the way");
+    ZentakKeyPair record{};
+    record.keyType = 5;
+    EXPECT_EQ(zentak_generateKeyPair(device(), userPin, &record, instance_), number(Error::storeFailed));
+    EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+    EXPECT_EQ(fileContent(tokenFile()), before);
+    fs::remove_all(obstacle);
+    EXPECT_EQ(zentak_generateKeyPair(device(), userPin, &record, instance_), 0);
+}
+
+TEST_F(DamageTest, StoreRemovedUnderARunningProgram) {
+    const KeyPairEntry key = addKey(5);
+    ASSERT_EQ(validate(userPin), 0);
+    unsigned char hash[32] = {};
+    unsigned char signature[64];
+    int length = sizeof signature;
+    const auto sign = [&] {
+        return zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_,
+                               false);
+    };
+    ASSERT_EQ(sign(), 0);
+    fs::remove_all(folder_.path());
+    EXPECT_TRUE(zentak_getConnectedDeviceList(false, instance_).empty());
+    EXPECT_EQ(sign(), number(Error::deviceNotPresent));
+    EXPECT_EQ(validate(userPin), number(Error::deviceNotPresent));
+    EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+    EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
+    ZentakCertificate certificate{};
+    EXPECT_EQ(zentak_importCertificate(device(), userPin, &certificate, instance_), number(Error::deviceNotPresent));
+    EXPECT_FALSE(fs::exists(folder_.path()));
+    // A store that comes back is used again, by the same program.
+    serialNumber_ = createToken(store_, cheapToken());
+    EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_), std::vector<std::string>{serialNumber_});
+    EXPECT_EQ(validate(userPin), 0);
+}
+
+TEST_F(DamageTest, TokenFolderRemovedUnderARunningProgram) {
+    ASSERT_EQ(validate(userPin), 0);
+    fs::remove_all(tokenFile().parent_path());
+    EXPECT_EQ(validate(userPin), number(Error::deviceNotPresent));
+    EXPECT_TRUE(zentak_getConnectedDeviceList(false, instance_).empty());
+}
+
+}  // namespace
+
+}  // namespace softtoken

@@ -1,0 +1,179 @@
+// Several processes at one store: killed in the midst of a change, changing a token together, guessing PINs together.
+
+#include <chrono>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "other_process.h"
+#include "store_changer.h"
+#include "token_test.h"
+
+namespace softtoken {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// On a disk in memory where there is one: what a killed process wrote is there without any flushing, and flushing a
+/// thousand times takes minutes on some disks.
+fs::path quickFolder() {
+#ifndef _WIN32
+    if (fs::is_directory("/dev/shm")) return "/dev/shm";
+#endif
+    return fs::temp_directory_path();
+}
+
+class KilledProcessTest : public testing::Test {
+protected:
+    // Starting a process takes long on Windows and with a sanitizer, so that each one gets time for many changes there.
+#if defined(_WIN32) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    static constexpr int kills = 40;
+    static constexpr int longestLife = 100'000;
+#else
+    static constexpr int kills = 500;
+    static constexpr int longestLife = 2'000;
+#endif
+
+    KilledProcessTest() : folder_(quickFolder()), store_(folder_.path()) {
+        NewToken settings;
+        settings.label = "state 0";
+        settings.userPin = firstPin;
+        settings.iterations = 1;
+        serialNumber_ = createToken(store_, settings);
+        tokenKey_ = store_.checkPin(serialNumber_, Role::user, firstPin);
+        store_.change(serialNumber_, [&](TokenData& token) {
+            addKeyPair(token, tokenKey_, testKey(5).get(), {"key", {}, usageSign});
+        });
+    }
+
+    /// The number of the last change that the process reported as done, or nothing before the first.
+    [[nodiscard]] std::optional<std::uint32_t> lastReport() const {
+        std::istringstream report(fileContent(reportFile()));
+        std::optional<std::uint32_t> last;
+        for (std::string line; std::getline(report, line) && !report.eof();) {
+            last = static_cast<std::uint32_t>(std::stoul(line));
+        }
+        return last;
+    }
+    [[nodiscard]] fs::path reportFile() const {
+        return folder_.path() / "report";
+    }
+
+    /// Lets the process live for a random while after its first change, then kills it.
+    void runAndKill() {
+        fs::remove(reportFile());
+        OtherProcess process("store_changer",
+                             {folder_.path().string(), serialNumber_, "endless", reportFile().string()});
+        const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!lastReport()) ASSERT_LT(std::chrono::steady_clock::now(), patience) << "no change was done";
+        const int life = std::uniform_int_distribution<int>(0, longestLife)(random_);
+        std::this_thread::sleep_for(std::chrono::microseconds(life));
+        process.kill();
+    }
+
+    /// Answers the number of the state that was found.
+    std::uint32_t expectCompleteToken() {
+        EXPECT_EQ(store_.plugged().size() + store_.unplugged().size(), 1U);
+        const TokenData token = store_.load(serialNumber_);
+        const std::uint32_t state = token.lastCertificateNumber;
+        TokenData expected = token;
+        setState(expected, state);
+        EXPECT_EQ(token, expected);
+        // What was reported as done stays; the change after it may be done or not.
+        const std::uint32_t reported = *lastReport();
+        EXPECT_TRUE(state == reported || state == reported % largestObjectNumber + 1) << state << ", " << reported;
+        // The PIN is the old or the new one, and opens the same token key.
+        const auto withFirst = openPinSection(token.user, serialNumber_, Role::user, firstPin);
+        const auto withSecond = openPinSection(token.user, serialNumber_, Role::user, secondPin);
+        EXPECT_NE(withFirst.has_value(), withSecond.has_value());
+        EXPECT_EQ(withFirst ? *withFirst : *withSecond, tokenKey_);
+        EXPECT_TRUE(openPrivateKey(token, token.keyPairs.at(0), tokenKey_));
+        // At most the one attempt is lost that was being made, and the right PIN gives it back.
+        EXPECT_GE(store_.loadAttempts(serialNumber_).user, 4);
+        store_.checkPin(serialNumber_, Role::user, withFirst ? firstPin : secondPin);
+        EXPECT_EQ(store_.loadAttempts(serialNumber_).user, 5);
+        if (!withFirst) store_.setPin(serialNumber_, Role::user, firstPin, tokenKey_, true);
+        store_.plug(serialNumber_);
+        return state;
+    }
+
+    TemporaryFolder folder_;
+    Store store_;
+    std::string serialNumber_;
+    SecretBytes tokenKey_;
+    std::mt19937 random_{20};
+};
+
+TEST_F(KilledProcessTest, LeavesTheOldOrTheNewToken) {
+    std::uint32_t before = 0;
+    std::uint32_t changes = 0;
+    for (int i = 0; i < kills && !HasFailure(); ++i) {
+        runAndKill();
+        ASSERT_FALSE(HasFatalFailure());
+        const std::uint32_t state = expectCompleteToken();
+        changes += (state + largestObjectNumber - before) % largestObjectNumber;
+        before = state;
+    }
+    EXPECT_GE(changes, 500U);
+}
+
+class TogetherTest : public TokenTest {
+protected:
+    OtherProcess start(const std::string& task, const std::string& name, int count) {
+        return {"store_changer", {folder_.path().string(), serialNumber_, task, name, std::to_string(count)}};
+    }
+};
+
+TEST_F(TogetherTest, NoChangeIsLost) {
+    OtherProcess first = start("add", "first", 40);
+    OtherProcess second = start("add", "second", 40);
+    for (int i = 0; i < 10; ++i) {
+        ZentakKeyPair record{};
+        record.keyType = 5;
+        EXPECT_EQ(zentak_generateKeyPair(device(), userPin, &record, instance_), 0);
+        EXPECT_LE(zentak_getCertificateList(device(), instance_).size(), 80U);
+    }
+    EXPECT_EQ(first.wait(), 0);
+    EXPECT_EQ(second.wait(), 0);
+    const auto& certificates = zentak_getCertificateList(device(), instance_);
+    ASSERT_EQ(certificates.size(), 80U);
+    const auto labelled = [&](const std::string& label) {
+        return std::count_if(certificates.begin(), certificates.end(),
+                             [&](const ZentakCertificate& record) { return record.label == label; });
+    };
+    EXPECT_EQ(labelled("first"), 40);
+    EXPECT_EQ(labelled("second"), 40);
+    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 10U);
+}
+
+TEST_F(TogetherTest, EveryGuessIsCounted) {
+    NewToken settings = cheapToken();
+    settings.attempts = 100;
+    serialNumber_ = createToken(store_, settings);
+    OtherProcess first = start("guess", "first", 20);
+    OtherProcess second = start("guess", "second", 20);
+    EXPECT_EQ(first.wait(), 0);
+    EXPECT_EQ(second.wait(), 0);
+    EXPECT_EQ(attemptsLeft(), 60);
+}
+
+TEST_F(TogetherTest, AttemptOfAKilledProcessStaysCounted) {
+    TokenData token = store_.load(serialNumber_);
+    token.serialNumber = "5107";
+    // Checking a PIN takes seconds, in which the process is killed.
+    token.user.iterations = 20'000'000;
+    store_.add(token, {5, 5});
+    serialNumber_ = token.serialNumber;
+    OtherProcess process = start("guess", "wrong", 1);
+    const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (attemptsLeft() == 5 && std::chrono::steady_clock::now() < patience) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    process.kill();
+    EXPECT_EQ(attemptsLeft(), 4);
+}
+
+}  // namespace
+
+}  // namespace softtoken

@@ -1,0 +1,269 @@
+// A store on a full disk, one that can't be written and one that can't be read. Each test breaks the storage in a child
+// process, where limits, mounts and the user's identity may be changed without harm to the other tests.
+
+#include <csignal>
+#include <fcntl.h>
+#include <functional>
+#include <map>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform.h"
+#include "test_certificates.h"
+#include "token_test.h"
+
+namespace softtoken {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Runs the body in a child process; its failures become the test's.
+void inChild(const std::function<void()>& body) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        body();
+        std::fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << "see the failures above";
+}
+
+/// For root no permissions hold.
+void becomeAnOrdinaryUser() {
+    if (geteuid() == 0) {
+        ASSERT_EQ(setresuid(65534, 65534, 65534), 0);
+    }
+}
+
+class StorageFaultTest : public TokenTest {
+protected:
+    ~StorageFaultTest() override { setPermissions(0700, 0600); }
+
+    void setPermissions(int folders, int files) const {
+        chmod(folder_.path().c_str(), 0700);
+        std::vector<fs::path> paths = {folder_.path()};
+        for (const auto& entry : fs::recursive_directory_iterator(folder_.path())) paths.push_back(entry.path());
+        // From the bottom up: a folder that is closed hides what lies in it.
+        std::sort(paths.rbegin(), paths.rend());
+        for (const fs::path& path : paths) {
+            chmod(path.c_str(), static_cast<mode_t>(fs::is_directory(path) ? folders : files));
+        }
+    }
+
+    /// All files of the tokens, whole.
+    static std::map<std::string, std::string> files(const fs::path& root) {
+        std::map<std::string, std::string> all;
+        for (const auto& entry : fs::recursive_directory_iterator(root / "plugged")) {
+            if (entry.is_regular_file()) all[entry.path().string()] = fileContent(entry.path());
+        }
+        return all;
+    }
+
+    int importCertificate(const Bytes& der) {
+        ZentakCertificate record{};
+        std::copy(der.begin(), der.end(), record.der);
+        record.derLength = static_cast<std::int32_t>(der.size());
+        return zentak_importCertificate(device(), userPin, &record, instance_);
+    }
+
+    int generate() {
+        ZentakKeyPair record{};
+        record.keyType = 5;
+        return zentak_generateKeyPair(device(), userPin, &record, instance_);
+    }
+
+    int sign(const KeyPairEntry& key) {
+        unsigned char hash[32] = {};
+        unsigned char signature[64];
+        int length = sizeof signature;
+        return zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_,
+                               false);
+    }
+
+    /// Nothing can be written to the present store: changes are refused, and so is a PIN whose attempt can't be
+    /// counted.
+    void expectNothingWritable(const KeyPairEntry& key, const fs::path& root) {
+        const auto before = files(root);
+        EXPECT_EQ(importCertificate(makeCertificate(testKey(6))), number(Error::storeFailed));
+        EXPECT_EQ(generate(), number(Error::storeFailed));
+        EXPECT_EQ(zentak_deleteKeyPair(device(), key.keyId.data(), userPin, false, instance_),
+                  number(Error::storeFailed));
+        EXPECT_FALSE(zentak_changeUserPassword(device(), userPin, "654321", nullptr, false, false, instance_));
+        EXPECT_EQ(validate("000000"), number(Error::storeFailed));
+        Store store(root);
+        EXPECT_THROW(store.checkPin(serialNumber_, Role::user, userPin), Failure);
+        EXPECT_THROW(createToken(store, cheapToken()), std::exception);
+        // What needs no writing goes on.
+        EXPECT_EQ(sign(key), 0);
+        EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
+        EXPECT_EQ(attemptsLeft(), 5);
+        EXPECT_EQ(files(root), before);
+    }
+};
+
+/// Makes the disk of a store full: a small one in memory where the process may mount one, else a limit for the length
+/// of files, at which writes fail half-way in the same manner.
+class FullDisk {
+public:
+    explicit FullDisk(fs::path mountPoint) : folder_(std::move(mountPoint)) {
+        fs::create_directories(folder_);
+        mounted_ = unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                   mount("none", folder_.c_str(), "tmpfs", 0, "size=256k,mode=0700") == 0;
+    }
+
+    [[nodiscard]] const fs::path& folder() const { return folder_; }
+
+    void fill() {
+        if (!mounted_) {
+            std::signal(SIGXFSZ, SIG_IGN);
+            limitFiles(10);
+            return;
+        }
+        const int ballast = open((folder_ / "ballast").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        const std::string part(1024, 'x');
+        while (write(ballast, part.data(), part.size()) > 0) {
+        }
+        EXPECT_EQ(errno, ENOSPC);
+        close(ballast);
+    }
+
+    void makeRoom() {
+        if (mounted_) {
+            fs::remove(folder_ / "ballast");
+        } else {
+            limitFiles(RLIM_INFINITY);
+        }
+    }
+
+private:
+    static void limitFiles(rlim_t length) {
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        limit.rlim_cur = length;
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+
+    fs::path folder_;
+    bool mounted_ = false;
+};
+
+TEST_F(StorageFaultTest, FullDiskRefusesChangesAndLosesNothing) {
+    testKey(5);
+    testKey(6);
+    inChild([this] {
+        FullDisk disk(folder_.path() / "small disk");
+        store_ = Store(disk.folder());
+        serialNumber_ = createToken(store_, cheapToken());
+        setEnvironment("ZENTAK_TOKENS", disk.folder().string());
+        reopen();
+        const KeyPairEntry key = addKey(5);
+        ASSERT_EQ(validate(userPin), 0);
+        disk.fill();
+        expectNothingWritable(key, disk.folder());
+        try {
+            store_.change(serialNumber_, [](TokenData& token) { token.label = "other"; });
+            ADD_FAILURE() << "the disk isn't full";
+        } catch (const Failure& failure) {
+            const std::string text = failure.what();
+            EXPECT_TRUE(text.ends_with("No space left on device") || text.ends_with("File too large")) << text;
+            EXPECT_EQ(text.find('\n'), std::string::npos);
+        }
+        disk.makeRoom();
+        EXPECT_EQ(importCertificate(makeCertificate(testKey(6))), 0);
+        EXPECT_EQ(generate(), 0);
+        EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
+        EXPECT_EQ(validate(userPin), 0);
+        createToken(store_, cheapToken());
+        EXPECT_TRUE(fs::is_empty(disk.folder() / "scratch"));
+    });
+}
+
+TEST_F(StorageFaultTest, ReadOnlyStoreCanBeReadAndNotChanged) {
+    const KeyPairEntry key = addKey(5);
+    testKey(6);
+    ASSERT_EQ(validate(userPin), 0);
+    ASSERT_EQ(sign(key), 0);
+    setPermissions(0555, 0444);
+    inChild([&] {
+        becomeAnOrdinaryUser();
+        expectNothingWritable(key, folder_.path());
+        EXPECT_THROW(store_.unplug(serialNumber_), Failure);
+        EXPECT_THROW(store_.remove(serialNumber_), Failure);
+    });
+    setPermissions(0700, 0600);
+    EXPECT_EQ(generate(), 0);
+}
+
+TEST_F(StorageFaultTest, StoreOfSomebodyElseIsNoEmptyStore) {
+    setPermissions(0700, 0600);
+    for (const char* closed : {"plugged", "."}) {
+        chmod(folder_.path().c_str(), 0755);
+        chmod((folder_.path() / closed).c_str(), 0000);
+        inChild([&] {
+            becomeAnOrdinaryUser();
+            reopen();
+            EXPECT_TRUE(zentak_getConnectedDeviceList(false, instance_).empty());
+            EXPECT_NE(zentak_initDevice(device(), true, instance_), 0);
+            try {
+                static_cast<void>(store_.plugged());
+                ADD_FAILURE() << "the store could be listed";
+            } catch (const Failure& failure) {
+                EXPECT_EQ(failure.error, Error::storeFailed);
+                EXPECT_NE(std::string(failure.what()).find("Permission denied"), std::string::npos) << failure.what();
+            }
+        });
+        chmod((folder_.path() / closed).c_str(), 0700);
+    }
+}
+
+TEST_F(StorageFaultTest, FilesOfSomebodyElseAreNoDamage) {
+    for (const char* name : {"token", "attempts"}) {
+        setPermissions(0777, 0666);
+        chmod((tokenFile().parent_path() / name).c_str(), 0000);
+        inChild([&] {
+            becomeAnOrdinaryUser();
+            reopen();
+            EXPECT_EQ(validate(userPin), number(Error::storeFailed));
+            EXPECT_EQ(validate("000000"), number(Error::storeFailed));
+        });
+    }
+    setPermissions(0700, 0600);
+    EXPECT_EQ(validate(userPin), 0);
+    EXPECT_EQ(attemptsLeft(), 5);
+}
+
+TEST_F(StorageFaultTest, NewFilesAreTheUsersAlone) {
+    const mode_t before = umask(0);
+    const fs::path root = folder_.path() / "new" / "store";
+    Store store(root);
+    createToken(store, cheapToken());
+    umask(before);
+    for (const auto& entry : fs::recursive_directory_iterator(folder_.path() / "new")) {
+        EXPECT_EQ(entry.status().permissions() & (fs::perms::group_all | fs::perms::others_all), fs::perms::none)
+            << entry.path();
+    }
+}
+
+TEST_F(StorageFaultTest, PipeInThePlaceOfAFileKeepsNobodyWaiting) {
+    const fs::path attempts = tokenFile().parent_path() / "attempts";
+    fs::remove(attempts);
+    ASSERT_EQ(mkfifo(attempts.c_str(), 0600), 0);
+    EXPECT_EQ(validate(userPin), number(Error::tokenDamaged));
+    fs::remove(tokenFile());
+    ASSERT_EQ(mkfifo(tokenFile().c_str(), 0600), 0);
+    EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(Error::tokenDamaged));
+    EXPECT_THROW(static_cast<void>(store_.load(serialNumber_)), Failure);
+}
+
+}  // namespace
+
+}  // namespace softtoken
