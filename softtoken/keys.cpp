@@ -46,6 +46,11 @@ BigNumber parameterOf(const EVP_PKEY* key, const char* name) {
     return BigNumber(number);
 }
 
+// Object identifiers instead of "RSA" and "EC": by those names OpenSSL first asks the engine that the host made its
+// default, and engine_pkcs11 answers for both but can't take a key's numbers.
+constexpr const char* rsaAlgorithm = "1.2.840.113549.1.1.1";
+constexpr const char* ecAlgorithm = "1.2.840.10045.2.1";
+
 Key keyFromParameters(const char* algorithm, int selection, OSSL_PARAM_BLD* builder) {
     const Parameters parameters(OSSL_PARAM_BLD_to_param(builder));
     const KeyContext context(EVP_PKEY_CTX_new_from_name(cryptoContext(), algorithm, nullptr));
@@ -85,15 +90,18 @@ const KeyType* keyTypeOf(const EVP_PKEY* key) {
 }
 
 Key generateKey(const KeyType& type) {
-    EVP_PKEY* key = nullptr;
-    if (type.curve != nullptr) {
-        key = EVP_PKEY_Q_keygen(cryptoContext(), nullptr, "EC", type.curve);
-    } else if (type.rsaBits >= 2048) {
-        key = EVP_PKEY_Q_keygen(cryptoContext(), nullptr, "RSA", static_cast<std::size_t>(type.rsaBits));
-    } else {
+    const bool elliptic = type.curve != nullptr;
+    if (!elliptic && type.rsaBits < 2048) {
         throw Failure(Error::unsupportedKey, "RSA keys of this size are not generated");
     }
-    requireCrypto(key != nullptr, "generating a key pair");
+    const KeyContext context(
+        EVP_PKEY_CTX_new_from_name(cryptoContext(), elliptic ? ecAlgorithm : rsaAlgorithm, nullptr));
+    EVP_PKEY* key = nullptr;
+    requireCrypto(context && EVP_PKEY_keygen_init(context.get()) == 1 &&
+                      (elliptic ? EVP_PKEY_CTX_set_group_name(context.get(), type.curve)
+                                : EVP_PKEY_CTX_set_rsa_keygen_bits(context.get(), type.rsaBits)) == 1 &&
+                      EVP_PKEY_generate(context.get(), &key) == 1,
+                  "generating a key pair");
     return ownKey(key);
 }
 
@@ -144,7 +152,7 @@ Key composeRsaKey(ByteView modulus, ByteView privateExponent, ByteView prime1) {
                       OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_EXPONENT2, exponent2.get()) == 1 &&
                       OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_COEFFICIENT1, coefficient.get()) == 1,
                   "composing a key");
-    Key key = keyFromParameters("RSA", EVP_PKEY_KEYPAIR, builder.get());
+    Key key = keyFromParameters(rsaAlgorithm, EVP_PKEY_KEYPAIR, builder.get());
     if (!key) noRsaKey();
     return key;
 }
@@ -203,7 +211,7 @@ Key publicKeyFromPoint(const KeyType& type, ByteView point) {
         builder && OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, type.curve, 0) == 1 &&
             OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()) == 1,
         "composing a key");
-    return keyFromParameters("EC", EVP_PKEY_PUBLIC_KEY, builder.get());
+    return keyFromParameters(ecAlgorithm, EVP_PKEY_PUBLIC_KEY, builder.get());
 }
 
 Key decodePublicKey(const KeyType* type, ByteView bytes) {
@@ -217,7 +225,7 @@ Key decodePublicKey(const KeyType* type, ByteView bytes) {
                       OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, modulus.get()) == 1 &&
                       OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) == 1,
                   "composing a key");
-    return keyFromParameters("RSA", EVP_PKEY_PUBLIC_KEY, builder.get());
+    return keyFromParameters(rsaAlgorithm, EVP_PKEY_PUBLIC_KEY, builder.get());
 }
 
 }  // namespace softtoken
