@@ -118,8 +118,9 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OB
     constexpr auto name = "C_DeriveKey";
     logDebug(name);
     return withoutExceptions(name, [&]() -> CK_RV {
-        ModuleState& state = moduleState();
-        const std::scoped_lock lock(state.mutex);
+        Module& module = theModule();
+        const MutexLock lock(module.mutex);
+        ModuleState& state = module.state;
         if (state.instance == nullptr) {
             return CKR_CRYPTOKI_NOT_INITIALIZED;
         }

@@ -4,7 +4,6 @@
 #ifndef ZENTAK_FRAME_ENTRY_FRAME_H
 #define ZENTAK_FRAME_ENTRY_FRAME_H
 
-#include <mutex>
 #include <string_view>
 
 #include "frame/cryptoki.h"
@@ -39,12 +38,12 @@ template <typename Body>
 CK_RV entryPoint(const char* name, const Body& body) noexcept {
     logDebug(name);
     return withoutExceptions(name, [&]() -> CK_RV {
-        ModuleState& state = moduleState();
-        const std::scoped_lock lock(state.mutex);
-        if (state.instance == nullptr) {
+        Module& module = theModule();
+        const MutexLock lock(module.mutex);
+        if (module.state.instance == nullptr) {
             return refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name, ": not initialized");
         }
-        return body(state);
+        return body(module.state);
     });
 }
 

@@ -3,34 +3,29 @@
 #include <cstring>
 
 #include "frame/entry_frame.h"
+#include "frame/lasting.h"
+#include "frame/lifecycle.h"
 #include "slots/device_monitor.h"
 
 using namespace zentak;
 
-namespace {
-
-/// Held by C_Initialize and C_Finalize from end to end. Not the module lock: stopping the monitor takes as long as its
-/// poll, and the monitor needs that lock itself.
-std::mutex& lifecycleMutex() {
-    static auto* mutex = new std::mutex;
-    return *mutex;
-}
-
-}  // namespace
-
 CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/) {
     constexpr auto name = "C_Initialize";
     logDebug(name);
-    std::unique_lock lifecycle(lifecycleMutex(), std::defer_lock);
+    std::unique_lock<std::mutex> lifecycle;
     const CK_RV prepared = withoutExceptions(name, [&]() -> CK_RV {
-        lifecycle.lock();
-        ModuleState& state = moduleState();
-        if (state.instance != nullptr) {
+        lifecycle = std::unique_lock<std::mutex>(lasting<LifecycleMutex>());
+        followForks();
+        Module& module = theModule();
+        if (module.instanceWithoutLock() != nullptr) {
             return refuse(CKR_CRYPTOKI_ALREADY_INITIALIZED, name, ": already initialized");
         }
         void* instance = nullptr;
         zentak_createInstance(&instance);
-        state.instance = instance;
+        {
+            const MutexLock lock(module.mutex);
+            module.state.instance = instance;
+        }
         if (isDeviceMonitorRunning()) {
             // Left by an initialisation that got no instance.
             logDebug("Monitor already running. Stopping old thread.");
@@ -43,7 +38,7 @@ CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/) {
     }
     // The one exception that reaches a host: the system has no thread for the monitor.
     startDeviceMonitor();
-    if (moduleState().instance == nullptr) {
+    if (theModule().instanceWithoutLock() == nullptr) {
         // The host learns of it from its next call, which finds the module uninitialised.
         logError("Init pkcs11 library failed failed");
     }
@@ -54,13 +49,14 @@ CK_RV C_Finalize(CK_VOID_PTR /*pReserved*/) {
     constexpr auto name = "C_Finalize";
     logDebug(name);
     return withoutExceptions(name, []() -> CK_RV {
-        const std::scoped_lock lifecycle(lifecycleMutex());
-        ModuleState& state = moduleState();
-        if (state.instance == nullptr) {
+        const std::scoped_lock<std::mutex> lifecycle(lasting<LifecycleMutex>());
+        Module& module = theModule();
+        if (module.instanceWithoutLock() == nullptr) {
             return refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name, ": not initialized");
         }
         stopDeviceMonitor();
-        const std::scoped_lock lock(state.mutex);
+        const MutexLock lock(module.mutex);
+        ModuleState& state = module.state;
         zentak_releaseInstance(state.instance);
         state.instance = nullptr;
         state.slotTable.clear();

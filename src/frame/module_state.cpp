@@ -1,10 +1,11 @@
 #include "frame/module_state.h"
 
+#include "frame/lasting.h"
+
 namespace zentak {
 
-ModuleState& moduleState() {
-    static auto* state = new ModuleState;
-    return *state;
+Module& theModule() {
+    return lasting<Module>();
 }
 
 }  // namespace zentak

@@ -1,5 +1,4 @@
-/// All state of the module, in one place. It is created on first use and never destroyed: a host may exit or unload the
-/// module without C_Finalize, and nothing may run then.
+/// All state of the module, in one place, and the lock around it.
 
 #ifndef ZENTAK_FRAME_MODULE_STATE_H
 #define ZENTAK_FRAME_MODULE_STATE_H
@@ -7,12 +6,12 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "device/zentak_dsc_library.h"
 #include "frame/cryptoki.h"
+#include "frame/mutex.h"
 
 namespace zentak {
 
@@ -60,9 +59,6 @@ struct SessionRecord {
 };
 
 struct ModuleState {
-    /// Held by every entry point that uses the state below, for the length of the call.
-    std::mutex mutex;
-
     /// The device library's instance; the module is initialised exactly while it isn't null.
     std::atomic<void*> instance{nullptr};
 
@@ -83,7 +79,17 @@ struct ModuleState {
     std::uint32_t nextDerivedSecret = 0x70003000;
 };
 
-ModuleState& moduleState();
+struct Module {
+    /// Held by every entry point that uses the state, for the length of the call.
+    Mutex mutex;
+    ModuleState state ZENTAK_THREAD_SAFETY(guarded_by(mutex));
+
+    /// The device library's instance for those who must not wait for the lock.
+    void* instanceWithoutLock() const ZENTAK_THREAD_SAFETY(no_thread_safety_analysis) { return state.instance; }
+};
+
+/// The one module of this process; see frame/lasting.h.
+Module& theModule();
 
 }  // namespace zentak
 

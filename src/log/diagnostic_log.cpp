@@ -6,17 +6,15 @@
 #include <exception>
 #include <mutex>
 
+#include "frame/lasting.h"
 #include "platform/platform.h"
 
 namespace zentak {
 
 namespace {
 
-/// Serialises the writers of this process. Never destroyed: a thread may still log while the process goes down.
-std::mutex& logMutex() {
-    static auto* mutex = new std::mutex;
-    return *mutex;
-}
+/// Serialises the writers of this process.
+struct LogMutex : std::mutex {};
 
 std::string_view levelTag(int level) {
     switch (level) {
@@ -44,7 +42,7 @@ void printException(const char* where, const char* what, const char* lineEnd) no
 }
 
 void appendLine(const char* path, int level, std::string_view message) {
-    const std::scoped_lock lock(logMutex());
+    const std::scoped_lock<std::mutex> lock(lasting<LogMutex>());
     std::FILE* file = platform::openForAppending(path);
     if (file == nullptr) {
         std::printf("\nUnable to write log");
@@ -139,6 +137,10 @@ void writeLogLine(int level, std::string_view message) noexcept {
     } catch (...) {
         printException("Exception in write log : ", "unknown", "\n");
     }
+}
+
+void forgetLogWriters() {
+    replaceLasting<LogMutex>();
 }
 
 }  // namespace zentak

@@ -41,6 +41,9 @@ int getLogBaseFolderPath(char* buffer) noexcept;
 /// 0 when not.
 int createLogFolder(const char* path) noexcept;
 
+/// In a forked child: whoever was writing in the parent isn't here.
+void forgetLogWriters();
+
 /// Builds a text from `parts` and writes it at `level`, unless the configured level leaves such lines out.
 template <typename... Parts>
 void logAtLevel(int level, Parts... parts) noexcept {

@@ -55,6 +55,9 @@ std::string executablePath();
 /// Keeps this library in the process from now on, so that its own thread never runs in unloaded code.
 void keepModuleLoaded();
 
+/// Where processes fork: `before` and `inParent` run around each fork from now on, `inChild` in the child.
+void atFork(void (*before)(), void (*inParent)(), void (*inChild)());
+
 }  // namespace zentak::platform
 
 #endif

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -82,6 +83,10 @@ bool pathExists(const char* path) {
 
 // The library is linked to stay (nodelete).
 void keepModuleLoaded() {}
+
+void atFork(void (*before)(), void (*inParent)(), void (*inChild)()) {
+    pthread_atfork(before, inParent, inChild);
+}
 
 std::FILE* openForAppending(const char* path) {
     const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);

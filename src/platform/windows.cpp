@@ -73,6 +73,8 @@ void keepModuleLoaded() {
                        reinterpret_cast<LPCSTR>(&keepModuleLoaded), &module);
 }
 
+void atFork(void (* /*before*/)(), void (* /*inParent*/)(), void (* /*inChild*/)()) {}
+
 std::FILE* openForAppending(const char* path) {
     return _fsopen(path, "ab", _SH_DENYNO);
 }

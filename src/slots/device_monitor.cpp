@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "frame/entry_frame.h"
+#include "frame/lasting.h"
 #include "platform/platform.h"
 #include "slots/slot_table.h"
 
@@ -15,7 +16,6 @@ using namespace zentak;
 
 namespace {
 
-/// Never destroyed, like the rest of the module's state: the thread may outlive the host's main function.
 struct MonitorState {
     std::thread thread;
     std::atomic<bool> running{false};
@@ -33,8 +33,7 @@ struct MonitorState {
 };
 
 MonitorState& monitor() {
-    static auto* state = new MonitorState;
-    return *state;
+    return lasting<MonitorState>();
 }
 
 /// Drops the login of sessions whose device isn't in the list. The sessions stay open.
@@ -53,11 +52,11 @@ void dropLoginsOfMissingDevices(ModuleState& state, const std::vector<std::strin
 /// One poll; the number of devices connected.
 std::size_t pollDevices() {
     const std::scoped_lock polling(monitor().monitorMutex);
-    ModuleState& state = moduleState();
-    const std::vector<std::string> devices = zentak_getConnectedDeviceList(false, state.instance);
+    Module& module = theModule();
+    const std::vector<std::string> devices = zentak_getConnectedDeviceList(false, module.instanceWithoutLock());
     // The module isn't locked before here: a slow device must not hold up the host's calls.
-    const std::scoped_lock lock(state.mutex);
-    dropLoginsOfMissingDevices(state, devices);
+    const MutexLock lock(module.mutex);
+    dropLoginsOfMissingDevices(module.state, devices);
     return devices.size();
 }
 
@@ -176,6 +175,18 @@ void stopDeviceMonitor() {
     state.running = false;
 }
 
+void holdDeviceMonitor() {
+    monitor().monitorMutex.lock();
+}
+
+void releaseDeviceMonitor() {
+    monitor().monitorMutex.unlock();
+}
+
+void forgetDeviceMonitor() {
+    replaceLasting<MonitorState>();
+}
+
 }  // namespace zentak
 
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR /*pReserved*/) {
@@ -183,7 +194,7 @@ CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR /*pRe
     logDebug(name);
     // Without the module's lock: a host may wait here for hours.
     return withoutExceptions(name, [&]() -> CK_RV {
-        if (moduleState().instance == nullptr) {
+        if (theModule().instanceWithoutLock() == nullptr) {
             return refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name, ": not initialized");
         }
         if (pSlot == nullptr) {

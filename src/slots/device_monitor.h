@@ -16,6 +16,13 @@ void startDeviceMonitor();
 /// event. Without a thread only the wake-up happens. Not to be called with the module locked.
 void stopDeviceMonitor();
 
+/// Waits for the poll that is under way and keeps the next one from beginning, until it is released by the same thread.
+void holdDeviceMonitor();
+void releaseDeviceMonitor();
+
+/// In a forked child, which hasn't got the thread: there is no monitor and no event.
+void forgetDeviceMonitor();
+
 }  // namespace zentak
 
 #endif
