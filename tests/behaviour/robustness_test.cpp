@@ -287,33 +287,26 @@ TEST_F(Robustness, argumentsBehindNullPointers) {
     EXPECT_EQ(functions().C_SignInit(session, &mechanism, privateKeyBase + 1), CKR_MECHANISM_PARAM_INVALID);
 }
 
-// --- Hosts that end without C_Finalize ------------------------------------------------------------------------------
+// --- Hosts that don't behave
+// ------------------------------------------------------------------------------------------
 
-class HostExit : public Robustness {
+class BadHost : public Robustness, public ::testing::WithParamInterface<const char*> {
 protected:
-    static void expectCleanEnd(const std::string& way) {
-        const ChildResult result = runChild(programFile().parent_path() / "exit_probe", {way});
-        EXPECT_EQ(result.exitCode, 0);
-        EXPECT_EQ(result.output, "");
-    }
-
     void SetUp() override {
         Robustness::SetUp();
-        std::filesystem::create_directories(logFolder("exit_probe"));
+        std::filesystem::create_directories(logFolder("host_probe"));
     }
 };
 
-TEST_F(HostExit, returnsFromMain) {
-    expectCleanEnd("return");
+/// See host_probe.cpp.
+TEST_P(BadHost, endsNormally) {
+    const ChildResult result = runChild(programFile().parent_path() / "host_probe", {GetParam()});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.output, "");
 }
-TEST_F(HostExit, callsExit) {
-    expectCleanEnd("exit");
-}
-TEST_F(HostExit, unloadsTheModule) {
-    expectCleanEnd("unload");
-}
-TEST_F(HostExit, loadsTheModuleAgain) {
-    expectCleanEnd("reload");
-}
+
+INSTANTIATE_TEST_SUITE_P(Ways, BadHost,
+                         ::testing::Values("return", "exit", "unload", "reload", "waiting-return", "waiting-exit",
+                                           "hundred-loads", "two-copies", "odd-path", "other-folder", "no-streams"));
 
 }  // namespace

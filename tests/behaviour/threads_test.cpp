@@ -2,12 +2,17 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <set>
 #include <thread>
 
 #include "module_test.h"
+
+#if defined(_WIN32)
+#include <windows.h>
+#endif
 
 namespace {
 
@@ -209,6 +214,37 @@ TEST_F(Threads, startAndStopTheModule) {
     functions().C_Initialize(nullptr);
     CK_INFO info;
     EXPECT_EQ(functions().C_GetInfo(&info), CKR_OK);
+}
+
+/// Number of threads and of open files of this process.
+std::pair<std::size_t, std::size_t> threadsAndFiles() {
+#if defined(_WIN32)
+    DWORD handles = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &handles);
+    return {0, handles};
+#else
+    const auto entries = [](const char* folder) {
+        const std::filesystem::directory_iterator all(folder);
+        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    };
+    return {entries("/proc/self/task"), entries("/proc/self/fd")};
+#endif
+}
+
+/// A thread counts as handles on Windows.
+TEST_F(Threads, aThousandStartsLeaveNothingBehind) {
+    const auto startAndStop = [] {
+        ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+        CK_ULONG count = 0;
+        ASSERT_EQ(functions().C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
+        ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    };
+    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    startAndStop();
+    const auto before = threadsAndFiles();
+    for (int i = 0; i < 1000; ++i) startAndStop();
+    EXPECT_EQ(threadsAndFiles(), before);
+    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
 }
 
 }  // namespace

@@ -32,17 +32,17 @@ std::filesystem::path moduleFile() {
     return programFile().parent_path() / ZENTAK_TEST_MODULE;
 }
 
-void* loadModule() {
+void* loadModule(const std::filesystem::path& file) {
 #if defined(_WIN32)
-    void* const handle = LoadLibraryW(moduleFile().lexically_normal().make_preferred().wstring().c_str());
+    void* const handle = LoadLibraryW(file.lexically_normal().make_preferred().wstring().c_str());
     const std::string reason = "error " + std::to_string(GetLastError());
 #else
-    void* const handle = dlopen(moduleFile().c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* const handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
     const char* const message = handle == nullptr ? dlerror() : nullptr;
     const std::string reason = message == nullptr ? "" : message;
 #endif
     if (handle == nullptr) {
-        throw std::runtime_error("the module can't be loaded: " + moduleFile().string() + ": " + reason);
+        throw std::runtime_error("the module can't be loaded: " + file.string() + ": " + reason);
     }
     return handle;
 }

@@ -25,9 +25,9 @@ std::string vendorSymbol(const std::string& name, std::string parameters);
 /// The module's file.
 std::filesystem::path moduleFile();
 
-/// Loads the module and counts as one more user of it; `unloadModule` takes that back. For programs that test the
-/// unloading itself.
-void* loadModule();
+/// Loads the module, or a copy of it, and counts as one more user of it; `unloadModule` takes that back. For programs
+/// that test the loading itself.
+void* loadModule(const std::filesystem::path& file = moduleFile());
 void unloadModule(void* handle);
 const CK_FUNCTION_LIST& functionsOf(void* handle);
 

@@ -80,6 +80,11 @@ void Device::addFault(Fault fault) {
     hidden_->faults.push_back({std::move(fault), callsToGo});
 }
 
+void Device::dropFaults() {
+    const std::lock_guard lock(hidden_->mutex);
+    hidden_->faults.clear();
+}
+
 void Device::change(const std::function<void(Device&)>& change) {
     const std::lock_guard lock(hidden_->mutex);
     change(*this);

@@ -149,6 +149,8 @@ public:
     // --- Changing the world ------------------------------------------------------------------------------------------
 
     void addFault(Fault fault);
+    /// Forgets the faults that haven't struck.
+    void dropFaults();
     /// Runs `change` while no other thread is inside an operation's answer.
     void change(const std::function<void(Device&)>& change);
     /// Everything as at the start: defaults, no record, no faults; the instance stays.

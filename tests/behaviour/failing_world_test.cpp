@@ -1,0 +1,346 @@
+// A world in which anything fails: each call of the device library and each allocation in turn, in every function.
+// What counts is that the host gets an answer, nothing is lost, and the next call works.
+
+#include <functional>
+#include <set>
+
+#include "allocation_failure.h"
+#include "module_test.h"
+
+namespace {
+
+using namespace support;
+using scripted::Fault;
+using scripted::Throw;
+
+/// One call of one function in the state in which it does its whole work.
+struct Scenario {
+    std::string name;
+    std::function<void()> prepare;  ///< leads a new session of a logged-in user there
+    std::function<CK_RV()> act;
+};
+
+class FailingWorld : public ModuleTest {
+protected:
+    void plugInTokens() override {
+        plugIn(makeTokenInfo("SN1"));
+        scripted::Device& world = device();
+        const Bytes der = {0x30, 1, 2, 3};
+        ZentakKeyPair ec = makeKeyPair(2, p256);
+        // Without labels, so that the default labels are computed.
+        world.keyPairs["SN1"] = {makeKeyPair(1), ec};
+        world.certificates["SN1"] = {makeCertificate(3, der)};
+        world.certificateDetails[der] = makeDetails("Alice", "CN=Root", publicKeyOf(ec));
+        const Bytes leaf = {0x30, 4, 4};
+        const Bytes root = {0x30, 5, 5};
+        world.certificateDetails[leaf] = makeDetails("Bob", "CN=Root", publicKeyOf(makeKeyPair(1)));
+        CertificateDetails rootDetails = makeDetails("Root", "CN=Root");
+        rootDetails.text7 = "CN=Root";
+        world.certificateDetails[root] = rootDetails;
+        world.files = {{"root.der", root}};
+        world.subjects[der] = world.issuers[der] = world.serials[der] = {0x30, 0};
+        world.ciphertext = countingBytes(1, 256);
+        world.plaintext = countingBytes(1, 20);
+        world.sharedSecret = countingBytes(1, 32);
+        world.generated = makeKeyPair(4);
+    }
+
+    /// A new session of a logged-in user, and no fault left over.
+    void beginAgain() {
+        device().dropFaults();
+        const CK_RV initialized = api.C_Initialize(nullptr);
+        ASSERT_TRUE(initialized == CKR_OK || initialized == CKR_CRYPTOKI_ALREADY_INITIALIZED);
+        listSlots();
+        ASSERT_EQ(api.C_CloseAllSessions(firstSlot), CKR_OK);
+        session = openSession(CKF_RW_SESSION);
+        if (stateOf(session) != CKS_RW_USER_FUNCTIONS) login(session);
+    }
+
+    /// As many bytes as any answer here has.
+    CK_BYTE output[2048] = {};
+    CK_ULONG length = sizeof output;
+    CK_BYTE input[32] = {1, 2, 3};
+    CK_SESSION_HANDLE session = 0;
+    CK_OBJECT_HANDLE handle = 0;
+    CK_OBJECT_HANDLE secondHandle = 0;
+    CK_ULONG count = 0;
+    Template wanted;
+    const CK_FUNCTION_LIST& api = functions();
+
+    CK_MECHANISM* mechanism(CK_MECHANISM_TYPE type) {
+        mechanism_ = {type, nullptr, 0};
+        return &mechanism_;
+    }
+
+    std::vector<Scenario> scenarios();
+    std::vector<Scenario> cryptographicScenarios();
+
+    static void expectOk(CK_RV code) { ASSERT_EQ(code, CKR_OK); }
+
+private:
+    CK_MECHANISM mechanism_ = {};
+    CK_BYTE point_[3] = {4, 1, 2};
+    CK_ECDH1_DERIVE_PARAMS parameters_ = {CKD_SHA1_KDF, 0, nullptr, sizeof point_, point_};
+};
+
+std::vector<Scenario> FailingWorld::scenarios() {
+    const auto nothing = [] {};
+    std::vector<Scenario> all = {
+        {"C_Initialize", [&] { expectOk(api.C_Finalize(nullptr)); },
+         [&] {
+             try {
+                 return api.C_Initialize(nullptr);
+             } catch (const std::bad_alloc&) {
+                 return CKR_HOST_MEMORY;  // no memory for the monitor's thread: the one exception that comes through
+             }
+         }},
+        {"C_Finalize", nothing, [&] { return api.C_Finalize(nullptr); }},
+        {"C_GetInfo", nothing,
+         [&] {
+             CK_INFO info;
+             return api.C_GetInfo(&info);
+         }},
+        {"C_GetSlotList", nothing,
+         [&] {
+             CK_SLOT_ID slots[4];
+             count = 4;
+             return api.C_GetSlotList(CK_TRUE, slots, &count);
+         }},
+        {"C_GetSlotList, the number", nothing, [&] { return api.C_GetSlotList(CK_TRUE, nullptr, &count); }},
+        {"C_GetSlotInfo", nothing,
+         [&] {
+             CK_SLOT_INFO info;
+             return api.C_GetSlotInfo(firstSlot, &info);
+         }},
+        {"C_GetTokenInfo", nothing,
+         [&] {
+             CK_TOKEN_INFO info;
+             return api.C_GetTokenInfo(firstSlot, &info);
+         }},
+        {"C_GetMechanismList", nothing,
+         [&] {
+             CK_MECHANISM_TYPE types[32];
+             count = 32;
+             return api.C_GetMechanismList(firstSlot, types, &count);
+         }},
+        {"C_GetMechanismInfo", nothing,
+         [&] {
+             CK_MECHANISM_INFO info;
+             return api.C_GetMechanismInfo(firstSlot, CKM_RSA_PKCS, &info);
+         }},
+        {"C_WaitForSlotEvent", nothing,
+         [&] {
+             CK_SLOT_ID slot = 0;
+             const CK_RV code = api.C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
+             return code == CKR_NO_EVENT ? CKR_OK : code;
+         }},
+        {"C_OpenSession", nothing,
+         [&] { return api.C_OpenSession(firstSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &handle); }},
+        {"C_CloseSession", nothing, [&] { return api.C_CloseSession(session); }},
+        {"C_CloseAllSessions", nothing, [&] { return api.C_CloseAllSessions(firstSlot); }},
+        {"C_GetSessionInfo", nothing,
+         [&] {
+             CK_SESSION_INFO info;
+             return api.C_GetSessionInfo(session, &info);
+         }},
+        {"C_Login", [&] { expectOk(api.C_Logout(session)); },
+         [&] { return api.C_Login(session, CKU_USER, pin("1234"), 4); }},
+        {"C_Logout", nothing, [&] { return api.C_Logout(session); }},
+        {"C_SetPIN", nothing, [&] { return api.C_SetPIN(session, pin("1234"), 4, pin("1234"), 4); }},
+        {"C_FindObjectsInit", [&] { wanted = std::move(Template().add(CKA_LABEL, "Alice_CN=Root")); },
+         [&] { return api.C_FindObjectsInit(session, wanted.data(), wanted.count()); }},
+        {"C_FindObjectsInit, everything", nothing, [&] { return api.C_FindObjectsInit(session, nullptr, 0); }},
+        {"C_FindObjects", [&] { expectOk(api.C_FindObjectsInit(session, nullptr, 0)); },
+         [&] { return api.C_FindObjects(session, &handle, 1, &count); }},
+        {"C_FindObjectsFinal", [&] { expectOk(api.C_FindObjectsInit(session, nullptr, 0)); },
+         [&] { return api.C_FindObjectsFinal(session); }},
+        {"C_GetObjectSize", nothing, [&] { return api.C_GetObjectSize(session, privateKeyBase + 1, &count); }},
+        {"C_SetAttributeValue", [&] { wanted = std::move(Template().add(CKA_LABEL, "name").add(CKA_ID, Bytes{1})); },
+         [&] { return api.C_SetAttributeValue(session, privateKeyBase + 1, wanted.data(), wanted.count()); }},
+        {"C_CreateObject, a certificate with its issuer",
+         [&] {
+             wanted = std::move(Template().add(CKA_VALUE, Bytes{0x30, 4, 4}).add(CKA_ID, Bytes{1}));
+         },
+         [&] { return api.C_CreateObject(session, wanted.data(), wanted.count(), &handle); }},
+        {"C_CreateObject, a private key",
+         [&] {
+             wanted = std::move(Template()
+                                    .addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
+                                    .add(CKA_MODULUS, countingBytes(1, 256))
+                                    .add(CKA_PRIVATE_EXPONENT, countingBytes(1, 256))
+                                    .add(CKA_PRIME_1, countingBytes(1, 128))
+                                    .add(CKA_LABEL, "imported"));
+         },
+         [&] { return api.C_CreateObject(session, wanted.data(), wanted.count(), &handle); }},
+        {"C_DestroyObject", nothing, [&] { return api.C_DestroyObject(session, privateKeyBase + 1); }},
+        {"C_GenerateKeyPair", [&] { wanted = std::move(Template().addNumber(CKA_KEY_TYPE, CKK_EC)); },
+         [&] {
+             return api.C_GenerateKeyPair(session, mechanism(CKM_EC_KEY_PAIR_GEN), wanted.data(), wanted.count(),
+                                          wanted.data(), wanted.count(), &handle, &secondHandle);
+         }},
+        {"C_GenerateRandom", nothing, [&] { return api.C_GenerateRandom(session, output, 32); }},
+    };
+    for (const CK_OBJECT_HANDLE object : {privateKeyBase + 2, publicKeyBase + 2, certificateBase + 3}) {
+        all.push_back(
+            {"C_GetAttributeValue of " + decimal(object),
+             [&] {
+                 wanted = Template();
+                 for (const CK_ATTRIBUTE_TYPE type : {CKA_LABEL, CKA_ID, CKA_VALUE, CKA_SUBJECT, CKA_ISSUER,
+                                                      CKA_SERIAL_NUMBER, CKA_EC_POINT, CKA_MODULUS}) {
+                     wanted.add(type, Bytes(500));
+                 }
+             },
+             [&, object] { return api.C_GetAttributeValue(session, object, wanted.data(), wanted.count()); }});
+    }
+    const std::vector<Scenario> more = cryptographicScenarios();
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+}
+
+std::vector<Scenario> FailingWorld::cryptographicScenarios() {
+    const auto nothing = [] {};
+    const CK_OBJECT_HANDLE key = privateKeyBase + 1;
+    const auto signInit = [&, key] { expectOk(api.C_SignInit(session, mechanism(CKM_SHA256_RSA_PKCS), key)); };
+    const auto verifyInit = [&, key] { expectOk(api.C_VerifyInit(session, mechanism(CKM_SHA256_RSA_PKCS), key)); };
+    const auto digestInit = [&] { expectOk(api.C_DigestInit(session, mechanism(CKM_SHA256))); };
+    const auto fresh = [&] { length = sizeof output; };
+    return {
+        {"C_DigestInit", nothing, [&] { return api.C_DigestInit(session, mechanism(CKM_SHA256)); }},
+        {"C_Digest", digestInit,
+         [&, fresh] {
+             fresh();
+             return api.C_Digest(session, input, sizeof input, output, &length);
+         }},
+        {"C_DigestUpdate", digestInit, [&] { return api.C_DigestUpdate(session, input, sizeof input); }},
+        {"C_DigestFinal", digestInit,
+         [&, fresh] {
+             fresh();
+             return api.C_DigestFinal(session, output, &length);
+         }},
+        {"C_SignInit", nothing, [&, key] { return api.C_SignInit(session, mechanism(CKM_SHA256_RSA_PKCS), key); }},
+        {"C_Sign", signInit,
+         [&, fresh] {
+             fresh();
+             return api.C_Sign(session, input, sizeof input, output, &length);
+         }},
+        {"C_SignUpdate", signInit, [&] { return api.C_SignUpdate(session, input, sizeof input); }},
+        {"C_SignUpdate, collecting", [&, key] { expectOk(api.C_SignInit(session, mechanism(CKM_RSA_PKCS), key)); },
+         [&] { return api.C_SignUpdate(session, input, sizeof input); }},
+        {"C_SignFinal",
+         [&, signInit] {
+             signInit();
+             expectOk(api.C_SignUpdate(session, input, sizeof input));
+         },
+         [&, fresh] {
+             fresh();
+             return api.C_SignFinal(session, output, &length);
+         }},
+        {"C_VerifyInit", nothing, [&, key] { return api.C_VerifyInit(session, mechanism(CKM_SHA256_RSA_PKCS), key); }},
+        {"C_Verify", verifyInit, [&] { return api.C_Verify(session, input, sizeof input, output, 256); }},
+        {"C_VerifyUpdate", verifyInit, [&] { return api.C_VerifyUpdate(session, input, sizeof input); }},
+        {"C_VerifyFinal",
+         [&, verifyInit] {
+             verifyInit();
+             expectOk(api.C_VerifyUpdate(session, input, sizeof input));
+         },
+         [&] { return api.C_VerifyFinal(session, output, 256); }},
+        {"C_EncryptInit", nothing, [&, key] { return api.C_EncryptInit(session, mechanism(CKM_RSA_PKCS), key); }},
+        {"C_Encrypt", [&, key] { expectOk(api.C_EncryptInit(session, mechanism(CKM_RSA_PKCS), key)); },
+         [&, fresh] {
+             fresh();
+             return api.C_Encrypt(session, input, sizeof input, output, &length);
+         }},
+        {"C_DecryptInit", nothing, [&, key] { return api.C_DecryptInit(session, mechanism(CKM_RSA_PKCS), key); }},
+        {"C_Decrypt", [&, key] { expectOk(api.C_DecryptInit(session, mechanism(CKM_RSA_PKCS), key)); },
+         [&, fresh] {
+             fresh();
+             return api.C_Decrypt(session, input, sizeof input, output, &length);
+         }},
+        {"C_DeriveKey", nothing,
+         [&] {
+             CK_MECHANISM derive = {CKM_ECDH1_DERIVE, &parameters_, sizeof parameters_};
+             return api.C_DeriveKey(session, &derive, privateKeyBase + 2, nullptr, 0, &handle);
+         }},
+    };
+}
+
+/// The names of the operations in the order of the calls.
+Lines operationsOf(const Lines& calls) {
+    Lines names;
+    for (const std::string& call : calls) names.push_back(call.substr(0, call.find('(')));
+    return names;
+}
+
+TEST_F(FailingWorld, everyDeviceCall) {
+    struct Failure {
+        int result;
+        Throw thrown;
+        std::set<CK_RV> codes;  ///< what may come of it; empty where the other tests say
+    };
+    const Failure failures[] = {
+        {77, Throw::nothing, {}},
+        {0, Throw::badAlloc, {CKR_HOST_MEMORY}},
+        {0, Throw::exception, {CKR_FUNCTION_FAILED}},
+        {0, Throw::somethingElse, {CKR_FUNCTION_FAILED}},
+    };
+    int struck = 0;
+    for (const Scenario& scenario : scenarios()) {
+        SCOPED_TRACE(scenario.name);
+        beginAgain();
+        scenario.prepare();
+        calls();
+        ASSERT_EQ(scenario.act(), CKR_OK);
+        const Lines operations = operationsOf(calls());
+        for (std::size_t index = 0; index < operations.size(); ++index) {
+            const std::string& operation = operations[index];
+            const auto place = operations.begin() + static_cast<std::ptrdiff_t>(index) + 1;
+            const auto nth = static_cast<int>(std::count(operations.begin(), place, operation));
+            for (const Failure& failure : failures) {
+                SCOPED_TRACE(operation + " " + std::to_string(nth));
+                beginAgain();
+                scenario.prepare();
+                Fault fault;
+                fault.operation = operation;
+                fault.nth = nth;
+                fault.thrown = failure.thrown;
+                if (failure.thrown == Throw::nothing) fault.result = failure.result;
+                device().addFault(fault);
+                const CK_RV code = scenario.act();
+                ++struck;
+                if (!failure.codes.empty()) {
+                    EXPECT_EQ(failure.codes.count(code), 1U) << code;
+                }
+                beginAgain();
+                scenario.prepare();
+                EXPECT_EQ(scenario.act(), CKR_OK);
+            }
+        }
+    }
+    EXPECT_GT(struck, 250);
+}
+
+#if !defined(_WIN32)
+/// Where the libraries share their memory with the host; a Windows build has its own inside.
+TEST_F(FailingWorld, everyAllocation) {
+    constexpr int mostAllocations = 2000;
+    int failures = 0;
+    for (const Scenario& scenario : scenarios()) {
+        SCOPED_TRACE(scenario.name);
+        bool failed = true;
+        for (int nth = 1; failed; ++nth) {
+            ASSERT_LT(nth, mostAllocations);
+            beginAgain();
+            scenario.prepare();
+            behaviour::failAllocation(nth);
+            const CK_RV code = scenario.act();
+            failed = behaviour::allocationFailed();
+            failures += failed ? 1 : 0;
+            // A log line may be lost for want of memory, and the call goes on.
+            EXPECT_TRUE(code == CKR_OK || (failed && code == CKR_HOST_MEMORY)) << code << " at " << nth;
+        }
+    }
+    EXPECT_GT(failures, 300);
+}
+#endif
+
+}  // namespace
