@@ -1,11 +1,14 @@
 // A world in which anything fails: each call of the device library and each allocation in turn, in every function.
 // What counts is that the host gets an answer, nothing is lost, and the next call works.
 
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <set>
 
 #include "allocation_failure.h"
 #include "module_test.h"
+#include "run_folder.h"
 
 namespace {
 
@@ -320,8 +323,30 @@ TEST_F(FailingWorld, everyDeviceCall) {
 }
 
 #if !defined(_WIN32)
+/// A temporary folder of a name so short that the module copies it without an allocation: where it can't find the
+/// folder it logs below the root.
+class ShortTemporaryFolder {
+public:
+    ShortTemporaryFolder() : before_(temporaryFolder()) {
+        char name[] = "/tmp/zkXXXXXX";
+        EXPECT_NE(mkdtemp(name), nullptr);
+        setTemporaryFolder(name);
+        createLogFolder();
+    }
+    ~ShortTemporaryFolder() {
+        std::filesystem::remove_all(temporaryFolder());
+        setTemporaryFolder(before_);
+    }
+    ShortTemporaryFolder(const ShortTemporaryFolder&) = delete;
+    ShortTemporaryFolder& operator=(const ShortTemporaryFolder&) = delete;
+
+private:
+    std::filesystem::path before_;
+};
+
 /// Where the libraries share their memory with the host; a Windows build has its own inside.
 TEST_F(FailingWorld, everyAllocation) {
+    const ShortTemporaryFolder folder;
     constexpr int mostAllocations = 2000;
     int failures = 0;
     for (const Scenario& scenario : scenarios()) {
