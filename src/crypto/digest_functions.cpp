@@ -1,11 +1,11 @@
 /// C_DigestInit, C_Digest, C_DigestUpdate and C_DigestFinal. The finished digest waits in the session's data buffer.
 
-#include <algorithm>
 #include <array>
 
 #include "crypto/hashing.h"
 #include "crypto/two_call_output.h"
 #include "frame/entry_frame.h"
+#include "frame/mechanism_table.h"
 #include "slots/slot_table.h"
 
 using namespace zentak;
@@ -62,9 +62,8 @@ CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism) {
         if (type == CKM_SHA_1 && isFips140Token(session.tokenInfo)) {
             return refuse(CKR_MECHANISM_INVALID, "C_DigestInit: SHA-1 not allowed on FIPS 140-3 token");
         }
-        const auto* mechanism = std::find_if(digestMechanisms.begin(), digestMechanisms.end(),
-                                             [&](const DigestMechanism& entry) { return entry.type == type; });
-        if (mechanism == digestMechanisms.end()) {
+        const DigestMechanism* mechanism = findMechanism(digestMechanisms, type);
+        if (mechanism == nullptr) {
             return refuse(CKR_MECHANISM_INVALID, "C_DigestInit mechanism not supported");
         }
         if (const int result =

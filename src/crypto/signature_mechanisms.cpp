@@ -1,9 +1,9 @@
 #include "crypto/signature_mechanisms.h"
 
-#include <algorithm>
 #include <array>
 
 #include "crypto/hashing.h"
+#include "frame/mechanism_table.h"
 
 namespace zentak {
 
@@ -34,9 +34,7 @@ constexpr std::array<SignatureMechanism, 18> signatureMechanisms = {{
 }  // namespace
 
 const SignatureMechanism* findSignatureMechanism(CK_MECHANISM_TYPE type) {
-    const auto* found = std::find_if(signatureMechanisms.begin(), signatureMechanisms.end(),
-                                     [&](const SignatureMechanism& mechanism) { return mechanism.type == type; });
-    return found != signatureMechanisms.end() ? found : nullptr;
+    return findMechanism(signatureMechanisms, type);
 }
 
 }  // namespace zentak

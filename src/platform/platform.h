@@ -33,14 +33,15 @@ std::string temporaryFolder(std::size_t limit);
 
 bool isDirectory(const char* path);
 
-/// True when the directory was newly made, false also when it exists already.
+/// True when the directory was newly made, for its owner alone; false also when it exists already.
 bool createDirectory(const char* path);
 
 /// File name of the process's main executable, without its folder; empty when it can't be told.
 std::string executableName();
 
-/// Opens a file for appending bytes as they are, made when missing, with sharing allowed to other processes. Null when
-/// it can't be opened; the caller closes it.
+/// Opens a file for appending bytes as they are, made when missing, with sharing allowed to other processes of its
+/// owner. Null when it can't be opened, or, where the temporary folder may be everybody's, when it is a link; the
+/// caller closes it.
 std::FILE* openForAppending(const char* path);
 
 /// Value of an environment variable, nothing when it isn't set.

@@ -57,7 +57,7 @@ bool isDirectory(const char* path) {
 }
 
 bool createDirectory(const char* path) {
-    return mkdir(path, 0777) == 0;
+    return mkdir(path, S_IRWXU) == 0;
 }
 
 std::string executablePath() {
@@ -89,7 +89,7 @@ void atFork(void (*before)(), void (*inParent)(), void (*inChild)()) {
 }
 
 std::FILE* openForAppending(const char* path) {
-    const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (file < 0) {
         return nullptr;
     }

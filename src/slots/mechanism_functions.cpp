@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "frame/entry_frame.h"
+#include "frame/mechanism_table.h"
 #include "slots/slot_table.h"
 
 using namespace zentak;
@@ -94,9 +95,8 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM
             return refuse(CKR_ARGUMENTS_BAD, "C_GetMechanismInfo: pInfo is NULL");
         }
         logDebug("C_GetMechanismInfo -- type : ", type);
-        const auto* mechanism = std::find_if(mechanisms.begin(), mechanisms.end(),
-                                             [&](const MechanismEntry& entry) { return entry.type == type; });
-        if (mechanism == mechanisms.end()) {
+        const MechanismEntry* mechanism = findMechanism(mechanisms, type);
+        if (mechanism == nullptr) {
             return refuse(CKR_MECHANISM_INVALID, "C_GetMechanismInfo: unsupported mechanism type=", type);
         }
         pInfo->ulMinKeySize = mechanism->minimumBits;
