@@ -1,0 +1,47 @@
+/// A host of the module in the benchmarks: loads it, logs in to the one token that is plugged in, finds keys.
+
+#ifndef ZENTAK_BENCH_MODULE_CLIENT_H
+#define ZENTAK_BENCH_MODULE_CLIENT_H
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "frame/cryptoki.h"
+
+namespace bench {
+
+inline constexpr const char* userPin = "12345678";
+
+/// The folder of the running program, where the module lies too.
+std::filesystem::path programFolder();
+
+/// A symbol of the shared library in that folder, which stays loaded. Throws std::runtime_error.
+void* librarySymbol(const char* library, const char* name);
+
+/// Throws std::runtime_error with the call's name unless the result is CKR_OK.
+void require(CK_RV result, const char* call);
+
+/// The module's functions; the first call loads it.
+const CK_FUNCTION_LIST& module();
+
+/// Initialises the module and opens a read/write session of the user, as long as the object lives.
+class UserSession {
+public:
+    UserSession();
+    UserSession(const UserSession&) = delete;
+    UserSession& operator=(const UserSession&) = delete;
+    ~UserSession();
+
+    [[nodiscard]] CK_SESSION_HANDLE handle() const { return handle_; }
+
+    /// The private keys with this CKA_ID, or all of them without one.
+    [[nodiscard]] std::vector<CK_OBJECT_HANDLE> privateKeys(std::string id = {}) const;
+
+private:
+    CK_SESSION_HANDLE handle_ = CK_INVALID_HANDLE;
+};
+
+}  // namespace bench
+
+#endif
