@@ -1,5 +1,6 @@
 #include "crypto_work.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <openssl/rsa.h>
 #include <stdexcept>
@@ -17,6 +18,10 @@ using softtoken::Key;
 using softtoken::KeyContext;
 
 constexpr std::size_t hashLength = 32;
+
+/// What stands before a SHA-256 hash in its DigestInfo.
+constexpr std::array<unsigned char, 19> sha256Prefix = {0x30, 0x31, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
+                                                        0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
 
 void expect(bool holds, const char* what) {
     if (!holds) throw std::runtime_error(std::string(what) + " failed");
@@ -103,17 +108,17 @@ Subject::Subject(const Keys& keys, const TokenStore& tokenStore, std::size_t cou
     : store(tokenStore),
       rsaNumber(count % 2 == 0 ? count - 1 : count),
       ecNumber(count % 2 == 0 ? count : count - 1),
+      ecOnToken(keys.at(ecNumber - 1)),
       rsa(loaded(keys.at(rsaNumber - 1))),
       ec(loaded(keys.at(ecNumber - 1))),
-      hash(hashLength, 0x5A),
-      rsaInput({0x30, 0x31, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00,
-                0x04, 0x20}) {
-    rsaInput.insert(rsaInput.end(), hash.begin(), hash.end());
-    rsaSignature = softtoken::signHash(rsa.get(), hash, false);
-    ecSignature = softtoken::signHash(ec.get(), hash, false);
+      hash(hashLength, 0x5A) {
+    rsaInput.resize(sha256Prefix.size() + hash.size());
+    std::copy(hash.begin(), hash.end(), std::copy(sha256Prefix.begin(), sha256Prefix.end(), rsaInput.begin()));
+    rsaSignature = softtoken::signHash(keys.at(rsaNumber - 1).get(), hash, false);
+    ecSignature = softtoken::signHash(ecOnToken.get(), hash, false);
     ecSignatureDer = signDirectly(ec, hash);
-    ciphertext = softtoken::encryptRsa(rsa.get(), hash, softtoken::Padding::pkcs1);
-    ciphertextOaep = softtoken::encryptRsa(rsa.get(), hash, softtoken::Padding::oaepSha1);
+    ciphertext = softtoken::encryptRsa(keys.at(rsaNumber - 1).get(), hash, softtoken::Padding::pkcs1);
+    ciphertextOaep = softtoken::encryptRsa(keys.at(rsaNumber - 1).get(), hash, softtoken::Padding::oaepSha1);
     peerPoint = softtoken::publicKeyBytes(softtoken::generateKey(*softtoken::keyTypeOfCode(5)).get());
 }
 
@@ -138,15 +143,15 @@ Work moduleWork(const Subject& subject, const UserSession& userSession) {
         CK_MECHANISM mechanism = {type, nullptr, 0};
         Bytes signature(512);
         CK_ULONG length = signature.size();
-        require(module().C_SignInit(session, &mechanism, key), "C_SignInit");
-        require(module().C_Sign(session, pointer(input), input.size(), signature.data(), &length), "C_Sign");
+        require(cryptoki().C_SignInit(session, &mechanism, key), "C_SignInit");
+        require(cryptoki().C_Sign(session, pointer(input), input.size(), signature.data(), &length), "C_Sign");
         signature.resize(length);
         return signature;
     };
     const auto verify = [=](CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& input, const Bytes& signature) {
         CK_MECHANISM mechanism = {type, nullptr, 0};
-        require(module().C_VerifyInit(session, &mechanism, key), "C_VerifyInit");
-        require(module().C_Verify(session, pointer(input), input.size(), pointer(signature), signature.size()),
+        require(cryptoki().C_VerifyInit(session, &mechanism, key), "C_VerifyInit");
+        require(cryptoki().C_Verify(session, pointer(input), input.size(), pointer(signature), signature.size()),
                 "C_Verify");
         return Bytes{1};
     };
@@ -154,8 +159,8 @@ Work moduleWork(const Subject& subject, const UserSession& userSession) {
         CK_MECHANISM mechanism = {type, nullptr, 0};
         Bytes plaintext(512);
         CK_ULONG length = plaintext.size();
-        require(module().C_DecryptInit(session, &mechanism, rsa), "C_DecryptInit");
-        require(module().C_Decrypt(session, pointer(ciphertext), ciphertext.size(), plaintext.data(), &length),
+        require(cryptoki().C_DecryptInit(session, &mechanism, rsa), "C_DecryptInit");
+        require(cryptoki().C_Decrypt(session, pointer(ciphertext), ciphertext.size(), plaintext.data(), &length),
                 "C_Decrypt");
         plaintext.resize(length);
         return plaintext;
@@ -164,7 +169,7 @@ Work moduleWork(const Subject& subject, const UserSession& userSession) {
         CK_ECDH1_DERIVE_PARAMS parameters = {CKD_NULL, 0, nullptr, point.size(), pointer(point)};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
         CK_OBJECT_HANDLE secret = CK_INVALID_HANDLE;
-        require(module().C_DeriveKey(session, &mechanism, ec, nullptr, 0, &secret), "C_DeriveKey");
+        require(cryptoki().C_DeriveKey(session, &mechanism, ec, nullptr, 0, &secret), "C_DeriveKey");
         const auto* const bytes = reinterpret_cast<const unsigned char*>(&secret);
         return Bytes(bytes, bytes + sizeof secret);
     };
@@ -246,13 +251,14 @@ void requireSameResults(const Subject& subject, const Work& direct, const Work& 
     expect(module.rsaDecrypt() == subject.hash && boundary.rsaDecrypt() == subject.hash, "decryption");
     expect(module.rsaDecryptOaep() == subject.hash && boundary.rsaDecryptOaep() == subject.hash, "decryption (OAEP)");
     for (const Work* work : {&module, &boundary}) {
-        expect(softtoken::verifyHash(subject.ec.get(), subject.hash, work->ecSign(), false), "the ECDSA signature");
+        expect(softtoken::verifyHash(subject.ecOnToken.get(), subject.hash, work->ecSign(), false),
+               "the ECDSA signature");
     }
     const Bytes handle = module.derive();
     Bytes secret(32);
     CK_ATTRIBUTE wanted = {CKA_VALUE, secret.data(), secret.size()};
-    require(bench::module().C_GetAttributeValue(session.handle(),
-                                                *reinterpret_cast<const CK_OBJECT_HANDLE*>(handle.data()), &wanted, 1),
+    require(cryptoki().C_GetAttributeValue(session.handle(), *reinterpret_cast<const CK_OBJECT_HANDLE*>(handle.data()),
+                                           &wanted, 1),
             "C_GetAttributeValue");
     expect(secret == direct.derive() && secret == boundary.derive(), "the same shared secret");
     for (const Work* work : {&direct, &module, &boundary}) {

@@ -21,6 +21,7 @@ struct Subject {
     const TokenStore& store;
     std::size_t rsaNumber;  ///< of the key pair on the token
     std::size_t ecNumber;
+    softtoken::Key ecOnToken;
     softtoken::Key rsa;  ///< loaded anew, in OpenSSL's default library context
     softtoken::Key ec;
     Bytes hash;

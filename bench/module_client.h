@@ -23,7 +23,7 @@ void* librarySymbol(const char* library, const char* name);
 void require(CK_RV result, const char* call);
 
 /// The module's functions; the first call loads it.
-const CK_FUNCTION_LIST& module();
+const CK_FUNCTION_LIST& cryptoki();
 
 /// Initialises the module and opens a read/write session of the user, as long as the object lives.
 class UserSession {

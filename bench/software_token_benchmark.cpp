@@ -12,6 +12,7 @@
 
 #include "crypto_work.h"
 #include "module_client.h"
+#include "platform.h"
 #include "samples.h"
 #include "start_costs.h"
 #include "token_stores.h"
@@ -99,10 +100,10 @@ void generateAndDestroy(CK_SESSION_HANDLE session) {
     CK_MECHANISM mechanism = {CKM_EC_KEY_PAIR_GEN, nullptr, 0};
     CK_OBJECT_HANDLE publicKey = CK_INVALID_HANDLE;
     CK_OBJECT_HANDLE privateKey = CK_INVALID_HANDLE;
-    require(module().C_GenerateKeyPair(session, &mechanism, &publicTemplate, 1, &privateTemplate, 1, &publicKey,
-                                       &privateKey),
+    require(cryptoki().C_GenerateKeyPair(session, &mechanism, &publicTemplate, 1, &privateTemplate, 1, &publicKey,
+                                         &privateKey),
             "C_GenerateKeyPair");
-    require(module().C_DestroyObject(session, privateKey), "C_DestroyObject");
+    require(cryptoki().C_DestroyObject(session, privateKey), "C_DestroyObject");
 }
 
 /// Beside the least that it can cost: OpenSSL makes a pair, and a file of the token's size is replaced twice.

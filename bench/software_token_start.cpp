@@ -38,13 +38,13 @@ void signWithOpenSsl(const char* file) {
 void signWithModule(const bench::UserSession& session, CK_OBJECT_HANDLE key) {
     CK_KEY_TYPE type = 0;
     CK_ATTRIBUTE wanted = {CKA_KEY_TYPE, &type, sizeof type};
-    bench::require(bench::module().C_GetAttributeValue(session.handle(), key, &wanted, 1), "C_GetAttributeValue");
+    bench::require(bench::cryptoki().C_GetAttributeValue(session.handle(), key, &wanted, 1), "C_GetAttributeValue");
     CK_MECHANISM mechanism = {type == CKK_RSA ? CKM_RSA_PKCS : CKM_ECDSA, nullptr, 0};
     CK_BYTE hash[32] = {};
     CK_BYTE signature[1024];
     CK_ULONG length = sizeof signature;
-    bench::require(bench::module().C_SignInit(session.handle(), &mechanism, key), "C_SignInit");
-    bench::require(bench::module().C_Sign(session.handle(), hash, sizeof hash, signature, &length), "C_Sign");
+    bench::require(bench::cryptoki().C_SignInit(session.handle(), &mechanism, key), "C_SignInit");
+    bench::require(bench::cryptoki().C_Sign(session.handle(), hash, sizeof hash, signature, &length), "C_Sign");
 }
 
 /// Of the process since it was started, in KiB.

@@ -1,6 +1,7 @@
 #include "token_stores.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <stdexcept>
@@ -75,10 +76,13 @@ double countLogLevelReads(const RunFolder& folder, const std::function<void()>& 
     }
     for (int i = 0; i < repetitions; ++i) work();
     int opened = 0;
-    inotify_event events[512];
+    inotify_event event{};
+    char events[16384];
     for (ssize_t size = 0; (size = read(watcher, events, sizeof events)) > 0;) {
-        const auto count = static_cast<std::size_t>(size) / sizeof(inotify_event);
-        for (std::size_t i = 0; i < count; ++i) opened += (events[i].mask & IN_OPEN) != 0 ? 1 : 0;
+        for (ssize_t place = 0; place < size; place += static_cast<ssize_t>(sizeof event + event.len)) {
+            std::memcpy(&event, events + place, sizeof event);
+            if ((event.mask & IN_OPEN) != 0) ++opened;
+        }
     }
     close(watcher);
     fs::remove(file);
