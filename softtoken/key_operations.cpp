@@ -242,8 +242,10 @@ SecretBytes deriveEcdh(EVP_PKEY* key, ByteView peer) {
     const KeyContext context = contextFor(key);
     SecretBytes secret(type->fieldLength);
     std::size_t length = secret.size();
+    // The peer isn't validated again, which would cost a multiplication of its own: a point other than infinity that
+    // lies on one of these curves, whose cofactor is 1, is a valid public key.
     requireCrypto(EVP_PKEY_derive_init(context.get()) == 1 &&
-                      EVP_PKEY_derive_set_peer(context.get(), peerKey.get()) == 1 &&
+                      EVP_PKEY_derive_set_peer_ex(context.get(), peerKey.get(), 0) == 1 &&
                       EVP_PKEY_derive(context.get(), secret.data(), &length) == 1,
                   "key agreement");
     secret.resize(length);

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "errors.h"
+#include "key_numbers.h"
 
 namespace softtoken {
 
@@ -21,43 +22,14 @@ constexpr std::array<KeyType, 7> keyTypes = {{
     {7, 0, "P-521", 66},
 }};
 
-constexpr BN_ULONG publicExponent = 65537;
-
 [[noreturn]] void noRsaKey() {
     throw Failure(Error::unsupportedKey, "the numbers are no RSA key with the public exponent 65537");
-}
-
-BigNumber numberFrom(ByteView bytes) {
-    BigNumber number(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));
-    requireCrypto(number != nullptr, "reading a number");
-    BN_set_flags(number.get(), BN_FLG_CONSTTIME);
-    return number;
-}
-
-BigNumber newNumber() {
-    BigNumber number(BN_secure_new());
-    requireCrypto(number != nullptr, "memory for a number");
-    return number;
 }
 
 BigNumber parameterOf(const EVP_PKEY* key, const char* name) {
     BIGNUM* number = nullptr;
     EVP_PKEY_get_bn_param(key, name, &number);
     return BigNumber(number);
-}
-
-// Object identifiers instead of "RSA" and "EC": by those names OpenSSL first asks the engine that the host made its
-// default, and engine_pkcs11 answers for both but can't take a key's numbers.
-constexpr const char* rsaAlgorithm = "1.2.840.113549.1.1.1";
-constexpr const char* ecAlgorithm = "1.2.840.10045.2.1";
-
-Key keyFromParameters(const char* algorithm, int selection, OSSL_PARAM_BLD* builder) {
-    const Parameters parameters(OSSL_PARAM_BLD_to_param(builder));
-    const KeyContext context(EVP_PKEY_CTX_new_from_name(cryptoContext(), algorithm, nullptr));
-    requireCrypto(parameters && context && EVP_PKEY_fromdata_init(context.get()) == 1, "composing a key");
-    EVP_PKEY* key = nullptr;
-    if (EVP_PKEY_fromdata(context.get(), &key, selection, parameters.get()) != 1) return nullptr;
-    return ownKey(key);
 }
 
 bool isCurve(const EVP_PKEY* key, const KeyType& type) {
@@ -141,27 +113,10 @@ Key composeRsaKey(ByteView modulus, ByteView privateExponent, ByteView prime1) {
         }
     }
     const BigNumber coefficient(BN_mod_inverse(nullptr, q.get(), p.get(), context.get()));
-    const ParameterBuilder builder(OSSL_PARAM_BLD_new());
-    requireCrypto(coefficient && builder &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) == 1 &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) == 1 &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_D, d.get()) == 1 &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_FACTOR1, p.get()) == 1 &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_FACTOR2, q.get()) == 1 &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_EXPONENT1, exponent1.get()) == 1 &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_EXPONENT2, exponent2.get()) == 1 &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_COEFFICIENT1, coefficient.get()) == 1,
-                  "composing a key");
-    Key key = keyFromParameters(rsaAlgorithm, EVP_PKEY_KEYPAIR, builder.get());
+    requireCrypto(coefficient != nullptr, "computing with the key's numbers");
+    Key key = rsaPrivateKey(
+        {n.get(), e.get(), d.get(), p.get(), q.get(), exponent1.get(), exponent2.get(), coefficient.get()});
     if (!key) noRsaKey();
-    return key;
-}
-
-Key decodePrivateKey(ByteView pkcs8) {
-    const unsigned char* position = pkcs8.data();
-    Key key =
-        ownKey(d2i_AutoPrivateKey_ex(nullptr, &position, static_cast<long>(pkcs8.size()), cryptoContext(), nullptr));
-    if (!key) throw Failure(Error::tokenDamaged, "a private key of the token can't be read");
     return key;
 }
 
@@ -197,35 +152,6 @@ Bytes publicKeyBytes(const EVP_PKEY* key) {
         return point;
     }
     return {};
-}
-
-Key decodeSubjectPublicKeyInfo(ByteView der) {
-    const unsigned char* position = der.data();
-    return ownKey(d2i_PUBKEY_ex(nullptr, &position, static_cast<long>(der.size()), cryptoContext(), nullptr));
-}
-
-Key publicKeyFromPoint(const KeyType& type, ByteView point) {
-    if (type.curve == nullptr || point.size() != 1 + 2 * type.fieldLength || point[0] != 0x04) return nullptr;
-    const ParameterBuilder builder(OSSL_PARAM_BLD_new());
-    requireCrypto(
-        builder && OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, type.curve, 0) == 1 &&
-            OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()) == 1,
-        "composing a key");
-    return keyFromParameters(ecAlgorithm, EVP_PKEY_PUBLIC_KEY, builder.get());
-}
-
-Key decodePublicKey(const KeyType* type, ByteView bytes) {
-    if (bytes.empty() || bytes.size() > 4096) return nullptr;
-    if (bytes[0] == 0x30) return decodeSubjectPublicKeyInfo(bytes);
-    if (type != nullptr && type->curve != nullptr) return publicKeyFromPoint(*type, bytes);
-    const BigNumber modulus = numberFrom(bytes);
-    const BigNumber exponent = newNumber();
-    const ParameterBuilder builder(OSSL_PARAM_BLD_new());
-    requireCrypto(builder && BN_set_word(exponent.get(), publicExponent) == 1 &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, modulus.get()) == 1 &&
-                      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) == 1,
-                  "composing a key");
-    return keyFromParameters(rsaAlgorithm, EVP_PKEY_PUBLIC_KEY, builder.get());
 }
 
 }  // namespace softtoken
