@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t retiredSnapshots = 4;
 constexpr std::size_t rememberedPublicKeys = 32;
 /// Two changes within the clock's resolution can't be told apart by their times, so a file that was read so soon after
-/// its change is read again.
+/// its change is looked into again.
 constexpr std::int64_t settlingTime = 100'000'000;
 
 template <std::size_t size>
@@ -60,6 +60,12 @@ std::shared_ptr<Snapshot> Instance::snapshot(std::string_view serialNumber) {
     return refreshed(serialNumber).snapshot;
 }
 
+Instance::Reading Instance::readingOf(std::string_view serialNumber) {
+    const std::lock_guard lock(mutex_);
+    const Device& device = refreshed(serialNumber);
+    return {device.snapshot, device.version};
+}
+
 Attempts Instance::attempts(std::string_view serialNumber) {
     return store_.loadAttempts(serialNumber);
 }
@@ -83,16 +89,17 @@ Instance::Device& Instance::refreshed(std::string_view serialNumber) {
         found->second.file = file;
     }
     Device& device = found->second;
-    const bool settled = std::abs(device.readAt - device.stamp.modified) > settlingTime;
-    if (device.snapshot && settled && device.stamp == *stamp) return device;
-    device.readAt = fileClockNow();
+    const bool sameStamp = device.snapshot && device.version.stamp == *stamp;
+    const bool settled = std::abs(device.checkedAt - stamp->modified) > settlingTime;
+    if (sameStamp && settled) return device;
+    device.checkedAt = fileClockNow();
     try {
-        read(device, serialNumber);
+        if (!sameStamp || readTokenChecksum(device.file) != device.version.checksum) read(device, serialNumber);
     } catch (...) {
         devices_.erase(found);
         throw;
     }
-    device.stamp = *stamp;
+    device.version.stamp = *stamp;
     return device;
 }
 
@@ -100,7 +107,11 @@ void Instance::read(Device& device, std::string_view serialNumber) {
     const auto document = readTokenFile(device.file);
     if (!document) throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
     TokenData token = readTokenDataOf(serialNumber, *document);
-    if (device.snapshot && device.snapshot->token == token) return;
+    device.version.checksum = checksumOf(*document);
+    if (!device.snapshot || device.snapshot->token != token) publish(device, std::move(token));
+}
+
+void Instance::publish(Device& device, TokenData token) {
     const auto fresh = std::make_shared<Snapshot>();
     fresh->keyPairs.reserve(token.keyPairs.size());
     fresh->certificates.reserve(token.certificates.size());
@@ -136,9 +147,11 @@ bool Instance::isVerified(const Device& device, const PinDigest& digest) {
 }
 
 SecretBytes Instance::verifyPin(std::string_view serialNumber, std::string_view pin, const PinDigest& digest) {
-    const PinSection section = snapshot(serialNumber)->token.user;
+    const Reading reading = readingOf(serialNumber);
+    const PinSection& section = reading.snapshot->token.user;
     try {
-        SecretBytes key = store_.checkPin(serialNumber, Role::user, pin);
+        const KnownToken known = reading.known();
+        SecretBytes key = store_.checkPin(serialNumber, Role::user, pin, &known);
         const std::lock_guard lock(mutex_);
         Device& device = refreshed(serialNumber);
         device.verified = VerifiedPin{section, digest, key};
@@ -172,7 +185,7 @@ void Instance::login(std::string_view serialNumber, Role role, std::string_view 
     if (!verified || left == 0) {
         static_cast<void>(verifyPin(serialNumber, pin, digest));
     } else if (left != maximum) {
-        store_.resetAttempts(serialNumber, role);
+        store_.resetAttempts(serialNumber, role, maximum);
     }
 }
 
@@ -232,8 +245,18 @@ Key Instance::privateKey(std::string_view serialNumber, const Reference& keyId, 
 }
 
 void Instance::change(std::string_view serialNumber, const std::function<void(TokenData&)>& change) {
-    static_cast<void>(snapshot(serialNumber));
-    store_.change(serialNumber, change);
+    const Reading reading = readingOf(serialNumber);
+    const KnownToken known = reading.known();
+    ChangedToken changed = store_.change(serialNumber, change, &known);
+    const std::lock_guard lock(mutex_);
+    const auto found = devices_.find(serialNumber);
+    if (found == devices_.end()) return;
+    // What was written needn't be read. The next look compares checksums, in case that others have changed it since.
+    Device& device = found->second;
+    device.checkedAt = changed.version.stamp.modified;
+    device.version = std::move(changed.version);
+    const bool unchanged = device.snapshot == reading.snapshot && device.version.checksum == reading.version.checksum;
+    if (!unchanged) publish(device, std::move(changed.token));
 }
 
 Key Instance::publicKey(int keyType, ByteView bytes) {

@@ -80,12 +80,19 @@ private:
     };
     struct Device {
         std::filesystem::path file;
-        FileStamp stamp;
-        std::int64_t readAt = 0;
+        TokenVersion version;
+        std::int64_t checkedAt = 0;  ///< when the version was last compared by more than its stamp
         std::shared_ptr<Snapshot> snapshot;
         std::optional<VerifiedPin> verified;
         std::optional<RefusedPin> refused;
         std::map<Reference, LoadedKey> keys;
+    };
+    /// A token as it was read last, kept for as long as somebody works with it.
+    struct Reading {
+        std::shared_ptr<Snapshot> snapshot;
+        TokenVersion version;
+
+        [[nodiscard]] KnownToken known() const { return {snapshot->token, version}; }
     };
     struct PublicKeyEntry {
         int keyType;
@@ -93,9 +100,12 @@ private:
         Key key;
     };
 
+    Reading readingOf(std::string_view serialNumber);
+
     // The caller of these holds the mutex.
     Device& refreshed(std::string_view serialNumber);
     void read(Device& device, std::string_view serialNumber);
+    void publish(Device& device, TokenData token);
     static bool isVerified(const Device& device, const PinDigest& digest);
 
     [[nodiscard]] PinDigest digestOf(std::string_view pin) const;

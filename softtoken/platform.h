@@ -62,6 +62,10 @@ std::int64_t fileClockNow();
 /// The whole file; nothing when it isn't there. Throws Error::storeFailed when it can't be read.
 std::optional<std::string> readFile(const std::filesystem::path& file);
 
+/// The last bytes of a file, as many as asked for; nothing when it isn't there or shorter. Throws Error::storeFailed
+/// when it can't be read.
+std::optional<std::string> readFileEnd(const std::filesystem::path& file, std::size_t length);
+
 /// Replaces the file by one with this content, or makes it. Whenever the process or the machine stops, the old or the
 /// new content is there. Throws Error::storeFailed. Two callers at the same file exclude each other by a FileLock.
 void replaceFile(const std::filesystem::path& file, std::string_view content);

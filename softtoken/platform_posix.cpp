@@ -196,6 +196,26 @@ std::optional<std::string> readFile(const fs::path& file) {
     }
 }
 
+std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length) {
+    const Descriptor descriptor(openRetrying(file, O_RDONLY));
+    if (descriptor.get() < 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+        failStore("open", file);
+    }
+    struct stat status {};
+    if (fstat(descriptor.get(), &status) != 0) failStore("look at", file);
+    const off_t start = status.st_size - static_cast<off_t>(length);
+    std::string content(length, '\0');
+    if (start < 0) return std::nullopt;
+    ssize_t count = -1;
+    do {
+        count = pread(descriptor.get(), content.data(), length, start);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0) failStore("read", file);
+    if (static_cast<std::size_t>(count) != length) return std::nullopt;
+    return content;
+}
+
 void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += ".new";

@@ -91,6 +91,19 @@ void writeNewFile(const fs::path& file, std::string_view content) {
 
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
+/// INVALID_HANDLE_VALUE when there is no such file.
+HANDLE openForReading(const fs::path& file) {
+    HANDLE opened = INVALID_HANDLE_VALUE;
+    const DWORD number = retryWhileInUse([&] {
+        opened =
+            CreateFileW(file.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        return opened != INVALID_HANDLE_VALUE;
+    });
+    const bool missing = number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND;
+    if (opened == INVALID_HANDLE_VALUE && !missing) failStore("open", file, number);
+    return opened;
+}
+
 /// FILETIME counts steps of 100 ns.
 std::int64_t nanoseconds(const FILETIME& time) {
     return ((static_cast<std::int64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime) * 100;
@@ -181,17 +194,8 @@ std::int64_t fileClockNow() {
 }
 
 std::optional<std::string> readFile(const fs::path& file) {
-    HANDLE opened = INVALID_HANDLE_VALUE;
-    const DWORD number = retryWhileInUse([&] {
-        opened =
-            CreateFileW(file.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-        return opened != INVALID_HANDLE_VALUE;
-    });
-    const Handle handle(opened);
-    if (!handle.valid()) {
-        if (number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND) return std::nullopt;
-        failStore("open", file, number);
-    }
+    const Handle handle(openForReading(file));
+    if (!handle.valid()) return std::nullopt;
     std::string content;
     std::vector<char> part(65536);
     for (;;) {
@@ -202,6 +206,24 @@ std::optional<std::string> readFile(const fs::path& file) {
         if (count == 0) return content;
         content.append(part.data(), count);
     }
+}
+
+std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length) {
+    const Handle handle(openForReading(file));
+    if (!handle.valid()) return std::nullopt;
+    LARGE_INTEGER size{};
+    if (!GetFileSizeEx(handle.get(), &size)) failStore("look at", file, GetLastError());
+    LARGE_INTEGER start{};
+    start.QuadPart = size.QuadPart - static_cast<LONGLONG>(length);
+    if (start.QuadPart < 0) return std::nullopt;
+    std::string content(length, '\0');
+    DWORD count = 0;
+    if (!SetFilePointerEx(handle.get(), start, nullptr, FILE_BEGIN) ||
+        !ReadFile(handle.get(), content.data(), static_cast<DWORD>(length), &count, nullptr)) {
+        failStore("read", file, GetLastError());
+    }
+    if (count != length) return std::nullopt;
+    return content;
 }
 
 void replaceFile(const fs::path& file, std::string_view content) {

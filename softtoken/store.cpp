@@ -49,6 +49,14 @@ std::optional<std::string> readTokenFile(const fs::path& file) {
     return readFile(file);
 }
 
+std::optional<std::string> readTokenChecksum(const fs::path& file) {
+    return readFileEnd(file, checksumLength);
+}
+
+std::string checksumOf(std::string_view document) {
+    return std::string(document.substr(document.size() - std::min(document.size(), checksumLength)));
+}
+
 std::vector<std::string> Store::list(const char* folder) const {
     std::vector<std::string> serialNumbers;
     std::error_code error;
@@ -141,13 +149,29 @@ void Store::add(const TokenData& token, const Attempts& attempts) {
     moveFolder(made, root_ / "plugged" / token.serialNumber);
 }
 
-void Store::change(std::string_view serialNumber, const std::function<void(TokenData&)>& change) {
+bool Store::isPresent(const KnownToken* known, std::string_view serialNumber) const {
+    if (known == nullptr) return false;
+    const fs::path file = folderOf(serialNumber) / tokenFileName;
+    return fileStamp(file) == known->version.stamp && readTokenChecksum(file) == known->version.checksum;
+}
+
+ChangedToken Store::change(std::string_view serialNumber, const std::function<void(TokenData&)>& change,
+                           const KnownToken* known) {
     const FileLock lock = lockFor(serialNumber);
-    const std::string before = readDocument(serialNumber);
-    TokenData token = readTokenDataOf(serialNumber, before);
-    change(token);
-    const std::string after = writeTokenData(token);
-    if (after != before) replaceFile(folderOf(serialNumber) / tokenFileName, after);
+    ChangedToken changed;
+    if (isPresent(known, serialNumber)) {
+        changed = {known->token, known->version};
+    } else {
+        const std::string before = readDocument(serialNumber);
+        changed.token = readTokenDataOf(serialNumber, before);
+        changed.version.checksum = checksumOf(before);
+    }
+    change(changed.token);
+    const std::string after = writeTokenData(changed.token);
+    const fs::path file = folderOf(serialNumber) / tokenFileName;
+    if (checksumOf(after) != changed.version.checksum) replaceFile(file, after);
+    changed.version = {fileStamp(file).value_or(FileStamp()), checksumOf(after)};
+    return changed;
 }
 
 void Store::remove(std::string_view serialNumber) {
@@ -165,17 +189,21 @@ void Store::move(std::string_view serialNumber, const char* from, const char* to
     moveFolder(root_ / from / serialNumber, target);
 }
 
-SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::string_view pin) {
+SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::string_view pin, const KnownToken* known) {
     requirePinLength(pin);
     static_cast<void>(folderOf(serialNumber));
     // One at a time: several processes that log in at once with the right PIN would use up each other's attempts.
     const FileLock turn(root_ / "pin-lock");
-    TokenData token;
+    PinSection section;
     int left = 0;
     {
         const FileLock lock = lockFor(serialNumber);
-        token = load(serialNumber);
-        sectionOf(token, role);
+        if (isPresent(known, serialNumber)) {
+            section = sectionOf(known->token, role);
+        } else {
+            const TokenData token = load(serialNumber);
+            section = sectionOf(token, role);
+        }
         const fs::path folder = folderOf(serialNumber);
         Attempts attempts = loadAttempts(serialNumber);
         left = attemptsOf(attempts, role);
@@ -184,12 +212,12 @@ SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::strin
         replaceFile(folder / attemptsFileName, writeAttempts(attempts));
     }
     // The slow part doesn't keep others from changing tokens.
-    auto tokenKey = openPinSection(sectionOf(token, role), serialNumber, role, pin);
+    auto tokenKey = openPinSection(section, serialNumber, role, pin);
     if (!tokenKey) {
         throw PinFailure(left == 0 ? Error::pinLocked : Error::pinIncorrect, left,
                          "the PIN is wrong, attempts left: " + std::to_string(left));
     }
-    resetAttempts(serialNumber, role);
+    resetAttempts(serialNumber, role, section.maximumAttempts);
     return *std::move(tokenKey);
 }
 
@@ -209,13 +237,12 @@ void Store::setPin(std::string_view serialNumber, Role role, std::string_view ne
             token.officer = section;
         }
     });
-    resetAttempts(serialNumber, role);
+    resetAttempts(serialNumber, role, section.maximumAttempts);
 }
 
-void Store::resetAttempts(std::string_view serialNumber, Role role) {
+void Store::resetAttempts(std::string_view serialNumber, Role role, int maximum) {
     const FileLock lock = lockFor(serialNumber);
     const fs::path folder = folderOf(serialNumber);
-    const int maximum = sectionOf(load(serialNumber), role).maximumAttempts;
     Attempts attempts = loadAttempts(serialNumber);
     if (attemptsOf(attempts, role) == maximum) return;
     attemptsOf(attempts, role) = maximum;

@@ -21,6 +21,24 @@
 
 namespace softtoken {
 
+/// Tells the versions of a token's file apart: the stamp cheaply, the checksum with certainty.
+struct TokenVersion {
+    FileStamp stamp;
+    std::string checksum;
+};
+
+/// A token as it was read or written. Where its file is still the same, which the store makes sure of, it isn't read
+/// again.
+struct KnownToken {
+    const TokenData& token;
+    const TokenVersion& version;
+};
+
+struct ChangedToken {
+    TokenData token;
+    TokenVersion version;
+};
+
 class Store {
 public:
     explicit Store(std::filesystem::path root) : root_(std::move(root)) {}
@@ -45,8 +63,9 @@ public:
     void add(const TokenData& token, const Attempts& attempts);
 
     /// Changes a token under the store's lock: `change` gets the present state, and what it leaves is written unless it
-    /// throws.
-    void change(std::string_view serialNumber, const std::function<void(TokenData&)>& change);
+    /// throws. Answers what was left.
+    ChangedToken change(std::string_view serialNumber, const std::function<void(TokenData&)>& change,
+                        const KnownToken* known = nullptr);
 
     void plug(std::string_view serialNumber) { move(serialNumber, "unplugged", "plugged"); }
     void unplug(std::string_view serialNumber) { move(serialNumber, "plugged", "unplugged"); }
@@ -54,13 +73,14 @@ public:
 
     /// The token key, when the PIN is right. An attempt is taken off, on disk, before the PIN is looked at, and all are
     /// given back when it is right. Throws PinFailure otherwise.
-    SecretBytes checkPin(std::string_view serialNumber, Role role, std::string_view pin);
+    SecretBytes checkPin(std::string_view serialNumber, Role role, std::string_view pin,
+                         const KnownToken* known = nullptr);
 
     /// Gives the role a new PIN and all its attempts. The token key comes from checkPin.
     void setPin(std::string_view serialNumber, Role role, std::string_view newPin, ByteView tokenKey,
                 bool userPinChanged);
 
-    void resetAttempts(std::string_view serialNumber, Role role);
+    void resetAttempts(std::string_view serialNumber, Role role, int maximum);
 
 private:
     [[nodiscard]] std::vector<std::string> list(const char* folder) const;
@@ -68,6 +88,7 @@ private:
     [[nodiscard]] std::optional<std::string> readFileOf(std::string_view serialNumber, const char* name) const;
     /// The content of a token's main file.
     [[nodiscard]] std::string readDocument(std::string_view serialNumber) const;
+    [[nodiscard]] bool isPresent(const KnownToken* known, std::string_view serialNumber) const;
     /// Asks for the token first, so that a question about an unknown one leaves no lock file behind.
     [[nodiscard]] FileLock lockFor(std::string_view serialNumber) const;
     void move(std::string_view serialNumber, const char* from, const char* to);
@@ -78,6 +99,11 @@ private:
 /// Reads a file of a token. Nothing when it isn't there or no regular file. Throws Error::tokenDamaged when it is too
 /// large to be a token's, and Error::storeFailed when it can't be read.
 std::optional<std::string> readTokenFile(const std::filesystem::path& file);
+
+/// The checksum at the end of a token's file; nothing when the file isn't there. Throws Error::storeFailed.
+std::optional<std::string> readTokenChecksum(const std::filesystem::path& file);
+/// The same of the file's content.
+std::string checksumOf(std::string_view document);
 
 /// A token from its file's content. Throws Error::tokenDamaged, also when it is another token's, and
 /// Error::unknownVersion.

@@ -13,7 +13,6 @@ namespace {
 constexpr std::string_view tokenFormat = "zentak-software-token";
 constexpr std::string_view attemptsFormat = "zentak-software-token-attempts";
 constexpr std::string_view formatVersion = "1";
-constexpr std::size_t checksumLength = 32;
 constexpr std::uint32_t kdfPbkdf2Sha256 = 1;
 /// More would keep a host waiting for minutes at a file that somebody prepared.
 constexpr std::uint32_t maximumIterations = 20'000'000;

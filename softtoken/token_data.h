@@ -88,6 +88,9 @@ TokenData readTokenData(std::string_view document);
 std::string writeAttempts(const Attempts& attempts);
 Attempts readAttempts(std::string_view document);
 
+/// A document ends with its checksum, of this many bytes.
+inline constexpr std::size_t checksumLength = 32;
+
 /// Upper-case hexadecimal text, two digits a byte.
 std::string hexText(ByteView bytes);
 /// Nothing when the text isn't pairs of hexadecimal digits.

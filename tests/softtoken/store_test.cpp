@@ -83,6 +83,36 @@ TEST_F(StoreTest, AnotherProcessesChangeIsSeenAtOnce) {
     }
 }
 
+TEST_F(StoreTest, ChangeOfAnotherProcessIsKeptByOnesOwn) {
+    // The instance knows the token's state from its own last change, and must notice that it isn't the present one.
+    ZentakKeyPair record{};
+    record.keyType = 5;
+    ASSERT_EQ(zentak_generateKeyPair(device(), userPin, &record, instance_), 0);
+    store_.change(serialNumber_, [](TokenData& token) { token.label = "changed"; });
+    ASSERT_EQ(zentak_deleteKeyPair(device(), record.keyId, userPin, false, instance_), 0);
+    EXPECT_EQ(store_.load(serialNumber_).label, "changed");
+    EXPECT_TRUE(store_.load(serialNumber_).keyPairs.empty());
+    EXPECT_EQ(zentak_getTokenInfo(device(), instance_).label, "changed");
+}
+
+TEST_F(StoreTest, OutdatedKnowledgeIsNotWritten) {
+    const TokenData before = store_.load(serialNumber_);
+    const TokenVersion version{*fileStamp(tokenFile()), checksumOf(fileContent(tokenFile()))};
+    const KnownToken known{before, version};
+    store_.change(serialNumber_, [](TokenData& token) { token.label = "first"; });
+    store_.change(
+        serialNumber_, [](TokenData& token) { token.model = "second"; }, &known);
+    EXPECT_EQ(store_.load(serialNumber_).label, "first");
+    EXPECT_EQ(store_.load(serialNumber_).model, "second");
+    // The same stamp on another content, as a clock without resolution would have it.
+    const TokenVersion coincidence{*fileStamp(tokenFile()), version.checksum};
+    const KnownToken mistaken{before, coincidence};
+    store_.change(
+        serialNumber_, [](TokenData& token) { token.model = "third"; }, &mistaken);
+    EXPECT_EQ(store_.load(serialNumber_).label, "first");
+    EXPECT_EQ(store_.load(serialNumber_).model, "third");
+}
+
 TEST_F(StoreTest, ReferenceToAListOutlivesAChange) {
     addKey(5);
     const auto& before = zentak_getKeyPairList(device(), instance_);
