@@ -78,24 +78,29 @@ Call::Call(const char* operation, Device& device)
     }
 }
 
-Call& Call::argument(const std::string& text) {
+Call& Call::argument(const char* text) {
+    return argument([&] { return std::string(text); });
+}
+
+template <typename MakeText>
+Call& Call::argument(const MakeText& makeText) {
     if (device_.records) {
-        text_ += (first_ ? "" : ", ") + text;
+        text_ += (first_ ? "" : ", ") + makeText();
         first_ = false;
     }
     return *this;
 }
 
 Call& Call::text(const char* value) {
-    return argument(value == nullptr ? "null" : shownText(value));
+    return argument([&] { return value == nullptr ? "null" : shownText(value); });
 }
 
 Call& Call::bytes(const unsigned char* value, int length) {
-    return argument(shownBytes(value, length) + ", " + std::to_string(length));
+    return argument([&] { return shownBytes(value, length) + ", " + std::to_string(length); });
 }
 
 Call& Call::number(long long value) {
-    return argument(std::to_string(value));
+    return argument([&] { return std::to_string(value); });
 }
 
 Call& Call::boolean(bool value) {
@@ -103,7 +108,7 @@ Call& Call::boolean(bool value) {
 }
 
 Call& Call::inOut(const int* value) {
-    return argument(value == nullptr ? "null" : "*" + std::to_string(*value));
+    return argument([&] { return value == nullptr ? "null" : "*" + std::to_string(*value); });
 }
 
 Call& Call::out(const void* area) {
@@ -111,7 +116,7 @@ Call& Call::out(const void* area) {
 }
 
 Call& Call::keyReference(const unsigned char* value) {
-    return argument(shownBytes(value, keyReferenceLength));
+    return argument([&] { return shownBytes(value, keyReferenceLength); });
 }
 
 Call& Call::instance(const void* value) {
@@ -125,12 +130,12 @@ Call& Call::context(const void* value) {
     if (value == nullptr) {
         return argument("null");
     }
-    const auto found = std::find_if(hidden_.contexts.begin(), hidden_.contexts.end(),
-                                    [&](const unsigned char& mark) { return &mark == value; });
-    if (found == hidden_.contexts.end()) {
-        return argument("foreign");
-    }
-    return argument("context#" + std::to_string(found - hidden_.contexts.begin() + 1));
+    return argument([&] {
+        const auto found = std::find_if(hidden_.contexts.begin(), hidden_.contexts.end(),
+                                        [&](const unsigned char& mark) { return &mark == value; });
+        return found == hidden_.contexts.end() ? "foreign"
+                                               : "context#" + std::to_string(found - hidden_.contexts.begin() + 1);
+    });
 }
 
 Call& Call::texts(const std::vector<std::string>& values) {
@@ -138,15 +143,18 @@ Call& Call::texts(const std::vector<std::string>& values) {
     for (const std::string& value : values) {
         list += (list.empty() ? "" : ", ") + shownText(value);
     }
-    return argument("[" + list + "]");
+    return argument([&] { return "[" + list + "]"; });
 }
 
 Call& Call::certificate(const ZentakCertificate* value) {
     if (value == nullptr) {
         return argument("null");
     }
-    return argument("{der=" + shownBytes(value->der, value->derLength) + ", objectId=" +
-                    shownBytes(value->objectId, value->objectIdLength) + ", label=" + shownField(value->label) + "}");
+    return argument([&] {
+        return "{der=" + shownBytes(value->der, value->derLength) +
+               ", objectId=" + shownBytes(value->objectId, value->objectIdLength) +
+               ", label=" + shownField(value->label) + "}";
+    });
 }
 
 Call& Call::pfx(const ImportPFXDetails* value) {
@@ -157,19 +165,22 @@ Call& Call::pfx(const ImportPFXDetails* value) {
     for (const Bytes& component : value->components) {
         components += (components.empty() ? "" : ", ") + shownBytes(component);
     }
-    return argument("{components=[" + components + "], keyUsage=" + std::to_string(value->keyUsage) +
-                    ", label=" + shownText(value->label) + ", objectId=" + shownBytes(value->objectId) +
-                    ", extra=" + shownBytes(value->extra) + "}");
+    return argument([&] {
+        return "{components=[" + components + "], keyUsage=" + std::to_string(value->keyUsage) +
+               ", label=" + shownText(value->label) + ", objectId=" + shownBytes(value->objectId) +
+               ", extra=" + shownBytes(value->extra) + "}";
+    });
 }
 
 Call& Call::keyPair(const ZentakKeyPair* value) {
     if (value == nullptr) {
         return argument("null");
     }
-    return argument("{objectId=" + shownBytes(value->objectId, value->objectIdLength) +
-                    ", objectIdLength=" + std::to_string(value->objectIdLength) +
-                    ", alias=" + shownField(value->alias) + ", keyUsage=" + std::to_string(value->keyUsage) +
-                    ", keyType=" + std::to_string(value->keyType) + "}");
+    return argument([&] {
+        return "{objectId=" + shownBytes(value->objectId, value->objectIdLength) +
+               ", objectIdLength=" + std::to_string(value->objectIdLength) + ", alias=" + shownField(value->alias) +
+               ", keyUsage=" + std::to_string(value->keyUsage) + ", keyType=" + std::to_string(value->keyType) + "}";
+    });
 }
 
 std::optional<int> Call::recordAndStrike() {

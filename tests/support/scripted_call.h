@@ -77,7 +77,10 @@ public:
     }
 
 private:
-    Call& argument(const std::string& text);
+    Call& argument(const char* text);
+    /// `makeText` is called only for a record: benchmarks do without, and the time for the text isn't the module's.
+    template <typename MakeText>
+    Call& argument(const MakeText& makeText);
     std::optional<int> recordAndStrike();
     int configuredResult(int defaultResult) const;
 
