@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <openssl/rsa.h>
 #include <stdexcept>
 
 #include "device/zentak_dsc_library.h"
 #include "key_operations.h"
+#include "module.h"
 #include "objects/object_handles.h"
 
 namespace bench {
@@ -92,9 +94,15 @@ Bytes deriveDirectly(const Key& key, const Bytes& point) {
     return secret;
 }
 
+void* librarySymbol(const char* name) {
+    void* const library = dlopen((support::moduleFile().parent_path() / "libZentakDSCLibrary.so").c_str(), RTLD_NOW);
+    void* const symbol = library == nullptr ? nullptr : dlsym(library, name);
+    if (symbol == nullptr) throw std::runtime_error(dlerror());
+    return symbol;
+}
+
 /// The device library's operations, found in its file so that this program starts without it.
-#define BOUNDARY(operation) \
-    reinterpret_cast<decltype(&(operation))>(librarySymbol("libZentakDSCLibrary.so", #operation))
+#define BOUNDARY(operation) reinterpret_cast<decltype(&(operation))>(librarySymbol(#operation))
 
 Bytes taken(unsigned char* allocated, int length) {
     Bytes bytes(allocated, allocated + length);

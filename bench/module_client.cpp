@@ -1,19 +1,36 @@
 #include "module_client.h"
 
-#include <dlfcn.h>
 #include <stdexcept>
+
+#include "module.h"
 
 namespace bench {
 
-std::filesystem::path programFolder() {
-    return std::filesystem::read_symlink("/proc/self/exe").parent_path();
+namespace {
+
+std::filesystem::path& chosenModule() {
+    static std::filesystem::path file = support::moduleFile();
+    return file;
 }
 
-void* librarySymbol(const char* library, const char* name) {
-    void* const handle = dlopen((programFolder() / library).c_str(), RTLD_NOW | RTLD_LOCAL);
-    void* const symbol = handle == nullptr ? nullptr : dlsym(handle, name);
-    if (symbol == nullptr) throw std::runtime_error(dlerror());
-    return symbol;
+/// A module may have slots besides that take a new token.
+CK_SLOT_ID slotOfToken() {
+    CK_ULONG count = 0;
+    require(cryptoki().C_GetSlotList(CK_TRUE, nullptr, &count), "C_GetSlotList");
+    std::vector<CK_SLOT_ID> slots(count);
+    require(cryptoki().C_GetSlotList(CK_TRUE, slots.data(), &count), "C_GetSlotList");
+    for (const CK_SLOT_ID slot : slots) {
+        CK_TOKEN_INFO information;
+        require(cryptoki().C_GetTokenInfo(slot, &information), "C_GetTokenInfo");
+        if ((information.flags & CKF_TOKEN_INITIALIZED) != 0) return slot;
+    }
+    throw std::runtime_error("there is no token");
+}
+
+}  // namespace
+
+void useModule(const std::filesystem::path& file) {
+    chosenModule() = file;
 }
 
 void require(CK_RV result, const char* call) {
@@ -21,25 +38,17 @@ void require(CK_RV result, const char* call) {
 }
 
 const CK_FUNCTION_LIST& cryptoki() {
-    static const CK_FUNCTION_LIST& functions = []() -> const CK_FUNCTION_LIST& {
-        const auto get =
-            reinterpret_cast<CK_C_GetFunctionList>(librarySymbol("libZentakPKCS11.so", "C_GetFunctionList"));
-        CK_FUNCTION_LIST_PTR list = nullptr;
-        require(get(&list), "C_GetFunctionList");
-        return *list;
-    }();
+    static const CK_FUNCTION_LIST& functions = support::functionsOf(support::loadModule(chosenModule()));
     return functions;
 }
 
 UserSession::UserSession() {
     require(cryptoki().C_Initialize(nullptr), "C_Initialize");
-    CK_SLOT_ID slot = 0;
-    CK_ULONG count = 1;
-    require(cryptoki().C_GetSlotList(CK_TRUE, &slot, &count), "C_GetSlotList");
-    require(cryptoki().C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &handle_),
+    require(cryptoki().C_OpenSession(slotOfToken(), CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &handle_),
             "C_OpenSession");
     std::string pin = userPin;
-    require(cryptoki().C_Login(handle_, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()), pin.size()),
+    require(cryptoki().C_Login(handle_, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()),
+                               static_cast<CK_ULONG>(pin.size())),
             "C_Login");
 }
 
@@ -51,10 +60,12 @@ std::vector<CK_OBJECT_HANDLE> UserSession::privateKeys(std::string id) const {
     CK_OBJECT_CLASS kind = CKO_PRIVATE_KEY;
     std::vector<CK_ATTRIBUTE> wanted = {{CKA_CLASS, &kind, sizeof kind}};
     if (!id.empty()) wanted.push_back({CKA_ID, id.data(), id.size()});
-    require(cryptoki().C_FindObjectsInit(handle_, wanted.data(), wanted.size()), "C_FindObjectsInit");
+    require(cryptoki().C_FindObjectsInit(handle_, wanted.data(), static_cast<CK_ULONG>(wanted.size())),
+            "C_FindObjectsInit");
     std::vector<CK_OBJECT_HANDLE> keys(4096);
     CK_ULONG count = 0;
-    require(cryptoki().C_FindObjects(handle_, keys.data(), keys.size(), &count), "C_FindObjects");
+    require(cryptoki().C_FindObjects(handle_, keys.data(), static_cast<CK_ULONG>(keys.size()), &count),
+            "C_FindObjects");
     require(cryptoki().C_FindObjectsFinal(handle_), "C_FindObjectsFinal");
     keys.resize(count);
     return keys;

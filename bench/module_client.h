@@ -1,4 +1,5 @@
-/// A host of the module in the benchmarks: loads it, logs in to the one token that is plugged in, finds keys.
+/// A host of the module in the benchmarks: loads it, logs in to the one token that there is, finds keys. The same host
+/// serves another PKCS #11 module for comparison.
 
 #ifndef ZENTAK_BENCH_MODULE_CLIENT_H
 #define ZENTAK_BENCH_MODULE_CLIENT_H
@@ -13,14 +14,11 @@ namespace bench {
 
 inline constexpr const char* userPin = "12345678";
 
-/// The folder of the running program, where the module lies too.
-std::filesystem::path programFolder();
-
-/// A symbol of the shared library in that folder, which stays loaded. Throws std::runtime_error.
-void* librarySymbol(const char* library, const char* name);
-
 /// Throws std::runtime_error with the call's name unless the result is CKR_OK.
 void require(CK_RV result, const char* call);
+
+/// Lets `cryptoki` load this module instead of support::moduleFile().
+void useModule(const std::filesystem::path& file);
 
 /// The module's functions; the first call loads it.
 const CK_FUNCTION_LIST& cryptoki();

@@ -11,8 +11,10 @@
 #include <stdexcept>
 
 #include "crypto_work.h"
+#include "log_level_reads.h"
 #include "module_client.h"
 #include "platform.h"
+#include "run_folder.h"
 #include "samples.h"
 #include "start_costs.h"
 #include "token_stores.h"
@@ -42,8 +44,7 @@ constexpr Row rows[] = {
     {"P-256 ECDH", &Work::derive, 1.0, 0},
 };
 
-void compare(const RunFolder& folder, const Row& row, const Work& direct, const Work& module, const Work& boundary,
-             double levelReadCost) {
+void compare(const Row& row, const Work& direct, const Work& module, const Work& boundary, double levelReadCost) {
     constexpr int rounds = 60;
     constexpr int batch = 15;
     Samples times[3];
@@ -57,7 +58,7 @@ void compare(const RunFolder& folder, const Row& row, const Work& direct, const 
         ratios.push_back(times[1].back() / times[0].back());
         differences.push_back(times[1].back() - times[0].back());
     }
-    const double reads = countLogLevelReads(folder, module.*row.operation);
+    const double reads = countLogLevelReads(module.*row.operation);
     const Quartiles ratio = quartiles(ratios);
     const Quartiles difference = quartiles(differences);
     const double withoutLog = quartiles(times[1]).median - reads * levelReadCost;
@@ -75,7 +76,7 @@ void compare(const RunFolder& folder, const Row& row, const Work& direct, const 
     std::fflush(stdout);
 }
 
-void compareOperations(const RunFolder& folder, const TokenStore& store, const Keys& keys, std::size_t count) {
+void compareOperations(const TokenStore& store, const Keys& keys, std::size_t count) {
     store.use();
     const UserSession session;
     const Subject subject(keys, store, count);
@@ -83,13 +84,13 @@ void compareOperations(const RunFolder& folder, const TokenStore& store, const K
     const Work module = moduleWork(subject, session);
     const Work boundary = boundaryWork(subject);
     requireSameResults(subject, direct, module, boundary, session);
-    const double levelReadCost = logLevelReadCost(folder);
+    const double levelReadCost = logLevelReadCost();
     std::printf("Medians (quartiles) in microseconds, %zu key pairs. A look for the log level takes %.2f.\n\n", count,
                 levelReadCost);
     std::printf("%-26s %25s %25s %25s %17s %7s  %5s %7s  %6s\n", "operation", "OpenSSL", "module", "device library",
                 "module / OpenSSL", "differ", "level", "module", "limit");
     std::printf("%-26s %25s %25s %25s %17s %7s  %5s %7s\n", "", "", "", "", "", "ence", "reads", "without");
-    for (const Row& row : rows) compare(folder, row, direct, module, boundary, levelReadCost);
+    for (const Row& row : rows) compare(row, direct, module, boundary, levelReadCost);
 }
 
 void generateAndDestroy(CK_SESSION_HANDLE session) {
@@ -107,7 +108,7 @@ void generateAndDestroy(CK_SESSION_HANDLE session) {
 }
 
 /// Beside the least that it can cost: OpenSSL makes a pair, and a file of the token's size is replaced twice.
-void measureChanges(const RunFolder& folder, const TokenStore& store, std::size_t count, double limitMilliseconds) {
+void measureChanges(const TokenStore& store, std::size_t count, double limitMilliseconds) {
     constexpr int rounds = 100;
     store.use();
     const UserSession session;
@@ -118,7 +119,7 @@ void measureChanges(const RunFolder& folder, const TokenStore& store, std::size_
         whole.push_back(sample(1, [&] { generateAndDestroy(session.handle()); }).front());
         floor.push_back(sample(1, [&] {
                             softtoken::generateKey(*softtoken::keyTypeOfCode(5));
-                            for (int i = 0; i < 2; ++i) softtoken::replaceFile(folder.path() / "floor", content);
+                            for (int i = 0; i < 2; ++i) softtoken::replaceFile(support::runFolder() / "floor", content);
                         }).front());
     }
     const Quartiles time = quartiles(whole);
@@ -169,19 +170,19 @@ void writeKey(const softtoken::Key& key, const std::filesystem::path& file) {
 }
 
 void run() {
-    const RunFolder folder;
+    const support::RunFolder folder;
     const Keys keys = makeKeys(500);
-    const TokenStore one(folder, keys, 1);
-    const TokenStore ten(folder, keys, 10);
-    const TokenStore hundred(folder, keys, 100);
-    const TokenStore fiveHundred(folder, keys, 500);
-    const std::filesystem::path keyFile = folder.path() / "key.pem";
+    const TokenStore one(keys, 1);
+    const TokenStore ten(keys, 10);
+    const TokenStore hundred(keys, 100);
+    const TokenStore fiveHundred(keys, 500);
+    const std::filesystem::path keyFile = support::runFolder() / "key.pem";
     writeKey(keys.front(), keyFile);
 
-    compareOperations(folder, hundred, keys, 100);
+    compareOperations(hundred, keys, 100);
     std::printf("\n");
-    measureChanges(folder, ten, 10, 2);
-    measureChanges(folder, fiveHundred, 500, 5);
+    measureChanges(ten, 10, 2);
+    measureChanges(fiveHundred, 500, 5);
     measureStart(one, 1, keyFile);
     measureStart(fiveHundred, 500, keyFile);
     measureMemory(fiveHundred, 500, keyFile);

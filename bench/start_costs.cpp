@@ -7,7 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "module_client.h"
+#include "run_folder.h"
 
 namespace bench {
 
@@ -22,7 +22,7 @@ long long nanosecondsNow() {
 }  // namespace
 
 StartCost startCost(const std::vector<std::string>& arguments) {
-    const std::string program = programFolder() / "software_token_start";
+    const std::string program = support::programFile().parent_path() / "software_token_start";
     std::vector<char*> pointers = {const_cast<char*>(program.c_str())};
     for (const std::string& argument : arguments) pointers.push_back(const_cast<char*>(argument.c_str()));
     pointers.push_back(nullptr);

@@ -1,43 +1,60 @@
 #include "token_stores.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <fstream>
-#include <stdexcept>
-#include <sys/inotify.h>
-#include <unistd.h>
+#include <algorithm>
+#include <openssl/err.h>
+#include <openssl/pem.h>
 
 #include "module_client.h"
-#include "samples.h"
+#include "platform.h"
+#include "run_folder.h"
+#include "test_certificates.h"
 #include "token_changes.h"
 
 namespace bench {
 
-namespace fs = std::filesystem;
+namespace {
 
-RunFolder::RunFolder() {
-    std::string pattern = fs::temp_directory_path() / "zentak-benchmark-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make a temporary folder");
-    path_ = pattern;
-    setenv("ZENTAK_CONFIG", path_.c_str(), 1);
-}
-
-RunFolder::~RunFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-}
-
-Keys makeKeys(std::size_t count) {
+/// As many keys of the file as there are.
+Keys readKeys(const std::filesystem::path& file, std::size_t count) {
     Keys keys;
-    for (std::size_t i = 0; i < count; ++i) {
-        keys.push_back(softtoken::generateKey(*softtoken::keyTypeOfCode(i % 2 == 0 ? 2 : 5)));
+    const softtoken::Bio input(BIO_new_file(file.string().c_str(), "r"));
+    while (input && keys.size() < count) {
+        const softtoken::Key key = softtoken::ownKey(
+            PEM_read_bio_PrivateKey_ex(input.get(), nullptr, nullptr, nullptr, softtoken::cryptoContext(), nullptr));
+        if (!key) break;
+        keys.push_back(key);
     }
+    ERR_clear_error();
     return keys;
 }
 
-TokenStore::TokenStore(const RunFolder& folder, const Keys& keys, std::size_t count)
-    : root(folder.path() / ("tokens-" + std::to_string(count))) {
+}  // namespace
+
+Keys makeKeys(std::size_t count) {
+    const std::filesystem::path file = support::programFile().parent_path() / "benchmark-keys.pem";
+    Keys keys = readKeys(file, count);
+    if (keys.size() == count) return keys;
+    std::string pem;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (i >= keys.size()) keys.push_back(softtoken::generateKey(*softtoken::keyTypeOfCode(i % 2 == 0 ? 2 : 5)));
+        pem += softtoken::pemPrivateKey(keys[i]);
+    }
+    softtoken::replaceFile(file, pem);
+    return keys;
+}
+
+std::vector<softtoken::Bytes> makeCertificates(const Keys& keys) {
+    std::vector<softtoken::Bytes> certificates;
+    for (const softtoken::Key& key : keys) {
+        softtoken::CertificateSettings settings;
+        settings.subject.back().second = "Holder of key " + std::to_string(certificates.size() + 1);
+        certificates.push_back(softtoken::makeCertificate(key, settings));
+    }
+    return certificates;
+}
+
+TokenStore::TokenStore(const Keys& keys, std::size_t count, std::span<const softtoken::Bytes> certificates)
+    : root(support::runFolder() / ("tokens-" + std::to_string(count) + "-" + std::to_string(certificates.size()))) {
     softtoken::Store store(root);
     softtoken::NewToken settings;
     settings.label = "Benchmark";
@@ -47,51 +64,23 @@ TokenStore::TokenStore(const RunFolder& folder, const Keys& keys, std::size_t co
     serialNumber = softtoken::createToken(store, settings);
     const softtoken::SecretBytes tokenKey = store.checkPin(serialNumber, softtoken::Role::user, userPin);
     store.change(serialNumber, [&](softtoken::TokenData& token) {
-        for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t i = 0; i < std::max(count, certificates.size()); ++i) {
             const std::string id = std::to_string(i + 1);
             softtoken::NewKeyPair pair;
             pair.alias = "key " + id;
             pair.objectId.assign(id.begin(), id.end());
-            softtoken::addKeyPair(token, tokenKey, keys.at(i).get(), pair);
+            if (i < count) softtoken::addKeyPair(token, tokenKey, keys.at(i).get(), pair);
+            if (i < certificates.size()) softtoken::addCertificate(token, certificates[i], pair.alias, pair.objectId);
         }
     });
 }
 
 void TokenStore::use() const {
-    setenv("ZENTAK_TOKENS", root.c_str(), 1);
+    support::setEnvironment("ZENTAK_TOKENS", root.string());
 }
 
 std::size_t TokenStore::fileSize() const {
-    return fs::file_size(softtoken::Store(root).pluggedTokenFile(serialNumber));
-}
-
-double countLogLevelReads(const RunFolder& folder, const std::function<void()>& work) {
-    constexpr int repetitions = 16;
-    const fs::path file = folder.path() / "logLevel";
-    std::ofstream(file) << '\x02';  // the level that holds without a file
-    const int watcher = inotify_init1(IN_NONBLOCK);
-    // Openings and closings take turns: equal events in a row would be told as one.
-    if (watcher < 0 || inotify_add_watch(watcher, file.c_str(), IN_OPEN | IN_CLOSE_NOWRITE) < 0) {
-        throw std::runtime_error("cannot watch the log level's file");
-    }
-    for (int i = 0; i < repetitions; ++i) work();
-    int opened = 0;
-    inotify_event event{};
-    char events[16384];
-    for (ssize_t size = 0; (size = read(watcher, events, sizeof events)) > 0;) {
-        for (ssize_t place = 0; place < size; place += static_cast<ssize_t>(sizeof event + event.len)) {
-            std::memcpy(&event, events + place, sizeof event);
-            if ((event.mask & IN_OPEN) != 0) ++opened;
-        }
-    }
-    close(watcher);
-    fs::remove(file);
-    return static_cast<double>(opened) / repetitions;
-}
-
-double logLevelReadCost(const RunFolder& folder) {
-    const std::string file = folder.path() / "logLevel";
-    return quartiles(sample(2000, [&] { static_cast<void>(open(file.c_str(), O_RDONLY | O_CLOEXEC)); })).median;
+    return std::filesystem::file_size(softtoken::Store(root).pluggedTokenFile(serialNumber));
 }
 
 }  // namespace bench

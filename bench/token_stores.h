@@ -1,11 +1,10 @@
-/// What the benchmark of the software token works on: a folder for the run, stores with one token and many key pairs,
-/// and the log level file, whose reads can be counted.
+/// What the benchmarks of the software token work on: stores with one token and many key pairs.
 
 #ifndef ZENTAK_BENCH_TOKEN_STORES_H
 #define ZENTAK_BENCH_TOKEN_STORES_H
 
 #include <filesystem>
-#include <functional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -13,28 +12,20 @@
 
 namespace bench {
 
-/// A temporary folder. The module finds its configuration in it, without a log level.
-class RunFolder {
-public:
-    RunFolder();
-    RunFolder(const RunFolder&) = delete;
-    RunFolder& operator=(const RunFolder&) = delete;
-    ~RunFolder();
-
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
-
 /// The keys of a token, in their order on it: RSA-2048 and P-256 by turns, the first one RSA. A key pair's number is
-/// its place, from 1; its CKA_ID is that number as text.
+/// its place, from 1; its CKA_ID is that number as text, and its label "key " with that number.
 using Keys = std::vector<softtoken::Key>;
+
+/// Keys are kept in a file beside the program: to make 250 RSA keys takes a minute.
 Keys makeKeys(std::size_t count);
 
-/// A store with one token that holds the first `count` of the keys. A PIN's key derivation costs next to nothing.
+/// A certificate for each key, in DER.
+std::vector<softtoken::Bytes> makeCertificates(const Keys& keys);
+
+/// A store in the program's run folder, with one token that holds the first `count` of the keys, and the certificates
+/// under the CKA_ID and label of their keys. A PIN's key derivation costs next to nothing.
 struct TokenStore {
-    TokenStore(const RunFolder& folder, const Keys& keys, std::size_t count);
+    TokenStore(const Keys& keys, std::size_t count, std::span<const softtoken::Bytes> certificates = {});
 
     /// Makes it the store of modules that are initialised from now on, and of processes started from now on.
     void use() const;
@@ -44,12 +35,6 @@ struct TokenStore {
     std::filesystem::path root;
     std::string serialNumber;
 };
-
-/// How often the work reads the log level, on an average of some repetitions.
-double countLogLevelReads(const RunFolder& folder, const std::function<void()>& work);
-
-/// What one look for a log level that isn't there costs, in microseconds.
-double logLevelReadCost(const RunFolder& folder);
 
 }  // namespace bench
 
