@@ -122,8 +122,10 @@ Subject::Subject(const Keys& keys, const TokenStore& tokenStore, std::size_t cou
       hash(hashLength, 0x5A) {
     rsaInput.resize(sha256Prefix.size() + hash.size());
     std::copy(hash.begin(), hash.end(), std::copy(sha256Prefix.begin(), sha256Prefix.end(), rsaInput.begin()));
-    rsaSignature = softtoken::signHash(keys.at(rsaNumber - 1).get(), hash, false);
-    ecSignature = softtoken::signHash(ecOnToken.get(), hash, false);
+    softtoken::PrivateKey rsaOnToken(keys.at(rsaNumber - 1));
+    softtoken::PrivateKey ecKey(ecOnToken);
+    rsaSignature = softtoken::signHash(rsaOnToken, hash, false);
+    ecSignature = softtoken::signHash(ecKey, hash, false);
     ecSignatureDer = signDirectly(ec, hash);
     ciphertext = softtoken::encryptRsa(keys.at(rsaNumber - 1).get(), hash, softtoken::Padding::pkcs1);
     ciphertextOaep = softtoken::encryptRsa(keys.at(rsaNumber - 1).get(), hash, softtoken::Padding::oaepSha1);

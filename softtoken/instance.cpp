@@ -53,7 +53,7 @@ ZentakCertificate recordOf(const CertificateEntry& entry) {
 
 }  // namespace
 
-Instance::Instance(Store store) : store_(std::move(store)), digestKey_(randomBytes(32)) {}
+Instance::Instance(Store store) : store_(std::move(store)), digestKey_(randomSecret(32)) {}
 
 std::shared_ptr<Snapshot> Instance::snapshot(std::string_view serialNumber) {
     const std::lock_guard lock(mutex_);
@@ -215,8 +215,8 @@ SecretBytes Instance::tokenKey(std::string_view serialNumber, std::string_view p
     return verifyPin(serialNumber, pin, digest);
 }
 
-Key Instance::privateKey(std::string_view serialNumber, const Reference& keyId, std::string_view pin,
-                         std::uint32_t usage) {
+std::shared_ptr<PrivateKey> Instance::privateKey(std::string_view serialNumber, const Reference& keyId,
+                                                 std::string_view pin, std::uint32_t usage) {
     requirePinLength(pin);
     const auto requireUsage = [usage](std::uint32_t permitted) {
         if ((permitted & usage) != usage) throw Failure(Error::usageNotPermitted, "the key isn't for this use");
@@ -239,7 +239,7 @@ Key Instance::privateKey(std::string_view serialNumber, const Reference& keyId, 
     if (loaded != device.keys.end()) return loaded->second.key;
     const KeyPairEntry& entry = findKeyPair(device.snapshot->token, keyId);
     requireUsage(entry.keyUsage);
-    Key key = openPrivateKey(device.snapshot->token, entry, unlocked);
+    auto key = std::make_shared<PrivateKey>(openPrivateKey(device.snapshot->token, entry, unlocked));
     device.keys[keyId] = LoadedKey{key, entry.keyUsage};
     return key;
 }

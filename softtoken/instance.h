@@ -15,7 +15,7 @@
 
 #include "device/zentak_dsc_library.h"
 #include "hashing.h"
-#include "keys.h"
+#include "key_operations.h"
 #include "platform.h"
 #include "store.h"
 
@@ -54,7 +54,8 @@ public:
     SecretBytes tokenKey(std::string_view serialNumber, std::string_view pin);
 
     /// The loaded private key. `usage` is the bit that the operation needs, or 0. Throws for a wrong PIN.
-    Key privateKey(std::string_view serialNumber, const Reference& keyId, std::string_view pin, std::uint32_t usage);
+    std::shared_ptr<PrivateKey> privateKey(std::string_view serialNumber, const Reference& keyId, std::string_view pin,
+                                           std::uint32_t usage);
 
     /// Changes the token. Without the token key it's what needs no PIN.
     void change(std::string_view serialNumber, const std::function<void(TokenData&)>& change);
@@ -75,7 +76,7 @@ private:
         PinDigest digest;
     };
     struct LoadedKey {
-        Key key;
+        std::shared_ptr<PrivateKey> key;
         std::uint32_t usage;
     };
     struct Device {
@@ -112,7 +113,7 @@ private:
     SecretBytes verifyPin(std::string_view serialNumber, std::string_view pin, const PinDigest& digest);
 
     Store store_;
-    const Bytes digestKey_;
+    const SecretBytes digestKey_;
     std::mutex mutex_;
     /// Taken before the other one, and held while a PIN is checked: threads that bring the same PIN wait for the first.
     std::mutex pinMutex_;

@@ -101,17 +101,30 @@ Bytes signRsa(EVP_PKEY* key, ByteView hash, bool pss) {
     return signature;
 }
 
-Bytes signEcdsa(EVP_PKEY* key, ByteView hash) {
-    const KeyContext context = contextFor(key);
-    Bytes der(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
+KeyContext ecdsaContextFor(EVP_PKEY* key) {
+    KeyContext context = contextFor(key);
+    requireCrypto(EVP_PKEY_sign_init(context.get()) == 1, "signing");
+    return context;
+}
+
+/// The signature in DER. One that failed leaves its context in no known state.
+Bytes signEcdsaInDer(PrivateKey& key, ByteView hash) {
+    const std::unique_lock turn(key.preparedMutex, std::try_to_lock);
+    KeyContext context = turn.owns_lock() && key.prepared ? std::move(key.prepared) : ecdsaContextFor(key.key.get());
+    Bytes der(static_cast<std::size_t>(EVP_PKEY_get_size(key.key.get())));
     std::size_t length = der.size();
-    requireCrypto(EVP_PKEY_sign_init(context.get()) == 1 &&
-                      EVP_PKEY_sign(context.get(), der.data(), &length, hash.data(), hash.size()) == 1,
-                  "signing");
+    requireCrypto(EVP_PKEY_sign(context.get(), der.data(), &length, hash.data(), hash.size()) == 1, "signing");
+    der.resize(length);
+    if (turn.owns_lock()) key.prepared = std::move(context);
+    return der;
+}
+
+Bytes signEcdsa(PrivateKey& key, ByteView hash) {
+    const Bytes der = signEcdsaInDer(key, hash);
     const unsigned char* position = der.data();
-    const EcdsaSignature parsed(d2i_ECDSA_SIG(nullptr, &position, static_cast<long>(length)));
+    const EcdsaSignature parsed(d2i_ECDSA_SIG(nullptr, &position, static_cast<long>(der.size())));
     requireCrypto(parsed != nullptr, "reading a signature");
-    const std::size_t half = fieldLengthOf(key);
+    const std::size_t half = fieldLengthOf(key.key.get());
     Bytes signature(2 * half);
     const int halfLength = static_cast<int>(half);
     requireCrypto(BN_bn2binpad(ECDSA_SIG_get0_r(parsed.get()), signature.data(), halfLength) == halfLength &&
@@ -169,9 +182,9 @@ ByteView unwrapPoint(ByteView peer, std::size_t pointLength) {
 
 }  // namespace
 
-Bytes signHash(EVP_PKEY* key, ByteView hash, bool pss) {
+Bytes signHash(PrivateKey& key, ByteView hash, bool pss) {
     if (hash.empty()) throw Failure(Error::dataLength, "there is nothing to sign");
-    if (isRsa(key)) return signRsa(key, hash, pss);
+    if (isRsa(key.key.get())) return signRsa(key.key.get(), hash, pss);
     if (pss) throw Failure(Error::keyTypeMismatch, "PSS needs an RSA key");
     return signEcdsa(key, hash);
 }

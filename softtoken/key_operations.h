@@ -3,14 +3,27 @@
 #ifndef ZENTAK_SOFTTOKEN_KEY_OPERATIONS_H
 #define ZENTAK_SOFTTOKEN_KEY_OPERATIONS_H
 
+#include <mutex>
+
 #include "keys.h"
 
 namespace softtoken {
 
+/// A private key that has been loaded, for any number of threads.
+struct PrivateKey {
+    explicit PrivateKey(Key loaded) : key(std::move(loaded)) {}
+
+    const Key key;
+    /// An ECDSA operation, set up: doing that for each signature would add a tenth to it. Whoever can't lock it at once
+    /// sets up one of their own.
+    std::mutex preparedMutex;
+    KeyContext prepared;
+};
+
 /// RSA v1.5: a bare hash of 20, 28, 32, 48 or 64 bytes gets its DigestInfo, everything else is padded as it is. PSS:
 /// hash, MGF1 and salt length follow from the hash's length. ECDSA: r and s, each as long as the curve's field; a hash
 /// longer than the order is cut. Throws Error::dataLength and Error::keyTypeMismatch.
-Bytes signHash(EVP_PKEY* key, ByteView hash, bool pss);
+Bytes signHash(PrivateKey& key, ByteView hash, bool pss);
 
 /// Whether the signature is one that signHash makes; with PSS any salt length counts. A bare hash of 16 bytes also
 /// matches a signature with an MD5 DigestInfo.

@@ -51,6 +51,12 @@ Bytes randomBytes(std::size_t count) {
     return bytes;
 }
 
+SecretBytes randomSecret(std::size_t count) {
+    SecretBytes bytes(count);
+    requireCrypto(RAND_priv_bytes_ex(cryptoContext(), bytes.data(), bytes.size(), 0) == 1, "random bytes");
+    return bytes;
+}
+
 std::array<unsigned char, 32> sha256(ByteView first, ByteView second) {
     std::array<unsigned char, 32> digest{};
     const DigestContext context(EVP_MD_CTX_new());

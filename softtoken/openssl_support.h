@@ -55,6 +55,7 @@ void requireCrypto(bool succeeded, const char* what);
 const EVP_MD* digestOfLength(std::size_t length);
 
 Bytes randomBytes(std::size_t count);
+SecretBytes randomSecret(std::size_t count);
 
 std::array<unsigned char, 32> sha256(ByteView first, ByteView second = {});
 

@@ -50,8 +50,8 @@ int zentak_signHash(const char* deviceId, const unsigned char* keyId, const char
         const auto found = findInstance(instance);
         const ByteView input = bytesOf(data, length);
         requireArgument(signature != nullptr && signatureLength != nullptr);
-        const Key key = found->privateKey(textOf(deviceId), referenceOf(keyId), textOf(password), usageSign);
-        const Bytes result = signHash(key.get(), input, pss);
+        const auto key = found->privateKey(textOf(deviceId), referenceOf(keyId), textOf(password), usageSign);
+        const Bytes result = signHash(*key, input, pss);
         if (*signatureLength < 0 || static_cast<std::size_t>(*signatureLength) < result.size()) {
             throw Failure(Error::bufferTooSmall, "the signature doesn't fit");
         }
@@ -102,8 +102,8 @@ int zentak_decrypt(const char* deviceId, const unsigned char* keyId, const char*
         *outputLength = 0;
         const auto found = findInstance(instance);
         const ByteView input = bytesOf(data, length);
-        const Key key = found->privateKey(textOf(deviceId), referenceOf(keyId), textOf(password), usageDecrypt);
-        giveAllocated(decryptRsa(key.get(), input), output, outputLength);
+        const auto key = found->privateKey(textOf(deviceId), referenceOf(keyId), textOf(password), usageDecrypt);
+        giveAllocated(decryptRsa(key->key.get(), input), output, outputLength);
     });
 }
 
@@ -117,8 +117,8 @@ int zentak_ecdhDerive(const char* deviceId, const unsigned char* keyId, const ch
         const auto found = findInstance(instance);
         const ByteView peer = bytesOf(publicData, length);
         // Usage bits say nothing about key agreement.
-        const Key key = found->privateKey(textOf(deviceId), referenceOf(keyId), textOf(password), 0);
-        giveAllocated(deriveEcdh(key.get(), peer), output, outputLength);
+        const auto key = found->privateKey(textOf(deviceId), referenceOf(keyId), textOf(password), 0);
+        giveAllocated(deriveEcdh(key->key.get(), peer), output, outputLength);
     });
 }
 

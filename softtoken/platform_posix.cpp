@@ -183,17 +183,21 @@ std::optional<std::string> readFile(const fs::path& file) {
         if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
         failStore("open", file);
     }
-    std::string content;
-    char part[65536];
+    struct stat status {};
+    if (fstat(descriptor.get(), &status) != 0) failStore("look at", file);
+    // One byte more than there is, so that the end shows without another growth.
+    std::string content(static_cast<std::size_t>(status.st_size) + 1, '\0');
+    std::size_t length = 0;
     for (;;) {
-        const ssize_t count = read(descriptor.get(), part, sizeof part);
-        if (count == 0) return content;
-        if (count > 0) {
-            content.append(part, static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            failStore("read", file);
-        }
+        const ssize_t count = read(descriptor.get(), content.data() + length, content.size() - length);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) failStore("read", file);
+        length += static_cast<std::size_t>(count);
+        if (count == 0) break;
+        if (length == content.size()) content.resize(2 * length);
     }
+    content.resize(length);
+    return content;
 }
 
 std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length) {

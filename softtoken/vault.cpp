@@ -67,9 +67,7 @@ void requirePinLength(std::string_view pin) {
 }
 
 SecretBytes newTokenKey() {
-    SecretBytes key(keyLength);
-    requireCrypto(RAND_priv_bytes_ex(cryptoContext(), key.data(), key.size(), 0) == 1, "random bytes");
-    return key;
+    return randomSecret(keyLength);
 }
 
 Bytes seal(ByteView key, ByteView additionalData, ByteView plaintext) {

@@ -80,7 +80,7 @@ CK_RV importLeaf(const ModuleState& state, const SessionRecord& session, ZentakC
     if (imported != CKR_OK) {
         return imported;
     }
-    const std::vector<ZentakCertificate> certificates = zentak_getCertificateList(session.deviceId(), state.instance);
+    const std::vector<ZentakCertificate>& certificates = zentak_getCertificateList(session.deviceId(), state.instance);
     const auto found = std::find_if(certificates.begin(), certificates.end(), [&](const ZentakCertificate& entry) {
         return sameBytes(entry.certId, leaf.certId);
     });
@@ -167,7 +167,7 @@ CK_RV importPrivateKey(const ModuleState& state, const SessionRecord& session, c
     if (result != 0) {
         return refuse(storageFailure(result), "Import private key into device failed : ", result);
     }
-    const std::vector<ZentakKeyPair> keyPairs = zentak_getKeyPairList(session.deviceId(), state.instance);
+    const std::vector<ZentakKeyPair>& keyPairs = zentak_getKeyPairList(session.deviceId(), state.instance);
     const auto found = std::find_if(keyPairs.begin(), keyPairs.end(), [&](const ZentakKeyPair& keyPair) {
         return sameBytes(keyPair.keyId, details.keyId);
     });

@@ -24,9 +24,6 @@ std::string defaultLabel(const CertificateDetails* details) {
     return details != nullptr ? defaultLabel(*details) : std::string();
 }
 
-ParsedCertificates::ParsedCertificates(std::vector<ZentakCertificate> certificates)
-    : records_(std::move(certificates)), parsed_(records_.size()) {}
-
 const CertificateDetails* ParsedCertificates::details(std::size_t index) {
     Slot& slot = parsed_[index];
     if (!slot.asked) {

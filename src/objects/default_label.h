@@ -4,6 +4,7 @@
 #define ZENTAK_OBJECTS_DEFAULT_LABEL_H
 
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -23,10 +24,11 @@ std::string defaultLabel(const CertificateDetails* details);
 /// The certificates of one token, each parsed at most once and only when it is asked for.
 class ParsedCertificates {
 public:
-    /// `certificates` is a copy of the device library's list.
-    explicit ParsedCertificates(std::vector<ZentakCertificate> certificates);
+    /// `certificates` stay where they are for as long as this lives.
+    explicit ParsedCertificates(std::span<const ZentakCertificate> certificates)
+        : records_(certificates), parsed_(certificates.size()) {}
 
-    const std::vector<ZentakCertificate>& records() const { return records_; }
+    std::span<const ZentakCertificate> records() const { return records_; }
 
     /// Details of the certificate at `index`, null when the device library can't read it.
     const CertificateDetails* details(std::size_t index);
@@ -40,7 +42,7 @@ private:
         std::optional<CertificateDetails> details;
     };
 
-    std::vector<ZentakCertificate> records_;
+    std::span<const ZentakCertificate> records_;
     std::vector<Slot> parsed_;
 };
 

@@ -6,8 +6,9 @@ namespace zentak {
 
 namespace {
 
-/// Copies the first record with the identifier into `buffer` and returns that, or null. `records` is a copy of the
-/// library's list.
+/// Copies the first record with the identifier into `buffer` and returns that, or null. `records` is the library's own
+/// list: it is good until the library is called again, so nobody keeps it, and a copy of it would cost more than the
+/// search.
 template <typename Record>
 Record* keepRecord(const std::vector<Record>& records, CK_ULONG id, Record& buffer) {
     const auto found =
@@ -22,13 +23,11 @@ Record* keepRecord(const std::vector<Record>& records, CK_ULONG id, Record& buff
 }  // namespace
 
 ZentakKeyPair* findKeyPair(ModuleState& state, const char* deviceId, CK_ULONG id) {
-    const std::vector<ZentakKeyPair> records = zentak_getKeyPairList(deviceId, state.instance);
-    return keepRecord(records, id, state.keyPairBuffer);
+    return keepRecord(zentak_getKeyPairList(deviceId, state.instance), id, state.keyPairBuffer);
 }
 
 ZentakCertificate* findCertificate(ModuleState& state, const char* deviceId, CK_ULONG id) {
-    const std::vector<ZentakCertificate> records = zentak_getCertificateList(deviceId, state.instance);
-    return keepRecord(records, id, state.certificateBuffer);
+    return keepRecord(zentak_getCertificateList(deviceId, state.instance), id, state.certificateBuffer);
 }
 
 }  // namespace zentak

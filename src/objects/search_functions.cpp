@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
 #include "frame/entry_frame.h"
 #include "objects/default_label.h"
@@ -71,12 +72,13 @@ CK_RV parseTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, SearchCriteria
     return CKR_OK;
 }
 
+/// Both lists of a token. That of the certificates is a copy: the library may overwrite it while it makes the other
+/// one, which is the library's own and good until the library is asked for a list again.
 struct TokenObjects {
     std::vector<ZentakCertificate> certificates;
-    std::vector<ZentakKeyPair> keyPairs;
+    std::span<const ZentakKeyPair> keyPairs;
 };
 
-/// Both lists, copied: the library may overwrite the first while it makes the second.
 TokenObjects listObjects(const ModuleState& state, const SessionRecord& session) {
     TokenObjects objects;
     objects.certificates = zentak_getCertificateList(session.deviceId(), state.instance);
@@ -147,7 +149,7 @@ std::vector<ZentakCertificate> matchingCertificates(const SearchCriteria& criter
     return matches;
 }
 
-std::vector<ZentakKeyPair> matchingKeyPairs(const SearchCriteria& criteria, const std::vector<ZentakKeyPair>& keyPairs,
+std::vector<ZentakKeyPair> matchingKeyPairs(const SearchCriteria& criteria, std::span<const ZentakKeyPair> keyPairs,
                                             ParsedCertificates& certificates) {
     std::vector<ZentakKeyPair> matches;
     std::copy_if(keyPairs.begin(), keyPairs.end(), std::back_inserter(matches),
@@ -160,12 +162,12 @@ void findMatches(const SearchCriteria& criteria, TokenObjects objects, SessionRe
     if (criteria.objectClass == anyClass) {
         // Without a class everything is found, whatever else the template holds.
         session.foundCertificates = std::move(objects.certificates);
-        session.foundKeyPairs = std::move(objects.keyPairs);
+        session.foundKeyPairs.assign(objects.keyPairs.begin(), objects.keyPairs.end());
         session.findPublicKeys = true;
         session.findPrivateKeys = session.isUserSession();
         return;
     }
-    ParsedCertificates certificates(std::move(objects.certificates));
+    ParsedCertificates certificates(objects.certificates);
     if (criteria.objectClass == CKO_CERTIFICATE) {
         session.foundCertificates = matchingCertificates(criteria, certificates);
     } else if (criteria.objectClass == CKO_PUBLIC_KEY || criteria.objectClass == CKO_PRIVATE_KEY) {

@@ -26,9 +26,19 @@ LocalTime localTime() {
 
 std::optional<signed char> readLogLevelByte() {
     const char* folder = std::getenv("ZENTAK_CONFIG");
-    std::string path = folder != nullptr ? folder : "/etc/Dravenko Sentronics/Zentak";
-    path += "/logLevel";
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string configured;
+    const char* path = "/etc/Dravenko Sentronics/Zentak/logLevel";
+    if (folder != nullptr) {
+        configured.append(folder).append("/logLevel");
+        path = configured.c_str();
+    }
+    // Mostly there is none, which a look tells in half the time that an attempt to open takes. Every call of a host
+    // comes here several times.
+    struct stat status {};
+    if (stat(path, &status) != 0) {
+        return std::nullopt;
+    }
+    const int file = open(path, O_RDONLY | O_CLOEXEC);
     if (file < 0) {
         return std::nullopt;
     }
