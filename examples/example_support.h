@@ -21,7 +21,8 @@ std::string hexadecimal(const Bytes& bytes);
 /// The code's name in the standard, or its number where an example has no use for the name.
 std::string returnCodeName(CK_RV code);
 
-/// Prints the call and what it returned. Throws std::runtime_error when that isn't what was expected.
+/// Prints the call and what it returned, and of a refusal that was expected that it was. Throws std::runtime_error when
+/// it isn't what was expected.
 void check(std::string_view call, CK_RV result, CK_RV expected = CKR_OK);
 
 /// Prints a value that a call gave, under the line of the call.

@@ -15,13 +15,22 @@ std::string stateName(CK_STATE state) {
     return state < std::size(names) ? names[state] : hexadecimal(state);
 }
 
-std::vector<CK_OBJECT_HANDLE> search(CK_SESSION_HANDLE session, std::vector<CK_ATTRIBUTE> wanted) {
+std::string className(CK_OBJECT_CLASS objectClass) {
+    static constexpr const char* names[] = {"CKO_DATA", "CKO_CERTIFICATE", "CKO_PUBLIC_KEY", "CKO_PRIVATE_KEY"};
+    return objectClass < std::size(names) ? names[objectClass] : hexadecimal(objectClass);
+}
+
+/// `description` is the template in words.
+std::vector<CK_OBJECT_HANDLE> search(CK_SESSION_HANDLE session, std::vector<CK_ATTRIBUTE> wanted,
+                                     const std::string& description) {
     check("C_FindObjectsInit", cryptoki->C_FindObjectsInit(session, wanted.data(), lengthOf(wanted)));
+    show("wanted", description);
     std::vector<CK_OBJECT_HANDLE> found;
     CK_ULONG count = 0;
     do {
         CK_OBJECT_HANDLE slice[16];
-        check("C_FindObjects", cryptoki->C_FindObjects(session, slice, std::size(slice), &count));
+        check(found.empty() ? "C_FindObjects" : "C_FindObjects (any more?)",
+              cryptoki->C_FindObjects(session, slice, std::size(slice), &count));
         found.insert(found.end(), slice, slice + count);
     } while (count > 0);
     check("C_FindObjectsFinal", cryptoki->C_FindObjectsFinal(session));
@@ -113,12 +122,13 @@ void showSessionState(CK_SESSION_HANDLE session, CK_STATE expected) {
 }
 
 std::vector<CK_OBJECT_HANDLE> findObjects(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) {
-    return search(session, {{CKA_CLASS, &objectClass, sizeof objectClass}});
+    return search(session, {{CKA_CLASS, &objectClass, sizeof objectClass}}, "CKA_CLASS " + className(objectClass));
 }
 
 CK_OBJECT_HANDLE findObject(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass, Bytes id) {
     const std::vector<CK_OBJECT_HANDLE> found =
-        search(session, {{CKA_CLASS, &objectClass, sizeof objectClass}, {CKA_ID, id.data(), lengthOf(id)}});
+        search(session, {{CKA_CLASS, &objectClass, sizeof objectClass}, {CKA_ID, id.data(), lengthOf(id)}},
+               "CKA_CLASS " + className(objectClass) + ", CKA_ID " + hexadecimal(id));
     if (found.size() != 1) {
         throw std::runtime_error("there should be exactly one such object");
     }

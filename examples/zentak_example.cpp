@@ -56,11 +56,13 @@ CK_SLOT_ID firstTokenSlot() {
 std::vector<CK_OBJECT_HANDLE> findObjects(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) {
     CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &objectClass, sizeof objectClass}};
     check("C_FindObjectsInit", cryptoki->C_FindObjectsInit(session, wanted, 1));
+    show("wanted", objectClass == CKO_PRIVATE_KEY ? "CKA_CLASS CKO_PRIVATE_KEY" : "CKA_CLASS CKO_CERTIFICATE");
     std::vector<CK_OBJECT_HANDLE> found;
     CK_ULONG count = 0;
     do {
         CK_OBJECT_HANDLE slice[16];
-        check("C_FindObjects", cryptoki->C_FindObjects(session, slice, std::size(slice), &count));
+        check(found.empty() ? "C_FindObjects" : "C_FindObjects (any more?)",
+              cryptoki->C_FindObjects(session, slice, std::size(slice), &count));
         found.insert(found.end(), slice, slice + count);
     } while (count > 0);
     check("C_FindObjectsFinal", cryptoki->C_FindObjectsFinal(session));
