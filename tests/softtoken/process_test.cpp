@@ -27,7 +27,7 @@ fs::path quickFolder() {
 class KilledProcessTest : public testing::Test {
 protected:
     // Starting a process takes long on Windows and with a sanitizer, so that each one gets time for many changes there.
-#if defined(_WIN32) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(_WIN32) || defined(ZENTAK_SANITIZED)
     static constexpr int kills = 40;
     static constexpr int longestLife = 100'000;
 #else

@@ -1,6 +1,7 @@
 #include "run_folder.h"
 
 #include <cstdlib>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <vector>
@@ -96,6 +97,20 @@ void setEnvironment(const std::string& name, const std::optional<std::string>& v
     } else {
         unsetenv(name.c_str());
     }
+#endif
+}
+
+std::pair<std::size_t, std::size_t> threadsAndFiles() {
+#if defined(_WIN32)
+    DWORD handles = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &handles);
+    return {0, handles};
+#else
+    const auto entries = [](const char* folder) {
+        const std::filesystem::directory_iterator all(folder);
+        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    };
+    return {entries("/proc/self/task"), entries("/proc/self/fd")};
 #endif
 }
 

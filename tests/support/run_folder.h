@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace support {
 
@@ -32,6 +33,9 @@ std::filesystem::path programFile();
 
 /// Sets or (nullopt) removes a variable in the environment of this process and of its later children.
 void setEnvironment(const std::string& name, const std::optional<std::string>& value);
+
+/// Number of threads and of open files of this process. A thread counts as handles on Windows.
+std::pair<std::size_t, std::size_t> threadsAndFiles();
 
 }  // namespace support
 

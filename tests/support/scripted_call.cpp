@@ -123,6 +123,7 @@ Call& Call::instance(const void* value) {
     if (value == nullptr) {
         return argument("null");
     }
+    hidden_.strangeInstances += value == hidden_.instance ? 0 : 1;
     return argument(value == hidden_.instance ? "instance" : "foreign");
 }
 

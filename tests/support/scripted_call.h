@@ -38,6 +38,7 @@ struct Device::Hidden {
     std::vector<ZentakKeyPair> keyPairList;
     std::vector<ZentakCertificate> certificateList;
     int buffersHandedOut = 0;
+    int strangeInstances = 0;
 };
 
 /// Copies `source` into an area of that capacity, as far as it fits.

@@ -69,6 +69,11 @@ int Device::buffersHandedOut() const {
     return hidden_->buffersHandedOut;
 }
 
+int Device::strangeInstances() const {
+    const std::lock_guard lock(hidden_->mutex);
+    return hidden_->strangeInstances;
+}
+
 bool Device::hasInstance() const {
     const std::lock_guard lock(hidden_->mutex);
     return hidden_->instance != nullptr;
@@ -126,6 +131,7 @@ void Device::reset() {
     hidden_->faults.clear();
     hidden_->contexts.clear();
     hidden_->buffersHandedOut = 0;
+    hidden_->strangeInstances = 0;
 }
 
 Device& device() {

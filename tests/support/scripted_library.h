@@ -131,6 +131,8 @@ public:
     int buffersHandedOut() const;
     /// False stops the recording (a stress test would fill the memory). Default true.
     std::atomic<bool> records = true;
+    /// Calls since `reset` with an instance that isn't the one given out: one that was released before, perhaps.
+    int strangeInstances() const;
     /// False while nobody holds an instance: before zentak_createInstance and after zentak_releaseInstance.
     bool hasInstance() const;
 
