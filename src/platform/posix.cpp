@@ -38,7 +38,8 @@ std::optional<signed char> readLogLevelByte() {
     if (stat(path, &status) != 0) {
         return std::nullopt;
     }
-    const int file = open(path, O_RDONLY | O_CLOEXEC);
+    // Without waiting, should it be a pipe.
+    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (file < 0) {
         return std::nullopt;
     }
@@ -99,11 +100,14 @@ void atFork(void (*before)(), void (*inParent)(), void (*inChild)()) {
 }
 
 std::FILE* openForAppending(const char* path) {
-    const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+    // A pipe that somebody has put there would keep the host waiting for its reader, and end it when the reader leaves.
+    const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR);
     if (file < 0) {
         return nullptr;
     }
-    std::FILE* stream = fdopen(file, "ab");
+    struct stat status {};
+    const bool isFile = fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+    std::FILE* stream = isFile ? fdopen(file, "ab") : nullptr;
     if (stream == nullptr) {
         close(file);
     }

@@ -1,17 +1,10 @@
 // A store on a full disk, one that can't be written and one that can't be read. Each test breaks the storage in a child
 // process, where limits, mounts and the user's identity may be changed without harm to the other tests.
 
-#include <csignal>
-#include <fcntl.h>
-#include <functional>
 #include <map>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include "../support/broken_storage.h"
 #include "platform.h"
 #include "test_certificates.h"
 #include "token_test.h"
@@ -22,27 +15,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Runs the body in a child process; its failures become the test's.
-void inChild(const std::function<void()>& body) {
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        body();
-        std::fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << "see the failures above";
-}
-
-/// For root no permissions hold.
-void becomeAnOrdinaryUser() {
-    if (geteuid() == 0) {
-        ASSERT_EQ(setresuid(65534, 65534, 65534), 0);
-    }
-}
+using support::FullDisk;
+using support::inChild;
+using support::OrdinaryUser;
 
 class StorageFaultTest : public TokenTest {
 protected:
@@ -110,52 +85,6 @@ protected:
     }
 };
 
-/// Makes the disk of a store full: a small one in memory where the process may mount one, else a limit for the length
-/// of files, at which writes fail half-way in the same manner.
-class FullDisk {
-public:
-    explicit FullDisk(fs::path mountPoint) : folder_(std::move(mountPoint)) {
-        fs::create_directories(folder_);
-        mounted_ = unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                   mount("none", folder_.c_str(), "tmpfs", 0, "size=256k,mode=0700") == 0;
-    }
-
-    [[nodiscard]] const fs::path& folder() const { return folder_; }
-
-    void fill() {
-        if (!mounted_) {
-            std::signal(SIGXFSZ, SIG_IGN);
-            limitFiles(10);
-            return;
-        }
-        const int ballast = open((folder_ / "ballast").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        const std::string part(1024, 'x');
-        while (write(ballast, part.data(), part.size()) > 0) {
-        }
-        EXPECT_EQ(errno, ENOSPC);
-        close(ballast);
-    }
-
-    void makeRoom() {
-        if (mounted_) {
-            fs::remove(folder_ / "ballast");
-        } else {
-            limitFiles(RLIM_INFINITY);
-        }
-    }
-
-private:
-    static void limitFiles(rlim_t length) {
-        rlimit limit{};
-        getrlimit(RLIMIT_FSIZE, &limit);
-        limit.rlim_cur = length;
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    }
-
-    fs::path folder_;
-    bool mounted_ = false;
-};
-
 TEST_F(StorageFaultTest, FullDiskRefusesChangesAndLosesNothing) {
     testKey(5);
     testKey(6);
@@ -194,7 +123,7 @@ TEST_F(StorageFaultTest, ReadOnlyStoreCanBeReadAndNotChanged) {
     ASSERT_EQ(sign(key), 0);
     setPermissions(0555, 0444);
     inChild([&] {
-        becomeAnOrdinaryUser();
+        const OrdinaryUser user;
         expectNothingWritable(key, folder_.path());
         EXPECT_THROW(store_.unplug(serialNumber_), Failure);
         EXPECT_THROW(store_.remove(serialNumber_), Failure);
@@ -209,7 +138,7 @@ TEST_F(StorageFaultTest, StoreOfSomebodyElseIsNoEmptyStore) {
         chmod(folder_.path().c_str(), 0755);
         chmod((folder_.path() / closed).c_str(), 0000);
         inChild([&] {
-            becomeAnOrdinaryUser();
+            const OrdinaryUser user;
             reopen();
             EXPECT_TRUE(zentak_getConnectedDeviceList(false, instance_).empty());
             EXPECT_NE(zentak_initDevice(device(), true, instance_), 0);
@@ -230,7 +159,7 @@ TEST_F(StorageFaultTest, FilesOfSomebodyElseAreNoDamage) {
         setPermissions(0777, 0666);
         chmod((tokenFile().parent_path() / name).c_str(), 0000);
         inChild([&] {
-            becomeAnOrdinaryUser();
+            const OrdinaryUser user;
             reopen();
             EXPECT_EQ(validate(userPin), number(Error::storeFailed));
             EXPECT_EQ(validate("000000"), number(Error::storeFailed));
