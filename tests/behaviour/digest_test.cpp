@@ -131,10 +131,11 @@ TEST_F(DigestTest, ArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
               (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_Digest", "ERROR C_Digest: pulDigestLen is NULL"}}));
     unsigned char part = 1;
     for (const auto& [address, count] : {std::pair<CK_BYTE_PTR, CK_ULONG>{nullptr, 3}, {&part, 0}}) {
-        EXPECT_EQ(observe([&] { return api->C_DigestUpdate(session, address, count); }),
-                  (Outcome{CKR_ARGUMENTS_BAD,
-                           {"DEBUG C_DigestUpdate",
-                            text("ERROR C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", count)}}));
+        EXPECT_EQ(
+            observe([&, address = address, count = count] { return api->C_DigestUpdate(session, address, count); }),
+            (Outcome{CKR_ARGUMENTS_BAD,
+                     {"DEBUG C_DigestUpdate",
+                      text("ERROR C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", count)}}));
     }
     EXPECT_EQ(observe([&] { return api->C_DigestFinal(session, nullptr, nullptr); }),
               (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_DigestFinal", "ERROR C_DigestFinal: pulDigestLen is NULL"}}));

@@ -202,9 +202,9 @@ std::vector<Scenario> FailingWorld::scenarios() {
 
 std::vector<Scenario> FailingWorld::cryptographicScenarios() {
     const auto nothing = [] {};
-    const CK_OBJECT_HANDLE key = privateKeyBase + 1;
-    const auto signInit = [&, key] { expectOk(api.C_SignInit(session, mechanism(CKM_SHA256_RSA_PKCS), key)); };
-    const auto verifyInit = [&, key] { expectOk(api.C_VerifyInit(session, mechanism(CKM_SHA256_RSA_PKCS), key)); };
+    constexpr CK_OBJECT_HANDLE key = privateKeyBase + 1;
+    const auto signInit = [&] { expectOk(api.C_SignInit(session, mechanism(CKM_SHA256_RSA_PKCS), key)); };
+    const auto verifyInit = [&] { expectOk(api.C_VerifyInit(session, mechanism(CKM_SHA256_RSA_PKCS), key)); };
     const auto digestInit = [&] { expectOk(api.C_DigestInit(session, mechanism(CKM_SHA256))); };
     const auto fresh = [&] { length = sizeof output; };
     return {
@@ -220,14 +220,14 @@ std::vector<Scenario> FailingWorld::cryptographicScenarios() {
              fresh();
              return api.C_DigestFinal(session, output, &length);
          }},
-        {"C_SignInit", nothing, [&, key] { return api.C_SignInit(session, mechanism(CKM_SHA256_RSA_PKCS), key); }},
+        {"C_SignInit", nothing, [&] { return api.C_SignInit(session, mechanism(CKM_SHA256_RSA_PKCS), key); }},
         {"C_Sign", signInit,
          [&, fresh] {
              fresh();
              return api.C_Sign(session, input, sizeof input, output, &length);
          }},
         {"C_SignUpdate", signInit, [&] { return api.C_SignUpdate(session, input, sizeof input); }},
-        {"C_SignUpdate, collecting", [&, key] { expectOk(api.C_SignInit(session, mechanism(CKM_RSA_PKCS), key)); },
+        {"C_SignUpdate, collecting", [&] { expectOk(api.C_SignInit(session, mechanism(CKM_RSA_PKCS), key)); },
          [&] { return api.C_SignUpdate(session, input, sizeof input); }},
         {"C_SignFinal",
          [&, signInit] {
@@ -238,7 +238,7 @@ std::vector<Scenario> FailingWorld::cryptographicScenarios() {
              fresh();
              return api.C_SignFinal(session, output, &length);
          }},
-        {"C_VerifyInit", nothing, [&, key] { return api.C_VerifyInit(session, mechanism(CKM_SHA256_RSA_PKCS), key); }},
+        {"C_VerifyInit", nothing, [&] { return api.C_VerifyInit(session, mechanism(CKM_SHA256_RSA_PKCS), key); }},
         {"C_Verify", verifyInit, [&] { return api.C_Verify(session, input, sizeof input, output, 256); }},
         {"C_VerifyUpdate", verifyInit, [&] { return api.C_VerifyUpdate(session, input, sizeof input); }},
         {"C_VerifyFinal",
@@ -247,14 +247,14 @@ std::vector<Scenario> FailingWorld::cryptographicScenarios() {
              expectOk(api.C_VerifyUpdate(session, input, sizeof input));
          },
          [&] { return api.C_VerifyFinal(session, output, 256); }},
-        {"C_EncryptInit", nothing, [&, key] { return api.C_EncryptInit(session, mechanism(CKM_RSA_PKCS), key); }},
-        {"C_Encrypt", [&, key] { expectOk(api.C_EncryptInit(session, mechanism(CKM_RSA_PKCS), key)); },
+        {"C_EncryptInit", nothing, [&] { return api.C_EncryptInit(session, mechanism(CKM_RSA_PKCS), key); }},
+        {"C_Encrypt", [&] { expectOk(api.C_EncryptInit(session, mechanism(CKM_RSA_PKCS), key)); },
          [&, fresh] {
              fresh();
              return api.C_Encrypt(session, input, sizeof input, output, &length);
          }},
-        {"C_DecryptInit", nothing, [&, key] { return api.C_DecryptInit(session, mechanism(CKM_RSA_PKCS), key); }},
-        {"C_Decrypt", [&, key] { expectOk(api.C_DecryptInit(session, mechanism(CKM_RSA_PKCS), key)); },
+        {"C_DecryptInit", nothing, [&] { return api.C_DecryptInit(session, mechanism(CKM_RSA_PKCS), key); }},
+        {"C_Decrypt", [&] { expectOk(api.C_DecryptInit(session, mechanism(CKM_RSA_PKCS), key)); },
          [&, fresh] {
              fresh();
              return api.C_Decrypt(session, input, sizeof input, output, &length);

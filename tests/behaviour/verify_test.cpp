@@ -181,11 +181,14 @@ TEST_F(VerifyTest, ArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
     EXPECT_EQ(observe([&] { return api->C_Verify(session, nullptr, 0, nullptr, 0); }), notInitialised("C_Verify"));
     beginVerify(CKM_RSA_PKCS);
     for (const auto& [data, mark] : {std::pair<CK_BYTE_PTR, CK_BYTE_PTR>{nullptr, &byte}, {&byte, nullptr}}) {
-        EXPECT_EQ(observe([&] { return api->C_Verify(session, data, 0, mark, 0); }),
+        EXPECT_EQ(observe([&, data = data, mark = mark] { return api->C_Verify(session, data, 0, mark, 0); }),
                   (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_Verify", "ERROR C_Verify: pData or pSignature is NULL"}}));
     }
     for (const auto& [dataLength, markLength] : {std::pair<CK_ULONG, CK_ULONG>{0, 1}, {1, 0}, {0, 0}}) {
-        EXPECT_EQ(observe([&] { return api->C_Verify(session, &byte, dataLength, &byte, markLength); }),
+        const auto call = [&, first = dataLength, second = markLength] {
+            return api->C_Verify(session, &byte, first, &byte, second);
+        };
+        EXPECT_EQ(observe(call),
                   (Outcome{CKR_ARGUMENTS_BAD,
                            {"DEBUG C_Verify", text("ERROR C_Verify: ulDataLen or ulSignatureLen <= 0, ulDataLen=",
                                                    dataLength, " ulSignatureLen=", markLength)}}));
