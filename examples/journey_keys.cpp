@@ -19,6 +19,8 @@ Bytes operator+(Bytes first, const Bytes& second) {
 /// A DER element of fewer than 65536 bytes.
 Bytes der(CK_BYTE tag, const Bytes& content) {
     const std::size_t length = content.size();
+    // cppcheck doesn't see the use in a list.
+    // cppcheck-suppress unreadVariable
     const auto low = static_cast<CK_BYTE>(length & 0xFF);
     if (length < 0x80) {
         return Bytes{tag, low} + content;

@@ -107,6 +107,8 @@ CK_SESSION_HANDLE openSession(CK_SLOT_ID slot, CK_FLAGS moreFlags) {
     return session;
 }
 
+// C_Login takes the PIN as bytes that it might change.
+// cppcheck-suppress passedByValue
 CK_RV login(CK_SESSION_HANDLE session, std::string pin) {
     return cryptoki->C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()), lengthOf(pin));
 }

@@ -166,6 +166,8 @@ void signWithFirst(CK_KEY_TYPE type, CK_MECHANISM_TYPE mechanism, CK_SESSION_HAN
     throw std::runtime_error("the token holds no such key with a certificate");
 }
 
+// C_Login takes the PIN as bytes that it might change.
+// cppcheck-suppress passedByValue
 void journey(const std::string& modulePath, std::string pin, const Bytes& data, const std::string& folder) {
     std::cout << "\nLoading the module " << modulePath << '\n';
     cryptoki = loadModule(modulePath);

@@ -156,6 +156,6 @@ int main(int argc, PathCharacter* argv[]) {
         done = signWithFirstToken(pin, input);
         done = succeeded("C_Finalize", cryptoki->C_Finalize(NULL)) && done;
     }
-    if (input != stdin) fclose(input);
+    if (argc == 3) fclose(input);
     return done ? 0 : 1;
 }

@@ -318,6 +318,8 @@ void closeInstance(void* handle) {
     const std::lock_guard lock(all.mutex);
     const auto found = all.instances.find(reinterpret_cast<std::uintptr_t>(handle));
     if (found == all.instances.end()) return;
+    // Released after the lock is.
+    // cppcheck-suppress unreadVariable
     last = std::move(found->second);
     all.instances.erase(found);
 }

@@ -242,6 +242,8 @@ SecretBytes decryptRsa(EVP_PKEY* key, ByteView data) {
     const int plaintextLength = oaepLength >= 0 ? oaepLength : pkcs1Length;
     requireCrypto(plaintextLength >= 0, "decrypting");
     plaintext.resize(static_cast<std::size_t>(plaintextLength));
+    // It is a reference, which would be copied.
+    // cppcheck-suppress returnStdMoveLocal
     return std::move(plaintext);
 }
 

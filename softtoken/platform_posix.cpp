@@ -78,6 +78,8 @@ private:
     static constexpr std::array<int, 4> signals = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
 
     static void restore(int number) {
+        // The constructor has set the terminal before it sets the handler.
+        // cppcheck-suppress invalidFunctionArg
         tcsetattr(terminal_, TCSAFLUSH, &settings_);
         struct sigaction ending {};
         ending.sa_handler = SIG_DFL;

@@ -62,9 +62,9 @@ public:
         }
         const std::string_view version = line.substr(format.size() + 1);
         if (version != formatVersion) {
-            const bool number = !version.empty() && version.size() <= 9 &&
-                                version.find_first_not_of("0123456789") == std::string_view::npos;
-            if (!number) damaged("its version is no number");
+            const bool isNumber = !version.empty() && version.size() <= 9 &&
+                                  version.find_first_not_of("0123456789") == std::string_view::npos;
+            if (!isNumber) damaged("its version is no number");
             throw Failure(Error::unknownVersion, "the token's file is of version " + std::string(version) +
                                                      ", this program knows version " + std::string(formatVersion));
         }

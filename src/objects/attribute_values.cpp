@@ -37,6 +37,8 @@ void encodeOctetString(ByteView bytes, std::vector<unsigned char>& storage) {
 
 const KeyTypeProperties& keyTypeProperties(std::int32_t keyTypeCode) {
     const auto count = static_cast<std::int32_t>(keyTypes.size());
+    // Both are constants.
+    // cppcheck-suppress returnTempReference
     return keyTypeCode >= 1 && keyTypeCode <= count ? keyTypes[static_cast<std::size_t>(keyTypeCode - 1)] : rsa2048;
 }
 

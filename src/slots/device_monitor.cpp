@@ -78,7 +78,7 @@ void sleepUntilNextPoll() {
 }
 
 void watchDevices() {
-    MonitorState& state = monitor();
+    const MonitorState& state = monitor();
     std::size_t lastCount = 0;
     while (!state.stopRequested) {
         // A poll that throws tells nothing about the devices; the next one may.
