@@ -1,6 +1,7 @@
 # How every target of the project is compiled. Targets link to `zentak_settings`.
 
 set(ZENTAK_SANITIZE "" CACHE STRING "Sanitizers for the whole build, as in -fsanitize=")
+option(ZENTAK_COVERAGE "Let the module count which of its lines and branches are run")
 
 add_library(zentak_settings INTERFACE)
 target_compile_options(zentak_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
@@ -23,3 +24,11 @@ else()
   include(CheckPIESupported)
   check_pie_supported()
 endif()
+
+# zentak_count_coverage(<target>): of the coverage build. Threads count too, hence the atomic counters.
+function(zentak_count_coverage target)
+  if(ZENTAK_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic)
+    target_link_options(${target} PRIVATE --coverage)
+  endif()
+endfunction()
