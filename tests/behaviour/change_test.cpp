@@ -129,6 +129,19 @@ TEST_F(ChangeTest, LongValuesAreHandedOnWhole) {
                                                    {listKeyPairs, updateKeyPair(5, label, shown(identifier))}}));
 }
 
+TEST_F(ChangeTest, AnIdentifierOfMoreThanAnIntCountsIsRefused) {
+    unsigned char byte = 1;  // nobody reads what is said to follow
+    for (const CK_ULONG count : Numbers{0x80000000, 0xFFFFFFFE}) {
+        Template wanted;
+        wanted.add(CKA_LABEL, "new").addRaw(CKA_ID, &byte, count);
+        EXPECT_EQ(set(privateKey(5), wanted),
+                  (Outcome{CKR_DATA_LEN_RANGE,
+                           {entered, attribute(CKA_LABEL), attribute(CKA_ID),
+                            text("ERROR C_SetAttributeValue: CKA_ID too long for the device library, length=", count)},
+                           {listKeyPairs}}));
+    }
+}
+
 TEST_F(ChangeTest, ALabelIsCountedBytes) {
     char label[] = {'a', 'b', 'c', 'd'};
     Template wanted;

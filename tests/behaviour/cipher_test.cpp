@@ -562,6 +562,23 @@ TEST_F(CipherTest, AFailedDecryptionEndsTheOperation) {
     EXPECT_EQ(world.buffersHandedOut(), 3);
 }
 
+TEST_F(CipherTest, ALengthOfNothingIsAFailure) {
+    for (const int reported : {1, 2000000000, -1}) {
+        world.lengthOfNothing = reported;
+        ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
+        const Outcome outcome = decrypt({1});
+        EXPECT_EQ(outcome.code, CKR_FUNCTION_FAILED);
+        EXPECT_TRUE(endsWithOneError(outcome.log, "C_Decrypt"));
+        EXPECT_TRUE(room.untouchedFrom(0));
+        EXPECT_EQ(decrypt({1}), notInitialised("C_Decrypt"));
+    }
+    // No plaintext needs no buffer.
+    world.lengthOfNothing = 0;
+    ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
+    EXPECT_EQ(decrypt({1}), (Outcome{CKR_OK, {"DEBUG C_Decrypt"}, {decryptCall({1})}}));
+    expectInRoom({});
+}
+
 // --- Started during a digest ---
 
 TEST_F(CipherTest, StartedDuringADigestAnOperationCanNeitherBeCarriedOutNorReplaced) {

@@ -338,6 +338,11 @@ TEST_F(DeriveTest, AFailureNamesTheResultAndStoresNothing) {
     EXPECT_EQ(derive(), failed(0));
     EXPECT_EQ(handle, untouched);
     EXPECT_EQ(world.buffersHandedOut(), 3);
+    // A length without a buffer is a failure too.
+    world.lengthOfNothing = 32;
+    EXPECT_EQ(derive(), failed(0));
+    EXPECT_EQ(handle, untouched);
+    world.lengthOfNothing.reset();
 
     world.sharedSecret = {0x42};
     const Outcome outcome = derive();

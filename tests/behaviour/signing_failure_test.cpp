@@ -187,4 +187,17 @@ TEST_F(SigningFailureTest, ReportedLengthsBeyondTheAreaAreNotFollowed) {
     }
 }
 
+TEST_F(SigningFailureTest, MoreRawDataThanAnIntCountsAreRefused) {
+    unsigned char byte = 1;  // nobody reads what is said to follow
+    for (const CK_ULONG count : Numbers{0x80000000, 0xFFFFFFFF}) {
+        begin(CKM_RSA_PKCS);
+        EXPECT_EQ(observe([&] { return api->C_Sign(session, &byte, count, nullptr, &length); }),
+                  (Outcome{CKR_DATA_LEN_RANGE,
+                           {"DEBUG C_Sign", "DEBUG sign echanism : 1",
+                            text("ERROR C_Sign: data too long for the device library, ulDataLen=", count)}}));
+        EXPECT_EQ(sign({1}), notInitialised("C_Sign"));
+        expectEndedAndUsable();
+    }
+}
+
 }  // namespace

@@ -326,4 +326,31 @@ TEST_F(VerifyTest, ExceptionsEndTheOperationLikeFailures) {
     }
 }
 
+TEST_F(VerifyTest, MoreThanAnIntCountsIsRefused) {
+    unsigned char byte = 1;  // nobody reads what is said to follow
+    for (const CK_ULONG count : Numbers{0x80000000, 0xFFFFFFFF}) {
+        beginVerify(CKM_RSA_PKCS);
+        EXPECT_EQ(observe([&] { return api->C_Verify(session, &byte, count, &byte, 1); }),
+                  (Outcome{CKR_DATA_LEN_RANGE,
+                           {"DEBUG C_Verify",
+                            text("ERROR C_Verify: input too long for the device library, length=", count)}}));
+        EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
+
+        beginVerify(CKM_ECDSA);
+        EXPECT_EQ(observe([&] { return api->C_Verify(session, &byte, 1, &byte, count); }),
+                  (Outcome{CKR_DATA_LEN_RANGE,
+                           {"DEBUG C_Verify",
+                            text("ERROR C_Verify: input too long for the device library, length=", count)}}));
+        EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
+
+        beginVerify(CKM_ECDSA);
+        ASSERT_EQ(verifyUpdate({1}).code, CKR_OK);
+        EXPECT_EQ(observe([&] { return api->C_VerifyFinal(session, &byte, count); }),
+                  (Outcome{CKR_DATA_LEN_RANGE,
+                           {"DEBUG C_VerifyFinal",
+                            text("ERROR C_VerifyFinal: input too long for the device library, length=", count)}}));
+        EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
+    }
+}
+
 }  // namespace

@@ -26,7 +26,10 @@ void deliver(const Bytes& source, unsigned char* area, int* length, std::optiona
 }
 
 int handOut(Device& device, int result, const Bytes& source, unsigned char** output, int* length) {
-    if (result == 0 || device.handsOutOnFailure) {
+    if (result == 0 && device.lengthOfNothing) {
+        *output = nullptr;
+        *length = *device.lengthOfNothing;
+    } else if (result == 0 || device.handsOutOnFailure) {
         auto* buffer = static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(source.size(), 1)));
         if (buffer == nullptr) {
             throw std::bad_alloc();

@@ -117,6 +117,7 @@ void Device::reset() {
     plaintext.clear();
     sharedSecret.clear();
     handsOutOnFailure = false;
+    lengthOfNothing.reset();
     files.clear();
     generated = {};
     importedCertificateId.clear();

@@ -94,6 +94,8 @@ public:
     Bytes plaintext;
     Bytes sharedSecret;
     bool handsOutOnFailure = false;
+    /// When set, zentak_decrypt and zentak_ecdhDerive succeed with a null pointer instead, and report this length.
+    std::optional<int> lengthOfNothing;
     /// Answer of zentak_getFilesWithExtensionsAndConvertDER.
     std::vector<std::pair<std::string, Bytes>> files;
     /// Written by the operations that make something: `id`, `keyId` and `publicKey` (with its length) of this record

@@ -72,5 +72,12 @@ TEST(RawInputPolicy, JudgesBareHashesByTheirLengthAlone) {
               "C_Sign: MD5 hash signing via CKM_RSA_PKCS_PSS not allowed on FIPS 140-3 token");
 }
 
+TEST(RawInputPolicy, ObjectsToNothingWhereTheModuleHashes) {
+    for (const CK_MECHANISM_TYPE mechanism : {CKM_SHA256_RSA_PKCS, CKM_SHA1_RSA_PKCS, CKM_ECDSA_SHA1}) {
+        EXPECT_FALSE(fipsObjectionToRawInput(mechanism, Bytes(20, 0x30)));
+        EXPECT_FALSE(fipsObjectionToRawInput(mechanism, digestInfo(35, sha1Identifier, 5)));
+    }
+}
+
 }  // namespace
 }  // namespace zentak
