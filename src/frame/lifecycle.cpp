@@ -10,13 +10,15 @@ namespace zentak {
 
 namespace {
 
-/// No thread of the module is inside the device library while the process is copied.
+/// No thread of the module is inside the device library, and none writes to the log, while the process is copied.
 void beforeFork() ZENTAK_THREAD_SAFETY(no_thread_safety_analysis) {
     holdDeviceMonitor();
     theModule().mutex.lock();
+    holdLogWriters();
 }
 
 void inParent() ZENTAK_THREAD_SAFETY(no_thread_safety_analysis) {
+    releaseLogWriters();
     theModule().mutex.unlock();
     releaseDeviceMonitor();
 }

@@ -13,7 +13,8 @@ namespace zentak {
 
 namespace {
 
-/// Serialises the writers of this process.
+/// Serialises the writers of this process, and keeps it from being forked while one of them asks for the time: the
+/// system's lock of its time zone would stay locked in the child.
 struct LogMutex : std::mutex {};
 
 std::string_view levelTag(int level) {
@@ -39,6 +40,11 @@ void appendBounded(char* buffer, std::string_view text) {
 
 void printException(const char* where, const char* what, const char* lineEnd) noexcept {
     std::printf("%s%s%s", where, what, lineEnd);
+}
+
+platform::LocalTime timeWhileNobodyForks() {
+    const std::scoped_lock<std::mutex> lock(lasting<LogMutex>());
+    return platform::localTime();
 }
 
 void appendLine(const char* path, int level, std::string_view message) {
@@ -125,7 +131,7 @@ void writeLogLine(int level, std::string_view message) noexcept {
         appendBounded(path.data(), "/");
         createLogFolder(path.data());
 
-        const platform::LocalTime today = platform::localTime();
+        const platform::LocalTime today = timeWhileNobodyForks();
         std::array<char, 32> date{};
         std::snprintf(date.data(), date.size(), "%04d-%02d-%02d", today.year, today.month, today.day);
         appendBounded(path.data(), date.data());
@@ -137,6 +143,14 @@ void writeLogLine(int level, std::string_view message) noexcept {
     } catch (...) {
         printException("Exception in write log : ", "unknown", "\n");
     }
+}
+
+void holdLogWriters() {
+    lasting<LogMutex>().lock();
+}
+
+void releaseLogWriters() {
+    lasting<LogMutex>().unlock();
 }
 
 void forgetLogWriters() {

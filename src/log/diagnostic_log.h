@@ -41,6 +41,9 @@ int getLogBaseFolderPath(char* buffer) noexcept;
 /// 0 when not.
 int createLogFolder(const char* path) noexcept;
 
+/// Around a fork, in the parent: no line is being written meanwhile.
+void holdLogWriters();
+void releaseLogWriters();
 /// In a forked child: whoever was writing in the parent isn't here.
 void forgetLogWriters();
 
