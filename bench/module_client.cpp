@@ -59,7 +59,7 @@ UserSession::~UserSession() {
 std::vector<CK_OBJECT_HANDLE> UserSession::privateKeys(std::string id) const {
     CK_OBJECT_CLASS kind = CKO_PRIVATE_KEY;
     std::vector<CK_ATTRIBUTE> wanted = {{CKA_CLASS, &kind, sizeof kind}};
-    if (!id.empty()) wanted.push_back({CKA_ID, id.data(), id.size()});
+    if (!id.empty()) wanted.push_back({CKA_ID, id.data(), static_cast<CK_ULONG>(id.size())});
     require(cryptoki().C_FindObjectsInit(handle_, wanted.data(), static_cast<CK_ULONG>(wanted.size())),
             "C_FindObjectsInit");
     std::vector<CK_OBJECT_HANDLE> keys(4096);
