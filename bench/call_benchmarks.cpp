@@ -78,17 +78,22 @@ double quantile(std::vector<double> values, double part) {
 }  // namespace
 
 void registerBenchmark(const std::string& name, std::function<std::function<void()>()> prepare) {
-    benchmark::RegisterBenchmark(name.c_str(), [prepare](benchmark::State& state) {
-        try {
-            const std::function<void()> work = prepare();
-            for ([[maybe_unused]] auto unused : state) work();
-        } catch (const std::exception& problem) {
-            failed = true;
-            state.SkipWithError(problem.what());
-        }
-    })->ComputeStatistics("first quartile", [](const std::vector<double>& values) {
-          return quantile(values, 0.25);
-      })->ComputeStatistics("third quartile", [](const std::vector<double>& values) { return quantile(values, 0.75); });
+    benchmark::internal::Benchmark& added =
+        *benchmark::RegisterBenchmark(name.c_str(), [prepare](benchmark::State& state) {
+            try {
+                const std::function<void()> work = prepare();
+                for ([[maybe_unused]] auto unused : state) work();
+            } catch (const std::exception& problem) {
+                failed = true;
+                state.SkipWithError(problem.what());
+            }
+        });
+    added.ComputeStatistics("first quartile", [](const std::vector<double>& values) { return quantile(values, 0.25); });
+    added.ComputeStatistics("third quartile", [](const std::vector<double>& values) { return quantile(values, 0.75); });
+#if defined(_WIN32)
+    // The processor's time is counted in ticks of some milliseconds there.
+    added.UseRealTime();
+#endif
 }
 
 const Subjects& enterToken(const TokenSize& size) {
