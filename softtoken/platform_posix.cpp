@@ -54,6 +54,13 @@ int openRetrying(const fs::path& path, int flags, mode_t mode = 0) {
     return number;
 }
 
+/// Less than 0 when there is no such file.
+int openForReading(const fs::path& file) {
+    const int number = openRetrying(file, O_RDONLY);
+    if (number < 0 && errno != ENOENT && errno != ENOTDIR) failStore("open", file);
+    return number;
+}
+
 /// While a terminal is silent: a program that is interrupted gives the echo back before it ends.
 class EchoGuard {
 public:
@@ -180,11 +187,8 @@ std::int64_t fileClockNow() {
 }
 
 std::optional<std::string> readFile(const fs::path& file) {
-    const Descriptor descriptor(openRetrying(file, O_RDONLY));
-    if (descriptor.get() < 0) {
-        if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
-        failStore("open", file);
-    }
+    const Descriptor descriptor(openForReading(file));
+    if (descriptor.get() < 0) return std::nullopt;
     struct stat status {};
     if (fstat(descriptor.get(), &status) != 0) failStore("look at", file);
     // One byte more than there is, so that the end shows without another growth.
@@ -203,11 +207,8 @@ std::optional<std::string> readFile(const fs::path& file) {
 }
 
 std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length) {
-    const Descriptor descriptor(openRetrying(file, O_RDONLY));
-    if (descriptor.get() < 0) {
-        if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
-        failStore("open", file);
-    }
+    const Descriptor descriptor(openForReading(file));
+    if (descriptor.get() < 0) return std::nullopt;
     struct stat status {};
     if (fstat(descriptor.get(), &status) != 0) failStore("look at", file);
     const off_t start = status.st_size - static_cast<off_t>(length);
