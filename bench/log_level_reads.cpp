@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "log_level.h"
+#include "module_client.h"
 #include "platform/platform.h"
 #include "run_folder.h"
 #include "samples.h"
@@ -22,6 +23,7 @@ std::filesystem::path levelFile() {
 
 double countLogLevelReads(const std::function<void()>& work) {
     constexpr int repetitions = 16;
+    const OwnConfiguration configuration;
     support::setLogLevel(support::errorLevel);  // the one that holds without a file
     const int watcher = inotify_init1(IN_NONBLOCK);
     // Openings and closings take turns: equal events in a row would be told as one.

@@ -8,6 +8,7 @@
 #include "call_benchmarks.h"
 #include "log_level.h"
 #include "module.h"
+#include "module_client.h"
 #include "platform/platform.h"
 #include "records.h"
 #include "run_folder.h"
@@ -86,6 +87,8 @@ struct LogLevel {
     LogLevel(const LogLevel&) = delete;
     LogLevel& operator=(const LogLevel&) = delete;
     ~LogLevel() { support::removeLogLevel(); }
+
+    OwnConfiguration configuration;
 };
 
 /// One line of the log at DEBUG level, by what is configured: C_GetSessionInfo has one.
@@ -109,6 +112,7 @@ void registerLogBenchmarks() {
 int main(int argc, char* argv[]) {
     try {
         const support::RunFolder folder;
+        useUsualConfiguration();
         // The one that the program is beside is not the folder of the module, which lies where it always does.
         useModule(support::moduleFile().parent_path().parent_path() / support::moduleFile().filename());
         registerCallBenchmarks(plugIn);

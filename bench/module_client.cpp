@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "module.h"
+#include "run_folder.h"
 
 namespace bench {
 
@@ -40,6 +41,14 @@ void require(CK_RV result, const char* call) {
 const CK_FUNCTION_LIST& cryptoki() {
     static const CK_FUNCTION_LIST& functions = support::functionsOf(support::loadModule(chosenModule()));
     return functions;
+}
+
+void useUsualConfiguration() {
+    support::setEnvironment("ZENTAK_CONFIG", std::nullopt);
+}
+
+OwnConfiguration::OwnConfiguration() {
+    support::setEnvironment("ZENTAK_CONFIG", (support::runFolder() / "config").string());
 }
 
 UserSession::UserSession() {

@@ -23,6 +23,19 @@ void useModule(const std::filesystem::path& file);
 /// The module's functions; the first call loads it.
 const CK_FUNCTION_LIST& cryptoki();
 
+/// Where nothing else is said, the log level is looked for in its usual folder, as with most hosts; the constructor of
+/// a support::RunFolder names another one.
+void useUsualConfiguration();
+
+/// As long as it lives, the log level is the one that is set in the RunFolder.
+class OwnConfiguration {
+public:
+    OwnConfiguration();
+    OwnConfiguration(const OwnConfiguration&) = delete;
+    OwnConfiguration& operator=(const OwnConfiguration&) = delete;
+    ~OwnConfiguration() { useUsualConfiguration(); }
+};
+
 /// Initialises the module and opens a read/write session of the user, as long as the object lives.
 class UserSession {
 public:

@@ -17,6 +17,7 @@
 #include "client_process.h"
 #include "host_operations.h"
 #include "module.h"
+#include "module_client.h"
 #include "run_folder.h"
 #include "samples.h"
 #include "test_certificates.h"
@@ -95,6 +96,7 @@ void compare(const Operation& operation, std::size_t pairs, ClientProcess& ours,
 
 void run(const std::string& module, int rounds, const std::vector<std::size_t>& sizes) {
     const support::RunFolder folder;
+    useUsualConfiguration();
     const Keys keys = makeKeys(*std::max_element(sizes.begin(), sizes.end()));
     const std::vector<softtoken::Bytes> certificates = makeCertificates(keys);
     for (const std::size_t pairs : sizes) {

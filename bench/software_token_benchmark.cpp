@@ -171,6 +171,7 @@ void writeKey(const softtoken::Key& key, const std::filesystem::path& file) {
 
 void run() {
     const support::RunFolder folder;
+    useUsualConfiguration();
     const Keys keys = makeKeys(500);
     const TokenStore one(keys, 1);
     const TokenStore ten(keys, 10);

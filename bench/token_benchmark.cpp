@@ -5,6 +5,7 @@
 #include <span>
 
 #include "call_benchmarks.h"
+#include "module_client.h"
 #include "run_folder.h"
 #include "token_stores.h"
 
@@ -31,6 +32,7 @@ void plugIn(const TokenSize& size) {
 int main(int argc, char* argv[]) {
     try {
         const support::RunFolder folder;
+        useUsualConfiguration();
         registerCallBenchmarks(plugIn);
         return runBenchmarks(argc, argv);
     } catch (const std::exception& problem) {
