@@ -30,7 +30,9 @@ void completeLabel(ReadableObject& object, const ModuleState& state, const Sessi
     if (!object.label.empty()) {
         return;
     }
-    ParsedCertificates certificates(zentak_getCertificateList(session.deviceId(), state.instance));
+    // A copy: the library's own list is good until the library is called again.
+    const std::vector<ZentakCertificate> list = zentak_getCertificateList(session.deviceId(), state.instance);
+    ParsedCertificates certificates(list);
     const CertificateDetails* details = certificates.detailsOfKey(object.value);
     if (details == nullptr) {
         return;

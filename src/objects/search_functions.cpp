@@ -72,11 +72,20 @@ CK_RV parseTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, SearchCriteria
     return CKR_OK;
 }
 
-/// Both lists of a token. That of the certificates is a copy: the library may overwrite it while it makes the other
-/// one, which is the library's own and good until the library is asked for a list again.
+/// Both lists of a token. A list of the library's is good until the library is called again, so that of the
+/// certificates is a copy from the start, and that of the key pairs, which is asked for last, where a call follows.
 struct TokenObjects {
     std::vector<ZentakCertificate> certificates;
     std::span<const ZentakKeyPair> keyPairs;
+    std::vector<ZentakKeyPair> copiedKeyPairs;
+
+    /// Before another call of the library.
+    void keepKeyPairs() {
+        if (keyPairs.data() != copiedKeyPairs.data()) {
+            copiedKeyPairs.assign(keyPairs.begin(), keyPairs.end());
+            keyPairs = copiedKeyPairs;
+        }
+    }
 };
 
 TokenObjects listObjects(const ModuleState& state, const SessionRecord& session) {
@@ -90,6 +99,7 @@ TokenObjects listObjects(const ModuleState& state, const SessionRecord& session)
 TokenObjects listInitialisedToken(const ModuleState& state, const SessionRecord& session) {
     TokenObjects objects = listObjects(state, session);
     if (objects.certificates.empty() || objects.keyPairs.empty()) {
+        objects.keepKeyPairs();
         const int result = zentak_initDevice(session.deviceId(), true, state.instance);
         if (result == 0) {
             return listObjects(state, session);
@@ -158,7 +168,7 @@ std::vector<ZentakKeyPair> matchingKeyPairs(const SearchCriteria& criteria, std:
 }
 
 /// Fills the session's found records and flags.
-void findMatches(const SearchCriteria& criteria, TokenObjects objects, SessionRecord& session) {
+void findMatches(const SearchCriteria& criteria, TokenObjects& objects, SessionRecord& session) {
     if (criteria.objectClass == anyClass) {
         // Without a class everything is found, whatever else the template holds.
         session.foundCertificates = std::move(objects.certificates);
@@ -171,6 +181,10 @@ void findMatches(const SearchCriteria& criteria, TokenObjects objects, SessionRe
     if (criteria.objectClass == CKO_CERTIFICATE) {
         session.foundCertificates = matchingCertificates(criteria, certificates);
     } else if (criteria.objectClass == CKO_PUBLIC_KEY || criteria.objectClass == CKO_PRIVATE_KEY) {
+        if (!criteria.label.empty()) {
+            // It may be that of a certificate, about which the library is asked.
+            objects.keepKeyPairs();
+        }
         session.foundKeyPairs = matchingKeyPairs(criteria, objects.keyPairs, certificates);
         const bool found = !session.foundKeyPairs.empty();
         session.findPublicKeys = found && criteria.objectClass == CKO_PUBLIC_KEY;
@@ -224,7 +238,7 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
         if (!criteria.id.empty()) {
             logDebug("Find init id : ", Hexadecimal{criteria.id});
         }
-        findMatches(criteria, std::move(objects), session);
+        findMatches(criteria, objects, session);
         session.activeOperation = ActiveOperation::Find;
         return CKR_OK;
     });
