@@ -28,8 +28,13 @@ OtherProcess::OtherProcess(const std::string& program, const std::vector<std::st
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION information{};
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &information)) {
-        throw std::runtime_error("can't start " + program);
+    // Wine, when it is busy with ending others, refuses now and then.
+    for (int left = 5;
+         !CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &information);
+         --left) {
+        const DWORD number = GetLastError();
+        if (left == 0) throw std::runtime_error("can't start " + program + ": error " + std::to_string(number));
+        Sleep(200);
     }
     CloseHandle(information.hThread);
     process_ = reinterpret_cast<std::intptr_t>(information.hProcess);
