@@ -27,22 +27,32 @@ void requireCrypto(bool succeeded, const char* what) {
     }
 }
 
+namespace {
+
+/// Once for each name, and not before it is used: a fetch takes a hundredth of a program's start.
+template <std::size_t length>
+const EVP_MD* digestNamed(const char* name) {
+    static const EVP_MD* const digest = EVP_MD_fetch(cryptoContext(), name, nullptr);
+    return digest;
+}
+
+}  // namespace
+
 const EVP_MD* digestOfLength(std::size_t length) {
-    struct Row {
-        std::size_t length;
-        const EVP_MD* digest;
-    };
-    static const std::array<Row, 5> rows = {{
-        {20, EVP_MD_fetch(cryptoContext(), "SHA1", nullptr)},
-        {28, EVP_MD_fetch(cryptoContext(), "SHA2-224", nullptr)},
-        {32, EVP_MD_fetch(cryptoContext(), "SHA2-256", nullptr)},
-        {48, EVP_MD_fetch(cryptoContext(), "SHA2-384", nullptr)},
-        {64, EVP_MD_fetch(cryptoContext(), "SHA2-512", nullptr)},
-    }};
-    for (const Row& row : rows) {
-        if (row.length == length) return row.digest;
+    switch (length) {
+        case 20:
+            return digestNamed<20>("SHA1");
+        case 28:
+            return digestNamed<28>("SHA2-224");
+        case 32:
+            return digestNamed<32>("SHA2-256");
+        case 48:
+            return digestNamed<48>("SHA2-384");
+        case 64:
+            return digestNamed<64>("SHA2-512");
+        default:
+            return nullptr;
     }
-    return nullptr;
 }
 
 Bytes randomBytes(std::size_t count) {

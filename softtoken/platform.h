@@ -68,7 +68,9 @@ std::optional<std::string> readFileEnd(const std::filesystem::path& file, std::s
 
 /// Replaces the file by one with this content, or makes it. Whenever the process or the machine stops, the old or the
 /// new content is there. Throws Error::storeFailed. Two callers at the same file exclude each other by a FileLock.
-void replaceFile(const std::filesystem::path& file, std::string_view content);
+/// `Lasting::soon` waits less, and for a while a crash of the machine may bring the old content back.
+enum class Lasting { atOnce, soon };
+void replaceFile(const std::filesystem::path& file, std::string_view content, Lasting lasting = Lasting::atOnce);
 
 /// Renames a folder and makes that last. Throws Error::storeFailed.
 void moveFolder(const std::filesystem::path& from, const std::filesystem::path& to);

@@ -223,7 +223,7 @@ std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length)
     return content;
 }
 
-void replaceFile(const fs::path& file, std::string_view content) {
+void replaceFile(const fs::path& file, std::string_view content, Lasting lasting) {
     fs::path fresh = file;
     fresh += ".new";
     try {
@@ -244,7 +244,7 @@ void replaceFile(const fs::path& file, std::string_view content) {
         unlink(fresh.c_str());
         throw;
     }
-    syncFolder(file.parent_path());
+    if (lasting == Lasting::atOnce) syncFolder(file.parent_path());
 }
 
 void moveFolder(const fs::path& from, const fs::path& to) {

@@ -226,14 +226,14 @@ std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length)
     return content;
 }
 
-void replaceFile(const fs::path& file, std::string_view content) {
+void replaceFile(const fs::path& file, std::string_view content, Lasting lasting) {
     fs::path fresh = file;
     fresh += L".new";
     try {
         writeNewFile(fresh, content);
-        const DWORD number = retryWhileInUse([&] {
-            return MoveFileExW(fresh.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
-        });
+        const DWORD flags =
+            MOVEFILE_REPLACE_EXISTING | (lasting == Lasting::atOnce ? DWORD{MOVEFILE_WRITE_THROUGH} : DWORD{0});
+        const DWORD number = retryWhileInUse([&] { return MoveFileExW(fresh.c_str(), file.c_str(), flags) != 0; });
         if (number != 0) failStore("replace", file, number);
     } catch (...) {
         // On a full disk it would keep the space that the next attempt needs.

@@ -246,7 +246,8 @@ void Store::resetAttempts(std::string_view serialNumber, Role role, int maximum)
     Attempts attempts = loadAttempts(serialNumber);
     if (attemptsOf(attempts, role) == maximum) return;
     attemptsOf(attempts, role) = maximum;
-    replaceFile(folder / attemptsFileName, writeAttempts(attempts));
+    // After a crash of the machine there may be fewer, and the next right PIN gives them back.
+    replaceFile(folder / attemptsFileName, writeAttempts(attempts), Lasting::soon);
 }
 
 }  // namespace softtoken

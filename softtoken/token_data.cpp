@@ -1,7 +1,6 @@
 #include "token_data.h"
 
 #include <algorithm>
-#include <set>
 
 #include "errors.h"
 #include "openssl_support.h"
@@ -189,10 +188,12 @@ template <typename Entry>
 std::vector<Entry> readEntries(Reader& reader, const char* what, Entry (*readEntry)(Reader&)) {
     const std::uint32_t count = reader.number(what, 0, largestObjectNumber);
     std::vector<Entry> entries;
-    std::set<std::uint32_t> numbers;
+    entries.reserve(count);
+    std::vector<bool> taken(largestObjectNumber + 1);
     for (std::uint32_t i = 0; i < count; ++i) {
-        entries.push_back(readEntry(reader));
-        if (!numbers.insert(entries.back().id).second) damaged("an object number occurs twice");
+        const Entry& entry = entries.emplace_back(readEntry(reader));
+        if (taken[entry.id]) damaged("an object number occurs twice");
+        taken[entry.id] = true;
     }
     return entries;
 }

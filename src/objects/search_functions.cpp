@@ -72,6 +72,31 @@ CK_RV parseTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, SearchCriteria
     return CKR_OK;
 }
 
+// The first criterion that is given decides alone.
+
+/// Where the template has no label: one may be that of a certificate, about which the library has to be asked.
+bool matchesWithoutLabel(const SearchCriteria& criteria, const ZentakKeyPair& keyPair) {
+    const ByteView publicKey = publicKeyOf(keyPair);
+    if (!criteria.value.empty()) {
+        return sameBytes(criteria.value, publicKey);
+    }
+    if (!criteria.id.empty()) {
+        return sameBytes(criteria.id, objectIdOf(keyPair));
+    }
+    return criteria.modulus.empty() || sameBytes(criteria.modulus, publicKey);
+}
+
+bool matchesKeyPair(const SearchCriteria& criteria, const ZentakKeyPair& keyPair, ParsedCertificates& certificates) {
+    if (criteria.label.empty()) {
+        return matchesWithoutLabel(criteria, keyPair);
+    }
+    std::string label(storedLabel(keyPair));
+    if (label.empty()) {
+        label = defaultLabel(certificates.detailsOfKey(publicKeyOf(keyPair)));
+    }
+    return criteria.label == label;
+}
+
 /// Both lists of a token. A list of the library's is good until the library is called again, so that of the
 /// certificates is a copy from the start, and that of the key pairs, which is asked for last, where a call follows.
 struct TokenObjects {
@@ -79,12 +104,17 @@ struct TokenObjects {
     std::span<const ZentakKeyPair> keyPairs;
     std::vector<ZentakKeyPair> copiedKeyPairs;
 
-    /// Before another call of the library.
-    void keepKeyPairs() {
-        if (keyPairs.data() != copiedKeyPairs.data()) {
-            copiedKeyPairs.assign(keyPairs.begin(), keyPairs.end());
-            keyPairs = copiedKeyPairs;
+    /// Before another call of the library: those that may be found.
+    void keepKeyPairs(const SearchCriteria& criteria) {
+        if (keyPairs.data() == copiedKeyPairs.data()) {
+            return;
         }
+        std::copy_if(keyPairs.begin(), keyPairs.end(), std::back_inserter(copiedKeyPairs),
+                     [&](const ZentakKeyPair& keyPair) {
+                         return criteria.objectClass == anyClass || !criteria.label.empty() ||
+                                matchesWithoutLabel(criteria, keyPair);
+                     });
+        keyPairs = copiedKeyPairs;
     }
 };
 
@@ -96,10 +126,11 @@ TokenObjects listObjects(const ModuleState& state, const SessionRecord& session)
 }
 
 /// Lists the token; where a list is empty the device is started anew and asked once more.
-TokenObjects listInitialisedToken(const ModuleState& state, const SessionRecord& session) {
+TokenObjects listInitialisedToken(const ModuleState& state, const SessionRecord& session,
+                                  const SearchCriteria& criteria) {
     TokenObjects objects = listObjects(state, session);
     if (objects.certificates.empty() || objects.keyPairs.empty()) {
-        objects.keepKeyPairs();
+        objects.keepKeyPairs(criteria);
         const int result = zentak_initDevice(session.deviceId(), true, state.instance);
         if (result == 0) {
             return listObjects(state, session);
@@ -107,26 +138,6 @@ TokenObjects listInitialisedToken(const ModuleState& state, const SessionRecord&
         logError("Init device for certificates in find objects failed : ", result);
     }
     return objects;
-}
-
-// The first criterion that is given decides alone.
-
-bool matchesKeyPair(const SearchCriteria& criteria, const ZentakKeyPair& keyPair, ParsedCertificates& certificates) {
-    const ByteView publicKey = publicKeyOf(keyPair);
-    if (!criteria.label.empty()) {
-        std::string label(storedLabel(keyPair));
-        if (label.empty()) {
-            label = defaultLabel(certificates.detailsOfKey(publicKey));
-        }
-        return criteria.label == label;
-    }
-    if (!criteria.value.empty()) {
-        return sameBytes(criteria.value, publicKey);
-    }
-    if (!criteria.id.empty()) {
-        return sameBytes(criteria.id, objectIdOf(keyPair));
-    }
-    return criteria.modulus.empty() || sameBytes(criteria.modulus, publicKey);
 }
 
 bool matchesCertificate(const SearchCriteria& criteria, ParsedCertificates& certificates, std::size_t index) {
@@ -183,7 +194,7 @@ void findMatches(const SearchCriteria& criteria, TokenObjects& objects, SessionR
     } else if (criteria.objectClass == CKO_PUBLIC_KEY || criteria.objectClass == CKO_PRIVATE_KEY) {
         if (!criteria.label.empty()) {
             // It may be that of a certificate, about which the library is asked.
-            objects.keepKeyPairs();
+            objects.keepKeyPairs(criteria);
         }
         session.foundKeyPairs = matchingKeyPairs(criteria, objects.keyPairs, certificates);
         const bool found = !session.foundKeyPairs.empty();
@@ -234,7 +245,7 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
         if (parsed != CKR_OK) {
             return parsed;
         }
-        TokenObjects objects = listInitialisedToken(state, session);
+        TokenObjects objects = listInitialisedToken(state, session, criteria);
         if (!criteria.id.empty()) {
             logDebug("Find init id : ", Hexadecimal{criteria.id});
         }
