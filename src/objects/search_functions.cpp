@@ -182,8 +182,9 @@ std::vector<ZentakKeyPair> matchingKeyPairs(const SearchCriteria& criteria, std:
 void findMatches(const SearchCriteria& criteria, TokenObjects& objects, SessionRecord& session) {
     if (criteria.objectClass == anyClass) {
         // Without a class everything is found, whatever else the template holds.
-        session.foundCertificates = std::move(objects.certificates);
+        // The copy first: where memory fails, nothing is found.
         session.foundKeyPairs.assign(objects.keyPairs.begin(), objects.keyPairs.end());
+        session.foundCertificates = std::move(objects.certificates);
         session.findPublicKeys = true;
         session.findPrivateKeys = session.isUserSession();
         return;

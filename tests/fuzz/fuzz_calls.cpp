@@ -376,24 +376,23 @@ private:
     }
 
     void digestCall() {
-        const CK_SESSION_HANDLE handle = session();
-        CK_MECHANISM chosen = mechanism();
-        CK_ULONG count = 0;
-        CK_BYTE_PTR from = data(count);
-        CK_BYTE_PTR to = target();
-        switch (input_.ConsumeIntegralInRange(0, 3)) {
-            case 0:
-                return began(handle, api->C_DigestInit(handle, &chosen), {{none, digest}});
-            case 1:
-                return used(handle, api->C_Digest(handle, from, count, to, targetLength()), digest, to == nullptr);
-            case 2:
-                return used(handle, api->C_DigestUpdate(handle, from, count), digest, true);
-            default:
-                return used(handle, api->C_DigestFinal(handle, to, targetLength()), digest, to == nullptr);
-        }
+        partsCall(
+            digest, [](CK_SESSION_HANDLE handle, CK_MECHANISM& chosen) { return api->C_DigestInit(handle, &chosen); },
+            api->C_Digest, api->C_DigestUpdate, api->C_DigestFinal);
     }
 
     void signCall() {
+        partsCall(
+            sign,
+            [this](CK_SESSION_HANDLE handle, CK_MECHANISM& chosen) {
+                return api->C_SignInit(handle, &chosen, object());
+            },
+            api->C_Sign, api->C_SignUpdate, api->C_SignFinal);
+    }
+
+    /// One call of an operation that computes something, in one part or in several.
+    template <typename Init, typename Whole, typename Update, typename Final>
+    void partsCall(Operation computing, const Init& init, Whole whole, Update update, Final final) {
         const CK_SESSION_HANDLE handle = session();
         CK_MECHANISM chosen = mechanism();
         CK_ULONG count = 0;
@@ -401,13 +400,13 @@ private:
         CK_BYTE_PTR to = target();
         switch (input_.ConsumeIntegralInRange(0, 3)) {
             case 0:
-                return began(handle, api->C_SignInit(handle, &chosen, object()), {{none, sign}});
+                return began(handle, init(handle, chosen), {{none, computing}});
             case 1:
-                return used(handle, api->C_Sign(handle, from, count, to, targetLength()), sign, to == nullptr);
+                return used(handle, whole(handle, from, count, to, targetLength()), computing, to == nullptr);
             case 2:
-                return used(handle, api->C_SignUpdate(handle, from, count), sign, true);
+                return used(handle, update(handle, from, count), computing, true);
             default:
-                return used(handle, api->C_SignFinal(handle, to, targetLength()), sign, to == nullptr);
+                return used(handle, final(handle, to, targetLength()), computing, to == nullptr);
         }
     }
 
