@@ -72,10 +72,10 @@ CK_RV parseTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, SearchCriteria
     return CKR_OK;
 }
 
-// The first criterion that is given decides alone.
+// The first criterion that is given decides alone, a label before all others. Without a label in the template the
+// record itself tells whether it matches, but for a certificate's subject.
 
-/// Where the template has no label: one may be that of a certificate, about which the library has to be asked.
-bool matchesWithoutLabel(const SearchCriteria& criteria, const ZentakKeyPair& keyPair) {
+bool matchesRecord(const SearchCriteria& criteria, const ZentakKeyPair& keyPair) {
     const ByteView publicKey = publicKeyOf(keyPair);
     if (!criteria.value.empty()) {
         return sameBytes(criteria.value, publicKey);
@@ -86,9 +86,19 @@ bool matchesWithoutLabel(const SearchCriteria& criteria, const ZentakKeyPair& ke
     return criteria.modulus.empty() || sameBytes(criteria.modulus, publicKey);
 }
 
+bool matchesRecord(const SearchCriteria& criteria, const ZentakCertificate& certificate) {
+    if (criteria.objectClass != CKO_CERTIFICATE) {
+        return false;
+    }
+    if (!criteria.value.empty()) {
+        return sameBytes(criteria.value, derOf(certificate));
+    }
+    return criteria.id.empty() || sameBytes(criteria.id, objectIdOf(certificate));
+}
+
 bool matchesKeyPair(const SearchCriteria& criteria, const ZentakKeyPair& keyPair, ParsedCertificates& certificates) {
     if (criteria.label.empty()) {
-        return matchesWithoutLabel(criteria, keyPair);
+        return matchesRecord(criteria, keyPair);
     }
     std::string label(storedLabel(keyPair));
     if (label.empty()) {
@@ -97,43 +107,58 @@ bool matchesKeyPair(const SearchCriteria& criteria, const ZentakKeyPair& keyPair
     return criteria.label == label;
 }
 
-/// Both lists of a token. A list of the library's is good until the library is called again, so that of the
-/// certificates is a copy from the start, and that of the key pairs, which is asked for last, where a call follows.
+/// A copy of the records that the search needs. Where a label is looked for, it needs all: that of a key may be made
+/// from a certificate.
+template <typename Record>
+std::vector<Record> neededRecords(const SearchCriteria& criteria, std::span<const Record> records) {
+    if (criteria.objectClass == anyClass || !criteria.label.empty()) {
+        return {records.begin(), records.end()};
+    }
+    std::vector<Record> needed;
+    needed.reserve(records.size());
+    std::copy_if(records.begin(), records.end(), std::back_inserter(needed),
+                 [&](const Record& record) { return matchesRecord(criteria, record); });
+    return needed;
+}
+
+/// What a search needs of both lists of a token. A list of the library's is good until the library is called again, so
+/// that of the certificates is copied from the start, and that of the key pairs, which is asked for last, where a call
+/// follows.
 struct TokenObjects {
+    bool oneListIsEmpty = false;
     std::vector<ZentakCertificate> certificates;
     std::span<const ZentakKeyPair> keyPairs;
     std::vector<ZentakKeyPair> copiedKeyPairs;
 
-    /// Before another call of the library: those that may be found.
+    /// Before another call of the library.
     void keepKeyPairs(const SearchCriteria& criteria) {
-        if (keyPairs.data() == copiedKeyPairs.data()) {
-            return;
+        if (keyPairs.data() != copiedKeyPairs.data()) {
+            copiedKeyPairs = neededRecords(criteria, keyPairs);
+            keyPairs = copiedKeyPairs;
         }
-        std::copy_if(keyPairs.begin(), keyPairs.end(), std::back_inserter(copiedKeyPairs),
-                     [&](const ZentakKeyPair& keyPair) {
-                         return criteria.objectClass == anyClass || !criteria.label.empty() ||
-                                matchesWithoutLabel(criteria, keyPair);
-                     });
-        keyPairs = copiedKeyPairs;
     }
 };
 
-TokenObjects listObjects(const ModuleState& state, const SessionRecord& session) {
+TokenObjects listObjects(const ModuleState& state, const SessionRecord& session, const SearchCriteria& criteria) {
     TokenObjects objects;
-    objects.certificates = zentak_getCertificateList(session.deviceId(), state.instance);
+    const std::span<const ZentakCertificate> certificates =
+        zentak_getCertificateList(session.deviceId(), state.instance);
+    objects.certificates = neededRecords(criteria, certificates);
+    objects.oneListIsEmpty = certificates.empty();
     objects.keyPairs = zentak_getKeyPairList(session.deviceId(), state.instance);
+    objects.oneListIsEmpty |= objects.keyPairs.empty();
     return objects;
 }
 
 /// Lists the token; where a list is empty the device is started anew and asked once more.
 TokenObjects listInitialisedToken(const ModuleState& state, const SessionRecord& session,
                                   const SearchCriteria& criteria) {
-    TokenObjects objects = listObjects(state, session);
-    if (objects.certificates.empty() || objects.keyPairs.empty()) {
+    TokenObjects objects = listObjects(state, session, criteria);
+    if (objects.oneListIsEmpty) {
         objects.keepKeyPairs(criteria);
         const int result = zentak_initDevice(session.deviceId(), true, state.instance);
         if (result == 0) {
-            return listObjects(state, session);
+            return listObjects(state, session, criteria);
         }
         logError("Init device for certificates in find objects failed : ", result);
     }
@@ -150,14 +175,11 @@ bool matchesCertificate(const SearchCriteria& criteria, ParsedCertificates& cert
         }
         return criteria.label == label;
     }
-    if (!criteria.value.empty()) {
-        return sameBytes(criteria.value, der);
+    const bool subjectDecides = criteria.value.empty() && criteria.id.empty() && !criteria.subject.empty();
+    if (!subjectDecides) {
+        return matchesRecord(criteria, certificate);
     }
-    if (!criteria.id.empty()) {
-        return sameBytes(criteria.id, objectIdOf(certificate));
-    }
-    return criteria.subject.empty() ||
-           sameBytes(criteria.subject, zentak_getCertificateSubject(der.data(), static_cast<int>(der.size()), nullptr));
+    return sameBytes(criteria.subject, zentak_getCertificateSubject(der.data(), static_cast<int>(der.size()), nullptr));
 }
 
 std::vector<ZentakCertificate> matchingCertificates(const SearchCriteria& criteria, ParsedCertificates& certificates) {

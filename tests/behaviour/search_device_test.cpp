@@ -87,6 +87,41 @@ TEST_F(SearchDeviceTest, AFailedInitialisationDoesNotDisturbTheLists) {
     EXPECT_EQ(next(session, 10), (Handles{publicKey(5)}));
 }
 
+// The library may give up a list of its own as soon as it is called again.
+TEST_F(SearchDeviceTest, ListingTheKeyPairsDoesNotDisturbTheCertificates) {
+    world.certificates["SN1"] = {certificateFive, certificateSeven};
+    world.subjects[derOf(certificateSeven)] = Bytes{0x30, 7};
+    const std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>> criteria = {
+        {CKA_LABEL, terminated("Certificate seven")},
+        {CKA_VALUE, derOf(certificateSeven)},
+        {CKA_ID, Bytes{0xC0, 7}},
+        {CKA_SUBJECT, Bytes{0x30, 7}},
+        {CKA_CLASS, {}},
+    };
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    for (const auto& [type, value] : criteria) {
+        SCOPED_TRACE(type);
+        scripted::Fault fault;
+        fault.operation = "zentak_getKeyPairList";
+        fault.action = [this] {
+            world.change([](scripted::Device& changed) {
+                changed.certificates["SN1"] = {labelledCertificate(8, "Another"), labelledCertificate(9, "")};
+            });
+            zentak_getCertificateList("SN1", nullptr);
+            world.change([this](scripted::Device& changed) {
+                changed.certificates["SN1"] = {certificateFive, certificateSeven};
+            });
+        };
+        world.addFault(fault);
+        Template wanted;
+        wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE);
+        if (type != CKA_CLASS) wanted.add(type, value);
+        EXPECT_EQ(findInit(session, wanted).code, CKR_OK);
+        EXPECT_EQ(next(session, 10),
+                  type == CKA_CLASS ? (Handles{certificate(5), certificate(7)}) : (Handles{certificate(7)}));
+    }
+}
+
 TEST_F(SearchDeviceTest, ATokenThatStaysEmptyIsInitialisedOnceInASearch) {
     world.keyPairs["SN1"].clear();
     world.certificates["SN1"].clear();
