@@ -239,9 +239,13 @@ Work listToken(const Subjects& subjects) {
 }
 
 Work changeLabel(const Subjects& subjects) {
-    return [&subjects, label = subjects.rsaLabel]() mutable {
-        CK_ATTRIBUTE change = entry(CKA_LABEL, label);
-        require(p11().C_SetAttributeValue(subjects.session, subjects.rsaPrivateKey, &change, 1), "C_SetAttributeValue");
+    return [&subjects] {
+        // The label that is there already would be no change.
+        for (std::string changed : {subjects.rsaLabel + ", changed", subjects.rsaLabel}) {
+            CK_ATTRIBUTE change = entry(CKA_LABEL, changed);
+            require(p11().C_SetAttributeValue(subjects.session, subjects.rsaPrivateKey, &change, 1),
+                    "C_SetAttributeValue");
+        }
     };
 }
 
@@ -374,7 +378,7 @@ const std::vector<Operation>& hostOperations() {
         {"SHA-256 of 64 KiB", Kind::other, digest<65536>},
         {"random 32 B", Kind::other, randomNumber<32>},
         {"random 4 KiB", Kind::other, randomNumber<4096>},
-        {"label changed", Kind::changing, changeLabel},
+        {"label changed, changed back", Kind::changing, changeLabel},
         {"P-256 pair made, destroyed", Kind::changing, generateEc},
         {"RSA-2048 pair made, destroyed", Kind::changing, generateRsa},
         {"C_OpenSession, C_CloseSession", Kind::other, openAndCloseSession},
