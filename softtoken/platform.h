@@ -68,9 +68,13 @@ std::optional<std::string> readFileEnd(const std::filesystem::path& file, std::s
 
 /// Replaces the file by one with this content, or makes it. Whenever the process or the machine stops, the old or the
 /// new content is there. Throws Error::storeFailed. Two callers at the same file exclude each other by a FileLock.
-/// `Lasting::soon` waits less, and for a while a crash of the machine may bring the old content back.
+void replaceFile(const std::filesystem::path& file, std::string_view content);
+
+/// Writes over the beginning of a file that is there. Much cheaper than to replace it, and the same holds for what fits
+/// into a sector of a disk, 512 bytes; but somebody who reads meanwhile may get some of both. With `Lasting::soon` a
+/// crash of the machine may bring the old content back for a while. Throws Error::storeFailed.
 enum class Lasting { atOnce, soon };
-void replaceFile(const std::filesystem::path& file, std::string_view content, Lasting lasting = Lasting::atOnce);
+void overwriteFile(const std::filesystem::path& file, std::string_view content, Lasting lasting);
 
 /// Renames a folder and makes that last. Throws Error::storeFailed.
 void moveFolder(const std::filesystem::path& from, const std::filesystem::path& to);

@@ -99,6 +99,17 @@ private:
     std::array<struct sigaction, signals.size()> before_{};
 };
 
+void writeAll(const Descriptor& descriptor, std::string_view content, const fs::path& file) {
+    while (!content.empty()) {
+        const ssize_t count = write(descriptor.get(), content.data(), content.size());
+        if (count >= 0) {
+            content.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            failStore("write", file);
+        }
+    }
+}
+
 void syncFolder(const fs::path& folder) {
     const Descriptor descriptor(openRetrying(folder, O_RDONLY | O_DIRECTORY));
     if (descriptor.get() < 0 || fsync(descriptor.get()) != 0) failStore("flush the folder", folder);
@@ -223,20 +234,13 @@ std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length)
     return content;
 }
 
-void replaceFile(const fs::path& file, std::string_view content, Lasting lasting) {
+void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += ".new";
     try {
         Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600));
         if (descriptor.get() < 0) failStore("make", fresh);
-        while (!content.empty()) {
-            const ssize_t count = write(descriptor.get(), content.data(), content.size());
-            if (count >= 0) {
-                content.remove_prefix(static_cast<std::size_t>(count));
-            } else if (errno != EINTR) {
-                failStore("write", fresh);
-            }
-        }
+        writeAll(descriptor, content, fresh);
         if (fsync(descriptor.get()) != 0 || !descriptor.closeNow()) failStore("flush", fresh);
         if (rename(fresh.c_str(), file.c_str()) != 0) failStore("replace", file);
     } catch (...) {
@@ -244,7 +248,15 @@ void replaceFile(const fs::path& file, std::string_view content, Lasting lasting
         unlink(fresh.c_str());
         throw;
     }
-    if (lasting == Lasting::atOnce) syncFolder(file.parent_path());
+    syncFolder(file.parent_path());
+}
+
+void overwriteFile(const fs::path& file, std::string_view content, Lasting lasting) {
+    Descriptor descriptor(openRetrying(file, O_WRONLY));
+    if (descriptor.get() < 0) failStore("open", file);
+    writeAll(descriptor, content, file);
+    if (lasting == Lasting::atOnce && fdatasync(descriptor.get()) != 0) failStore("flush", file);
+    if (!descriptor.closeNow()) failStore("write", file);
 }
 
 void moveFolder(const fs::path& from, const fs::path& to) {

@@ -70,14 +70,17 @@ DWORD retryWhileInUse(const std::function<bool()>& attempt) {
     return 0;
 }
 
-void writeNewFile(const fs::path& file, std::string_view content) {
+constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+/// Writes a file from its beginning. `disposition` says whether it is made or there, as that of CreateFileW.
+void writeFile(const fs::path& file, DWORD shared, DWORD disposition, std::string_view content, Lasting lasting) {
     HANDLE opened = INVALID_HANDLE_VALUE;
     const DWORD number = retryWhileInUse([&] {
-        opened = CreateFileW(file.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        opened = CreateFileW(file.c_str(), GENERIC_WRITE, shared, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
         return opened != INVALID_HANDLE_VALUE;
     });
     const Handle handle(opened);
-    if (!handle.valid()) failStore("make", file, number);
+    if (!handle.valid()) failStore("write", file, number);
     while (!content.empty()) {
         DWORD count = 0;
         const DWORD wanted = static_cast<DWORD>(std::min<std::size_t>(content.size(), 1 << 20));
@@ -86,10 +89,8 @@ void writeNewFile(const fs::path& file, std::string_view content) {
         }
         content.remove_prefix(count);
     }
-    if (!FlushFileBuffers(handle.get())) failStore("flush", file, GetLastError());
+    if (lasting == Lasting::atOnce && !FlushFileBuffers(handle.get())) failStore("flush", file, GetLastError());
 }
-
-constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 /// INVALID_HANDLE_VALUE when there is no such file.
 HANDLE openForReading(const fs::path& file) {
@@ -226,13 +227,12 @@ std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length)
     return content;
 }
 
-void replaceFile(const fs::path& file, std::string_view content, Lasting lasting) {
+void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += L".new";
     try {
-        writeNewFile(fresh, content);
-        const DWORD flags =
-            MOVEFILE_REPLACE_EXISTING | (lasting == Lasting::atOnce ? DWORD{MOVEFILE_WRITE_THROUGH} : DWORD{0});
+        writeFile(fresh, 0, CREATE_ALWAYS, content, Lasting::atOnce);
+        constexpr DWORD flags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
         const DWORD number = retryWhileInUse([&] { return MoveFileExW(fresh.c_str(), file.c_str(), flags) != 0; });
         if (number != 0) failStore("replace", file, number);
     } catch (...) {
@@ -240,6 +240,10 @@ void replaceFile(const fs::path& file, std::string_view content, Lasting lasting
         DeleteFileW(fresh.c_str());
         throw;
     }
+}
+
+void overwriteFile(const fs::path& file, std::string_view content, Lasting lasting) {
+    writeFile(file, shareAll, OPEN_EXISTING, content, lasting);
 }
 
 void moveFolder(const fs::path& from, const fs::path& to) {

@@ -122,10 +122,17 @@ TokenData Store::load(std::string_view serialNumber) const {
 }
 
 Attempts Store::loadAttempts(std::string_view serialNumber) const {
-    const auto document = readFileOf(serialNumber, attemptsFileName);
-    // Without the file nobody knows how often a PIN was guessed already.
-    if (!document) throw Failure(Error::tokenDamaged, "the token's PIN counters are missing");
-    return readAttempts(*document);
+    for (int left = 3;; --left) {
+        const auto document = readFileOf(serialNumber, attemptsFileName);
+        // Without the file nobody knows how often a PIN was guessed already.
+        if (!document) throw Failure(Error::tokenDamaged, "the token's PIN counters are missing");
+        try {
+            return readAttempts(*document);
+        } catch (const Failure&) {
+            // Whoever reads without the lock may have met the file while it was being written.
+            if (left == 0) throw;
+        }
+    }
 }
 
 FileLock Store::lockFor(std::string_view serialNumber) const {
@@ -209,7 +216,7 @@ SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::strin
         left = attemptsOf(attempts, role);
         if (left <= 0) throw PinFailure(Error::pinLocked, 0, "the PIN is locked");
         left = --attemptsOf(attempts, role);
-        replaceFile(folder / attemptsFileName, writeAttempts(attempts));
+        overwriteFile(folder / attemptsFileName, writeAttempts(attempts), Lasting::atOnce);
     }
     // The slow part doesn't keep others from changing tokens.
     auto tokenKey = openPinSection(section, serialNumber, role, pin);
@@ -247,7 +254,7 @@ void Store::resetAttempts(std::string_view serialNumber, Role role, int maximum)
     if (attemptsOf(attempts, role) == maximum) return;
     attemptsOf(attempts, role) = maximum;
     // After a crash of the machine there may be fewer, and the next right PIN gives them back.
-    replaceFile(folder / attemptsFileName, writeAttempts(attempts), Lasting::soon);
+    overwriteFile(folder / attemptsFileName, writeAttempts(attempts), Lasting::soon);
 }
 
 }  // namespace softtoken

@@ -67,6 +67,19 @@ TEST_F(SharingTest, ManyThreadsMayBringTheRightPinAtOnce) {
     EXPECT_EQ(attemptsLeft(), 5);
 }
 
+/// The counters are written in place, and told without waiting for those who write.
+TEST_F(SharingTest, CountersAreWholeWhileOthersLogIn) {
+    std::atomic<bool> done{false};
+    const std::jthread other([&] {
+        for (int i = 0; i < 2000; ++i) store_.resetAttempts(serialNumber_, Role::user, 1 + i % 500);
+        done = true;
+    });
+    while (!done) {
+        const Attempts attempts = store_.loadAttempts(serialNumber_);
+        ASSERT_TRUE(attempts.user >= 1 && attempts.user <= 500 && attempts.officer == 5) << attempts.user;
+    }
+}
+
 TEST_F(SharingTest, ParallelGuessesAreAllCounted) {
     std::vector<std::thread> threads;
     std::atomic<int> refused{0};

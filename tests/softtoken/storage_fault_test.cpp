@@ -64,23 +64,18 @@ protected:
                                false);
     }
 
-    /// Nothing can be written to the present store: changes are refused, and so is a PIN whose attempt can't be
-    /// counted.
-    void expectNothingWritable(const KeyPairEntry& key, const fs::path& root) {
+    /// Changes of the present store are refused, and what needs none goes on.
+    void expectNothingChangeable(const KeyPairEntry& key, const fs::path& root) {
         const auto before = files(root);
         EXPECT_EQ(importCertificate(makeCertificate(testKey(6))), number(Error::storeFailed));
         EXPECT_EQ(generate(), number(Error::storeFailed));
         EXPECT_EQ(zentak_deleteKeyPair(device(), key.keyId.data(), userPin, false, instance_),
                   number(Error::storeFailed));
         EXPECT_FALSE(zentak_changeUserPassword(device(), userPin, "654321", nullptr, false, false, instance_));
-        EXPECT_EQ(validate("000000"), number(Error::storeFailed));
         Store store(root);
-        EXPECT_THROW(store.checkPin(serialNumber_, Role::user, userPin), Failure);
         EXPECT_THROW(createToken(store, cheapToken()), std::exception);
-        // What needs no writing goes on.
         EXPECT_EQ(sign(key), 0);
         EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
-        EXPECT_EQ(attemptsLeft(), 5);
         EXPECT_EQ(files(root), before);
     }
 };
@@ -97,7 +92,12 @@ TEST_F(StorageFaultTest, FullDiskRefusesChangesAndLosesNothing) {
         const KeyPairEntry key = addKey(5);
         ASSERT_EQ(validate(userPin), 0);
         disk.fill();
-        expectNothingWritable(key, disk.folder());
+        expectNothingChangeable(key, disk.folder());
+        // An attempt is counted in place, which takes no room.
+        EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
+        EXPECT_EQ(attemptsLeft(), 4);
+        EXPECT_EQ(validate(userPin), 0);
+        EXPECT_EQ(attemptsLeft(), 5);
         try {
             store_.change(serialNumber_, [](TokenData& token) { token.label = "other"; });
             ADD_FAILURE() << "the disk isn't full";
@@ -124,7 +124,11 @@ TEST_F(StorageFaultTest, ReadOnlyStoreCanBeReadAndNotChanged) {
     setPermissions(0555, 0444);
     inChild([&] {
         const OrdinaryUser user;
-        expectNothingWritable(key, folder_.path());
+        expectNothingChangeable(key, folder_.path());
+        // An attempt that can't be counted isn't given.
+        EXPECT_EQ(validate("000000"), number(Error::storeFailed));
+        EXPECT_THROW(store_.checkPin(serialNumber_, Role::user, userPin), Failure);
+        EXPECT_EQ(attemptsLeft(), 5);
         EXPECT_THROW(store_.unplug(serialNumber_), Failure);
         EXPECT_THROW(store_.remove(serialNumber_), Failure);
     });

@@ -68,7 +68,7 @@ public:
     void fill() {
         if (!mounted_) {
             std::signal(SIGXFSZ, SIG_IGN);
-            limitFiles(10);
+            limitFiles(100);
             return;
         }
         const int ballast = open((folder_ / "ballast").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
