@@ -28,6 +28,9 @@ std::filesystem::path pathFromNarrow(std::string_view text);
 /// The reverse of pathFromNarrow; characters that have no 8-bit form are lost.
 std::string narrowFromPath(const std::filesystem::path& path);
 
+/// Whether there is such a folder. Takes a path's text: to make a path of it takes longer than the look.
+bool isFolder(const std::filesystem::path::string_type& path);
+
 /// Makes the folder and those above it, readable for the user alone.
 void createPrivateFolders(const std::filesystem::path& folder);
 

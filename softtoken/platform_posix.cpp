@@ -154,6 +154,11 @@ std::string narrowFromPath(const fs::path& path) {
     return path.string();
 }
 
+bool isFolder(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 void createPrivateFolders(const fs::path& folder) {
     if (fs::is_directory(folder)) return;
     if (folder.has_parent_path() && folder.parent_path() != folder) createPrivateFolders(folder.parent_path());

@@ -149,6 +149,11 @@ std::string narrowFromPath(const fs::path& path) {
     return narrow(path.native(), CP_ACP);
 }
 
+bool isFolder(const std::wstring& path) {
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
 void createPrivateFolders(const fs::path& folder) {
     // The user's application data is private by inheritance.
     std::error_code error;

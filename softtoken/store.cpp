@@ -79,8 +79,12 @@ fs::path Store::pluggedTokenFile(std::string_view serialNumber) const {
 }
 
 bool Store::isPlugged(std::string_view serialNumber) const {
-    std::error_code ignored;
-    return isSerialNumber(serialNumber) && fs::is_directory(root_ / "plugged" / serialNumber, ignored);
+    if (!isSerialNumber(serialNumber)) return false;
+    fs::path::string_type folder = root_.native();
+    for (const std::string_view part : {std::string_view("/plugged/"), serialNumber}) {
+        folder.append(part.begin(), part.end());
+    }
+    return isFolder(folder);
 }
 
 fs::path Store::folderOf(std::string_view serialNumber) const {
