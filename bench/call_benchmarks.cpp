@@ -66,6 +66,38 @@ std::string nameOf(const std::string& operation, const TokenSize& size) {
     return operation + "/" + std::to_string(size.keyPairs) + "/" + std::to_string(size.certificates);
 }
 
+/// The module as a host finds it that has just initialised it.
+struct Initialised {
+    Initialised() {
+        unplug();
+        plugInToken()(ordinary);
+        require(cryptoki().C_Initialize(nullptr), "C_Initialize");
+    }
+    Initialised(const Initialised&) = delete;
+    Initialised& operator=(const Initialised&) = delete;
+    ~Initialised() { cryptoki().C_Finalize(nullptr); }
+};
+
+std::function<void()> initialiseAndFinalize() {
+    const Initialised before;
+    return [] {
+        require(cryptoki().C_Initialize(nullptr), "C_Initialize");
+        require(cryptoki().C_Finalize(nullptr), "C_Finalize");
+    };
+}
+
+std::function<void()> openAndCloseAllSessions() {
+    auto module = std::make_shared<Initialised>();
+    CK_SLOT_ID slot = 0;
+    CK_ULONG count = 1;
+    require(cryptoki().C_GetSlotList(CK_TRUE, &slot, &count), "C_GetSlotList");
+    return [module, slot] {
+        CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+        require(cryptoki().C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session), "C_OpenSession");
+        require(cryptoki().C_CloseAllSessions(slot), "C_CloseAllSessions");
+    };
+}
+
 void registerOperation(const Operation& operation, const TokenSize& size) {
     registerBenchmark(nameOf(operation.name, size), [&operation, size] { return operation.prepare(enterToken(size)); });
 }
@@ -107,10 +139,18 @@ const Subjects& enterToken(const TokenSize& size) {
 
 void registerCallBenchmarks(PlugIn plugIn) {
     plugInToken() = std::move(plugIn);
-    for (const Operation& operation : hostOperations()) registerOperation(operation, ordinary);
+    for (const Operation& operation : hostOperations()) {
+        if (operation.kind == Operation::Kind::filling) {
+            registerBenchmark(operation.name, [&operation] { return operation.prepare(enterToken(fillable)); });
+        } else {
+            registerOperation(operation, ordinary);
+        }
+    }
     for (const std::string_view name : growing) {
         for (const TokenSize& size : sizes) registerOperation(hostOperation(std::string(name)), size);
     }
+    registerBenchmark(nameOf("C_OpenSession, C_CloseAllSessions", ordinary), openAndCloseAllSessions);
+    registerBenchmark(nameOf("C_Initialize, C_Finalize", ordinary), initialiseAndFinalize);
     registerBenchmark(nameOf("C_Initialize to signature", ordinary), [] {
         unplug();
         plugInToken()(ordinary);

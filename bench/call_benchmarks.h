@@ -18,6 +18,9 @@ struct TokenSize {
     friend bool operator==(const TokenSize&, const TokenSize&) = default;
 };
 
+/// A token of this size is made anew each time, because it is filled.
+inline constexpr TokenSize fillable = {9, 9};
+
 /// Makes a token of that size the one that is plugged in. The module isn't initialised meanwhile.
 using PlugIn = std::function<void(const TokenSize&)>;
 

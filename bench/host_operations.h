@@ -34,6 +34,8 @@ struct Operation {
         changing,    ///< changes the token
         other,       ///< any other
         wholeToken,  ///< grows with the token because it asks for each object
+        uncompared,  ///< says nothing, or nothing new, beside another module
+        filling,     ///< the same, and leaves something on the token that no host can take away
     };
 
     const char* name;

@@ -107,7 +107,11 @@ void run(const std::string& module, int rounds, const std::vector<std::size_t>& 
         ClientProcess ours({"comparison_client", ourModule, "measure", std::to_string(pairs)});
         ClientProcess theirs({"comparison_client", module, "measure", std::to_string(pairs)});
         for (ClientProcess* client : {&ours, &theirs}) client->expect("ready");
-        for (const Operation& operation : hostOperations()) compare(operation, pairs, ours, theirs, rounds);
+        for (const Operation& operation : hostOperations()) {
+            const bool compared =
+                operation.kind != Operation::Kind::uncompared && operation.kind != Operation::Kind::filling;
+            if (compared) compare(operation, pairs, ours, theirs, rounds);
+        }
         for (ClientProcess* client : {&ours, &theirs}) client->finish();
     }
 }
