@@ -75,10 +75,7 @@ Work verification(const Subjects& subjects) {
 class OwnSession {
 public:
     explicit OwnSession(const Subjects& subjects) {
-        CK_SESSION_INFO information;
-        require(p11().C_GetSessionInfo(subjects.session, &information), "C_GetSessionInfo");
-        require(p11().C_OpenSession(information.slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &handle_),
-                "C_OpenSession");
+        require(p11().C_OpenSession(slotOf(subjects), CKF_SERIAL_SESSION, nullptr, nullptr, &handle_), "C_OpenSession");
     }
     OwnSession(const OwnSession&) = delete;
     OwnSession& operator=(const OwnSession&) = delete;

@@ -27,6 +27,12 @@ CK_OBJECT_HANDLE findOne(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass,
     return handles.front();
 }
 
+CK_SLOT_ID slotOf(const Subjects& subjects) {
+    CK_SESSION_INFO information;
+    require(p11().C_GetSessionInfo(subjects.session, &information), "C_GetSessionInfo");
+    return information.slotID;
+}
+
 Subjects::Subjects(const UserSession& userSession, std::size_t keyPairs, std::size_t certificates)
     : session(userSession.handle()) {
     const std::string ecId = std::to_string(std::max<std::size_t>(keyPairs - keyPairs % 2, 1));

@@ -41,6 +41,9 @@ std::vector<CK_OBJECT_HANDLE> find(CK_SESSION_HANDLE session, Template wanted, C
 /// Throws std::runtime_error unless there is one such object.
 CK_OBJECT_HANDLE findOne(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass, std::string id);
 
+/// The slot of their session.
+CK_SLOT_ID slotOf(const Subjects& subjects);
+
 // The operations by what they are about; `hostOperations` has them all.
 std::vector<Operation> objectOperations();
 std::vector<Operation> cryptoOperations();

@@ -6,12 +6,6 @@ namespace bench {
 
 namespace {
 
-CK_SLOT_ID slotOf(const Subjects& subjects) {
-    CK_SESSION_INFO information;
-    require(p11().C_GetSessionInfo(subjects.session, &information), "C_GetSessionInfo");
-    return information.slotID;
-}
-
 Work sessionInformation(const Subjects& subjects) {
     return [&subjects] {
         CK_SESSION_INFO information;
