@@ -74,8 +74,10 @@ std::optional<std::string> readFileEnd(const std::filesystem::path& file, std::s
 void replaceFile(const std::filesystem::path& file, std::string_view content);
 
 /// Writes over the beginning of a file that is there. Much cheaper than to replace it, and the same holds for what fits
-/// into a sector of a disk, 512 bytes; but somebody who reads meanwhile may get some of both. With `Lasting::soon` a
-/// crash of the machine may bring the old content back for a while. Throws Error::storeFailed.
+/// into a sector of a disk, 512 bytes; but somebody who reads meanwhile may get some of both, and after a failure
+/// either may be there. A file with several names (links) is replaced all the same, and on Linux one that can't be
+/// opened for writing. With `Lasting::soon` a crash of the machine may bring the old content back for a while. Throws
+/// Error::storeFailed.
 enum class Lasting { atOnce, soon };
 void overwriteFile(const std::filesystem::path& file, std::string_view content, Lasting lasting);
 

@@ -257,8 +257,14 @@ void replaceFile(const fs::path& file, std::string_view content) {
 }
 
 void overwriteFile(const fs::path& file, std::string_view content, Lasting lasting) {
-    Descriptor descriptor(openRetrying(file, O_WRONLY));
-    if (descriptor.get() < 0) failStore("open", file);
+    Descriptor descriptor(openRetrying(file, O_WRONLY | O_NOFOLLOW));
+    const bool denied = descriptor.get() < 0 && (errno == EACCES || errno == ELOOP);
+    if (descriptor.get() < 0 && !denied) failStore("open", file);
+    struct stat status {};
+    if (denied || fstat(descriptor.get(), &status) != 0 || status.st_nlink > 1) {
+        replaceFile(file, content);
+        return;
+    }
     writeAll(descriptor, content, file);
     if (lasting == Lasting::atOnce && fdatasync(descriptor.get()) != 0) failStore("flush", file);
     if (!descriptor.closeNow()) failStore("write", file);

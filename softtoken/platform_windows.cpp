@@ -105,6 +105,13 @@ HANDLE openForReading(const fs::path& file) {
     return opened;
 }
 
+/// Whether the file has more names than one (hard links).
+bool isShared(const fs::path& file) {
+    const Handle handle(openForReading(file));
+    BY_HANDLE_FILE_INFORMATION information{};
+    return handle.valid() && GetFileInformationByHandle(handle.get(), &information) && information.nNumberOfLinks > 1;
+}
+
 /// FILETIME counts steps of 100 ns.
 std::int64_t nanoseconds(const FILETIME& time) {
     return ((static_cast<std::int64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime) * 100;
@@ -248,7 +255,11 @@ void replaceFile(const fs::path& file, std::string_view content) {
 }
 
 void overwriteFile(const fs::path& file, std::string_view content, Lasting lasting) {
-    writeFile(file, shareAll, OPEN_EXISTING, content, lasting);
+    if (isShared(file)) {
+        replaceFile(file, content);
+    } else {
+        writeFile(file, shareAll, OPEN_EXISTING, content, lasting);
+    }
 }
 
 void moveFolder(const fs::path& from, const fs::path& to) {

@@ -1,6 +1,7 @@
 #include "store.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "errors.h"
 
@@ -36,6 +37,21 @@ void clearScratch(const fs::path& scratch) {
     for (fs::directory_iterator entry(scratch, ignored), end; !ignored && entry != end; entry.increment(ignored)) {
         std::error_code staying;
         fs::remove_all(entry->path(), staying);
+    }
+}
+
+/// Writes the counters in place. Where that fails, a part may be written, or all without being flushed: those from
+/// before are put back as well as it goes, so that a failing disk doesn't use up attempts.
+void changeAttempts(const fs::path& folder, const Attempts& before, const Attempts& after, Lasting lasting) {
+    try {
+        overwriteFile(folder / attemptsFileName, writeAttempts(after), lasting);
+    } catch (const Failure&) {
+        try {
+            overwriteFile(folder / attemptsFileName, writeAttempts(before), Lasting::soon);
+        } catch (const Failure&) {
+            // What is told is the first failure.
+        }
+        throw;
     }
 }
 
@@ -216,11 +232,12 @@ SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::strin
             section = sectionOf(token, role);
         }
         const fs::path folder = folderOf(serialNumber);
-        Attempts attempts = loadAttempts(serialNumber);
+        const Attempts before = loadAttempts(serialNumber);
+        Attempts attempts = before;
         left = attemptsOf(attempts, role);
         if (left <= 0) throw PinFailure(Error::pinLocked, 0, "the PIN is locked");
         left = --attemptsOf(attempts, role);
-        overwriteFile(folder / attemptsFileName, writeAttempts(attempts), Lasting::atOnce);
+        changeAttempts(folder, before, attempts, Lasting::atOnce);
     }
     // The slow part doesn't keep others from changing tokens.
     auto tokenKey = openPinSection(section, serialNumber, role, pin);
@@ -254,11 +271,12 @@ void Store::setPin(std::string_view serialNumber, Role role, std::string_view ne
 void Store::resetAttempts(std::string_view serialNumber, Role role, int maximum) {
     const FileLock lock = lockFor(serialNumber);
     const fs::path folder = folderOf(serialNumber);
-    Attempts attempts = loadAttempts(serialNumber);
-    if (attemptsOf(attempts, role) == maximum) return;
-    attemptsOf(attempts, role) = maximum;
-    // After a crash of the machine there may be fewer, and the next right PIN gives them back.
-    overwriteFile(folder / attemptsFileName, writeAttempts(attempts), Lasting::soon);
+    const Attempts before = loadAttempts(serialNumber);
+    Attempts attempts = before;
+    const int left = std::exchange(attemptsOf(attempts, role), maximum);
+    if (left == maximum) return;
+    // After a crash of the machine there may be fewer, and the next right PIN gives them back. From none nothing would.
+    changeAttempts(folder, before, attempts, left == 0 ? Lasting::atOnce : Lasting::soon);
 }
 
 }  // namespace softtoken

@@ -154,6 +154,17 @@ TEST_F(PinTest, SameWrongPinInOperationsCostsOneAttemptOnly) {
     EXPECT_EQ(attemptsLeft(), 4);
 }
 
+/// Programs that save space give files of the same content one file with several names.
+TEST_F(PinTest, CountersOfAnotherTokenAreLeftAlone) {
+    const std::filesystem::path attempts = tokenFile().parent_path() / "attempts";
+    const std::filesystem::path other = folder_.path() / "other";
+    const std::string whole = fileContent(attempts);
+    std::filesystem::create_hard_link(attempts, other);
+    EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
+    EXPECT_EQ(attemptsLeft(), 4);
+    EXPECT_EQ(fileContent(other), whole);
+}
+
 TEST_F(PinTest, LockedTokenIsUnlockedByTheOfficer) {
     for (int i = 0; i < 5; ++i) EXPECT_NE(validate("000000"), 0);
     const SecretBytes tokenKey = store_.checkPin(serialNumber_, Role::officer, officerPin);

@@ -93,7 +93,7 @@ TEST_F(StorageFaultTest, FullDiskRefusesChangesAndLosesNothing) {
         ASSERT_EQ(validate(userPin), 0);
         disk.fill();
         expectNothingChangeable(key, disk.folder());
-        // An attempt is counted in place, which takes no room.
+        // Where there is no room at all (a small disk in memory), an attempt is still counted, in place.
         EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
         EXPECT_EQ(attemptsLeft(), 4);
         EXPECT_EQ(validate(userPin), 0);
@@ -134,6 +134,46 @@ TEST_F(StorageFaultTest, ReadOnlyStoreCanBeReadAndNotChanged) {
     });
     setPermissions(0700, 0600);
     EXPECT_EQ(generate(), 0);
+}
+
+/// The counters are written over, so a write that ends half-way must not stay.
+TEST_F(StorageFaultTest, CounterThatIsWrittenInPartComesBack) {
+    inChild([this] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        rlimit small = limit;
+        small.rlim_cur = 50;
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+        for (int i = 0; i < 6; ++i) EXPECT_EQ(validate(userPin), number(Error::storeFailed));
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+        EXPECT_EQ(attemptsLeft(), 5);
+        EXPECT_EQ(validate(userPin), 0);
+    });
+}
+
+TEST_F(StorageFaultTest, LinkInThePlaceOfTheCountersIsReplaced) {
+    const fs::path attempts = tokenFile().parent_path() / "attempts";
+    const fs::path other = folder_.path() / "other";
+    const std::string whole = fileContent(attempts);
+    fs::rename(attempts, other);
+    fs::create_symlink(other, attempts);
+    EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
+    EXPECT_EQ(attemptsLeft(), 4);
+    EXPECT_EQ(fileContent(other), whole);
+    EXPECT_FALSE(fs::is_symlink(attempts));
+}
+
+TEST_F(StorageFaultTest, CountersThatCannotBeWrittenAreReplaced) {
+    setPermissions(0777, 0666);
+    chmod((tokenFile().parent_path() / "attempts").c_str(), 0444);
+    inChild([this] {
+        const OrdinaryUser user;
+        EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
+        EXPECT_EQ(attemptsLeft(), 4);
+        EXPECT_EQ(validate(userPin), 0);
+        EXPECT_EQ(attemptsLeft(), 5);
+    });
 }
 
 TEST_F(StorageFaultTest, StoreOfSomebodyElseIsNoEmptyStore) {
