@@ -1,6 +1,8 @@
 // Searches, attributes, and changes of what is on a token.
 
 #include <array>
+#include <cstdint>
+#include <cstring>
 #include <stdexcept>
 
 #include "operation_support.h"
@@ -77,13 +79,16 @@ Work objectSize(const Subjects& subjects) {
     };
 }
 
-/// The last certificate once more: a host that imports one has it from elsewhere, which is the same to the module.
+/// The last certificate with another signature each time: the same again would be no import. Nobody checks it.
 Work importCertificate(const Subjects& subjects) {
     Bytes der(4096);
     CK_ATTRIBUTE wanted = entry(CKA_VALUE, der);
     require(p11().C_GetAttributeValue(subjects.session, subjects.certificate, &wanted, 1), "C_GetAttributeValue");
     der.resize(wanted.ulValueLen);
     return [&subjects, der]() mutable {
+        static std::uint32_t next = 0;
+        ++next;
+        std::memcpy(der.data() + der.size() - sizeof next, &next, sizeof next);
         CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
         CK_CERTIFICATE_TYPE type = CKC_X_509;
         CK_BBOOL yes = CK_TRUE;
