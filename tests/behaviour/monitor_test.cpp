@@ -57,11 +57,12 @@ protected:
             ASSERT_TRUE(device().waitForPolls(2));
             return;
         }
-        // The line about another number of devices comes after all else.
+        // The line about another number of devices comes after all else. One that was read before is not it.
+        const std::size_t before = readLines().size();
         ASSERT_TRUE(device().waitForPolls(1));
         for (int i = 0; i < 5000; ++i) {
             for (const std::string& line : takeMonitorLog()) readLines().push_back(line);
-            if (!readLines().empty() && readLines().back().rfind("DEBUG Slot event: ", 0) == 0) return;
+            if (readLines().size() > before && readLines().back().rfind("DEBUG Slot event: ", 0) == 0) return;
             std::this_thread::sleep_for(milliseconds(1));
         }
         FAIL() << "no word about the devices";
