@@ -33,22 +33,31 @@ struct Mechanism {
     CK_RSA_PKCS_PSS_PARAMS pss = {CKM_SHA256, CKG_MGF1_SHA256, hashLength};
 };
 
+/// What a function with a key makes of the data in one part, its Init included.
+template <auto init, auto function>
+Bytes inOnePart(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key, Bytes& data,
+                const char* name) {
+    Bytes result(1024);
+    CK_ULONG length = sizeOf(result);
+    require((p11().*init)(session, mechanism, key), name);
+    require((p11().*function)(session, data.data(), sizeOf(data), result.data(), &length), name);
+    result.resize(length);
+    return result;
+}
+
 Bytes sign(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key, Bytes& data) {
-    Bytes signature(1024);
-    CK_ULONG length = sizeOf(signature);
-    require(p11().C_SignInit(session, mechanism, key), "C_SignInit");
-    require(p11().C_Sign(session, data.data(), sizeOf(data), signature.data(), &length), "C_Sign");
-    signature.resize(length);
-    return signature;
+    return inOnePart<&CK_FUNCTION_LIST::C_SignInit, &CK_FUNCTION_LIST::C_Sign>(session, mechanism, key, data,
+                                                                               "C_SignInit or C_Sign");
 }
 
 Bytes encrypt(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key, Bytes& data) {
-    Bytes ciphertext(1024);
-    CK_ULONG length = sizeOf(ciphertext);
-    require(p11().C_EncryptInit(session, mechanism, key), "C_EncryptInit");
-    require(p11().C_Encrypt(session, data.data(), sizeOf(data), ciphertext.data(), &length), "C_Encrypt");
-    ciphertext.resize(length);
-    return ciphertext;
+    return inOnePart<&CK_FUNCTION_LIST::C_EncryptInit, &CK_FUNCTION_LIST::C_Encrypt>(session, mechanism, key, data,
+                                                                                     "C_EncryptInit or C_Encrypt");
+}
+
+Bytes decrypt(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key, Bytes& data) {
+    return inOnePart<&CK_FUNCTION_LIST::C_DecryptInit, &CK_FUNCTION_LIST::C_Decrypt>(session, mechanism, key, data,
+                                                                                     "C_DecryptInit or C_Decrypt");
 }
 
 template <CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE Subjects::*key, std::size_t length = hashLength>
@@ -123,11 +132,7 @@ Work decryption(const Subjects& subjects) {
     Bytes data = sampleBytes(hashLength);
     Bytes ciphertext = encrypt(subjects.session, mechanism.get(), subjects.rsaPublicKey, data);
     return [&subjects, mechanism, ciphertext]() mutable {
-        Bytes plaintext(1024);
-        CK_ULONG length = sizeOf(plaintext);
-        require(p11().C_DecryptInit(subjects.session, mechanism.get(), subjects.rsaPrivateKey), "C_DecryptInit");
-        require(p11().C_Decrypt(subjects.session, ciphertext.data(), sizeOf(ciphertext), plaintext.data(), &length),
-                "C_Decrypt");
+        decrypt(subjects.session, mechanism.get(), subjects.rsaPrivateKey, ciphertext);
     };
 }
 

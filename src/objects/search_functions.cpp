@@ -87,9 +87,6 @@ bool matchesRecord(const SearchCriteria& criteria, const ZentakKeyPair& keyPair)
 }
 
 bool matchesRecord(const SearchCriteria& criteria, const ZentakCertificate& certificate) {
-    if (criteria.objectClass != CKO_CERTIFICATE) {
-        return false;
-    }
     if (!criteria.value.empty()) {
         return sameBytes(criteria.value, derOf(certificate));
     }
@@ -107,18 +104,17 @@ bool matchesKeyPair(const SearchCriteria& criteria, const ZentakKeyPair& keyPair
     return criteria.label == label;
 }
 
-/// A copy of the records that the search needs. Where a label is looked for, it needs all: that of a key may be made
-/// from a certificate.
+/// A copy of the records that may match. A label isn't looked at yet: the library has to be asked for some.
 template <typename Record>
-std::vector<Record> neededRecords(const SearchCriteria& criteria, std::span<const Record> records) {
+std::vector<Record> candidates(const SearchCriteria& criteria, std::span<const Record> records) {
     if (criteria.objectClass == anyClass || !criteria.label.empty()) {
         return {records.begin(), records.end()};
     }
-    std::vector<Record> needed;
-    needed.reserve(records.size());
-    std::copy_if(records.begin(), records.end(), std::back_inserter(needed),
+    std::vector<Record> matches;
+    matches.reserve(records.size());
+    std::copy_if(records.begin(), records.end(), std::back_inserter(matches),
                  [&](const Record& record) { return matchesRecord(criteria, record); });
-    return needed;
+    return matches;
 }
 
 /// What a search needs of both lists of a token. A list of the library's is good until the library is called again, so
@@ -133,7 +129,7 @@ struct TokenObjects {
     /// Before another call of the library.
     void keepKeyPairs(const SearchCriteria& criteria) {
         if (keyPairs.data() != copiedKeyPairs.data()) {
-            copiedKeyPairs = neededRecords(criteria, keyPairs);
+            copiedKeyPairs = candidates(criteria, keyPairs);
             keyPairs = copiedKeyPairs;
         }
     }
@@ -143,7 +139,12 @@ TokenObjects listObjects(const ModuleState& state, const SessionRecord& session,
     TokenObjects objects;
     const std::span<const ZentakCertificate> certificates =
         zentak_getCertificateList(session.deviceId(), state.instance);
-    objects.certificates = neededRecords(criteria, certificates);
+    // Keys are matched without certificates, unless by a label: that of a key may be made from its certificate.
+    const bool certificatesMatter =
+        criteria.objectClass == anyClass || criteria.objectClass == CKO_CERTIFICATE || !criteria.label.empty();
+    if (certificatesMatter) {
+        objects.certificates = candidates(criteria, certificates);
+    }
     objects.oneListIsEmpty = certificates.empty();
     objects.keyPairs = zentak_getKeyPairList(session.deviceId(), state.instance);
     objects.oneListIsEmpty |= objects.keyPairs.empty();
@@ -176,10 +177,11 @@ bool matchesCertificate(const SearchCriteria& criteria, ParsedCertificates& cert
         return criteria.label == label;
     }
     const bool subjectDecides = criteria.value.empty() && criteria.id.empty() && !criteria.subject.empty();
-    if (!subjectDecides) {
-        return matchesRecord(criteria, certificate);
+    if (subjectDecides) {
+        return sameBytes(criteria.subject,
+                         zentak_getCertificateSubject(der.data(), static_cast<int>(der.size()), nullptr));
     }
-    return sameBytes(criteria.subject, zentak_getCertificateSubject(der.data(), static_cast<int>(der.size()), nullptr));
+    return matchesRecord(criteria, certificate);
 }
 
 std::vector<ZentakCertificate> matchingCertificates(const SearchCriteria& criteria, ParsedCertificates& certificates) {
