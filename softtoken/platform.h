@@ -31,6 +31,9 @@ std::string narrowFromPath(const std::filesystem::path& path);
 /// Whether there is such a folder. Takes a path's text: to make a path of it takes longer than the look.
 bool isFolder(const std::filesystem::path::string_type& path);
 
+/// Whether the name is that of a link (on Windows any reparse point), wherever it leads.
+bool isLink(const std::filesystem::path& path);
+
 /// Makes the folder and those above it, readable for the user alone.
 void createPrivateFolders(const std::filesystem::path& folder);
 

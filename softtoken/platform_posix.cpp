@@ -159,6 +159,11 @@ bool isFolder(const std::string& path) {
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+bool isLink(const fs::path& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 void createPrivateFolders(const fs::path& folder) {
     if (fs::is_directory(folder)) return;
     if (folder.has_parent_path() && folder.parent_path() != folder) createPrivateFolders(folder.parent_path());

@@ -13,6 +13,7 @@ namespace {
 
 constexpr const char* tokenFileName = "token";
 constexpr const char* attemptsFileName = "attempts";
+constexpr const char* scratchFolderName = ".zentak-scratch";
 /// More than a full token takes.
 constexpr std::uint64_t largestTokenFile = 64 << 20;
 
@@ -30,14 +31,33 @@ const PinSection& sectionOf(const TokenData& token, Role role) {
     return *token.officer;
 }
 
-/// Empties the folder of what killed processes left there. The caller holds the lock.
-void clearScratch(const fs::path& scratch) {
+/// Removes what lies under the name. Of a link the link alone: what it leads to isn't ours.
+void removeWhole(const fs::path& path) {
+    std::error_code ignored;
+    if (!isLink(path) && fs::is_directory(path, ignored)) {
+        for (fs::directory_iterator entry(path, ignored), end; !ignored && entry != end; entry.increment(ignored)) {
+            removeWhole(entry->path());
+        }
+    }
+    std::error_code staying;
+    fs::remove(path, staying);
+}
+
+/// The folder for what is being made or removed, rid of what killed processes left there: the folders of tokens, and
+/// nothing else. The caller holds the lock. Throws Error::storeFailed for a link, which leads to somebody else's.
+fs::path clearedScratch(const fs::path& root) {
+    fs::path scratch = root / scratchFolderName;
+    if (isLink(scratch)) {
+        throw Failure(Error::storeFailed, utf8FromPath(scratch) + " is a link, and not used: remove it");
+    }
     createPrivateFolders(scratch);
     std::error_code ignored;
     for (fs::directory_iterator entry(scratch, ignored), end; !ignored && entry != end; entry.increment(ignored)) {
-        std::error_code staying;
-        fs::remove_all(entry->path(), staying);
+        std::error_code unknown;
+        const bool folder = isLink(entry->path()) || fs::is_directory(entry->path(), unknown);
+        if (folder && isSerialNumber(utf8FromPath(entry->path().filename()))) removeWhole(entry->path());
     }
+    return scratch;
 }
 
 /// Writes the counters in place. Where that fails, a part may be written, or all without being flushed: those from
@@ -163,13 +183,13 @@ FileLock Store::lockFor(std::string_view serialNumber) const {
 void Store::add(const TokenData& token, const Attempts& attempts) {
     for (const char* folder : {"plugged", "unplugged"}) createPrivateFolders(root_ / folder);
     const FileLock lock(root_ / "lock");
-    clearScratch(root_ / "scratch");
+    const fs::path scratch = clearedScratch(root_);
     for (const char* folder : {"plugged", "unplugged"}) {
         if (fs::exists(root_ / folder / token.serialNumber)) {
             throw Failure(Error::storeFailed, "there is a token " + token.serialNumber + " already");
         }
     }
-    const fs::path made = root_ / "scratch" / token.serialNumber;
+    const fs::path made = scratch / token.serialNumber;
     createPrivateFolders(made);
     replaceFile(made / attemptsFileName, writeAttempts(attempts));
     replaceFile(made / tokenFileName, writeTokenData(token));
@@ -203,9 +223,13 @@ ChangedToken Store::change(std::string_view serialNumber, const std::function<vo
 
 void Store::remove(std::string_view serialNumber) {
     const FileLock lock = lockFor(serialNumber);
-    clearScratch(root_ / "scratch");
-    moveFolder(folderOf(serialNumber), root_ / "scratch" / serialNumber);
-    clearScratch(root_ / "scratch");
+    const fs::path removed = clearedScratch(root_) / serialNumber;
+    moveFolder(folderOf(serialNumber), removed);
+    removeWhole(removed);
+    std::error_code unknown;
+    if (isLink(removed) || fs::exists(removed, unknown)) {
+        throw Failure(Error::storeFailed, "the token is removed, but some of it is left in " + utf8FromPath(removed));
+    }
 }
 
 void Store::move(std::string_view serialNumber, const char* from, const char* to) {

@@ -1,8 +1,8 @@
 /// The folder of tokens: which are there, plugged in or not, reading one, changing one so that a killed process leaves
 /// the old or the new state, and the counting of PIN attempts.
 ///
-/// `plugged/SERIAL` and `unplugged/SERIAL` are the tokens; `scratch` holds what is being made or removed; `lock` is
-/// locked for each change and `pin-lock` while a PIN is checked. A token's folder holds the files `token` and
+/// `plugged/SERIAL` and `unplugged/SERIAL` are the tokens; `.zentak-scratch` holds what is being made or removed;
+/// `lock` is locked for each change and `pin-lock` while a PIN is checked. A token's folder holds the files `token` and
 /// `attempts`. docs/software-token.md describes them.
 
 #ifndef ZENTAK_SOFTTOKEN_STORE_H

@@ -112,7 +112,7 @@ TEST_F(StorageFaultTest, FullDiskRefusesChangesAndLosesNothing) {
         EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
         EXPECT_EQ(validate(userPin), 0);
         createToken(store_, cheapToken());
-        EXPECT_TRUE(fs::is_empty(disk.folder() / "scratch"));
+        EXPECT_TRUE(fs::is_empty(disk.folder() / ".zentak-scratch"));
     });
 }
 
@@ -150,6 +150,47 @@ TEST_F(StorageFaultTest, CounterThatIsWrittenInPartComesBack) {
         EXPECT_EQ(attemptsLeft(), 5);
         EXPECT_EQ(validate(userPin), 0);
     });
+}
+
+TEST_F(StorageFaultTest, LinkInThePlaceOfTheScratchFolderIsNotUsed) {
+    const TemporaryFolder others;
+    const fs::path scratch = folder_.path() / ".zentak-scratch";
+    fs::create_directories(others.path() / "00AA");
+    writeFile(others.path() / "00AA" / "thesis.txt", "years of work");
+    for (const fs::path& target : {others.path(), others.path() / "missing"}) {
+        fs::remove_all(scratch);
+        fs::create_directory_symlink(target, scratch);
+        const auto expectRefused = [&](const auto& action) {
+            try {
+                action();
+                ADD_FAILURE() << "the link was used";
+            } catch (const Failure& failure) {
+                EXPECT_EQ(failure.error, Error::storeFailed);
+                EXPECT_EQ(failure.what(), scratch.string() + " is a link, and not used: remove it");
+            }
+        };
+        expectRefused([&] { createToken(store_, cheapToken()); });
+        expectRefused([&] { store_.remove(serialNumber_); });
+        EXPECT_TRUE(store_.isPlugged(serialNumber_));
+        EXPECT_EQ(fileContent(others.path() / "00AA" / "thesis.txt"), "years of work");
+        EXPECT_FALSE(fs::exists(others.path() / "missing"));
+    }
+    fs::remove(scratch);
+    EXPECT_EQ(validate(userPin), 0);
+}
+
+/// Also within what is removed.
+TEST_F(StorageFaultTest, LinksInWhatIsRemovedAreNotFollowed) {
+    const TemporaryFolder others;
+    writeFile(others.path() / "thesis.txt", "years of work");
+    const fs::path scratch = folder_.path() / ".zentak-scratch";
+    fs::create_directories(scratch / "00AA");
+    fs::create_directory_symlink(others.path(), scratch / "00AB");
+    fs::create_directory_symlink(others.path(), scratch / "00AA" / "folder");
+    fs::create_directory_symlink(others.path(), tokenFile().parent_path() / "folder");
+    store_.remove(serialNumber_);
+    EXPECT_TRUE(fs::is_empty(scratch));
+    EXPECT_EQ(fileContent(others.path() / "thesis.txt"), "years of work");
 }
 
 TEST_F(StorageFaultTest, LinkInThePlaceOfTheCountersIsReplaced) {

@@ -127,13 +127,66 @@ TEST_F(StoreTest, LeftoverOfAKilledProcessDoesNotMatter) {
     fs::path leftover = tokenFile();
     leftover += ".new";
     writeFile(leftover, "zentak-soft");
-    fs::create_directories(folder_.path() / "scratch" / "00AA");
     reopen();
     EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_).size(), 1U);
     EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
     addKey(6);
     EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 2U);
     EXPECT_FALSE(fs::exists(leftover));
+}
+
+TEST_F(StoreTest, TokenThatAKilledProcessLeftHalfMadeIsRemoved) {
+    const fs::path leftover = folder_.path() / ".zentak-scratch" / "00AA";
+    const auto leave = [&] {
+        fs::create_directories(leftover);
+        writeFile(leftover / "attempts", "zentak-soft");
+        writeFile(leftover / "token.new", "zentak-soft");
+    };
+    leave();
+    const std::string other = createToken(store_, cheapToken());
+    EXPECT_FALSE(fs::exists(leftover));
+    leave();
+    store_.remove(other);
+    EXPECT_FALSE(fs::exists(leftover));
+    EXPECT_TRUE(fs::is_empty(folder_.path() / ".zentak-scratch"));
+}
+
+/// A store may be put into a folder where other things lie.
+TEST_F(StoreTest, FoldersAndFilesOfOthersStay) {
+    const std::vector<std::string> names = {"scratch/thesis.txt", "scratch/00AA/token", ".zentak-scratch/thesis.txt",
+                                            ".zentak-scratch/notes/thesis.txt", ".zentak-scratch/00AB"};
+    for (const std::string& name : names) {
+        fs::create_directories((folder_.path() / name).parent_path());
+        writeFile(folder_.path() / name, name);
+    }
+    const std::string other = createToken(store_, cheapToken());
+    store_.remove(other);
+    for (const std::string& name : names) EXPECT_EQ(fileContent(folder_.path() / name), name);
+}
+
+TEST_F(StoreTest, TokenInTheStoreIsNotReplacedByAnotherOne) {
+    const TokenData token = store_.load(serialNumber_);
+    const auto expectRefused = [&] {
+        const std::string before = fileContent(folder_.path() / "plugged" / serialNumber_ / "token") +
+                                   fileContent(folder_.path() / "unplugged" / serialNumber_ / "token");
+        TokenData other = token;
+        other.label = "another one";
+        try {
+            store_.add(other, {5, 5});
+            ADD_FAILURE() << "the token was replaced";
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.error, Error::storeFailed);
+            EXPECT_EQ(failure.what(), "there is a token " + serialNumber_ + " already");
+        }
+        EXPECT_EQ(store_.load(serialNumber_), token);
+        EXPECT_EQ(store_.plugged().size() + store_.unplugged().size(), 1U);
+        EXPECT_EQ(fileContent(folder_.path() / "plugged" / serialNumber_ / "token") +
+                      fileContent(folder_.path() / "unplugged" / serialNumber_ / "token"),
+                  before);
+    };
+    expectRefused();
+    store_.unplug(serialNumber_);
+    expectRefused();
 }
 
 TEST_F(StoreTest, ChangeThatThrowsChangesNothing) {
