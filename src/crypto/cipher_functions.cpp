@@ -1,8 +1,6 @@
 /// C_EncryptInit, C_Encrypt, C_DecryptInit and C_Decrypt. Either Init may come during a digest; the operation that it
 /// then leaves can be neither carried out nor replaced, and hosts are used to it.
 
-#include <limits>
-
 #include "crypto/der.h"
 #include "crypto/hashing.h"
 #include "crypto/key_selection.h"
@@ -14,8 +12,6 @@
 using namespace zentak;
 
 namespace {
-
-constexpr std::size_t longestInput = std::numeric_limits<int>::max();
 
 EncryptionType encryptionTypeOf(std::int32_t keyType) {
     switch (keyType) {
@@ -90,7 +86,7 @@ CK_RV selectDecryptionKey(ModuleState& state, SessionRecord& session, const CK_M
 /// Encrypts into `resultBuffer`. The key is wrapped whatever it is: the stored bytes count as an RSA modulus.
 CK_RV encrypt(const ModuleState& state, SessionRecord& session, ByteView data) {
     constexpr std::size_t capacity = 1024;
-    if (data.size() > longestInput) {
+    if (data.size() > longestArgument) {
         return refuse(CKR_DATA_LEN_RANGE, "C_Encrypt: data too long for the device library, ulDataLen=", data.size());
     }
     const std::vector<unsigned char> publicKey = rsaSubjectPublicKeyInfo(publicKeyOf(*session.keyPair));
@@ -111,7 +107,7 @@ CK_RV encrypt(const ModuleState& state, SessionRecord& session, ByteView data) {
 
 /// Decrypts into `resultBuffer`.
 CK_RV decrypt(const ModuleState& state, SessionRecord& session, ByteView data) {
-    if (data.size() > longestInput) {
+    if (data.size() > longestArgument) {
         return refuse(CKR_DATA_LEN_RANGE,
                       "C_Decrypt: data too long for the device library, ulEncryptedDataLen=", data.size());
     }
@@ -150,7 +146,7 @@ CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_
         session.cipherMechanism = pMechanism->mechanism;
         session.activeOperation = session.activeOperation == ActiveOperation::None ? ActiveOperation::Encrypt
                                                                                    : ActiveOperation::DigestEncrypt;
-        session.resultBuffer.clear();
+        wipe(session.resultBuffer);
         return CKR_OK;
     });
 }
@@ -208,7 +204,7 @@ CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_
         }
         session.activeOperation = session.activeOperation == ActiveOperation::None ? ActiveOperation::Decrypt
                                                                                    : ActiveOperation::DigestDecrypt;
-        session.resultBuffer.clear();
+        wipe(session.resultBuffer);
         return CKR_OK;
     });
 }

@@ -1,12 +1,12 @@
 /// C_DeriveKey. Its early refusals say nothing in the log beyond the function's name.
 
 #include <cstring>
-#include <limits>
 #include <optional>
 
 #include "crypto/hashing.h"
 #include "crypto/library_buffer.h"
 #include "frame/entry_frame.h"
+#include "frame/secrets.h"
 #include "objects/lookup.h"
 #include "objects/object_handles.h"
 #include "objects/template_reader.h"
@@ -21,7 +21,8 @@ constexpr CK_EC_KDF_TYPE kdfSha256 = 6;  ///< of later versions of the standard
 /// The parameters, which may lie at any address; nothing where they are unusable.
 std::optional<CK_ECDH1_DERIVE_PARAMS> readParameters(const CK_MECHANISM& mechanism) {
     CK_ECDH1_DERIVE_PARAMS parameters;
-    if (mechanism.pParameter == nullptr || mechanism.ulParameterLen < sizeof(parameters)) {
+    if (mechanism.pParameter == nullptr || mechanism.ulParameterLen < sizeof(parameters) ||
+        mechanism.ulParameterLen > longestArgument) {
         return std::nullopt;
     }
     std::memcpy(&parameters, mechanism.pParameter, sizeof(parameters));
@@ -32,17 +33,32 @@ std::optional<CK_ECDH1_DERIVE_PARAMS> readParameters(const CK_MECHANISM& mechani
 }
 
 /// Replaces `secret` by its hash, with the code and the area that devices know for this purpose. A step that fails is
-/// passed over; what the area then holds becomes the secret.
+/// passed over, by a result in silence, by an exception with a line in the log; after a failed last step the whole area
+/// becomes the secret, with what it then holds.
 void hashSecret(const ModuleState& state, const SessionRecord& session, int hashCode, std::size_t areaLength,
                 std::vector<unsigned char>& secret) {
     void* context = nullptr;
-    zentak_initHash(session.deviceId(), hashCode, &context, state.instance);
-    updateHash(context, secret.data(), secret.size(), state.instance);
+    withoutExceptions("C_DeriveKey: zentak_initHash", [&]() -> CK_RV {
+        zentak_initHash(session.deviceId(), hashCode, &context, state.instance);
+        return CKR_OK;
+    });
+    withoutExceptions("C_DeriveKey: zentak_updateHash", [&]() -> CK_RV {
+        updateHash(context, secret.data(), secret.size(), state.instance);
+        return CKR_OK;
+    });
     std::vector<unsigned char> digest(areaLength);
+    const WipedAtEnd wipeLast(digest);
     int length = static_cast<int>(areaLength);
-    zentak_finalHash(context, digest.data(), &length, state.instance);
-    cutToReportedLength(digest, length);
-    secret = std::move(digest);
+    bool finished = false;
+    withoutExceptions("C_DeriveKey: zentak_finalHash", [&]() -> CK_RV {
+        finished = zentak_finalHash(context, digest.data(), &length, state.instance) == 0;
+        return CKR_OK;
+    });
+    if (finished) {
+        cutToReportedLength(digest, length);
+    }
+    // The agreed secret goes with `digest`.
+    secret.swap(digest);
 }
 
 void applyKeyDerivationFunction(const ModuleState& state, const SessionRecord& session, CK_EC_KDF_TYPE kdf,
@@ -56,18 +72,18 @@ void applyKeyDerivationFunction(const ModuleState& state, const SessionRecord& s
     }
 }
 
-/// The length that the first CKA_VALUE_LEN of the template asks for, 0 without one.
-CK_ULONG requestedLength(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
+/// The first CKA_VALUE_LEN of the template, empty without one.
+ByteView requestedLength(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
     if (pTemplate == nullptr) {
-        return 0;
+        return {};
     }
     for (CK_ULONG index = 0; index < ulCount; ++index) {
         const CK_ATTRIBUTE entry = pTemplate[index];
         if (entry.type == CKA_VALUE_LEN && entry.pValue != nullptr) {
-            return numberIn({static_cast<const unsigned char*>(entry.pValue), entry.ulValueLen});
+            return {static_cast<const unsigned char*>(entry.pValue), entry.ulValueLen};
         }
     }
-    return 0;
+    return {};
 }
 
 CK_RV deriveKey(ModuleState& state, const SessionRecord& session, const CK_ECDH1_DERIVE_PARAMS& parameters,
@@ -81,11 +97,15 @@ CK_RV deriveKey(ModuleState& state, const SessionRecord& session, const CK_ECDH1
     }
     const ByteView publicData(parameters.pPublicData, parameters.ulPublicDataLen);
     logDebug("base key id :: ", Hexadecimal{keyPair->keyId});
-    if (publicData.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+    if (publicData.size() > longestArgument) {
         return refuse(CKR_DATA_LEN_RANGE,
                       "C_DeriveKey: public data too long for the device library, ulPublicDataLen=", publicData.size());
     }
     logDebug("public key :: ", Hexadecimal{publicData});
+    const ByteView lengthValue = requestedLength(pTemplate, ulAttributeCount);
+    if (const CK_RV readable = requireReadable("C_DeriveKey", "CKA_VALUE_LEN", lengthValue); readable != CKR_OK) {
+        return readable;
+    }
 
     LibraryBuffer shared;
     int length = 0;
@@ -96,9 +116,11 @@ CK_RV deriveKey(ModuleState& state, const SessionRecord& session, const CK_ECDH1
         return refuse(CKR_FUNCTION_FAILED, "C_DeriveKey: zentak_ecdhDerive failed: ", result);
     }
     std::vector<unsigned char> secret = shared.copy(length);
+    const WipedAtEnd wipeSecret(secret);
     applyKeyDerivationFunction(state, session, parameters.kdf, secret);
-    const CK_ULONG wanted = requestedLength(pTemplate, ulAttributeCount);
+    const CK_ULONG wanted = numberIn(lengthValue);
     if (wanted > 0 && wanted < secret.size()) {
+        wipe(secret.data() + wanted, secret.size() - wanted);
         secret.resize(wanted);
     }
 

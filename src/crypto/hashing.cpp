@@ -31,11 +31,12 @@ void cutToReportedLength(std::vector<unsigned char>& area, int reportedLength) {
 }
 
 int finalHash(void* context, std::size_t capacity, std::vector<unsigned char>& digest, void* instance) {
-    digest.resize(capacity);
+    std::vector<unsigned char> area(capacity);
     int length = static_cast<int>(capacity);
-    const int result = zentak_finalHash(context, digest.data(), &length, instance);
+    const int result = zentak_finalHash(context, area.data(), &length, instance);
     if (result == 0) {
-        cutToReportedLength(digest, length);
+        cutToReportedLength(area, length);
+        digest = std::move(area);
     }
     return result;
 }

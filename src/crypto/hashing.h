@@ -24,8 +24,9 @@ inline constexpr std::size_t digestCapacity = 64;
 /// zentak_updateHash for data of any length: in pieces where an int can't hold it. 0, or the first failing result.
 int updateHash(void* context, const unsigned char* data, std::size_t length, void* instance);
 
-/// zentak_finalHash into `digest`, with an output area of `capacity` bytes. 0 or the library's result; throws
-/// std::length_error when the library reports a length that the area can't hold.
+/// zentak_finalHash with an output area of `capacity` zero bytes, which becomes `digest` on success, whatever that
+/// held. 0 or the library's result; throws std::length_error when the library reports a length that the area can't
+/// hold.
 int finalHash(void* context, std::size_t capacity, std::vector<unsigned char>& digest, void* instance);
 
 /// What a failing step of a hash logs before the library's result.

@@ -13,36 +13,47 @@ using namespace zentak;
 
 namespace {
 
+constexpr auto name = "C_GenerateKeyPair";
 constexpr std::size_t longestText = 128;  ///< what a record takes of a label or an identifier
 
-/// Fills what the private template says of the pair; the key type that it asks for.
-CK_KEY_TYPE readPrivateTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, ZentakKeyPair& keyPair) {
-    CK_KEY_TYPE keyType = CKK_RSA;
-    forEachValue(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
-        switch (type) {
+/// Fills what the private template says of the pair, and the key type that it asks for. Of several entries with one
+/// type the last counts.
+CK_RV readPrivateTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, CK_KEY_TYPE& keyType, ZentakKeyPair& keyPair) {
+    NamedValue label = {"CKA_LABEL", {}};
+    NamedValue type = {"CKA_KEY_TYPE", {}};
+    NamedValue id = {"CKA_ID", {}};
+    NamedValue decrypt = {"CKA_DECRYPT", {}};
+    NamedValue sign = {"CKA_SIGN", {}};
+    forEachValue(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE attribute, ByteView value) {
+        switch (attribute) {
             case CKA_LABEL:
-                replaceField(keyPair.alias, textIn(value), longestText);
+                label.value = value;
                 break;
             case CKA_KEY_TYPE:
-                keyType = numberIn(value);
+                type.value = value;
                 break;
             case CKA_ID:
-                keyPair.objectIdLength = replaceField(keyPair.objectId, textIn(value), longestText);
+                id.value = value;
                 break;
             case CKA_DECRYPT:
-                setUsage(keyPair.keyUsage, keyUsageEncrypt, value);
+                decrypt.value = value;
                 break;
             case CKA_SIGN:
-                setUsage(keyPair.keyUsage, keyUsageSign, value);
+                sign.value = value;
                 break;
             default:
                 break;
         }
     });
-    if (keyPair.keyUsage == 0) {
-        keyPair.keyUsage = keyUsageSign | keyUsageEncrypt;
+    if (const CK_RV readable = requireReadable(name, {label, type, id, decrypt, sign}); readable != CKR_OK) {
+        return readable;
     }
-    return keyType;
+    replaceField(keyPair.alias, textIn(label.value), longestText);
+    keyPair.objectIdLength = replaceField(keyPair.objectId, textIn(id.value), longestText);
+    const std::uint32_t usage = usageIn(sign.value, decrypt.value);
+    keyPair.keyUsage = usage != 0 ? usage : keyUsageSign | keyUsageEncrypt;
+    keyType = numberIn(type.value, CKK_RSA);
+    return CKR_OK;
 }
 
 CK_RV setRsaSize(CK_ULONG bits, std::int32_t& keyTypeCode) {
@@ -86,7 +97,10 @@ CK_RV readPublicTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, CK_KEY_TY
             return;
         }
         if (keyType == CKK_RSA && type == CKA_MODULUS_BITS) {
-            result = setRsaSize(numberIn(value), keyTypeCode);
+            result = requireReadable(name, "CKA_MODULUS_BITS", value);
+            if (result == CKR_OK) {
+                result = setRsaSize(numberIn(value), keyTypeCode);
+            }
         } else if (keyType == CKK_EC && type == CKA_EC_PARAMS) {
             result = setCurve(value, keyTypeCode);
         }
@@ -114,7 +128,7 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                         CK_ULONG ulPublicKeyAttributeCount, CK_ATTRIBUTE_PTR pPrivateKeyTemplate,
                         CK_ULONG ulPrivateKeyAttributeCount, CK_OBJECT_HANDLE_PTR phPublicKey,
                         CK_OBJECT_HANDLE_PTR phPrivateKey) {
-    return sessionEntryPoint("C_GenerateKeyPair", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+    return sessionEntryPoint(name, hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
         if (!session.isReadWrite()) {
             return refuse(CKR_SESSION_HANDLE_INVALID, "C_GenerateKeyPair: invalid session state=", session.state);
         }
@@ -146,11 +160,17 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
         }
 
         ZentakKeyPair keyPair = {};
-        const CK_KEY_TYPE keyType = readPrivateTemplate(pPrivateKeyTemplate, ulPrivateKeyAttributeCount, keyPair);
+        CK_KEY_TYPE keyType = CKK_RSA;
+        const CK_RV privateRead =
+            readPrivateTemplate(pPrivateKeyTemplate, ulPrivateKeyAttributeCount, keyType, keyPair);
+        if (privateRead != CKR_OK) {
+            return privateRead;
+        }
         logDebug("C_GenerateKeyPair - keytype : ", keyType);
-        const CK_RV read = readPublicTemplate(pPublicKeyTemplate, ulPublicKeyAttributeCount, keyType, keyPair.keyType);
-        if (read != CKR_OK) {
-            return read;
+        const CK_RV publicRead =
+            readPublicTemplate(pPublicKeyTemplate, ulPublicKeyAttributeCount, keyType, keyPair.keyType);
+        if (publicRead != CKR_OK) {
+            return publicRead;
         }
         const CK_RV generated = generateOnToken(state, session, keyPair);
         if (generated != CKR_OK) {

@@ -2,12 +2,16 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <limits>
 
 namespace zentak {
 
 namespace {
 
 constexpr std::size_t shortestDigestInfo = 11;
+/// What is said to be longer can't be there, and isn't looked for.
+constexpr std::size_t longestMemory = std::numeric_limits<std::ptrdiff_t>::max();
 constexpr unsigned char sequenceTag = 0x30;
 /// Content of the object identifier of SHA-1, 1.3.14.3.2.26.
 constexpr std::array<unsigned char, 5> sha1Identifier = {0x2B, 0x0E, 0x03, 0x02, 0x1A};
@@ -26,7 +30,7 @@ bool contains(ByteView data, ByteView pattern) {
 std::optional<std::string_view> fipsObjectionToRawInput(CK_MECHANISM_TYPE mechanism, ByteView data) {
     switch (mechanism) {
         case CKM_RSA_PKCS:
-            if (data.size() < shortestDigestInfo || data[0] != sequenceTag) {
+            if (data.size() < shortestDigestInfo || data.size() > longestMemory || data[0] != sequenceTag) {
                 return std::nullopt;
             }
             if (contains(data, sha1Identifier)) {

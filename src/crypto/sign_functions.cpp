@@ -1,10 +1,10 @@
 /// C_SignInit, C_Sign, C_SignUpdate and C_SignFinal.
 
-#include <limits>
 #include <utility>
 
 #include "crypto/hashing.h"
 #include "crypto/key_selection.h"
+#include "crypto/multi_part_input.h"
 #include "crypto/operation_end.h"
 #include "crypto/raw_input_policy.h"
 #include "crypto/signature_mechanisms.h"
@@ -19,7 +19,6 @@ using namespace zentak;
 namespace {
 
 constexpr std::size_t signatureCapacity = 1024;
-constexpr std::size_t longestInput = std::numeric_limits<int>::max();
 
 /// The mechanism of the session's operation: C_SignInit has let no other in.
 const SignatureMechanism& activeMechanism(const SessionRecord& session) {
@@ -50,9 +49,6 @@ CK_RV prepareInput(const ModuleState& state, const SessionRecord& session, ByteV
         input = digest;
         return hashed;
     }
-    if (data.size() > longestInput) {
-        return refuse(CKR_DATA_LEN_RANGE, "C_Sign: data too long for the device library, ulDataLen=", data.size());
-    }
     if (isFips140Token(session.tokenInfo)) {
         if (const std::optional<std::string_view> objection = fipsObjectionToRawInput(mechanism.type, data)) {
             return refuse(CKR_MECHANISM_INVALID, *objection);
@@ -72,6 +68,10 @@ CK_RV computeSignature(const ModuleState& state, SessionRecord& session, ByteVie
     }
     logDebug("Sign: password empty=", state.cachedUserPassword.empty() ? 1 : 0, " hashLen=", input.size(),
              " session state=", session.state);
+    if (input.size() > longestArgument) {
+        // Without the bytes in hexadecimal: the line would need twice the memory, only for the refusal to follow.
+        return refuse(CKR_DATA_LEN_RANGE, "C_Sign: data too long for the device library, ulDataLen=", input.size());
+    }
     if (input.empty()) {
         logDebug("Sign input hash : NULL or empty");
     } else {
@@ -92,7 +92,7 @@ CK_RV computeFinalSignature(const ModuleState& state, SessionRecord& session) {
             return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed ", result);
         }
     }
-    if (input.size() > longestInput) {
+    if (input.size() > longestArgument) {
         return refuse(CKR_DATA_LEN_RANGE, "C_SignFinal: data too long for the device library, length=", input.size());
     }
     if (const int result = signHash(state, session, input); result != 0) {
@@ -148,7 +148,7 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
             return refuse(CKR_KEY_SIZE_RANGE,
                           "C_SignInit: RSA-1024 signing not allowed \u2014 key size below 112-bit security strength");
         }
-        session.resultBuffer.clear();
+        wipe(session.resultBuffer);
         session.activeOperation = ActiveOperation::Sign;
         return CKR_OK;
     });
@@ -195,8 +195,7 @@ CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPar
         }
         const SignatureMechanism& mechanism = activeMechanism(session);
         if (mechanism.isRaw()) {
-            session.dataBuffer.insert(session.dataBuffer.end(), pPart, pPart + ulPartLen);
-            return CKR_OK;
+            return collectPart("C_SignUpdate", session, {pPart, ulPartLen});
         }
         OperationEnd end(session);
         const CK_RV updated =

@@ -8,11 +8,12 @@
 
 #include "crypto/operation_end.h"
 #include "frame/entry_frame.h"
+#include "frame/secrets.h"
 
 namespace zentak {
 
-/// Writes the length of `result` to `*pulLength` and, into a non-null `output`, the whole of it, which empties `result`
-/// and ends the operation. A null `output` asks for the length alone and keeps both.
+/// Writes the length of `result` to `*pulLength` and, into a non-null `output`, the whole of it, which wipes and
+/// empties `result` and ends the operation. A null `output` asks for the length alone and keeps both.
 ///
 /// The caller's capacity is overwritten before it could be looked at, so CKR_BUFFER_TOO_SMALL needs a result of 4 GiB
 /// or more. Hosts must offer enough space.
@@ -29,7 +30,7 @@ inline CK_RV deliverResult(const char* name, std::vector<unsigned char>& result,
                       " required=", result.size());
     }
     std::copy(result.begin(), result.end(), output);
-    result.clear();
+    wipe(result);
     return CKR_OK;
 }
 

@@ -3,12 +3,12 @@
 /// they are.
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 #include "crypto/der.h"
 #include "crypto/hashing.h"
 #include "crypto/key_selection.h"
+#include "crypto/multi_part_input.h"
 #include "crypto/operation_end.h"
 #include "crypto/signature_mechanisms.h"
 #include "frame/entry_frame.h"
@@ -17,8 +17,6 @@
 using namespace zentak;
 
 namespace {
-
-constexpr std::size_t longestInput = std::numeric_limits<int>::max();
 
 /// Multi-part input of these two is collected; everything else is hashed, CKM_RSA_PKCS_PSS included.
 bool isCollected(CK_MECHANISM_TYPE type) {
@@ -83,15 +81,15 @@ CK_RV verifySinglePart(const ModuleState& state, const SessionRecord& session, B
             return hashed;
         }
         hash = digest;
-    } else if (mechanism->type == CKM_RSA_PKCS) {
+    } else if (mechanism->type == CKM_RSA_PKCS && data.size() <= longestArgument) {
         hash = hashInDigestInfo(data);
-    }
-    if (hash.size() > longestInput || signature.size() > longestInput) {
-        return refuse(CKR_DATA_LEN_RANGE, "C_Verify: input too long for the device library, length=",
-                      std::max(hash.size(), signature.size()));
     }
     std::vector<unsigned char> encodedKey;
     const ByteView publicKey = preparePublicKey(*session.keyPair, encodedKey);
+    if (hash.size() > longestArgument || signature.size() > longestArgument) {
+        return refuse(CKR_DATA_LEN_RANGE, "C_Verify: input too long for the device library, length=",
+                      std::max(hash.size(), signature.size()));
+    }
     if (const int result = verifyHash(state, session, hash, publicKey, signature, session.isPss); result != 0) {
         return refuse(CKR_SIGNATURE_INVALID, "Verify signature failed : ", result);
     }
@@ -107,7 +105,7 @@ CK_RV verifyMultiPart(const ModuleState& state, SessionRecord& session, ByteView
             return refuse(CKR_FUNCTION_FAILED, "C_VerifyFinal: finalHash failed ", result);
         }
     }
-    if (hash.size() > longestInput || signature.size() > longestInput) {
+    if (hash.size() > longestArgument || signature.size() > longestArgument) {
         return refuse(CKR_DATA_LEN_RANGE, "C_VerifyFinal: input too long for the device library, length=",
                       std::max(hash.size(), signature.size()));
     }
@@ -183,8 +181,7 @@ CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulP
             return refuse(CKR_ARGUMENTS_BAD, "C_VerifyUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
         }
         if (isCollected(session.mechanism)) {
-            session.dataBuffer.insert(session.dataBuffer.end(), pPart, pPart + ulPartLen);
-            return CKR_OK;
+            return collectPart("C_VerifyUpdate", session, {pPart, ulPartLen});
         }
         OperationEnd end(session);
         const CK_RV updated =

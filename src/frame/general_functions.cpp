@@ -61,7 +61,7 @@ CK_RV C_Finalize(CK_VOID_PTR /*pReserved*/) {
         state.instance = nullptr;
         state.slotTable.clear();
         state.sessionTable.clear();
-        state.cachedUserPassword.clear();
+        forgetPassword(state);
         logDebug("C_Finalize completed successfully.");
         return CKR_OK;
     });

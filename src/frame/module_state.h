@@ -12,6 +12,7 @@
 #include "device/zentak_dsc_library.h"
 #include "frame/cryptoki.h"
 #include "frame/mutex.h"
+#include "frame/secrets.h"
 
 namespace zentak {
 
@@ -30,6 +31,11 @@ enum class ActiveOperation : std::int32_t {
 
 /// One open session. What an operation leaves in its fields stays for the next one, which may visibly depend on it.
 struct SessionRecord {
+    SessionRecord() = default;
+    SessionRecord(SessionRecord&&) = default;
+    /// A plaintext that was never fetched goes with its session.
+    ~SessionRecord() { wipe(resultBuffer); }
+
     CK_STATE state = CKS_RO_PUBLIC_SESSION;
     CK_SLOT_ID slotID = 0;
     TokenInfo tokenInfo;  ///< as it was when the session was opened
@@ -78,6 +84,12 @@ struct ModuleState {
     /// Handle of the next derived secret: none is used twice in a process.
     std::uint32_t nextDerivedSecret = 0x70003000;
 };
+
+/// Makes `pin` the remembered PIN and wipes the one before. Throws std::bad_alloc, with that one still remembered.
+void rememberPassword(ModuleState& state, const std::string& pin);
+
+/// Forgets the remembered PIN and wipes its memory.
+void forgetPassword(ModuleState& state) noexcept;
 
 struct Module {
     /// Held by every entry point that uses the state, for the length of the call.

@@ -41,8 +41,11 @@ void completeLabel(ReadableObject& object, const ModuleState& state, const Sessi
     logDebug("Empty key pair label, computed: ", std::string_view(object.label));
     if (!state.cachedUserPassword.empty()) {
         // Reading goes on whether or not the token takes the label.
-        zentak_updateKeyPairDetails(session.deviceId(), keyPair.keyId, state.cachedUserPassword.c_str(),
-                                    object.label.c_str(), nullptr, 0, state.instance);
+        withoutExceptions("C_GetAttributeValue: zentak_updateKeyPairDetails", [&]() -> CK_RV {
+            zentak_updateKeyPairDetails(session.deviceId(), keyPair.keyId, state.cachedUserPassword.c_str(),
+                                        object.label.c_str(), nullptr, 0, state.instance);
+            return CKR_OK;
+        });
     }
 }
 

@@ -1,6 +1,5 @@
 /// C_SetAttributeValue and C_DestroyObject. Only key pairs can be changed or deleted.
 
-#include <limits>
 #include <string>
 
 #include "frame/entry_frame.h"
@@ -27,24 +26,25 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
             return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in Set attribute : ", hObject);
         }
 
-        std::string label;
+        ByteView label;
         ByteView id;
         forEachValue(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
             logDebug("C_SetAttributeValue - attrip type : ", type);
             if (type == CKA_LABEL) {
-                label = textIn(value);
+                label = value;
             } else if (type == CKA_ID) {
                 id = value;
             }
         });
-        if (id.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
-            return refuse(CKR_DATA_LEN_RANGE,
-                          "C_SetAttributeValue: CKA_ID too long for the device library, length=", id.size());
+        if (const CK_RV readable = requireReadable("C_SetAttributeValue", {{"CKA_LABEL", label}, {"CKA_ID", id}});
+            readable != CKR_OK) {
+            return readable;
         }
         if (!label.empty() || !id.empty()) {
-            const int result =
-                zentak_updateKeyPairDetails(session.deviceId(), keyPair->keyId, state.cachedUserPassword.c_str(),
-                                            label.c_str(), id.data(), static_cast<int>(id.size()), state.instance);
+            const std::string terminatedLabel(textIn(label));
+            const int result = zentak_updateKeyPairDetails(session.deviceId(), keyPair->keyId,
+                                                           state.cachedUserPassword.c_str(), terminatedLabel.c_str(),
+                                                           id.data(), static_cast<int>(id.size()), state.instance);
             if (result != 0) {
                 return refuse(CKR_FUNCTION_FAILED, "Update key pair details failed : ", result);
             }

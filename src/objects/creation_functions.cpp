@@ -6,6 +6,7 @@
 
 #include "device/library_results.h"
 #include "frame/entry_frame.h"
+#include "frame/secrets.h"
 #include "objects/creation_template.h"
 #include "objects/default_label.h"
 #include "objects/issuer_chain.h"
@@ -102,8 +103,11 @@ void nameKeyPair(const ModuleState& state, const SessionRecord& session, ByteVie
     logDebug("Updating empty key pair alias to: ", std::string_view(label));
     if (!state.cachedUserPassword.empty()) {
         // The certificate is stored; a label that the token refuses is no reason to call the import failed.
-        zentak_updateKeyPairDetails(session.deviceId(), found->keyId, state.cachedUserPassword.c_str(), label.c_str(),
-                                    nullptr, 0, state.instance);
+        withoutExceptions("C_CreateObject: zentak_updateKeyPairDetails", [&]() -> CK_RV {
+            zentak_updateKeyPairDetails(session.deviceId(), found->keyId, state.cachedUserPassword.c_str(),
+                                        label.c_str(), nullptr, 0, state.instance);
+            return CKR_OK;
+        });
     }
 }
 
@@ -115,6 +119,10 @@ CK_RV importCertificate(const ModuleState& state, const SessionRecord& session, 
     if (wanted.value.size() > sizeof(ZentakCertificate::der)) {
         return refuse(CKR_DATA_LEN_RANGE, "C_CreateObject: certificate too long, length=", wanted.value.size());
     }
+    if (const CK_RV readable = requireReadable("C_CreateObject", {{"CKA_LABEL", wanted.label}, {"CKA_ID", wanted.id}});
+        readable != CKR_OK) {
+        return readable;
+    }
     ZentakCertificate leaf = certificateRecord(wanted.value, {});
     leaf.objectIdLength = replaceField(leaf.objectId, textIn(wanted.id), sizeof(leaf.objectId));
     const std::optional<CertificateDetails> details = detailsOf(leaf);
@@ -122,7 +130,7 @@ CK_RV importCertificate(const ModuleState& state, const SessionRecord& session, 
         logDebug("certificate parsing failed");
         return CKR_DATA_INVALID;
     }
-    std::string label(trimmed(wanted.label));
+    std::string label(trimmed(textIn(wanted.label)));
     if (label.empty()) {
         label = defaultLabel(*details);
         logDebug("Label not provided, using: ", std::string_view(label));
@@ -145,7 +153,11 @@ CK_RV importCertificate(const ModuleState& state, const SessionRecord& session, 
 CK_RV importPrivateKey(const ModuleState& state, const SessionRecord& session, const CreationTemplate& wanted,
                        CK_OBJECT_HANDLE_PTR phObject) {
     constexpr std::size_t rsa1024ModulusLength = 128;
-    if (wanted.keyType == CKK_EC) {
+    if (const CK_RV readable = requireReadable("C_CreateObject", {{"CKA_KEY_TYPE", wanted.keyType}});
+        readable != CKR_OK) {
+        return readable;
+    }
+    if (numberIn(wanted.keyType, CKK_RSA) == CKK_EC) {
         return refuse(CKR_FUNCTION_FAILED, "ECC keypair not supported for import");
     }
     if (wanted.modulus.empty() || wanted.privateExponent.empty() || wanted.prime1.empty()) {
@@ -156,12 +168,24 @@ CK_RV importPrivateKey(const ModuleState& state, const SessionRecord& session, c
             CKR_KEY_SIZE_RANGE,
             "C_CreateObject: RSA-1024 key import not allowed \u2014 key size below 112-bit security strength");
     }
+    if (const CK_RV readable = requireReadable("C_CreateObject", {{"CKA_MODULUS", wanted.modulus},
+                                                                  {"CKA_PRIVATE_EXPONENT", wanted.privateExponent},
+                                                                  {"CKA_PRIME_1", wanted.prime1},
+                                                                  {"CKA_LABEL", wanted.label},
+                                                                  {"CKA_ID", wanted.id},
+                                                                  {"CKA_DECRYPT", wanted.decrypt},
+                                                                  {"CKA_SIGN", wanted.sign}});
+        readable != CKR_OK) {
+        return readable;
+    }
     ImportPFXDetails details;
+    const WipedAtEnd wipePrivateExponent(details.components[2]);
+    const WipedAtEnd wipePrime1(details.components[3]);
     details.components[0].assign(wanted.modulus.begin(), wanted.modulus.end());
     details.components[2].assign(wanted.privateExponent.begin(), wanted.privateExponent.end());
     details.components[3].assign(wanted.prime1.begin(), wanted.prime1.end());
-    details.keyUsage = wanted.usage;
-    details.label = wanted.label;
+    details.keyUsage = wanted.usage();
+    details.label = textIn(wanted.label);
     details.objectId.assign(wanted.id.begin(), wanted.id.end());
     const int result = zentak_importPfx(session.deviceId(), state.cachedUserPassword.c_str(), &details, state.instance);
     if (result != 0) {
@@ -192,7 +216,12 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
             return refuse(CKR_ARGUMENTS_BAD, "C_CreateObject: phObject is NULL");
         }
         const CreationTemplate wanted = readCreationTemplate(pTemplate, ulCount);
-        switch (wanted.objectClass) {
+        if (const CK_RV readable = requireReadable("C_CreateObject", {{"CKA_CLASS", wanted.objectClass}});
+            readable != CKR_OK) {
+            return readable;
+        }
+        const CK_OBJECT_CLASS objectClass = numberIn(wanted.objectClass, CKO_CERTIFICATE);
+        switch (objectClass) {
             case CKO_CERTIFICATE:
                 return importCertificate(state, session, wanted, phObject);
             case CKO_PRIVATE_KEY:
@@ -201,7 +230,7 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
                 // The token has the public key of every pair; hosts that store one more are told that all is well.
                 return CKR_OK;
             default:
-                return refuse(CKR_FUNCTION_NOT_SUPPORTED, "Provided object class not supported : ", wanted.objectClass);
+                return refuse(CKR_FUNCTION_NOT_SUPPORTED, "Provided object class not supported : ", objectClass);
         }
     });
 }

@@ -1,23 +1,20 @@
 #include "objects/creation_template.h"
 
-#include "log/diagnostic_log.h"
-
 namespace zentak {
 
 CreationTemplate readCreationTemplate(const CK_ATTRIBUTE* pTemplate, CK_ULONG ulCount) {
     CreationTemplate read;
-    bool usageGiven = false;
     forEachValue(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
         logDebug("C_CreateObject - attrip type : ", type);
         switch (type) {
             case CKA_CLASS:
-                read.objectClass = numberIn(value);
+                read.objectClass = value;
                 break;
             case CKA_KEY_TYPE:
-                read.keyType = numberIn(value);
+                read.keyType = value;
                 break;
             case CKA_LABEL:
-                read.label = textIn(value);
+                read.label = value;
                 break;
             case CKA_VALUE:
                 read.value = value;
@@ -26,12 +23,10 @@ CreationTemplate readCreationTemplate(const CK_ATTRIBUTE* pTemplate, CK_ULONG ul
                 read.id = value;
                 break;
             case CKA_DECRYPT:
-                usageGiven = true;
-                setUsage(read.usage, keyUsageEncrypt, value);
+                read.decrypt = value;
                 break;
             case CKA_SIGN:
-                usageGiven = true;
-                setUsage(read.usage, keyUsageSign, value);
+                read.sign = value;
                 break;
             case CKA_MODULUS:
                 read.modulus = value;
@@ -46,9 +41,6 @@ CreationTemplate readCreationTemplate(const CK_ATTRIBUTE* pTemplate, CK_ULONG ul
                 break;
         }
     });
-    if (!usageGiven) {
-        read.usage = keyUsageSign | keyUsageEncrypt;
-    }
     return read;
 }
 

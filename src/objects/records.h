@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <string_view>
 
@@ -15,6 +16,9 @@
 namespace zentak {
 
 using ByteView = std::span<const unsigned char>;
+
+/// The most bytes that one argument of the device library can have: its lengths are int.
+inline constexpr std::size_t longestArgument = std::numeric_limits<int>::max();
 
 /// Bits of a key pair's usage.
 inline constexpr std::uint32_t keyUsageSign = 1;     ///< signing and verification
@@ -49,8 +53,9 @@ ByteView objectIdOf(const Record& record) {
     return validBytes(record.objectId, record.objectIdLength);
 }
 
+/// The lengths first: views of different lengths are never looked into.
 inline bool sameBytes(ByteView left, ByteView right) {
-    return std::equal(left.begin(), left.end(), right.begin(), right.end());
+    return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin());
 }
 
 /// The text of a zero-terminated field.

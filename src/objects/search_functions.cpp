@@ -117,37 +117,29 @@ std::vector<Record> candidates(const SearchCriteria& criteria, std::span<const R
     return matches;
 }
 
-/// What a search needs of both lists of a token. A list of the library's is good until the library is called again, so
-/// that of the certificates is copied from the start, and that of the key pairs, which is asked for last, where a call
-/// follows.
+/// What a search needs of both lists of a token. A list of the library's is good until the library is called again,
+/// perhaps by the monitor's thread a moment later: what is needed of it is copied before anything else happens.
 struct TokenObjects {
     bool oneListIsEmpty = false;
     std::vector<ZentakCertificate> certificates;
-    std::span<const ZentakKeyPair> keyPairs;
-    std::vector<ZentakKeyPair> copiedKeyPairs;
-
-    /// Before another call of the library.
-    void keepKeyPairs(const SearchCriteria& criteria) {
-        if (keyPairs.data() != copiedKeyPairs.data()) {
-            copiedKeyPairs = candidates(criteria, keyPairs);
-            keyPairs = copiedKeyPairs;
-        }
-    }
+    std::vector<ZentakKeyPair> keyPairs;
 };
 
 TokenObjects listObjects(const ModuleState& state, const SessionRecord& session, const SearchCriteria& criteria) {
     TokenObjects objects;
+    const bool certificatesAsked = criteria.objectClass == anyClass || criteria.objectClass == CKO_CERTIFICATE;
     const std::span<const ZentakCertificate> certificates =
         zentak_getCertificateList(session.deviceId(), state.instance);
     // Keys are matched without certificates, unless by a label: that of a key may be made from its certificate.
-    const bool certificatesMatter =
-        criteria.objectClass == anyClass || criteria.objectClass == CKO_CERTIFICATE || !criteria.label.empty();
-    if (certificatesMatter) {
+    if (certificatesAsked || !criteria.label.empty()) {
         objects.certificates = candidates(criteria, certificates);
     }
     objects.oneListIsEmpty = certificates.empty();
-    objects.keyPairs = zentak_getKeyPairList(session.deviceId(), state.instance);
-    objects.oneListIsEmpty |= objects.keyPairs.empty();
+    const std::span<const ZentakKeyPair> keyPairs = zentak_getKeyPairList(session.deviceId(), state.instance);
+    if (criteria.objectClass != CKO_CERTIFICATE) {
+        objects.keyPairs = candidates(criteria, keyPairs);
+    }
+    objects.oneListIsEmpty |= keyPairs.empty();
     return objects;
 }
 
@@ -156,7 +148,6 @@ TokenObjects listInitialisedToken(const ModuleState& state, const SessionRecord&
                                   const SearchCriteria& criteria) {
     TokenObjects objects = listObjects(state, session, criteria);
     if (objects.oneListIsEmpty) {
-        objects.keepKeyPairs(criteria);
         const int result = zentak_initDevice(session.deviceId(), true, state.instance);
         if (result == 0) {
             return listObjects(state, session, criteria);
@@ -206,8 +197,7 @@ std::vector<ZentakKeyPair> matchingKeyPairs(const SearchCriteria& criteria, std:
 void findMatches(const SearchCriteria& criteria, TokenObjects& objects, SessionRecord& session) {
     if (criteria.objectClass == anyClass) {
         // Without a class everything is found, whatever else the template holds.
-        // The copy first: where memory fails, nothing is found.
-        session.foundKeyPairs.assign(objects.keyPairs.begin(), objects.keyPairs.end());
+        session.foundKeyPairs = std::move(objects.keyPairs);
         session.foundCertificates = std::move(objects.certificates);
         session.findPublicKeys = true;
         session.findPrivateKeys = session.isUserSession();
@@ -217,10 +207,6 @@ void findMatches(const SearchCriteria& criteria, TokenObjects& objects, SessionR
     if (criteria.objectClass == CKO_CERTIFICATE) {
         session.foundCertificates = matchingCertificates(criteria, certificates);
     } else if (criteria.objectClass == CKO_PUBLIC_KEY || criteria.objectClass == CKO_PRIVATE_KEY) {
-        if (!criteria.label.empty()) {
-            // It may be that of a certificate, about which the library is asked.
-            objects.keepKeyPairs(criteria);
-        }
         session.foundKeyPairs = matchingKeyPairs(criteria, objects.keyPairs, certificates);
         const bool found = !session.foundKeyPairs.empty();
         session.findPublicKeys = found && criteria.objectClass == CKO_PUBLIC_KEY;
@@ -271,7 +257,8 @@ CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, 
             return parsed;
         }
         TokenObjects objects = listInitialisedToken(state, session, criteria);
-        if (!criteria.id.empty()) {
+        // An identifier of an impossible length is compared with nothing and isn't shown either: see requireReadable.
+        if (!criteria.id.empty() && criteria.id.size() <= longestArgument) {
             logDebug("Find init id : ", Hexadecimal{criteria.id});
         }
         findMatches(criteria, objects, session);

@@ -101,7 +101,8 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
             return refuse(CKR_PIN_LEN_RANGE, "C_Login: pin length out of range, ulPinLen=", ulPinLen);
         }
 
-        const std::string pin = pinText(pPin, ulPinLen);
+        std::string pin = pinText(pPin, ulPinLen);
+        const WipedAtEnd wipePin(pin);
         const bool knownPin = userType == CKU_USER && pin == state.cachedUserPassword;
         if (!knownPin) {
             const CK_RV verdict = validatePin(state, session, userType, pin);
@@ -110,7 +111,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
             }
         }
         if (userType == CKU_USER) {
-            state.cachedUserPassword = pin;
+            rememberPassword(state, pin);
         }
         logDebug("Login state : ", session.state);
 
@@ -134,7 +135,7 @@ CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
         }
         forEachSessionOfToken(state, session,
                               [](SessionRecord& visited) { visited.state = publicState(visited.state); });
-        state.cachedUserPassword.clear();
+        forgetPassword(state);
         logDebug("C_Logout end");
         return CKR_OK;
     });
@@ -159,8 +160,10 @@ CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulO
             return refuse(CKR_PIN_LEN_RANGE, "C_SetPIN: new pin length out of range, ulNewLen=", ulNewLen);
         }
 
-        const std::string oldPin = pinText(pOldPin, ulOldLen);
-        const std::string newPin = pinText(pNewPin, ulNewLen);
+        std::string oldPin = pinText(pOldPin, ulOldLen);
+        const WipedAtEnd wipeOldPin(oldPin);
+        std::string newPin = pinText(pNewPin, ulNewLen);
+        const WipedAtEnd wipeNewPin(newPin);
         int failureCount = 0;
         if (!zentak_changeUserPassword(session.deviceId(), oldPin.c_str(), newPin.c_str(), &failureCount, false, false,
                                        state.instance)) {
@@ -168,7 +171,7 @@ CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulO
                           "C_SetPIN: zentak_changeUserPassword failed, failureCount=", failureCount);
         }
         if (!state.cachedUserPassword.empty()) {
-            state.cachedUserPassword = newPin;
+            rememberPassword(state, newPin);
         }
         return CKR_OK;
     });

@@ -44,7 +44,7 @@ void dropLoginsOfMissingDevices(ModuleState& state, const std::vector<std::strin
             continue;
         }
         logDebug("Device disconnected, clearing userPassword");
-        state.cachedUserPassword.clear();
+        forgetPassword(state);
         session.state = session.state == CKS_RW_USER_FUNCTIONS ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION;
     }
 }

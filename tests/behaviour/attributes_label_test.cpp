@@ -1,5 +1,6 @@
 // The label of an object that has none: computed on every read, and written back for a key pair when a PIN is known.
 
+#include "ignored_failure.h"
 #include "object_test.h"
 
 using namespace support;
@@ -303,7 +304,6 @@ TEST_F(AttributesLabelTest, ThrownExceptionsBecomeReturnCodes) {
     };
     const Row rows[] = {{"zentak_getCertificateList", privateKey(5)},
                         {"zentak_getCertificateDetails", privateKey(5)},
-                        {"zentak_updateKeyPairDetails", privateKey(5)},
                         {"zentak_getCertificateDetails", certificate(5)}};
     for (const Row& row : rows) {
         for (const ThrownCode& thrown : thrownCodes) {
@@ -315,6 +315,40 @@ TEST_F(AttributesLabelTest, ThrownExceptionsBecomeReturnCodes) {
             EXPECT_EQ(labelOf(session, row.object), row.object == certificate(5) ? "Bob_99" : "Alice_1234");
         }
     }
+}
+
+// Whether the token takes the label is of no importance, however it refuses.
+TEST_F(AttributesLabelTest, AThrowingUpdateIsOnlyLogged) {
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    const Outcome undisturbed = read(session, privateKey(5));
+    ASSERT_EQ(undisturbed.code, CKR_OK);
+    ASSERT_EQ(undisturbed.log.at(2), "DEBUG Empty key pair label, computed: Alice_1234");
+    for (const ThrownCode& thrown : thrownCodes) {
+        Outcome expected = undisturbed;
+        expected.log.insert(expected.log.begin() + 3,
+                            ignoredLine("C_GetAttributeValue", "zentak_updateKeyPairDetails", thrown.thrown));
+        letThrow("zentak_updateKeyPairDetails", thrown.thrown);
+        EXPECT_EQ(read(session, privateKey(5)), expected);
+        letThrow("zentak_updateKeyPairDetails", thrown.thrown);
+        EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+    }
+}
+
+// The key's certificate is found by its details, and asking for those may give the library another list.
+TEST_F(AttributesLabelTest, AskingForDetailsDoesNotDisturbTheCertificates) {
+    const ZentakCertificate foreign = labelledCertificate(3, "");
+    const ZentakCertificate own = world.certificates["SN1"].at(1);
+    world.certificateDetails[derOf(foreign)] = makeDetails("Somebody", "else", {1, 2, 3});
+    const CertificateDetails wanted = makeDetails("The", "owner", publicKeyOf(keyFive));
+    world.certificateDetails[derOf(own)] = wanted;
+    world.certificates["SN1"] = {foreign, own};
+    world.certificates["SN2"] = {foreign, foreign};
+    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    scripted::Fault fault;
+    fault.operation = "zentak_getCertificateDetails";
+    fault.action = [] { zentak_getCertificateList("SN2", nullptr); };
+    world.addFault(fault);
+    EXPECT_EQ(labelOf(session, privateKey(5)), "The_owner");
 }
 
 }  // namespace

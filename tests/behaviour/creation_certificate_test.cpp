@@ -3,6 +3,8 @@
 #include <filesystem>
 
 #include "creation_test.h"
+#include "ignored_failure.h"
+#include "scripted_call.h"
 
 using namespace support;
 
@@ -367,7 +369,7 @@ TEST_F(CreationCertificateTest, ExceptionsBecomeCodes) {
     for (const ThrownCode& row : thrownCodes) {
         for (const char* operation :
              {"zentak_getCertificateDetails", "zentak_getFilesWithExtensionsAndConvertDER", "zentak_importCertificate",
-              "zentak_getCertificateList", "zentak_getKeyPairList", "zentak_updateKeyPairDetails"}) {
+              "zentak_getCertificateList", "zentak_getKeyPairList"}) {
             SCOPED_TRACE(operation);
             letThrow(operation, row.thrown);
             const Outcome outcome = createMail();
@@ -376,6 +378,39 @@ TEST_F(CreationCertificateTest, ExceptionsBecomeCodes) {
         }
     }
     EXPECT_EQ(createMail().code, CKR_OK);
+}
+
+TEST_F(CreationCertificateTest, AThrowingUpdateOfTheKeyPairIsOnlyLogged) {
+    world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
+    leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
+    const Outcome undisturbed = createMail();
+    ASSERT_EQ(undisturbed.code, CKR_OK);
+    ASSERT_EQ(undisturbed.log.back(), "DEBUG Updating empty key pair alias to: mail");
+    for (const ThrownCode& row : thrownCodes) {
+        letThrow("zentak_updateKeyPairDetails", row.thrown);
+        Outcome expected = undisturbed;
+        expected.log.push_back(ignoredLine("C_CreateObject", "zentak_updateKeyPairDetails", row.thrown));
+        EXPECT_EQ(createMail(), expected);
+        EXPECT_EQ(created, certificate(9));
+    }
+}
+
+// The library may give up its list in the very call that is given a reference out of it.
+TEST_F(CreationCertificateTest, TheReferenceOfTheNamedKeyPairIsTheModulesOwn) {
+    world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
+    world.keyPairs["SN2"] = {labelledKeyPair(8, "")};
+    leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
+    Bytes reference;
+    scripted::Fault fault;
+    fault.operation = "zentak_updateKeyPairDetails";
+    fault.action = [&] {
+        zentak_getKeyPairList("SN2", nullptr);
+        const unsigned char* const given = world.hidden().keyReferenceGiven;
+        reference.assign(given, given + sizeof(ZentakKeyPair::keyId));
+    };
+    world.addFault(fault);
+    ASSERT_EQ(createMail().code, CKR_OK);
+    EXPECT_EQ(reference, countingBytes(5, 16));
 }
 
 }  // namespace

@@ -46,6 +46,22 @@ TEST_F(CreationKeyTest, TheComponentsAreHandedOn) {
     EXPECT_EQ(created, privateKey(6));
 }
 
+// A number of another length counts with the bytes that there are, and at most with those of a CK_ULONG.
+TEST_F(CreationKeyTest, ClassAndKeyTypeOfOtherLengthsAreFilledWithZeros) {
+    const Bytes more = {1, 1, 1, 1};
+    for (const Bytes& objectClass : {Bytes{3}, Bytes{3, 0}, bytesOf<CK_ULONG>(CKO_PRIVATE_KEY) + more}) {
+        for (const Bytes& keyType : {Bytes{0}, Bytes{0, 0, 0}, bytesOf<CK_ULONG>(CKK_RSA) + more}) {
+            Template wanted;
+            addComponents(wanted, modulus);
+            wanted.add(CKA_CLASS, objectClass).add(CKA_KEY_TYPE, keyType);
+            EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime), listKeyPairs}));
+        }
+        Template ec;
+        ec.add(CKA_CLASS, objectClass).add(CKA_KEY_TYPE, Bytes{3});
+        EXPECT_EQ(create(ec).log.back(), "ERROR ECC keypair not supported for import");
+    }
+}
+
 TEST_F(CreationKeyTest, TheOtherComponentsAreNot) {
     const std::string label = " key label ";
     Template wanted;

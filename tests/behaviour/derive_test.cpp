@@ -1,6 +1,7 @@
 // C_DeriveKey, and the derived secrets as C_GetAttributeValue shows them.
 
 #include "child_process.h"
+#include "ignored_failure.h"
 #include "run_folder.h"
 #include "signing_test.h"
 
@@ -308,6 +309,15 @@ TEST_F(DeriveTest, TheFirstWantedLengthWithAValueCounts) {
     EXPECT_EQ(outcome, derived(32));
 }
 
+TEST_F(DeriveTest, AWantedLengthOfAnotherLengthIsFilledWithZeros) {
+    for (const Bytes& value : {Bytes{16}, Bytes{16, 0}, Bytes{16, 0, 0}, bytesOf<CK_ULONG>(16) + Bytes{1, 1}}) {
+        wanted = {};
+        wanted.add(CKA_VALUE_LEN, value);
+        const Outcome outcome = derive();
+        EXPECT_EQ(outcome, derived(16));
+    }
+}
+
 TEST_F(DeriveTest, TheRestOfTheTemplateIsIgnored) {
     wanted.addNumber(CKA_CLASS, CKO_DATA).addNumber(CKA_KEY_TYPE, CKK_RSA).add(CKA_LABEL, "x").add(CKA_TOKEN, false);
     wanted.addRaw(CKA_VALUE, nullptr, 100).addRaw(CKA_ID, reinterpret_cast<void*>(1), 100);
@@ -354,8 +364,7 @@ TEST_F(DeriveTest, ExceptionsBecomeCodesAndStoreNothing) {
     parameters.kdf = sha256Kdf;
     const CK_OBJECT_HANDLE before = handleBefore();
     for (const ThrownCode& row : thrownCodes) {
-        for (const char* operation : {"zentak_getKeyPairList", "zentak_ecdhDerive", "zentak_initHash",
-                                      "zentak_updateHash", "zentak_finalHash"}) {
+        for (const char* operation : {"zentak_getKeyPairList", "zentak_ecdhDerive"}) {
             letThrow(operation, row.thrown);
             const Outcome outcome = derive();
             EXPECT_EQ(outcome.code, row.code) << operation;
@@ -365,6 +374,43 @@ TEST_F(DeriveTest, ExceptionsBecomeCodesAndStoreNothing) {
     }
     EXPECT_EQ(derive().code, CKR_OK);
     EXPECT_EQ(handle, before + 1);
+}
+
+TEST_F(DeriveTest, AThrowingHashIsOnlyLogged) {
+    parameters.kdf = sha256Kdf;
+    struct Row {
+        const char* operation;
+        bool hasContext;
+        Bytes secret;
+    };
+    const Row rows[] = {{"zentak_initHash", false, digest},
+                        {"zentak_updateHash", true, digest},
+                        {"zentak_finalHash", true, Bytes(32, 0)}};
+    int contexts = 0;
+    for (const ThrownCode& thrown : thrownCodes) {
+        for (const Row& row : rows) {
+            letThrow(row.operation, thrown.thrown);
+            const Outcome outcome = derive();
+            contexts += row.hasContext ? 1 : 0;
+            Outcome expected = derived(32, hashing(row.hasContext ? contexts : 0, 4, 32, world.sharedSecret));
+            expected.log.insert(expected.log.end() - 1, ignoredLine("C_DeriveKey", row.operation, thrown.thrown));
+            EXPECT_EQ(outcome, expected);
+            EXPECT_EQ(secretOf(handle), row.secret) << row.operation;
+        }
+    }
+}
+
+// A length that comes with a failure means nothing: the whole area is the secret.
+TEST_F(DeriveTest, AFailedLastStepLeavesTheAreaItsLength) {
+    parameters.kdf = CKD_SHA1_KDF;
+    setResult("zentak_finalHash", 9);
+    int contexts = 0;
+    for (const int reported : {0, 5, 21, 100000, -1}) {
+        world.reportedLength = reported;
+        const Outcome outcome = derive();
+        EXPECT_EQ(outcome, derived(20, hashing(++contexts, 1, 20, world.sharedSecret))) << reported;
+        EXPECT_EQ(secretOf(handle), Bytes(20, 0));
+    }
 }
 
 TEST_F(DeriveTest, MorePublicDataThanAnIntCountsAreRefused) {

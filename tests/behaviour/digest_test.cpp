@@ -173,6 +173,51 @@ TEST_F(DigestTest, ASizeQueryKeepsTheDigestForTheNextCall) {
     EXPECT_EQ(digestFinal(), notInitialised("C_DigestFinal"));
 }
 
+// The digest of a size query stays the answer, and a part that comes afterwards is fed to a finished hash.
+TEST_F(DigestTest, APartAfterASizeQueryDoesNotChangeTheDigest) {
+    digestInit(CKM_SHA256);
+    ASSERT_EQ(digestUpdate({1}).code, CKR_OK);
+    ASSERT_EQ(api->C_DigestFinal(session, nullptr, &length), CKR_OK);
+    world.digest = {9, 9};
+    EXPECT_EQ(digestUpdate({2}), (Outcome{CKR_OK, {"DEBUG C_DigestUpdate"}, {updateHash(1, {2})}}));
+    EXPECT_EQ(digestFinal(), (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}}));
+    EXPECT_EQ(length, 32U);
+    EXPECT_EQ(room.first(32), digest);
+}
+
+TEST_F(DigestTest, ANewDigestDeliversNothingThatWasLeftBehind) {
+    digestInit(CKM_SHA256);
+    ASSERT_EQ(sizeOf({1}).code, CKR_OK);
+    abandon();
+    digestInit(CKM_SHA256);
+    world.digest = {9, 9};
+    EXPECT_EQ(digestData({2}),
+              (Outcome{CKR_OK, {"DEBUG C_Digest", "DEBUG C_Digest Success"}, {updateHash(2, {2}), finalDigest(2)}}));
+    EXPECT_EQ(length, 2U);
+    EXPECT_EQ(room.first(2), (Bytes{9, 9}));
+
+    // Parts of a signature are no digest either.
+    begin(CKM_RSA_PKCS);
+    ASSERT_EQ(update({7, 7, 7}).code, CKR_OK);
+    abandon();
+    digestInit(CKM_SHA256);
+    EXPECT_EQ(digestFinal().device, (Lines{finalDigest(3)}));
+    EXPECT_EQ(room.first(2), (Bytes{9, 9}));
+}
+
+TEST_F(DigestTest, ADeliveredDigestDoesNotJoinTheNextSignature) {
+    digestInit(CKM_SHA256);
+    ASSERT_EQ(digestData({1}).code, CKR_OK);
+    begin(CKM_RSA_PKCS);
+    ASSERT_EQ(update({7}).code, CKR_OK);
+    EXPECT_EQ(finish().device, (Lines{signHash({7})}));
+    digestInit(CKM_SHA256);
+    ASSERT_EQ(digestFinal().code, CKR_OK);
+    begin(CKM_RSA_PKCS);
+    ASSERT_EQ(update({8}).code, CKR_OK);
+    EXPECT_EQ(finish().device, (Lines{signHash({8})}));
+}
+
 TEST_F(DigestTest, PartsAreFedAsTheyCome) {
     digestInit(CKM_SHA512);
     EXPECT_EQ(digestUpdate({1, 2}), (Outcome{CKR_OK, {"DEBUG C_DigestUpdate"}, {updateHash(1, {1, 2})}}));

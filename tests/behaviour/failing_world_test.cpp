@@ -274,6 +274,12 @@ Lines operationsOf(const Lines& calls) {
     return names;
 }
 
+/// Whether the function goes on when this operation throws.
+bool isIgnored(const std::string& scenario, const std::string& operation) {
+    if (operation == "zentak_updateKeyPairDetails") return scenario.find("C_SetAttributeValue") != 0;
+    return scenario == "C_DeriveKey" && operation.find("Hash") != std::string::npos;
+}
+
 TEST_F(FailingWorld, everyDeviceCall) {
     struct Failure {
         int result;
@@ -310,7 +316,9 @@ TEST_F(FailingWorld, everyDeviceCall) {
                 device().addFault(fault);
                 const CK_RV code = scenario.act();
                 ++struck;
-                if (!failure.codes.empty()) {
+                if (!failure.codes.empty() && isIgnored(scenario.name, operation)) {
+                    EXPECT_EQ(code, CKR_OK);
+                } else if (!failure.codes.empty()) {
                     EXPECT_EQ(failure.codes.count(code), 1U) << code;
                 }
                 beginAgain();

@@ -331,6 +331,51 @@ TEST_F(KeyGenerationTest, UsageBits) {
     }
 }
 
+TEST_F(KeyGenerationTest, TheLastOfSeveralUsagesCounts) {
+    struct Row {
+        std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>> entries;
+        int usage;
+    };
+    const Row rows[] = {
+        {{{CKA_SIGN, {1}}, {CKA_SIGN, {0}}}, 3},
+        {{{CKA_SIGN, {0}}, {CKA_SIGN, {1}}}, 1},
+        {{{CKA_SIGN, {1}}, {CKA_DECRYPT, {1}}, {CKA_SIGN, {0}}}, 2},
+        {{{CKA_DECRYPT, {1}}, {CKA_SIGN, {1}}, {CKA_DECRYPT, {0}}}, 1},
+        {{{CKA_DECRYPT, {0}}, {CKA_DECRYPT, {1}}, {CKA_SIGN, {1}}, {CKA_SIGN, {1}}}, 3},
+        // An entry without a value isn't one.
+        {{{CKA_SIGN, {1}}, {CKA_SIGN, {}}}, 1},
+    };
+    for (const Row& row : rows) {
+        privateTemplate = {};
+        for (const auto& [type, value] : row.entries) privateTemplate.add(type, value);
+        Wanted wanted;
+        wanted.keyUsage = row.usage;
+        EXPECT_EQ(generate(), generated(wanted));
+    }
+}
+
+// A number of another length counts with the bytes that there are, and at most with those of a CK_ULONG.
+TEST_F(KeyGenerationTest, NumbersOfOtherLengthsAreFilledWithZeros) {
+    Bytes shortest = {3};  // CKK_EC
+    Bytes tooLong = bytesOf<CK_ULONG>(CKK_EC) + Bytes{1, 1, 1, 1};
+    for (const Bytes& type : {shortest, Bytes{3, 0}, Bytes{3, 0, 0}, tooLong}) {
+        privateTemplate = {};
+        privateTemplate.add(CKA_KEY_TYPE, type);
+        Wanted wanted;
+        wanted.keyType = p256;
+        EXPECT_EQ(generate(), generated(wanted, CKK_EC));
+    }
+    for (const Bytes& bits : {Bytes{0, 0x10}, Bytes{0, 0x10, 0}, bytesOf<CK_ULONG>(4096) + Bytes{1}}) {
+        privateTemplate = {};
+        privateTemplate.add(CKA_TOKEN, true);
+        publicTemplate = {};
+        publicTemplate.add(CKA_MODULUS_BITS, bits);
+        Wanted wanted;
+        wanted.keyType = rsa4096;
+        EXPECT_EQ(generate(), generated(wanted, CKK_RSA, {bitsLine(4096)}));
+    }
+}
+
 TEST_F(KeyGenerationTest, OtherUsageAttributesDontCount) {
     privateTemplate.add(CKA_SIGN, true).add(CKA_ENCRYPT, true).add(CKA_VERIFY, true).add(CKA_DERIVE, true);
     privateTemplate.add(CKA_UNWRAP, true);

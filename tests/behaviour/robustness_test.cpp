@@ -213,7 +213,9 @@ TEST_F(Journey, everyOperationThrowsInTurn) {
             listSlots();
             const int before = device().countOf(operation);
             letThrow(operation, thrown.thrown);
-            EXPECT_EQ(travel(), thrown.code);
+            // Whether the token takes a label is of no importance.
+            const bool ignored = std::string_view(operation) == "zentak_updateKeyPairDetails";
+            EXPECT_EQ(travel(), ignored ? CKR_OK : thrown.code);
             EXPECT_GT(device().countOf(operation), before);
             EXPECT_EQ(travel(), CKR_OK);
             expectUsable();

@@ -194,6 +194,7 @@ TEST_F(SigningFailureTest, MoreRawDataThanAnIntCountsAreRefused) {
         EXPECT_EQ(observe([&] { return api->C_Sign(session, &byte, count, nullptr, &length); }),
                   (Outcome{CKR_DATA_LEN_RANGE,
                            {"DEBUG C_Sign", "DEBUG sign echanism : 1",
+                            text("DEBUG Sign: password empty=0 hashLen=", count, " session state=1"),
                             text("ERROR C_Sign: data too long for the device library, ulDataLen=", count)}}));
         EXPECT_EQ(sign({1}), notInitialised("C_Sign"));
         expectEndedAndUsable();

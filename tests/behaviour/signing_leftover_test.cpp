@@ -65,6 +65,25 @@ TEST_F(SigningLeftoverTest, ADigestReplacesTheParts) {
     expectNoParts();
 }
 
+// A library that reports more than it has written: what it left out is zero, never a part of something else.
+TEST_F(SigningLeftoverTest, AHashIsFinishedIntoZeros) {
+    world.digest = {0xD0, 0xD1};
+    world.reportedLength = 4;
+    leaveParts({1, 2, 3, 4, 5});
+    begin(CKM_SHA256_RSA_PKCS);
+    ASSERT_EQ(update({3}).code, CKR_OK);
+    EXPECT_EQ(finish().device, (Lines{finalHash(1), signHash({0xD0, 0xD1, 0, 0})}));
+
+    leaveParts({1, 2, 3, 4, 5});
+    CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+    ASSERT_EQ(api->C_VerifyInit(session, &mechanism, publicKey(5)), CKR_OK);
+    CK_BYTE byte = 3;
+    ASSERT_EQ(api->C_VerifyUpdate(session, &byte, 1), CKR_OK);
+    const Outcome verified = observe([&] { return api->C_VerifyFinal(session, &byte, 1); });
+    ASSERT_EQ(verified.device.size(), 2U);
+    EXPECT_NE(verified.device[1].find("\"SN1\", <D0D10000>, 4, "), std::string::npos) << verified.device[1];
+}
+
 TEST_F(SigningLeftoverTest, AFailedHashUpdateKeepsTheParts) {
     leaveParts({1, 2});
     begin(CKM_SHA256_RSA_PKCS);

@@ -12,8 +12,10 @@ protected:
     TokenInfo token = makeTokenInfo("SN1");
 
     void list() const {
-        device().connectedDevices.clear();
-        plugIn(token);
+        // A device's name ends at a zero byte.
+        const std::string name = token.serialNumber.c_str();
+        device().connectedDevices = {name};
+        device().tokenInfo[name] = token;
         EXPECT_EQ(listSlots(), (std::vector<CK_SLOT_ID>{firstSlot}));
     }
 
@@ -43,7 +45,7 @@ protected:
 
     CK_TOKEN_INFO expectedTokenInfo() const {
         CK_TOKEN_INFO info = {};
-        std::memcpy(info.label, token.label.data(), token.label.size());
+        std::memcpy(info.label, token.label.data(), std::min(token.label.size(), sizeof info.label));
         std::strcpy(reinterpret_cast<char*>(info.manufacturerID), "Dravenko Sentronics");
         std::memcpy(info.model, token.model.data(), token.model.size());
         std::memcpy(info.serialNumber, token.serialNumber.data(), token.serialNumber.size());
@@ -138,6 +140,25 @@ TEST_F(SlotInfo, aLongerSlotLabelIsCut) {
         token.label = std::string(64, 'L');
         EXPECT_EQ(bytesOf(info), bytesOf(expectedSlotInfo())) << length;
     }
+}
+
+/// The slot's description is a text and ends at its zero byte; the token's fields are counted bytes and don't.
+TEST_F(SlotInfo, zeroBytesInTexts) {
+    using namespace std::string_literals;
+    token.label = "La\0bel"s;
+    token.model = "AB1\0model"s;
+    token.serialNumber = "SN\0001"s;
+    EXPECT_EQ(bytesOf(tokenInfo()), bytesOf(expectedTokenInfo()));
+    CK_SLOT_INFO expected = expectedSlotInfo();
+    std::memset(expected.slotDescription, 0, sizeof expected.slotDescription);
+    std::memcpy(expected.slotDescription, "La", 2);
+    EXPECT_EQ(bytesOf(slotInfo()), bytesOf(expected));
+    // The longer ones are counted with their zero bytes too.
+    token.label = "La\0"s + std::string(31, 'b');
+    CK_TOKEN_INFO cut = expectedTokenInfo();
+    std::memset(cut.label, 0, sizeof cut.label);
+    std::memcpy(cut.label, token.label.data(), 32);
+    EXPECT_EQ(bytesOf(tokenInfo()), bytesOf(cut));
 }
 
 TEST_F(SlotInfo, aSlotLabelMayHoldAnyBytes) {

@@ -332,14 +332,14 @@ TEST_F(VerifyTest, MoreThanAnIntCountsIsRefused) {
         beginVerify(CKM_RSA_PKCS);
         EXPECT_EQ(observe([&] { return api->C_Verify(session, &byte, count, &byte, 1); }),
                   (Outcome{CKR_DATA_LEN_RANGE,
-                           {"DEBUG C_Verify",
+                           {"DEBUG C_Verify", "DEBUG Public key is not der need to convert to the der",
                             text("ERROR C_Verify: input too long for the device library, length=", count)}}));
         EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
 
         beginVerify(CKM_ECDSA);
         EXPECT_EQ(observe([&] { return api->C_Verify(session, &byte, 1, &byte, count); }),
                   (Outcome{CKR_DATA_LEN_RANGE,
-                           {"DEBUG C_Verify",
+                           {"DEBUG C_Verify", "DEBUG Public key is not der need to convert to the der",
                             text("ERROR C_Verify: input too long for the device library, length=", count)}}));
         EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
 

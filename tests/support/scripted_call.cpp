@@ -95,6 +95,11 @@ Call& Call::text(const char* value) {
     return argument([&] { return value == nullptr ? "null" : shownText(value); });
 }
 
+Call& Call::password(const char* value) {
+    hidden_.passwordGiven = value;
+    return text(value);
+}
+
 Call& Call::bytes(const unsigned char* value, int length) {
     return argument([&] { return shownBytes(value, length) + ", " + std::to_string(length); });
 }
@@ -116,6 +121,7 @@ Call& Call::out(const void* area) {
 }
 
 Call& Call::keyReference(const unsigned char* value) {
+    hidden_.keyReferenceGiven = value;
     return argument([&] { return shownBytes(value, keyReferenceLength); });
 }
 

@@ -38,7 +38,11 @@ struct Device::Hidden {
     std::vector<ZentakKeyPair> keyPairList;
     std::vector<ZentakCertificate> certificateList;
     int buffersHandedOut = 0;
+    unsigned char* lastHandedOut = nullptr;  ///< the module has freed it meanwhile
     int strangeInstances = 0;
+    /// What the last call was given, for tests that look at the memory during the call or afterwards.
+    const char* passwordGiven = nullptr;
+    const unsigned char* keyReferenceGiven = nullptr;
 };
 
 /// Copies `source` into an area of that capacity, as far as it fits.
@@ -55,6 +59,7 @@ public:
     explicit Call(const char* operation, Device& device = scripted::device());
 
     Call& text(const char* value);
+    Call& password(const char* value);
     Call& bytes(const unsigned char* value, int length);
     Call& number(long long value);
     Call& boolean(bool value);

@@ -36,6 +36,7 @@ int handOut(Device& device, int result, const Bytes& source, unsigned char** out
         }
         copyInto(buffer, source, source.size());
         *output = buffer;
+        device.hidden().lastHandedOut = buffer;
         *length = static_cast<int>(source.size());
         ++device.hidden().buffersHandedOut;
     }
@@ -47,7 +48,7 @@ int handOut(Device& device, int result, const Bytes& source, unsigned char** out
 int zentak_generateKeyPair(const char* deviceId, const char* password, ZentakKeyPair* keyPair, void* instance) {
     return Call("zentak_generateKeyPair")
         .text(deviceId)
-        .text(password)
+        .password(password)
         .keyPair(keyPair)
         .instance(instance)
         .perform([&](Device& device, int result) {
@@ -92,6 +93,8 @@ int zentak_finalHash(void* context, unsigned char* digest, int* length, void* in
         .perform([&](Device& device, int result) {
             if (result == 0) {
                 deliver(device.digest, digest, length, device.reportedLength);
+            } else if (device.reportedLength && length != nullptr) {
+                *length = *device.reportedLength;
             }
             return result;
         });
@@ -102,7 +105,7 @@ int zentak_signHash(const char* deviceId, const unsigned char* keyId, const char
     return Call("zentak_signHash")
         .text(deviceId)
         .keyReference(keyId)
-        .text(password)
+        .password(password)
         .bytes(data, length)
         .out(signature)
         .inOut(signatureLength)
@@ -158,7 +161,7 @@ int zentak_decrypt(const char* deviceId, const unsigned char* keyId, const char*
     return Call("zentak_decrypt")
         .text(deviceId)
         .keyReference(keyId)
-        .text(password)
+        .password(password)
         .bytes(data, length)
         .out(output)
         .inOut(outputLength)
@@ -175,7 +178,7 @@ int zentak_ecdhDerive(const char* deviceId, const unsigned char* keyId, const ch
     return Call("zentak_ecdhDerive")
         .text(deviceId)
         .keyReference(keyId)
-        .text(password)
+        .password(password)
         .bytes(publicData, length)
         .out(output)
         .inOut(outputLength)

@@ -75,7 +75,7 @@ int zentak_initDevice(const char* deviceId, bool flag, void* instance) {
 int zentak_validatePassword(const char* deviceId, const char* pin, int userKind, int* attemptsLeft, void* instance) {
     return Call("zentak_validatePassword")
         .text(deviceId)
-        .text(pin)
+        .password(pin)
         .number(userKind)
         .inOut(attemptsLeft)
         .instance(instance)
@@ -92,7 +92,7 @@ bool zentak_changeUserPassword(const char* deviceId, const char* oldPin, const c
     return Call("zentak_changeUserPassword")
         .text(deviceId)
         .text(oldPin)
-        .text(newPin)
+        .password(newPin)
         .inOut(failureCount)
         .boolean(flag1)
         .boolean(flag2)
@@ -162,7 +162,7 @@ int zentak_updateKeyPairDetails(const char* deviceId, const unsigned char* keyId
     return Call("zentak_updateKeyPairDetails")
         .text(deviceId)
         .keyReference(keyId)
-        .text(password)
+        .password(password)
         .text(label)
         .bytes(objectId, objectIdLength)
         .instance(instance)
@@ -174,7 +174,7 @@ int zentak_deleteKeyPair(const char* deviceId, const unsigned char* keyId, const
     return Call("zentak_deleteKeyPair")
         .text(deviceId)
         .keyReference(keyId)
-        .text(password)
+        .password(password)
         .boolean(keyFlag)
         .instance(instance)
         .perform([](Device&, int result) { return result; });
@@ -184,7 +184,7 @@ int zentak_importCertificate(const char* deviceId, const char* password, ZentakC
                              void* instance) {
     return Call("zentak_importCertificate")
         .text(deviceId)
-        .text(password)
+        .password(password)
         .certificate(certificate)
         .instance(instance)
         .perform([&](Device& device, int result) {
@@ -198,7 +198,7 @@ int zentak_importCertificate(const char* deviceId, const char* password, ZentakC
 int zentak_importPfx(const char* deviceId, const char* password, ImportPFXDetails* details, void* instance) {
     return Call("zentak_importPfx")
         .text(deviceId)
-        .text(password)
+        .password(password)
         .pfx(details)
         .instance(instance)
         .perform([&](Device& device, int result) {

@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "scripted_library.h"
+
 namespace {
 
 /// Offset and length of each piece since the last reset, and what the n-th call answers.
@@ -58,6 +60,21 @@ TEST_F(HashFeeding, StopsAtTheFirstFailure) {
     failingCall = 2;
     EXPECT_EQ(feed(2 * longest + 5), 9);
     EXPECT_EQ(pieces.size(), 2U);
+}
+
+TEST(HashFinishing, BeginsWithZerosWhateverTheDigestHeld) {
+    scripted::Device& world = scripted::device();
+    world.reset();
+    world.digest = {7};
+    world.reportedLength = 3;
+    std::vector<unsigned char> digest(64, 0xAA);
+    EXPECT_EQ(zentak::finalHash(nullptr, 64, digest, nullptr), 0);
+    EXPECT_EQ(digest, (std::vector<unsigned char>{7, 0, 0}));
+    // A failure leaves nothing of its own behind.
+    world.results["zentak_finalHash"] = 5;
+    EXPECT_EQ(zentak::finalHash(nullptr, 64, digest, nullptr), 5);
+    EXPECT_EQ(digest, (std::vector<unsigned char>{7, 0, 0}));
+    world.reset();
 }
 
 TEST(ReportedLength, MustFitTheArea) {

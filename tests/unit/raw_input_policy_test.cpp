@@ -32,6 +32,11 @@ TEST(RawInputPolicy, FindsIdentifiersAtEveryOffset) {
     }
 }
 
+TEST(RawInputPolicy, DoesNotLookForMoreThanMemoryCanHold) {
+    const unsigned char* const nowhere = nullptr;
+    EXPECT_FALSE(fipsObjectionToRawInput(CKM_RSA_PKCS, {nowhere, ~std::size_t{0}}).has_value());
+}
+
 TEST(RawInputPolicy, NamesSha1WhenBothIdentifiersAreThere) {
     Bytes data = digestInfo(40, md5Identifier, 2);
     std::copy(sha1Identifier.begin(), sha1Identifier.end(), data.begin() + 30);
