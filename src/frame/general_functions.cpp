@@ -16,13 +16,14 @@ CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/) {
     const CK_RV prepared = withoutExceptions(name, [&]() -> CK_RV {
         lifecycle = std::unique_lock<std::mutex>(lasting<LifecycleMutex>());
         followForks();
-        Module& module = theModule();
-        if (module.instanceWithoutLock() != nullptr) {
+        if (theModule().instanceWithoutLock() != nullptr) {
             return refuse(CKR_CRYPTOKI_ALREADY_INITIALIZED, name, ": already initialized");
         }
         void* instance = nullptr;
         zentak_createInstance(&instance);
         {
+            // Looked for only now: where the library has forked, this is the child's own, as the instance is.
+            Module& module = theModule();
             const MutexLock lock(module.mutex);
             module.state.instance = instance;
         }
@@ -87,7 +88,7 @@ CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
         writeTerminated(pInfo->manufacturerID, "Dravenko Sentronics");
         pInfo->flags = 0;
         writeTerminated(pInfo->libraryDescription, "Zentak PKCS11 Library");
-        pInfo->libraryVersion = {3, 6};
+        pInfo->libraryVersion = {ZENTAK_VERSION_MAJOR, ZENTAK_VERSION_MINOR};
         return CKR_OK;
     });
 }

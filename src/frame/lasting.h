@@ -4,25 +4,44 @@
 #ifndef ZENTAK_FRAME_LASTING_H
 #define ZENTAK_FRAME_LASTING_H
 
+#include <new>
+#include <utility>
+
 namespace zentak {
 
-/// Where the one object of its type stands.
 template <typename T>
-T*& lastingObject() {
-    static T* object = new T;
-    return object;
+struct Lasting {
+    T* object = new T;
+    T* next = nullptr;  ///< for a forked child
+};
+
+template <typename T>
+Lasting<T>& lastingPlace() {
+    static Lasting<T> place;
+    return place;
 }
 
 template <typename T>
 T& lasting() {
-    return *lastingObject<T>();
+    return *lastingPlace<T>().object;
 }
 
-/// Puts a new object in the old one's place, which is left as it is. Only for a forked child, where no other thread is:
-/// its copy of the old one may be locked by a thread that it doesn't have.
+/// Before a fork: makes what `replaceLasting` will take, where there is memory.
 template <typename T>
-void replaceLasting() {
-    lastingObject<T>() = new T;
+void prepareToReplaceLasting() {
+    Lasting<T>& place = lastingPlace<T>();
+    if (place.next == nullptr) {
+        place.next = new (std::nothrow) T;
+    }
+}
+
+/// Puts a new object in the old one's place, which is left as it is: whoever forked from inside still has it. Only for
+/// a forked child, where no other thread is: its copy of the old one may be locked by a thread that it doesn't have.
+/// Never fails: without memory before the fork, the new object stands where the old one stood.
+template <typename T>
+void replaceLasting() noexcept {
+    Lasting<T>& place = lastingPlace<T>();
+    place.object = place.next != nullptr ? std::exchange(place.next, nullptr) : new (place.object) T;
 }
 
 }  // namespace zentak

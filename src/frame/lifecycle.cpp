@@ -10,22 +10,38 @@ namespace zentak {
 
 namespace {
 
-/// No thread of the module is inside the device library, and none writes to the log, while the process is copied.
-void beforeFork() ZENTAK_THREAD_SAFETY(no_thread_safety_analysis) {
-    holdDeviceMonitor();
-    theModule().mutex.lock();
-    holdLogWriters();
+/// The child may find no memory, and it can't do without these.
+void prepareForChild() {
+    prepareToReplaceLasting<LifecycleMutex>();
+    prepareToReplaceLasting<Module>();
+    prepareToForgetDeviceMonitor();
+    prepareToForgetLogWriters();
 }
 
-void inParent() ZENTAK_THREAD_SAFETY(no_thread_safety_analysis) {
+/// No other thread of the module is inside the device library, and none writes to the log, while the process is copied.
+/// This thread may be: a device library may fork while it is called.
+void beforeFork() {
+    Module& module = theModule();
+    if (!module.mutex.isHeldByThisThread()) {
+        // Else the monitor may be waiting, in the middle of its look, for the lock that this thread won't give away.
+        holdDeviceMonitor();
+    }
+    module.mutex.holdForFork();
+    holdLogWriters();
+    prepareForChild();
+}
+
+void inParent() {
     releaseLogWriters();
-    theModule().mutex.unlock();
+    theModule().mutex.releaseAfterFork();
     releaseDeviceMonitor();
 }
 
 /// The child has neither the monitor nor a right to the parent's sessions. The copies stay where they are, unused: the
-/// parent's instance isn't the child's to release.
+/// parent's instance isn't the child's to release. Where the device library has forked inside a call, the call goes on
+/// in the child with the copies, whose locks it has or can take.
 void inChild() {
+    inParent();
     replaceLasting<LifecycleMutex>();
     replaceLasting<Module>();
     forgetDeviceMonitor();
@@ -36,7 +52,10 @@ void inChild() {
 
 void followForks() {
     static std::once_flag once;
-    std::call_once(once, [] { platform::atFork(&beforeFork, &inParent, &inChild); });
+    std::call_once(once, [] {
+        prepareForChild();
+        platform::atFork(&beforeFork, &inParent, &inChild);
+    });
 }
 
 }  // namespace zentak

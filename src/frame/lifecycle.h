@@ -12,7 +12,8 @@ namespace zentak {
 struct LifecycleMutex : std::mutex {};
 
 /// From the first call on, a forked child of this process starts with a module that isn't initialised, whatever the
-/// parent's threads were doing, and the parent's goes on undisturbed. A fork waits for calls that are under way.
+/// parent's threads were doing, and the parent's goes on undisturbed. A fork waits for calls that are under way, but
+/// not for that of the thread that forks: a device library may fork while it is called. Throws std::bad_alloc.
 void followForks();
 
 }  // namespace zentak

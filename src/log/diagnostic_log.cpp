@@ -1,12 +1,13 @@
 #include "log/diagnostic_log.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <mutex>
 
 #include "frame/lasting.h"
+#include "frame/mutex.h"
 #include "platform/platform.h"
 
 namespace zentak {
@@ -15,7 +16,7 @@ namespace {
 
 /// Serialises the writers of this process, and keeps it from being forked while one of them asks for the time: the
 /// system's lock of its time zone would stay locked in the child.
-struct LogMutex : std::mutex {};
+struct LogMutex : Mutex {};
 
 std::string_view levelTag(int level) {
     switch (level) {
@@ -43,12 +44,12 @@ void printException(const char* where, const char* what, const char* lineEnd) no
 }
 
 platform::LocalTime timeWhileNobodyForks() {
-    const std::scoped_lock<std::mutex> lock(lasting<LogMutex>());
+    const MutexLock lock(lasting<LogMutex>());
     return platform::localTime();
 }
 
 void appendLine(const char* path, int level, std::string_view message) {
-    const std::scoped_lock<std::mutex> lock(lasting<LogMutex>());
+    const MutexLock lock(lasting<LogMutex>());
     std::FILE* file = platform::openForAppending(path);
     if (file == nullptr) {
         std::printf("\nUnable to write log");
@@ -77,13 +78,14 @@ int readLogLevel() noexcept {
     }
 }
 
-std::string getProcessName() noexcept {
+void getProcessName(char* buffer) noexcept {
+    buffer[0] = '\0';
     try {
         const std::string name = platform::executableName();
-        return name.substr(0, name.find('.'));
+        appendBounded(buffer, std::string_view(name).substr(0, name.find('.')));
     } catch (const std::exception& failure) {
         printException("Exception in getProcessName(): ", failure.what(), "\n");
-        return "ZentakKey Interface";
+        appendBounded(buffer, "ZentakKey Interface");
     }
 }
 
@@ -127,7 +129,9 @@ void writeLogLine(int level, std::string_view message) noexcept {
             std::printf("\nUnable to getLogBaseFolderPath");
         }
         appendBounded(path.data(), "/Dravenko Sentronics/");
-        appendBounded(path.data(), getProcessName());
+        std::array<char, logPathSize> process{};
+        getProcessName(process.data());
+        appendBounded(path.data(), process.data());
         appendBounded(path.data(), "/");
         createLogFolder(path.data());
 
@@ -146,11 +150,15 @@ void writeLogLine(int level, std::string_view message) noexcept {
 }
 
 void holdLogWriters() {
-    lasting<LogMutex>().lock();
+    lasting<LogMutex>().holdForFork();
 }
 
 void releaseLogWriters() {
-    lasting<LogMutex>().unlock();
+    lasting<LogMutex>().releaseAfterFork();
+}
+
+void prepareToForgetLogWriters() {
+    prepareToReplaceLasting<LogMutex>();
 }
 
 void forgetLogWriters() {

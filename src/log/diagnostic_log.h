@@ -29,8 +29,9 @@ int readLogLevel() noexcept;
 /// Appends one line to the log file, whatever the configured level.
 void writeLogLine(int level, std::string_view message) noexcept;
 
-/// Base name of the process's executable up to its first full stop; empty when it can't be told.
-std::string getProcessName() noexcept;
+/// Writes the base name of the process's executable up to its first full stop into `buffer` (of logPathSize bytes);
+/// an empty text when it can't be told, and a fixed one, with a word on standard output, when memory is short.
+void getProcessName(char* buffer) noexcept;
 
 /// Fills `buffer` (of logPathSize bytes, zeroed first) with the temporary folder and its final separator. 0, or -1 with
 /// an all-zero buffer when there is no such folder.
@@ -41,9 +42,10 @@ int getLogBaseFolderPath(char* buffer) noexcept;
 /// 0 when not.
 int createLogFolder(const char* path) noexcept;
 
-/// Around a fork, in the parent: no line is being written meanwhile.
+/// Around a fork, in the parent: no other thread is writing a line meanwhile.
 void holdLogWriters();
 void releaseLogWriters();
+void prepareToForgetLogWriters();
 /// In a forked child: whoever was writing in the parent isn't here.
 void forgetLogWriters();
 

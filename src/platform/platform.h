@@ -36,7 +36,8 @@ bool isDirectory(const char* path);
 /// True when the directory was newly made, for its owner alone; false also when it exists already.
 bool createDirectory(const char* path);
 
-/// File name of the process's main executable, without its folder; empty when it can't be told.
+/// File name of the process's main executable, without its folder, under which it was started, though another file may
+/// be there by now; empty when it can't be told.
 std::string executableName();
 
 /// Opens a file for appending bytes as they are, made when missing, with sharing allowed to other processes of its

@@ -71,10 +71,30 @@ bool createDirectory(const char* path) {
     return mkdir(path, S_IRWXU) == 0;
 }
 
+namespace {
+
+/// The link through which the system tells the running file, and leads to it under whatever name.
+constexpr const char* runningFile = "/proc/self/exe";
+
+bool isRunningFile(const char* path) {
+    struct stat named {};
+    struct stat running {};
+    return stat(path, &named) == 0 && stat(runningFile, &running) == 0 && named.st_dev == running.st_dev &&
+           named.st_ino == running.st_ino;
+}
+
+}  // namespace
+
 std::string executablePath() {
-    std::array<char, 4096> path{};
-    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
-    return length > 0 ? std::string(path.data(), static_cast<std::size_t>(length)) : std::string();
+    std::array<char, 4096> area{};
+    const ssize_t length = readlink(runningFile, area.data(), area.size());
+    std::string path(area.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    // What the system adds when the file was deleted or replaced, by an update perhaps. It may also be its name.
+    constexpr std::string_view mark = " (deleted)";
+    if (path.ends_with(mark) && !isRunningFile(path.c_str())) {
+        path.resize(path.size() - mark.size());
+    }
+    return path;
 }
 
 std::string executableName() {

@@ -32,9 +32,11 @@ std::optional<signed char> readLogLevelByte() {
 }
 
 std::string temporaryFolder(std::size_t limit) {
-    std::array<char, MAX_PATH + 1> buffer{};
-    const DWORD length = GetTempPathA(static_cast<DWORD>(buffer.size()), buffer.data());
-    return length < buffer.size() && length < limit ? std::string(buffer.data(), length) : std::string();
+    std::string folder(limit, '\0');
+    // Of a longer one it tells the length that it would need.
+    const DWORD length = GetTempPathA(static_cast<DWORD>(limit), folder.data());
+    folder.resize(length < limit ? length : 0);
+    return folder;
 }
 
 bool isDirectory(const char* path) {

@@ -9,6 +9,7 @@
 
 #include "frame/entry_frame.h"
 #include "frame/lasting.h"
+#include "frame/mutex.h"
 #include "platform/platform.h"
 #include "slots/slot_table.h"
 
@@ -21,7 +22,7 @@ struct MonitorState {
     std::atomic<bool> running{false};
     std::atomic<bool> stopRequested{false};
     /// Held around one poll of the devices and the walk over the sessions.
-    std::mutex monitorMutex;
+    Mutex monitorMutex;
 
     /// Guards, with the condition, what follows and the stop request against waiting past them.
     std::mutex eventMutex;
@@ -51,7 +52,7 @@ void dropLoginsOfMissingDevices(ModuleState& state, const std::vector<std::strin
 
 /// One poll; the number of devices connected.
 std::size_t pollDevices() {
-    const std::scoped_lock polling(monitor().monitorMutex);
+    const MutexLock polling(monitor().monitorMutex);
     Module& module = theModule();
     const std::vector<std::string> devices = zentak_getConnectedDeviceList(false, module.instanceWithoutLock());
     // The module isn't locked before here: a slow device must not hold up the host's calls.
@@ -176,14 +177,20 @@ void stopDeviceMonitor() {
 }
 
 void holdDeviceMonitor() {
-    monitor().monitorMutex.lock();
+    monitor().monitorMutex.holdForFork();
 }
 
 void releaseDeviceMonitor() {
-    monitor().monitorMutex.unlock();
+    monitor().monitorMutex.releaseAfterFork();
+}
+
+void prepareToForgetDeviceMonitor() {
+    prepareToReplaceLasting<MonitorState>();
 }
 
 void forgetDeviceMonitor() {
+    // A thread that has forked in the middle of its look ends in the child.
+    monitor().stopRequested = true;
     replaceLasting<MonitorState>();
 }
 

@@ -16,9 +16,12 @@ void startDeviceMonitor();
 /// event. Without a thread only the wake-up happens. Not to be called with the module locked.
 void stopDeviceMonitor();
 
-/// Waits for the poll that is under way and keeps the next one from beginning, until it is released by the same thread.
+/// Around a fork, in the parent: waits for the poll that is under way, unless it is this thread's own, and keeps the
+/// next one from beginning. A thread that holds the module lock must not ask for it. The release may come without the
+/// hold.
 void holdDeviceMonitor();
 void releaseDeviceMonitor();
+void prepareToForgetDeviceMonitor();
 
 /// In a forked child, which hasn't got the thread: there is no monitor and no event.
 void forgetDeviceMonitor();

@@ -11,6 +11,7 @@ namespace {
 
 thread_local int allocationsToGo = 0;
 thread_local bool failed = false;
+thread_local bool andAllAfterIt = false;
 
 thread_local std::size_t actionSize = 0;
 thread_local const std::function<void()>* actionToRun = nullptr;
@@ -45,7 +46,13 @@ namespace behaviour {
 
 void failAllocation(int nth) {
     failed = false;
+    andAllAfterIt = false;
     allocationsToGo = nth;
+}
+
+void failAllocationsFrom(int nth) {
+    failAllocation(nth);
+    andAllAfterIt = true;
 }
 
 bool allocationFailed() {
@@ -83,6 +90,7 @@ int patternsFreed() {
 void* operator new(std::size_t size) {
     if (allocationsToGo > 0 && --allocationsToGo == 0) {
         failed = true;
+        allocationsToGo = andAllAfterIt ? 1 : 0;
         throw std::bad_alloc();
     }
     if (actionToRun != nullptr && size >= actionSize) {

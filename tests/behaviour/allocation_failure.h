@@ -13,6 +13,9 @@ namespace behaviour {
 /// Lets the `nth` allocation (1 is the next one) of the calling thread fail, once.
 void failAllocation(int nth);
 
+/// Lets the `nth` allocation of the calling thread fail, and every one after it.
+void failAllocationsFrom(int nth);
+
 /// Ends that; true when the allocation has failed.
 bool allocationFailed();
 

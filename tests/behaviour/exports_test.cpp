@@ -3,8 +3,10 @@
 
 #include <set>
 
+#include "child_process.h"
 #include "every_function.h"
 #include "module_test.h"
+#include "run_folder.h"
 
 namespace {
 
@@ -38,5 +40,17 @@ TEST(Exports, theListHasTheStandardLayout) {
         offset += sizeof pointer;
     }
 }
+
+#if !defined(_WIN32)
+TEST(Exports, aHostWithFunctionsOfTheSameNamesChangesNothing) {
+#if defined(ZENTAK_WINDOWS_CRYPTOKI)
+    const ChildResult result = runChild(programFile().parent_path() / "interposing_host_windows_form", {});
+#else
+    const ChildResult result = runChild(programFile().parent_path() / "interposing_host", {});
+#endif
+    EXPECT_EQ(result.output, "");  // what lies outside the module
+    EXPECT_EQ(result.exitCode, 0);
+}
+#endif
 
 }  // namespace

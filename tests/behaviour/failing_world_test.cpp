@@ -9,6 +9,12 @@
 #include "allocation_failure.h"
 #include "module_test.h"
 #include "run_folder.h"
+#include "standard_output.h"
+
+#if !defined(_WIN32)
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
 
 namespace {
 
@@ -352,6 +358,68 @@ private:
     std::filesystem::path before_;
 };
 
+/// No memory for the name of the program, which is too long for a text without an allocation: the line is written under
+/// the fixed name, and the host goes on.
+TEST_F(FailingWorld, noMemoryForTheProcessName) {
+    ASSERT_GT(processName().size(), std::string().capacity());
+    const ShortTemporaryFolder folder;
+    std::filesystem::create_directory(logFolder("ZentakKey Interface"));
+    setLogLevel(errorLevel);
+    int named = 0;
+    bool failed = true;
+    for (int nth = 1; failed; ++nth) {
+        ASSERT_LT(nth, 100);
+        std::string complaints;
+        {
+            const StandardOutput standardOutput;
+            behaviour::failAllocationsFrom(nth);
+            const CK_RV code = api.C_GetInfo(nullptr);
+            failed = behaviour::allocationFailed();
+            EXPECT_EQ(code, CKR_ARGUMENTS_BAD);
+            complaints = standardOutput.text();
+        }
+        if (complaints == "Exception in getProcessName(): std::bad_alloc\n") {
+            ++named;
+        } else {
+            EXPECT_EQ(complaints, "") << nth;
+        }
+    }
+    EXPECT_GT(named, 0);
+    EXPECT_EQ(parseLog(readLogFiles(logFolder("ZentakKey Interface"))),
+              Lines(static_cast<std::size_t>(named), "ERROR C_GetInfo: pInfo is NULL"));
+}
+
+/// Neither the parent nor the child nor the child's child has any: the module begins anew all the same.
+TEST_F(FailingWorld, aForkWithoutMemory) {
+    const ShortTemporaryFolder folder;
+    beginAgain();
+    CK_INFO info;
+    const StandardOutput standardOutput;
+    behaviour::failAllocationsFrom(1);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(20);
+        const CK_RV first = api.C_GetInfo(&info);
+        const pid_t grandchild = fork();
+        const CK_RV second = api.C_GetInfo(&info);
+        behaviour::allocationFailed();
+        int status = 0;
+        if (first != CKR_CRYPTOKI_NOT_INITIALIZED) _exit(1);
+        if (second != CKR_CRYPTOKI_NOT_INITIALIZED) _exit(2);
+        if (api.C_Initialize(nullptr) != CKR_OK) _exit(3);
+        if (api.C_GetInfo(&info) != CKR_OK) _exit(4);
+        if (api.C_Finalize(nullptr) != CKR_OK) _exit(5);
+        if (grandchild == 0) _exit(0);
+        _exit(waitpid(grandchild, &status, 0) == grandchild && status == 0 ? 0 : 6);
+    }
+    behaviour::allocationFailed();
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(api.C_GetInfo(&info), CKR_OK);
+    EXPECT_EQ(stateOf(session), CKS_RW_USER_FUNCTIONS);
+}
+
 /// Where the libraries share their memory with the host; a Windows build has its own inside.
 TEST_F(FailingWorld, everyAllocation) {
     const ShortTemporaryFolder folder;
@@ -359,20 +427,22 @@ TEST_F(FailingWorld, everyAllocation) {
     int failures = 0;
     for (const Scenario& scenario : scenarios()) {
         SCOPED_TRACE(scenario.name);
-        bool failed = true;
-        for (int nth = 1; failed; ++nth) {
-            ASSERT_LT(nth, mostAllocations);
-            beginAgain();
-            scenario.prepare();
-            behaviour::failAllocation(nth);
-            const CK_RV code = scenario.act();
-            failed = behaviour::allocationFailed();
-            failures += failed ? 1 : 0;
-            // A log line may be lost for want of memory, and the call goes on.
-            EXPECT_TRUE(code == CKR_OK || (failed && code == CKR_HOST_MEMORY)) << code << " at " << nth;
+        for (const auto& fail : {behaviour::failAllocation, behaviour::failAllocationsFrom}) {
+            bool failed = true;
+            for (int nth = 1; failed; ++nth) {
+                ASSERT_LT(nth, mostAllocations);
+                beginAgain();
+                scenario.prepare();
+                fail(nth);
+                const CK_RV code = scenario.act();
+                failed = behaviour::allocationFailed();
+                failures += failed ? 1 : 0;
+                // A log line may be lost for want of memory, and the call goes on.
+                EXPECT_TRUE(code == CKR_OK || (failed && code == CKR_HOST_MEMORY)) << code << " at " << nth;
+            }
         }
     }
-    EXPECT_GT(failures, 300);
+    EXPECT_GT(failures, 600);
 }
 #endif
 

@@ -7,6 +7,10 @@
 #include "child_process.h"
 #include "log_test.h"
 
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#endif
+
 namespace {
 
 using namespace support;
@@ -121,6 +125,23 @@ TEST_F(LogWithoutTemporaryFolder, aFileInPlaceOfTheTemporaryFolder) {
 }
 
 #if !defined(_WIN32)
+/// The temporary folder may be everybody's; the log is for its user alone, whatever the host lets others do with files.
+TEST_F(LogFolder, isForTheUserAlone) {
+    useEmptyTemporaryFolder();
+    const mode_t before = umask(0);
+    outputOfAnErrorLine();
+    outputOfAnErrorLine();
+    umask(before);
+    std::vector<fs::path> made = {temporaryFolder() / "Dravenko Sentronics", logFolder()};
+    for (const fs::directory_entry& entry : fs::directory_iterator(logFolder())) made.push_back(entry.path());
+    ASSERT_EQ(made.size(), 3U);
+    for (const fs::path& path : made) {
+        const fs::perms expected = fs::perms::owner_read | fs::perms::owner_write |
+                                   (fs::is_directory(path) ? fs::perms::owner_exec : fs::perms::none);
+        EXPECT_EQ(fs::status(path).permissions(), expected) << path;
+    }
+}
+
 TEST_F(LogFolder, aTemporaryFolderWithASlashAtItsEnd) {
     useEmptyTemporaryFolder();
     createLogFolder();
@@ -164,7 +185,8 @@ TEST_F(LogFolder, aVeryLongTemporaryFolder) {
 class ProcessName : public LogTest {
 protected:
     /// Runs the probe under that file name and gives the lines that it logged under `process`.
-    static Lines linesOfProbe(const std::string& fileName, const std::string& process) {
+    static Lines linesOfProbe(const std::string& fileName, const std::string& process,
+                              const std::vector<std::string>& arguments = {}) {
 #if defined(_WIN32)
         const fs::path original = programFile().parent_path() / "log_probe.exe";
 #else
@@ -174,7 +196,7 @@ protected:
         fs::copy_file(original, copy, fs::copy_options::overwrite_existing);
         useEmptyTemporaryFolder();
         fs::create_directory(temporaryFolder() / "Dravenko Sentronics");
-        const ChildResult result = runChild(copy, {});
+        const ChildResult result = runChild(copy, arguments);
         fs::remove(copy);
         EXPECT_EQ(result.exitCode, 0);
         EXPECT_EQ(result.output, "");
@@ -203,6 +225,18 @@ TEST_F(ProcessName, mayBeEmpty) {
 TEST_F(ProcessName, mayHaveNoFullStop) {
     const std::string name = processName() + "-probe";
     EXPECT_EQ(linesOfProbe(name, name), expected);
+}
+
+/// The system then tells the path with a mark behind it.
+TEST_F(ProcessName, isKeptWhenTheFileIsReplaced) {
+    const std::string name = processName() + "-updated";
+    EXPECT_EQ(linesOfProbe(name, name, {"replaced"}), expected);
+}
+
+TEST_F(ProcessName, mayEndLikeThatOfADeletedFile) {
+    const std::string name = processName() + " (deleted)";
+    EXPECT_EQ(linesOfProbe(name, name), expected);
+    EXPECT_EQ(linesOfProbe(name, name, {"replaced"}), expected);
 }
 #endif
 

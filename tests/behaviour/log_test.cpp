@@ -7,6 +7,8 @@
 #include <fstream>
 #include <regex>
 
+#include "child_process.h"
+
 #if defined(_WIN32)
 #include <windows.h>
 #endif
@@ -205,6 +207,47 @@ TEST_F(Log, theFileIsNamedByTheDate) {
         EXPECT_EQ(names, (std::vector<std::string>{today}));
     }
 }
+
+#if defined(_WIN32)
+/// Under Wine these tests are started in a zone that is nobody's, so that the two above compare local times.
+TEST_F(Log, theZoneIsNotThatOfGreenwich) {
+    const char* const zone = std::getenv("TZ");
+    if (zone == nullptr || std::string(zone) != "XYZ-5:45") return;  // started by hand
+    TIME_ZONE_INFORMATION information = {};
+    GetTimeZoneInformation(&information);
+    EXPECT_EQ(information.Bias, -(5 * 60 + 45));
+}
+#else
+/// In a zone so far away that it has another date: the line and the file tell the time there.
+TEST_F(Log, theTimeIsThatOfTheHostsZone) {
+    constexpr std::time_t away = 12 * 3600 + 45 * 60;
+    const std::time_t before = std::time(nullptr);
+    const bool isMorning = std::gmtime(&before)->tm_hour < 12;
+    useEmptyTemporaryFolder();
+    fs::create_directories(logFolder("log_probe"));
+    const char* const set = std::getenv("TZ");
+    const std::optional<std::string> zone = set != nullptr ? std::optional<std::string>(set) : std::nullopt;
+    setEnvironment("TZ", isMorning ? "XYZ+12:45" : "XYZ-12:45");
+    EXPECT_EQ(runChild(programFile().parent_path() / "log_probe", {}).exitCode, 0);
+    setEnvironment("TZ", zone);
+    const std::time_t after = std::time(nullptr);
+
+    const auto there = [&](std::time_t time, const char* format) {
+        time += isMorning ? -away : away;
+        char text[64];
+        return std::string(text, std::strftime(text, sizeof text, format, std::gmtime(&time)));
+    };
+    const std::string text = readLogFiles(logFolder("log_probe"));
+    const std::string first = text.substr(0, std::string("dd/mm::HH:MM:SS").size());
+    bool matches = false;
+    for (std::time_t time = before; time <= after; ++time) matches |= there(time, "%d/%m::%H:%M:%S") == first;
+    EXPECT_TRUE(matches) << first << " is not " << there(after, "%d/%m::%H:%M:%S");
+    for (const fs::directory_entry& entry : fs::directory_iterator(logFolder("log_probe"))) {
+        const std::string name = entry.path().filename().string();
+        EXPECT_TRUE(name == there(before, "%Y-%m-%d.LOG") || name == there(after, "%Y-%m-%d.LOG")) << name;
+    }
+}
+#endif
 
 TEST_F(Log, linesAreAppended) {
     const Lines first = linesOfARefusal();

@@ -2,6 +2,7 @@
 
 #include "threads_test.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <set>
@@ -108,6 +109,32 @@ TEST_F(Threads, useTheModuleWhileDevicesComeAndGo) {
                            {"C_WaitForSlotEvent", {CKR_OK, CKR_CRYPTOKI_NOT_INITIALIZED}},
                        });
     EXPECT_EQ(all.of("C_WaitForSlotEvent").count(CKR_CRYPTOKI_NOT_INITIALIZED), 1U);
+}
+
+/// A call that has had to wait for C_Finalize finds the module as that has left it.
+TEST_F(Threads, waitForTheEndAndFindTheModuleUninitialised) {
+    setLogLevel(debugLevel);
+    clear();
+    CK_INFO info = filledWith<CK_INFO>(0xA5);
+    CK_RV code = CKR_OK;
+    std::thread late;
+    scripted::Fault release{"zentak_releaseInstance"};
+    release.action = [&] {
+        late = std::thread([&] { code = functions().C_GetInfo(&info); });
+        // Until it has said that it is there, and a moment for what it looks at next.
+        for (int i = 0; i < 5000; ++i) {
+            const Lines lines = takeLog();
+            if (std::find(lines.begin(), lines.end(), "DEBUG C_GetInfo") != lines.end()) break;
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        std::this_thread::sleep_for(milliseconds(50));
+    };
+    device().addFault(release);
+    EXPECT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    late.join();
+    EXPECT_EQ(code, CKR_CRYPTOKI_NOT_INITIALIZED);
+    EXPECT_EQ(bytesOf(info), Bytes(sizeof info, 0xA5));
+    EXPECT_EQ(log(), (Lines{"DEBUG C_Finalize completed successfully.", "ERROR C_GetInfo: not initialized"}));
 }
 
 /// Handles are handed out once, states and lines stay whole.

@@ -16,7 +16,11 @@ namespace fs = std::filesystem;
 
 class LogWriting : public ::testing::Test {
 protected:
-    static fs::path logFolder() { return support::temporaryFolder() / "Dravenko Sentronics" / getProcessName(); }
+    static fs::path logFolder() {
+        char name[logPathSize];
+        getProcessName(name);
+        return support::temporaryFolder() / "Dravenko Sentronics" / name;
+    }
 
     /// Of all files in the log folder, without the time at the beginning of each line.
     static std::vector<std::string> lines() {
