@@ -38,6 +38,10 @@ constexpr std::array<NamedCurve, 3> curves = {{
 /// What is in the way of reading a form here. Never seen outside this file.
 struct OtherForm {};
 
+/// A key has none; OpenSSL's decoders would take it for the positive number with the same bytes. Never seen outside
+/// this file, either.
+struct NegativeNumber {};
+
 void expect(bool holds) {
     if (!holds) throw OtherForm();
 }
@@ -68,9 +72,11 @@ public:
 
     DerReader inside(unsigned char tag) { return DerReader(element(tag)); }
 
+    /// Throws NegativeNumber.
     BigNumber positiveInteger() {
         const ByteView bytes = element(integerTag);
-        expect(!bytes.empty() && bytes[0] < 0x80);
+        expect(!bytes.empty());
+        if (bytes[0] >= 0x80) throw NegativeNumber();
         return numberFrom(bytes);
     }
 
@@ -159,23 +165,32 @@ Key orNull(Decode&& decode) {
 }  // namespace
 
 Key decodePrivateKey(ByteView pkcs8) {
-    Key key = orNull([&] { return usualPrivateKey(pkcs8); });
-    if (key) return key;
-    const unsigned char* position = pkcs8.data();
-    key = ownKey(d2i_AutoPrivateKey_ex(nullptr, &position, static_cast<long>(pkcs8.size()), cryptoContext(), nullptr));
-    if (!key) throw Failure(Error::tokenDamaged, "a private key of the token can't be read");
-    return key;
+    try {
+        if (Key key = orNull([&] { return usualPrivateKey(pkcs8); })) return key;
+        const unsigned char* position = pkcs8.data();
+        const auto length = static_cast<long>(pkcs8.size());
+        if (Key key = ownKey(d2i_AutoPrivateKey_ex(nullptr, &position, length, cryptoContext(), nullptr))) return key;
+    } catch (const NegativeNumber&) {
+        // Refused like everything else that is none.
+    }
+    throw Failure(Error::tokenDamaged, "a private key of the token can't be read");
 }
 
 Key decodeSubjectPublicKeyInfo(ByteView der) {
-    if (Key key = orNull([&] { return usualPublicKey(der); })) return key;
+    try {
+        if (Key key = orNull([&] { return usualPublicKey(der); })) return key;
+    } catch (const NegativeNumber&) {
+        return nullptr;
+    }
     const unsigned char* position = der.data();
     return ownKey(d2i_PUBKEY_ex(nullptr, &position, static_cast<long>(der.size()), cryptoContext(), nullptr));
 }
 
 Key publicKeyFromPoint(const KeyType& type, ByteView point) {
-    if (type.curve == nullptr || point.size() != 1 + 2 * type.fieldLength || point[0] != 0x04) return nullptr;
-    return ecPublicKey(type.curve, point);
+    if (type.curve == nullptr || point.empty()) return nullptr;
+    const bool uncompressed = point[0] == 0x04 && point.size() == 1 + 2 * type.fieldLength;
+    const bool compressed = (point[0] == 0x02 || point[0] == 0x03) && point.size() == 1 + type.fieldLength;
+    return uncompressed || compressed ? ecPublicKey(type.curve, point) : nullptr;
 }
 
 Key decodePublicKey(const KeyType* type, ByteView bytes) {

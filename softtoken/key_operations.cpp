@@ -1,7 +1,3 @@
-// The padding checks of RSA on memory have no successor in OpenSSL 3; they run in constant time, which code of our own
-// would first have to prove.
-#define OPENSSL_SUPPRESS_DEPRECATED
-
 #include "key_operations.h"
 
 #include <algorithm>
@@ -9,6 +5,7 @@
 #include <openssl/rsa.h>
 
 #include "errors.h"
+#include "rsa_padding.h"
 
 namespace softtoken {
 
@@ -173,11 +170,14 @@ bool verifyEcdsa(EVP_PKEY* key, ByteView hash, ByteView signature) {
 }
 
 /// The point inside a DER OCTET STRING of fitting length, or the bytes as they are.
-ByteView unwrapPoint(ByteView peer, std::size_t pointLength) {
-    const std::size_t header = pointLength < 0x80 ? 2 : 3;
-    const bool wrapped = peer.size() == header + pointLength && peer[0] == 0x04 && peer[header - 1] == pointLength &&
-                         (header == 2 || peer[1] == 0x81);
-    return wrapped ? peer.subspan(header) : peer;
+ByteView unwrapPoint(ByteView peer, const KeyType& type) {
+    for (const std::size_t pointLength : {1 + 2 * type.fieldLength, 1 + type.fieldLength}) {
+        const std::size_t header = pointLength < 0x80 ? 2 : 3;
+        const bool wrapped = peer.size() == header + pointLength && peer[0] == 0x04 &&
+                             peer[header - 1] == pointLength && (header == 2 || peer[1] == 0x81);
+        if (wrapped) return peer.subspan(header);
+    }
+    return peer;
 }
 
 }  // namespace
@@ -219,8 +219,7 @@ Bytes encryptRsa(EVP_PKEY* key, ByteView data, Padding padding) {
 
 SecretBytes decryptRsa(EVP_PKEY* key, ByteView data) {
     if (!isRsa(key)) throw Failure(Error::keyTypeMismatch, "decryption needs an RSA key");
-    const int modulusLength = EVP_PKEY_get_size(key);
-    if (data.size() != static_cast<std::size_t>(modulusLength)) {
+    if (data.size() != static_cast<std::size_t>(EVP_PKEY_get_size(key))) {
         throw Failure(Error::dataLength, "the data isn't as long as the key's modulus");
     }
     const KeyContext context = contextFor(key);
@@ -230,21 +229,9 @@ SecretBytes decryptRsa(EVP_PKEY* key, ByteView data) {
                       EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING) == 1 &&
                       EVP_PKEY_decrypt(context.get(), padded.data(), &length, data.data(), data.size()) == 1,
                   "decrypting");
-    // One private operation and always both checks: neither time nor answer tells which padding was found wrong.
-    SecretBytes oaep(data.size());
-    SecretBytes pkcs1(data.size());
-    const int oaepLength =
-        RSA_padding_check_PKCS1_OAEP_mgf1(oaep.data(), modulusLength, padded.data(), modulusLength, modulusLength,
-                                          nullptr, 0, digestOfLength(20), digestOfLength(20));
-    const int pkcs1Length =
-        RSA_padding_check_PKCS1_type_2(pkcs1.data(), modulusLength, padded.data(), modulusLength, modulusLength);
-    SecretBytes& plaintext = oaepLength >= 0 ? oaep : pkcs1;
-    const int plaintextLength = oaepLength >= 0 ? oaepLength : pkcs1Length;
-    requireCrypto(plaintextLength >= 0, "decrypting");
-    plaintext.resize(static_cast<std::size_t>(plaintextLength));
-    // It is a reference, which would be copied.
-    // cppcheck-suppress returnStdMoveLocal
-    return std::move(plaintext);
+    auto plaintext = removePadding(padded);
+    requireCrypto(plaintext.has_value(), "decrypting");
+    return *std::move(plaintext);
 }
 
 SecretBytes deriveEcdh(EVP_PKEY* key, ByteView peer) {
@@ -252,7 +239,7 @@ SecretBytes deriveEcdh(EVP_PKEY* key, ByteView peer) {
     if (type == nullptr || type->curve == nullptr) {
         throw Failure(Error::keyTypeMismatch, "key agreement needs an EC key");
     }
-    const Key peerKey = publicKeyFromPoint(*type, unwrapPoint(peer, 1 + 2 * type->fieldLength));
+    const Key peerKey = publicKeyFromPoint(*type, unwrapPoint(peer, *type));
     if (!peerKey) throw Failure(Error::invalidArgument, "the peer's public key is no point of the curve");
     const KeyContext context = contextFor(key);
     SecretBytes secret(type->fieldLength);

@@ -34,11 +34,12 @@ enum class Padding { pkcs1, oaepSha1 };
 /// Throws Error::dataLength when the data is too long for the padding.
 Bytes encryptRsa(EVP_PKEY* key, ByteView data, Padding padding);
 
-/// Takes OAEP with SHA-1 and v1.5 alike. Whatever is wrong with the padding, it throws the same Error::cryptoFailed
-/// after the same work.
+/// Takes OAEP with one of five hashes and v1.5 alike: see removePadding. Whatever is wrong with the padding, it throws
+/// the same Error::cryptoFailed after the same work.
 SecretBytes decryptRsa(EVP_PKEY* key, ByteView data);
 
-/// The x-coordinate of the shared point. The peer is an uncompressed point, bare or in a DER OCTET STRING.
+/// The x-coordinate of the shared point. The peer is a point, uncompressed or compressed, bare or in a DER OCTET
+/// STRING.
 SecretBytes deriveEcdh(EVP_PKEY* key, ByteView peer);
 
 }  // namespace softtoken

@@ -42,7 +42,7 @@ Bytes publicKeyBytes(const EVP_PKEY* key);
 /// exponent 65537. Null when it is none.
 Key decodePublicKey(const KeyType* type, ByteView bytes);
 Key decodeSubjectPublicKeyInfo(ByteView der);
-/// Null when the bytes are no point of the curve.
+/// The point may be compressed. Null when the bytes are none of the curve.
 Key publicKeyFromPoint(const KeyType& type, ByteView point);
 
 }  // namespace softtoken

@@ -97,15 +97,17 @@ KeyPairEntry addKeyPair(TokenData& token, ByteView tokenKey, const EVP_PKEY* key
     return entry;
 }
 
-CertificateEntry addCertificate(TokenData& token, ByteView der, std::string_view label, ByteView objectId) {
+CertificateEntry addCertificate(TokenData& token, ByteView der, std::string_view label, ByteView objectId,
+                                ByteView otherwiseObjectId) {
     requireText(label, maximumCertificateLabelLength, "the label");
-    requireLength(objectId.size(), maximumObjectIdLength, "the object's id");
+    requireLength(std::max(objectId.size(), otherwiseObjectId.size()), maximumObjectIdLength, "the object's id");
     requireLength(der.size(), maximumCertificateLength, "the certificate");
     static_cast<void>(parseCertificate(der));
     for (CertificateEntry& other : token.certificates) {
         if (!std::equal(der.begin(), der.end(), other.der.begin(), other.der.end())) continue;
-        if (other.label.empty()) other.label = label;
-        if (other.objectId.empty()) other.objectId.assign(objectId.begin(), objectId.end());
+        if (!label.empty()) other.label = label;
+        const ByteView newId = objectId.empty() && other.objectId.empty() ? otherwiseObjectId : objectId;
+        if (!newId.empty()) other.objectId.assign(newId.begin(), newId.end());
         return other;
     }
     CertificateEntry entry;
@@ -113,7 +115,8 @@ CertificateEntry addCertificate(TokenData& token, ByteView der, std::string_view
         nextNumber(token.certificates, token.lastCertificateNumber, token.capacity, Error::certificateStorageFull);
     entry.certId = randomReference();
     entry.label = label;
-    entry.objectId.assign(objectId.begin(), objectId.end());
+    const ByteView newId = objectId.empty() ? otherwiseObjectId : objectId;
+    entry.objectId.assign(newId.begin(), newId.end());
     entry.der.assign(der.begin(), der.end());
     token.certificates.push_back(entry);
     return entry;

@@ -40,10 +40,11 @@ struct NewKeyPair {
 /// Error::invalidArgument for a field too long.
 KeyPairEntry addKeyPair(TokenData& token, ByteView tokenKey, const EVP_PKEY* key, const NewKeyPair& settings);
 
-/// Adds a certificate and answers its entry. One that the token holds already isn't stored twice: label and CKA_ID
-/// are added where it has none. Throws Error::certificateInvalid, Error::certificateStorageFull, and
-/// Error::invalidArgument for a field too long.
-CertificateEntry addCertificate(TokenData& token, ByteView der, std::string_view label, ByteView objectId);
+/// Adds a certificate and answers its entry. One that the token holds already isn't stored twice: it takes over the
+/// label and the CKA_ID, each unless it's empty. `otherwiseObjectId` is for a certificate that would have no CKA_ID.
+/// Throws Error::certificateInvalid, Error::certificateStorageFull, and Error::invalidArgument for a field too long.
+CertificateEntry addCertificate(TokenData& token, ByteView der, std::string_view label, ByteView objectId,
+                                ByteView otherwiseObjectId = {});
 
 /// Throws Error::keyNotFound.
 KeyPairEntry& findKeyPair(TokenData& token, const Reference& keyId);

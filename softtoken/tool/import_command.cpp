@@ -85,9 +85,11 @@ void import(const Common& common, const ImportOptions& options) {
         for (const Bytes& der : objects.certificates) {
             const Bytes identifier = publicKeyIdentifier(der);
             const auto key = labels.find(identifier);
-            const bool own = key != labels.end() || alone;
-            addCertificate(token, der, key != labels.end() ? key->second : (alone ? options.label : ""),
-                           own && !givenId.empty() ? givenId : identifier);
+            if (key != labels.end()) {
+                addCertificate(token, der, key->second, givenId.empty() ? identifier : givenId);
+            } else {
+                addCertificate(token, der, alone ? options.label : "", alone ? givenId : Bytes(), identifier);
+            }
             progress.advance();
         }
     });

@@ -204,18 +204,45 @@ TEST_F(CertificateStorage, WrongPinIsIgnoredAndNotCounted) {
     EXPECT_EQ(attemptsLeft(), 5);
 }
 
-TEST_F(CertificateStorage, SameCertificateIsStoredOnceAndCompleted) {
+TEST_F(CertificateStorage, SameCertificateAgainTakesOverLabelAndId) {
     const Bytes der = makeCertificate(testKey(5));
     ZentakCertificate first = recordFor(der);
     ASSERT_EQ(import(first), 0);
-    ZentakCertificate second = recordFor(der, "Alice", {1});
-    ASSERT_EQ(import(second), 0);
-    EXPECT_EQ(std::memcmp(first.certId, second.certId, 16), 0);
-    ZentakCertificate third = recordFor(der, "Bob", {2});
-    ASSERT_EQ(import(third), 0);
-    ASSERT_EQ(list().size(), 1U);
-    EXPECT_STREQ(list()[0].label, "Alice");
-    EXPECT_EQ(list()[0].objectId[0], 1);
+    const std::uint32_t handleNumber = list()[0].id;
+    const auto expectAfterImport = [&](const std::string& label, const Bytes& id, const std::string& storedLabel,
+                                       const Bytes& storedId) {
+        ZentakCertificate record = recordFor(der, label, id);
+        ASSERT_EQ(import(record), 0);
+        EXPECT_EQ(std::memcmp(first.certId, record.certId, 16), 0);
+        for (int look = 0; look < 2; ++look) {
+            ASSERT_EQ(list().size(), 1U);
+            const ZentakCertificate& stored = list()[0];
+            EXPECT_EQ(stored.id, handleNumber);
+            EXPECT_EQ(std::memcmp(stored.certId, first.certId, 16), 0);
+            EXPECT_STREQ(stored.label, storedLabel.c_str());
+            EXPECT_EQ(Bytes(stored.objectId, stored.objectId + stored.objectIdLength), storedId);
+            reopen();
+        }
+    };
+    expectAfterImport("Alice", {1}, "Alice", {1});
+    expectAfterImport("Bob", {2, 3}, "Bob", {2, 3});
+    expectAfterImport("", {}, "Bob", {2, 3});
+    expectAfterImport("Carol", {}, "Carol", {2, 3});
+    expectAfterImport("", {4}, "Carol", {4});
+}
+
+/// A CKA_ID that somebody chose is worth more than one that a program falls back to.
+TEST_F(CertificateStorage, IdForWantOfAnotherReplacesNone) {
+    const Bytes der = makeCertificate(testKey(5));
+    TokenData token;
+    token.capacity = 2;
+    EXPECT_EQ(addCertificate(token, der, "", {}, Bytes{9}).objectId, Bytes{9});
+    EXPECT_EQ(addCertificate(token, der, "", Bytes{1}, Bytes{8}).objectId, Bytes{1});
+    EXPECT_EQ(addCertificate(token, der, "", {}, Bytes{8}).objectId, Bytes{1});
+    token.certificates[0].objectId.clear();
+    EXPECT_EQ(addCertificate(token, der, "", {}, Bytes{8}).objectId, Bytes{8});
+    EXPECT_EQ(token.certificates.size(), 1U);
+    EXPECT_THROW(addCertificate(token, der, "", {}, Bytes(129)), Failure);
 }
 
 TEST_F(CertificateStorage, LargestCertificateFits) {
@@ -301,6 +328,25 @@ TEST_F(FolderScan, MissingFolderHoldsNothing) {
     EXPECT_TRUE(scan((folder_.path() / "none").string()).empty());
     EXPECT_TRUE(scan("").empty());
     EXPECT_TRUE(zentak_getFilesWithExtensionsAndConvertDER(nullptr, {".cer"}, nullptr).empty());
+}
+
+TEST_F(FolderScan, OrderIsThatOfTheNames) {
+    std::vector<std::string> names;
+    for (int i = 0; i < 60; ++i) names.push_back(std::to_string(100 + i * 37 % 60) + ".cer");
+    for (const std::string& name : names) write(name, derText_);
+    std::sort(names.begin(), names.end());
+    Found expected;
+    for (const std::string& name : names) expected.emplace_back(name, der_);
+    EXPECT_EQ(scan(folder_.path().string()), expected);
+}
+
+TEST_F(FolderScan, OneMebibyteIsNotTooLarge) {
+    std::string content = pemCertificate(der_);
+    content.insert(0, std::string((1 << 20) - content.size() - 1, 'x') + "\n");
+    ASSERT_EQ(content.size(), 1U << 20);
+    write("a.pem", content);
+    write("b.pem", "x" + content);
+    EXPECT_EQ(scan(folder_.path().string()), (Found{{"a.pem", der_}}));
 }
 
 TEST_F(FolderScan, HugeAndBrokenFilesDoNotHarm) {

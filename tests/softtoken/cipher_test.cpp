@@ -155,6 +155,21 @@ TEST_F(CipherTest, EncryptionRefusals) {
     EXPECT_NE(encrypt(spkiOf(testKey(5)), {1}, PaddingMode::pkcs1).result, 0);
 }
 
+Bytes compressedPoint(const Bytes& point) {
+    const std::size_t half = (point.size() - 1) / 2;
+    Bytes compressed = {static_cast<unsigned char>(2 + point.back() % 2)};
+    compressed.insert(compressed.end(), point.begin() + 1, point.begin() + 1 + static_cast<std::ptrdiff_t>(half));
+    return compressed;
+}
+
+Bytes inOctetString(const Bytes& point) {
+    Bytes wrapped = {0x04};
+    if (point.size() >= 0x80) wrapped.push_back(0x81);
+    wrapped.push_back(static_cast<unsigned char>(point.size()));
+    wrapped.insert(wrapped.end(), point.begin(), point.end());
+    return wrapped;
+}
+
 class AgreementTest : public CipherTest, public testing::WithParamInterface<int> {};
 
 TEST_P(AgreementTest, BothSidesAgree) {
@@ -170,11 +185,74 @@ TEST_P(AgreementTest, BothSidesAgree) {
 
     const Bytes point = publicKeyBytes(peer.get());
     EXPECT_EQ(derive(entry, point).output, expected);
-    Bytes wrapped = {0x04};
-    if (point.size() >= 0x80) wrapped.push_back(0x81);
-    wrapped.push_back(static_cast<unsigned char>(point.size()));
-    wrapped.insert(wrapped.end(), point.begin(), point.end());
-    EXPECT_EQ(derive(entry, wrapped).output, expected);
+    EXPECT_EQ(derive(entry, inOctetString(point)).output, expected);
+}
+
+TEST_P(AgreementTest, CompressedPointIsThePoint) {
+    const KeyPairEntry entry = addKey(GetParam(), 0);
+    bool seen[2] = {};
+    for (int i = 0; i < 200 && !(seen[0] && seen[1]); ++i) {
+        const Key peer = generateKey(*keyTypeOfCode(GetParam()));
+        const Bytes point = publicKeyBytes(peer.get());
+        const Bytes compressed = compressedPoint(point);
+        seen[compressed[0] & 1] = true;
+        const Answer expected = derive(entry, point);
+        ASSERT_EQ(expected.result, 0);
+        EXPECT_EQ(derive(entry, compressed).output, expected.output);
+        EXPECT_EQ(derive(entry, inOctetString(compressed)).output, expected.output);
+    }
+    EXPECT_TRUE(seen[0] && seen[1]);
+}
+
+TEST_P(AgreementTest, CompressedPointOffTheCurveIsRefused) {
+    const KeyPairEntry entry = addKey(GetParam(), 0);
+    const Bytes good = compressedPoint(entry.publicKey);
+    ASSERT_EQ(derive(entry, good).result, 0);
+    // Every second x belongs to no point.
+    Bytes off = good;
+    int refused = 0;
+    for (int i = 0; i < 64; ++i) {
+        ++off.back();
+        const int result = derive(entry, off).result;
+        if (result != 0) {
+            EXPECT_EQ(result, number(Error::invalidArgument));
+            EXPECT_EQ(derive(entry, inOctetString(off)).result, number(Error::invalidArgument));
+            ++refused;
+        }
+    }
+    EXPECT_GT(refused, 5);
+    EXPECT_LT(refused, 59);
+    for (const unsigned char form : Bytes{0x00, 0x01, 0x04, 0x05, 0x06, 0x07}) {
+        Bytes other = good;
+        other[0] = form;
+        EXPECT_EQ(derive(entry, other).result, number(Error::invalidArgument)) << int{form};
+    }
+    Bytes beyond(good.size(), 0xFF);
+    beyond[0] = 2;
+    EXPECT_EQ(derive(entry, beyond).result, number(Error::invalidArgument));
+    EXPECT_EQ(derive(entry, Bytes(good.begin(), good.end() - 1)).result, number(Error::invalidArgument));
+    Bytes longer = good;
+    longer.push_back(0);
+    EXPECT_EQ(derive(entry, longer).result, number(Error::invalidArgument));
+    Bytes hybrid = entry.publicKey;
+    hybrid[0] = static_cast<unsigned char>(6 + hybrid.back() % 2);
+    EXPECT_EQ(derive(entry, hybrid).result, number(Error::invalidArgument));
+}
+
+TEST_P(AgreementTest, OctetStringMustFitItsPoint) {
+    const KeyPairEntry entry = addKey(GetParam());
+    for (const Bytes& point : {entry.publicKey, compressedPoint(entry.publicKey)}) {
+        const Bytes wrapped = inOctetString(point);
+        ASSERT_EQ(derive(entry, wrapped).result, 0);
+        const std::size_t header = wrapped.size() - point.size();
+        for (std::size_t position = 0; position < header; ++position) {
+            for (const int step : {-1, 1, 0x80}) {
+                Bytes other = wrapped;
+                other[position] = static_cast<unsigned char>(other[position] + step);
+                EXPECT_EQ(derive(entry, other).result, number(Error::invalidArgument)) << position << " " << step;
+            }
+        }
+    }
 }
 
 TEST_P(AgreementTest, PointsOffTheCurveAreRefused) {

@@ -103,6 +103,26 @@ TEST_F(DamageTest, EveryByteFlippedUnderARightChecksum) {
     EXPECT_LT(static_cast<std::size_t>(readable), end - begin);
 }
 
+TEST_F(DamageTest, NothingMayFollowTheLastField) {
+    addKey(5);
+    const auto lengthened = [](const std::string& whole, const std::string& more) {
+        std::string content = whole.substr(0, whole.size() - checksumLength) + more;
+        const auto checksum = sha256(viewOf(content));
+        content.append(checksum.begin(), checksum.end());
+        return content;
+    };
+    const std::string token = fileContent(tokenFile());
+    const std::string attempts = fileContent(attemptsFile());
+    ASSERT_EQ(lengthened(token, ""), token);
+    ASSERT_EQ(lengthened(attempts, ""), attempts);
+    for (const std::string& more : {std::string(1, '\0'), std::string("x"), std::string(4, '\0'), token}) {
+        ASSERT_NO_FATAL_FAILURE(expectTokenRefused(lengthened(token, more)));
+        writeFile(tokenFile(), token);
+        ASSERT_NO_FATAL_FAILURE(expectAttemptsRefused(lengthened(attempts, more)));
+        writeFile(attemptsFile(), attempts);
+    }
+}
+
 TEST_F(DamageTest, HugeFileIsNotRead) {
     fs::resize_file(tokenFile(), (64 << 20) + 1);
     EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(Error::tokenDamaged));

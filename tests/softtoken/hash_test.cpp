@@ -139,9 +139,20 @@ TEST_F(HashTest, ContextBelongsToItsInstance) {
 }
 
 TEST_F(HashTest, ForgottenContextsAreBounded) {
-    void* const first = open(3);
-    for (int i = 0; i < 20000; ++i) open(2);
-    EXPECT_EQ(update(first, "abc"), number(Error::unknownContext));
+    constexpr std::size_t mostOpen = 16384;
+    std::vector<void*> contexts;
+    for (std::size_t i = 0; i < mostOpen; ++i) contexts.push_back(open(2));
+    EXPECT_EQ(update(contexts[0], "ab"), 0);
+    // Each further one takes the place of the oldest, and of no other.
+    for (std::size_t i = 0; i < 3; ++i) {
+        contexts.push_back(open(2));
+        EXPECT_EQ(update(contexts[i], "c"), number(Error::unknownContext));
+        for (std::size_t alive = i + 1; alive < contexts.size(); ++alive) {
+            ASSERT_EQ(update(contexts[alive], ""), 0) << i << " " << alive;
+        }
+    }
+    EXPECT_EQ(update(contexts[3], "abc"), 0);
+    EXPECT_EQ(finish(contexts[3]), "A9993E364706816ABA3E25717850C26C9CD0D89D");
     EXPECT_EQ(hash(2, "abc"), "A9993E364706816ABA3E25717850C26C9CD0D89D");
 }
 

@@ -134,6 +134,53 @@ TEST_F(HostileInputTest, NoErrorIsLeftInTheQueueOfTheHost) {
     EXPECT_EQ(ERR_peek_error(), 0U);
 }
 
+/// A host may look at its errors after it has called the module. On Windows this library's OpenSSL is a copy of its
+/// own.
+TEST_F(HostileInputTest, ErrorsOfTheHostStayInItsQueue) {
+    const KeyPairEntry rsa = addKey(2);
+    const KeyPairEntry ec = addKey(5);
+    const std::vector<int> reasons = {ERR_R_MALLOC_FAILURE, ERR_R_PASSED_NULL_PARAMETER, ERR_R_INTERNAL_ERROR};
+    ERR_clear_error();
+    for (const int reason : reasons) ERR_raise(ERR_LIB_USER, reason);
+    const Bytes garbage(256, 0x30);
+    unsigned char* output = nullptr;
+    unsigned char area[1024];
+    int length = sizeof area;
+    CertificateDetails details;
+    EXPECT_NE(zentak_getCertificateDetails(garbage.data(), 256, &details, nullptr), 0);
+    EXPECT_TRUE(zentak_getCertificateSubject(garbage.data(), 256, nullptr).empty());
+    writeFile(folder_.path() / "broken.pem", "-----BEGIN CERTIFICATE-----\n!!!\n-----END CERTIFICATE-----\n");
+    writeFile(folder_.path() / "good.pem", pemCertificate(makeCertificate(testKey(5))));
+    EXPECT_EQ(zentak_getFilesWithExtensionsAndConvertDER(folder_.path().string().c_str(), {".pem"}, nullptr).size(),
+              1U);
+    EXPECT_NE(zentak_verifySignatureHash(2, device(), garbage.data(), 32, garbage.data(), 256, garbage.data(), 256,
+                                         instance_, false),
+              0);
+    EXPECT_NE(
+        zentak_decrypt(device(), rsa.keyId.data(), userPin, garbage.data(), 256, &output, &length, false, instance_),
+        0);
+    EXPECT_NE(zentak_decrypt(device(), rsa.keyId.data(), userPin, Bytes(256, 0xFF).data(), 256, &output, &length, false,
+                             instance_),
+              0);
+    Bytes offCurve = ec.publicKey;
+    offCurve.back() ^= 1;
+    EXPECT_NE(zentak_ecdhDerive(device(), ec.keyId.data(), userPin, offCurve.data(), static_cast<int>(offCurve.size()),
+                                &output, &length, instance_),
+              0);
+    EXPECT_NE(validate("000000"), 0);
+    EXPECT_EQ(validate(userPin), 0);
+    length = sizeof area;
+    EXPECT_EQ(zentak_signHash(device(), rsa.keyId.data(), userPin, garbage.data(), 32, area, &length, false, instance_,
+                              false),
+              0);
+    for (const int reason : reasons) {
+        const unsigned long error = ERR_get_error();
+        EXPECT_EQ(ERR_GET_LIB(error), ERR_LIB_USER);
+        EXPECT_EQ(ERR_GET_REASON(error), reason);
+    }
+    EXPECT_EQ(ERR_get_error(), 0U);
+}
+
 TEST_F(HostileInputTest, StoreThatIsMissingOrNoFolder) {
     for (const std::filesystem::path& store : {folder_.path() / "none", tokenFile()}) {
         setEnvironment("ZENTAK_TOKENS", store.string());

@@ -1,5 +1,7 @@
 // Reading keys from DER: the usual forms, which are read without OpenSSL's decoders, the rarer ones, and what is none.
 
+#include <algorithm>
+
 #include "token_test.h"
 
 namespace softtoken {
@@ -50,6 +52,31 @@ TEST_P(KeyDecodingTest, CutPublicKeyIsNone) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllKinds, KeyDecodingTest, testing::Values(1, 2, 5, 6, 7));
+
+/// The content of an INTEGER taken by its bytes, without a look at its sign, would be another number.
+TEST(NegativeNumberTest, IsNoPartOfAPublicKey) {
+    const Key& key = testKey(2);
+    unsigned char* encoded = nullptr;
+    const int length = i2d_PUBKEY(key.get(), &encoded);
+    Bytes der(encoded, encoded + length);
+    OPENSSL_free(encoded);
+    ASSERT_NE(decodeSubjectPublicKeyInfo(der), nullptr);
+    const Bytes zero = {0x02, 0x82, 0x01, 0x01, 0x00};
+    const auto modulus = std::search(der.begin(), der.end(), zero.begin(), zero.end());
+    ASSERT_NE(modulus, der.end());
+    // The zero that makes it positive goes into the number, whose first bit is set.
+    *(modulus + 4) = 0x80;
+    EXPECT_EQ(decodeSubjectPublicKeyInfo(der), nullptr);
+}
+
+TEST(NegativeNumberTest, IsNoPartOfAPrivateKey) {
+    SecretBytes der = encodePrivateKey(testKey(2).get());
+    const Bytes zero = {0x02, 0x82, 0x01, 0x01, 0x00};
+    const auto modulus = std::search(der.begin(), der.end(), zero.begin(), zero.end());
+    ASSERT_NE(modulus, der.end());
+    *(modulus + 4) = 0x80;
+    EXPECT_THROW(decodePrivateKey(der), Failure);
+}
 
 /// PKCS #1 is a form that no token's file has; the crypto library's decoders take it.
 TEST(RareKeyFormTest, PrivateKeyWithoutPkcs8Around) {

@@ -6,6 +6,8 @@
 #include <openssl/core_names.h>
 #include <set>
 
+#include "instance.h"
+#include "key_numbers.h"
 #include "token_test.h"
 
 namespace softtoken {
@@ -169,6 +171,56 @@ TEST_F(KeyTest, NumbersThatAreNoKeyAreRefused) {
     EXPECT_TRUE(list().empty());
 }
 
+/// All other relations hold between these numbers: only a look at the factors themselves finds the fault.
+TEST_F(KeyTest, BothFactorsMustBePrime) {
+    const BigNumberContext context(BN_CTX_new());
+    const auto prime = [](int bits) {
+        BigNumber value(BN_new());
+        EXPECT_EQ(BN_generate_prime_ex(value.get(), bits, 0, nullptr, nullptr, nullptr), 1);
+        return value;
+    };
+    const auto bytes = [](const BigNumber& value) {
+        Bytes result(static_cast<std::size_t>(BN_num_bytes(value.get())));
+        BN_bn2bin(value.get(), result.data());
+        return result;
+    };
+    const BigNumber one(BN_new());
+    const BigNumber exponent(BN_new());
+    BN_one(one.get());
+    BN_set_word(exponent.get(), publicExponent);
+    ImportPFXDetails details;
+    Bytes composite;
+    bool found = false;
+    for (int tries = 0; tries < 100 && !found; ++tries) {
+        const BigNumber p = prime(1024);
+        const BigNumber q1 = prime(512);
+        const BigNumber q2 = prime(512);
+        const BigNumber q(BN_new());
+        const BigNumber n(BN_new());
+        const BigNumber pLess1(BN_new());
+        const BigNumber qLess1(BN_new());
+        const BigNumber order(BN_new());
+        ASSERT_TRUE(BN_mul(q.get(), q1.get(), q2.get(), context.get()) == 1 &&
+                    BN_mul(n.get(), p.get(), q.get(), context.get()) == 1 &&
+                    BN_sub(pLess1.get(), p.get(), one.get()) == 1 && BN_sub(qLess1.get(), q.get(), one.get()) == 1 &&
+                    BN_mul(order.get(), pLess1.get(), qLess1.get(), context.get()) == 1);
+        const BigNumber d(BN_mod_inverse(nullptr, exponent.get(), order.get(), context.get()));
+        if (!d || BN_num_bits(n.get()) != 2048) continue;
+        details.components[0] = bytes(n);
+        details.components[2] = bytes(d);
+        details.components[3] = bytes(p);
+        composite = bytes(q);
+        found = true;
+    }
+    ASSERT_TRUE(found);
+    details.keyUsage = usageSign;
+    details.label = "imported";
+    EXPECT_EQ(import(details), number(Error::unsupportedKey));
+    details.components[3] = composite;
+    EXPECT_EQ(import(details), number(Error::unsupportedKey));
+    EXPECT_TRUE(list().empty());
+}
+
 TEST_F(KeyTest, ImportNeedsThePinAndRefusesLongFields) {
     ImportPFXDetails details = detailsOf(testKey(2));
     EXPECT_EQ(import(details, ""), number(Error::pinRequired));
@@ -257,6 +309,50 @@ TEST_F(KeyTest, NumbersAreUniqueAndComeBackLate) {
     std::set<std::uint32_t> numbers;
     for (const ZentakKeyPair& pair : list()) numbers.insert(pair.id);
     EXPECT_EQ(numbers, (std::set<std::uint32_t>{1, 2, 3}));
+}
+
+/// Whoever can write to the file could otherwise let a key sign what another one's certificate stands for, or do what
+/// it isn't for.
+TEST_F(KeyTest, PrivateKeyOpensWithItsOwnPublicDataOnly) {
+    const KeyPairEntry first = addKey(5);
+    const KeyPairEntry second = addKey(6);
+    const auto expectDamaged = [&](const std::function<void(TokenData&)>& spoil) {
+        TokenData whole;
+        store_.change(serialNumber_, [&](TokenData& token) {
+            whole = token;
+            spoil(token);
+        });
+        reopen();
+        const Reference keyId = store_.load(serialNumber_).keyPairs[0].keyId;
+        EXPECT_EQ(signWith(keyId.data()), number(Error::tokenDamaged));
+        store_.change(serialNumber_, [&](TokenData& token) { token = whole; });
+        reopen();
+        EXPECT_EQ(signWith(first.keyId.data()), 0);
+    };
+    expectDamaged([&](TokenData& token) { token.keyPairs[0].publicKey = publicKeyBytes(testKey(7).get()); });
+    expectDamaged([](TokenData& token) { token.keyPairs[0].publicKey.back() ^= 1; });
+    expectDamaged([](TokenData& token) { token.keyPairs[0].keyType = 6; });
+    expectDamaged([](TokenData& token) { token.keyPairs[0].keyUsage = usageSign; });
+    expectDamaged([](TokenData& token) { token.keyPairs[0].keyId[15] ^= 1; });
+    expectDamaged([&](TokenData& token) { token.keyPairs[0].sealedPrivateKey = second.sealedPrivateKey; });
+}
+
+/// A caller copies a list while the next calls are already changing the token.
+TEST_F(KeyTest, ListsStayAliveForFourChanges) {
+    Instance instance(store_);
+    const auto rename = [&](const std::string& name) {
+        instance.change(serialNumber_, [&](TokenData& token) { token.keyPairs[0].alias = name; });
+    };
+    addKey(5);
+    const std::weak_ptr<Snapshot> oldest = instance.snapshot(serialNumber_);
+    for (const char* const name : {"a", "b", "c", "d"}) {
+        rename(name);
+        const auto held = oldest.lock();
+        ASSERT_NE(held, nullptr) << name;
+        EXPECT_STREQ(held->keyPairs[0].alias, "key");
+    }
+    rename("e");
+    EXPECT_TRUE(oldest.expired());
 }
 
 TEST_F(KeyTest, PrivateKeysAreNotInTheFileInTheClear) {
