@@ -19,7 +19,8 @@ using ByteView = std::span<const unsigned char>;
 /// The reference of a key pair or certificate as it crosses the boundary.
 using Reference = std::array<unsigned char, 16>;
 
-/// Overwrites memory before it is given back.
+/// Overwrites memory before it is given back. Where the program has set up OpenSSL's secure heap, which is kept out of
+/// dumps and of the swap space, memory comes from there as long as there is room.
 template <typename T>
 struct CleansingAllocator {
     using value_type = T;
@@ -28,8 +29,17 @@ struct CleansingAllocator {
     template <typename U>
     explicit CleansingAllocator(const CleansingAllocator<U>& /*other*/) noexcept {}
 
-    T* allocate(std::size_t count) { return std::allocator<T>().allocate(count); }
+    T* allocate(std::size_t count) {
+        if (CRYPTO_secure_malloc_initialized() == 1) {
+            if (void* const memory = OPENSSL_secure_malloc(count * sizeof(T))) return static_cast<T*>(memory);
+        }
+        return std::allocator<T>().allocate(count);
+    }
     void deallocate(T* memory, std::size_t count) noexcept {
+        if (CRYPTO_secure_allocated(memory) == 1) {
+            OPENSSL_secure_clear_free(memory, count * sizeof(T));
+            return;
+        }
         OPENSSL_cleanse(memory, count * sizeof(T));
         std::allocator<T>().deallocate(memory, count);
     }

@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uintmax_t largestFile = 1 << 20;
+constexpr std::size_t largestFile = 1 << 20;
 
 std::string lowerCase(std::string text) {
     for (char& character : text) {
@@ -27,7 +27,7 @@ std::vector<Bytes> readCertificates(const fs::path& file) {
     const std::uintmax_t size = fs::file_size(file, error);
     if (error || size == 0 || size > largestFile) return {};
     try {
-        const auto content = readFile(file);
+        const auto content = readFile(file, largestFile, Links::follow);
         return content ? certificatesOfFile(*content) : std::vector<Bytes>();
     } catch (const Failure&) {
         return {};

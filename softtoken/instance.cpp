@@ -14,8 +14,11 @@ namespace {
 constexpr std::size_t retiredSnapshots = 4;
 constexpr std::size_t rememberedPublicKeys = 32;
 /// Two changes within the clock's resolution can't be told apart by their times, so a file that was read so soon after
-/// its change is looked into again.
-constexpr std::int64_t settlingTime = 100'000'000;
+/// its change is looked into again. Some file systems keep whole seconds, or even ones.
+constexpr std::int64_t settlingTime(std::int64_t modified) {
+    constexpr std::int64_t second = 1'000'000'000;
+    return modified % second == 0 ? 2 * second + second / 10 : second / 10;
+}
 
 template <std::size_t size>
 std::int32_t copyBytes(const Bytes& bytes, unsigned char (&field)[size]) {
@@ -90,7 +93,7 @@ Instance::Device& Instance::refreshed(std::string_view serialNumber) {
     }
     Device& device = found->second;
     const bool sameStamp = device.snapshot && device.version.stamp == *stamp;
-    const bool settled = std::abs(device.checkedAt - stamp->modified) > settlingTime;
+    const bool settled = std::abs(device.checkedAt - stamp->modified) > settlingTime(stamp->modified);
     if (sameStamp && settled) return device;
     device.checkedAt = fileClockNow();
     try {
@@ -104,6 +107,8 @@ Instance::Device& Instance::refreshed(std::string_view serialNumber) {
 }
 
 void Instance::read(Device& device, std::string_view serialNumber) {
+    // Who could replace the file must be the user alone.
+    static_cast<void>(store_.folderOf(serialNumber));
     const auto document = readTokenFile(device.file);
     if (!document) throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
     TokenData token = readTokenDataOf(serialNumber, *document);

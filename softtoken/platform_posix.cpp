@@ -1,15 +1,16 @@
-#include <array>
+#include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <openssl/crypto.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
+#include <utility>
 
 #include "errors.h"
 #include "platform.h"
@@ -26,6 +27,14 @@ namespace {
                   std::string("cannot ") + what + " " + path.string() + ": " + std::strerror(number));
 }
 
+[[noreturn]] void refuseLink(const fs::path& path) {
+    throw Failure(Error::tokenDamaged, path.string() + " is a link, which isn't followed");
+}
+
+[[noreturn]] void failTooLarge(const fs::path& path, std::size_t largest) {
+    throw Failure(Error::storeFailed, path.string() + " is larger than " + std::to_string(largest) + " bytes");
+}
+
 class Descriptor {
 public:
     explicit Descriptor(int number) : number_(number) {}
@@ -35,12 +44,9 @@ public:
         if (number_ >= 0) close(number_);
     }
     [[nodiscard]] int get() const { return number_; }
+    int release() { return std::exchange(number_, -1); }
     /// Closing may report a write that failed late.
-    bool closeNow() {
-        const int number = number_;
-        number_ = -1;
-        return close(number) == 0;
-    }
+    bool closeNow() { return close(release()) == 0; }
 
 private:
     int number_;
@@ -55,49 +61,37 @@ int openRetrying(const fs::path& path, int flags, mode_t mode = 0) {
 }
 
 /// Less than 0 when there is no such file.
-int openForReading(const fs::path& file) {
-    const int number = openRetrying(file, O_RDONLY);
+int openForReading(const fs::path& file, Links links) {
+    // Nobody waits for the other end of a pipe that stands in the place of a token's file.
+    const int number = openRetrying(file, O_RDONLY | (links == Links::refuse ? O_NOFOLLOW | O_NONBLOCK : 0));
+    if (number < 0 && errno == ELOOP && links == Links::refuse) refuseLink(file);
     if (number < 0 && errno != ENOENT && errno != ENOTDIR) failStore("open", file);
     return number;
 }
 
-/// While a terminal is silent: a program that is interrupted gives the echo back before it ends.
-class EchoGuard {
-public:
-    EchoGuard(int terminal, const termios& settings) {
-        terminal_ = terminal;
-        settings_ = settings;
-        for (std::size_t i = 0; i < signals.size(); ++i) {
-            struct sigaction restoring {};
-            restoring.sa_handler = &restore;
-            sigaction(signals[i], &restoring, &before_[i]);
-            // A signal that is ignored stays so.
-            if (before_[i].sa_handler == SIG_IGN) sigaction(signals[i], &before_[i], nullptr);
-        }
-    }
-    EchoGuard(const EchoGuard&) = delete;
-    EchoGuard& operator=(const EchoGuard&) = delete;
-    ~EchoGuard() {
-        for (std::size_t i = 0; i < signals.size(); ++i) sigaction(signals[i], &before_[i], nullptr);
-    }
+fs::path folderAbove(const fs::path& path) {
+    return path.has_parent_path() ? path.parent_path() : fs::path(".");
+}
 
-private:
-    static constexpr std::array<int, 4> signals = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
+/// What root makes in somebody's store belongs to that user: to the owner of the file that it takes the place of, or
+/// else of the folder that it stands in. `made` is open and new.
+void giveToOwner(const Descriptor& made, const fs::path& model) {
+    if (geteuid() != 0) return;
+    struct stat status {};
+    if (stat(model.c_str(), &status) != 0) failStore("look at", model);
+    if (fchown(made.get(), status.st_uid, status.st_gid) != 0) failStore("give something to the owner of", model);
+}
 
-    static void restore(int number) {
-        // The constructor has set the terminal before it sets the handler.
-        // cppcheck-suppress invalidFunctionArg
-        tcsetattr(terminal_, TCSAFLUSH, &settings_);
-        struct sigaction ending {};
-        ending.sa_handler = SIG_DFL;
-        sigaction(number, &ending, nullptr);
-        raise(number);
+/// Less than 0 when it can't be opened or made.
+int openLockFile(const fs::path& file) {
+    for (;;) {
+        const int present = openRetrying(file, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
+        if (present >= 0 || errno != ENOENT) return present;
+        Descriptor made(openRetrying(file, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
+        if (made.get() >= 0) giveToOwner(made, folderAbove(file));
+        if (made.get() >= 0 || errno != EEXIST) return made.release();
     }
-
-    static inline int terminal_ = -1;
-    static inline termios settings_{};
-    std::array<struct sigaction, signals.size()> before_{};
-};
+}
 
 void writeAll(const Descriptor& descriptor, std::string_view content, const fs::path& file) {
     while (!content.empty()) {
@@ -115,10 +109,27 @@ void syncFolder(const fs::path& folder) {
     if (descriptor.get() < 0 || fsync(descriptor.get()) != 0) failStore("flush the folder", folder);
 }
 
+/// The last step of a change, when it can't be taken back any more.
+void syncAfterRename(const fs::path& folder) {
+    try {
+        syncFolder(folder);
+    } catch (const Failure& failure) {
+        throw Failure(failure.error, std::string(failure.what()) +
+                                         "; the change is in force, but a power failure may still take it back");
+    }
+}
+
 }  // namespace
 
+void keepMemoryPrivate() {
+    const rlimit none{};
+    setrlimit(RLIMIT_CORE, &none);
+    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+}
+
 std::optional<std::string> environmentText(const char* name) {
-    const char* value = std::getenv(name);
+    // In a program with more rights than its caller has (set-user-ID) the caller's variables don't count.
+    const char* value = secure_getenv(name);
     if (value == nullptr || *value == '\0') return std::nullopt;
     return value;
 }
@@ -168,13 +179,27 @@ void createPrivateFolders(const fs::path& folder) {
     if (fs::is_directory(folder)) return;
     if (folder.has_parent_path() && folder.parent_path() != folder) createPrivateFolders(folder.parent_path());
     if (mkdir(folder.c_str(), 0700) == 0) {
-        syncFolder(folder.has_parent_path() ? folder.parent_path() : ".");
+        const Descriptor made(openRetrying(folder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+        if (made.get() < 0) failStore("open the folder", folder);
+        giveToOwner(made, folderAbove(folder));
+        syncFolder(folderAbove(folder));
     } else if (errno != EEXIST) {
         failStore("make the folder", folder);
     }
 }
 
-FileLock::FileLock(const fs::path& file) : handle_(openRetrying(file, O_RDWR | O_CREAT, 0600)) {
+void requirePrivateFolder(const fs::path& folder, Links links) {
+    struct stat status {};
+    if ((links == Links::refuse ? lstat(folder.c_str(), &status) : stat(folder.c_str(), &status)) != 0) return;
+    if (S_ISLNK(status.st_mode)) refuseLink(folder);
+    if (S_ISDIR(status.st_mode) && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw Failure(Error::storeFailed,
+                      "others may write to the folder " + folder.string() + ": chmod go-w '" + folder.string() + "'");
+    }
+}
+
+FileLock::FileLock(const fs::path& file) : handle_(openLockFile(file)) {
+    if (handle_ < 0 && errno == ELOOP) refuseLink(file);
     if (handle_ < 0) failStore("open the lock file", file);
     int result = 0;
     do {
@@ -192,10 +217,11 @@ FileLock::~FileLock() {
 
 std::optional<FileStamp> fileStamp(const fs::path& file) {
     struct stat status {};
-    if (stat(file.c_str(), &status) != 0) {
+    if (lstat(file.c_str(), &status) != 0) {
         if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
         failStore("look at", file);
     }
+    if (S_ISLNK(status.st_mode)) refuseLink(file);
     if (!S_ISREG(status.st_mode)) return std::nullopt;
     return FileStamp{static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec,
                      static_cast<std::uint64_t>(status.st_size), static_cast<std::uint64_t>(status.st_ino)};
@@ -207,13 +233,13 @@ std::int64_t fileClockNow() {
     return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
-std::optional<std::string> readFile(const fs::path& file) {
-    const Descriptor descriptor(openForReading(file));
+std::optional<std::string> readFile(const fs::path& file, std::size_t largest, Links links) {
+    const Descriptor descriptor(openForReading(file, links));
     if (descriptor.get() < 0) return std::nullopt;
     struct stat status {};
     if (fstat(descriptor.get(), &status) != 0) failStore("look at", file);
-    // One byte more than there is, so that the end shows without another growth.
-    std::string content(static_cast<std::size_t>(status.st_size) + 1, '\0');
+    // One byte more than there is, so that the end shows without another growth. Devices and pipes say 0.
+    std::string content(std::min(static_cast<std::size_t>(status.st_size), largest) + 1, '\0');
     std::size_t length = 0;
     for (;;) {
         const ssize_t count = read(descriptor.get(), content.data() + length, content.size() - length);
@@ -221,14 +247,15 @@ std::optional<std::string> readFile(const fs::path& file) {
         if (count < 0) failStore("read", file);
         length += static_cast<std::size_t>(count);
         if (count == 0) break;
-        if (length == content.size()) content.resize(2 * length);
+        if (length > largest) failTooLarge(file, largest);
+        if (length == content.size()) content.resize(std::min(2 * length, largest) + 1);
     }
     content.resize(length);
     return content;
 }
 
 std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length) {
-    const Descriptor descriptor(openForReading(file));
+    const Descriptor descriptor(openForReading(file, Links::refuse));
     if (descriptor.get() < 0) return std::nullopt;
     struct stat status {};
     if (fstat(descriptor.get(), &status) != 0) failStore("look at", file);
@@ -247,9 +274,14 @@ std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length)
 void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += ".new";
+    // What stands there is never written through: it may be a left-over, or a link or a pipe that somebody prepared.
+    unlink(fresh.c_str());
     try {
-        Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600));
+        Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
         if (descriptor.get() < 0) failStore("make", fresh);
+        struct stat status {};
+        const bool replaces = lstat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+        giveToOwner(descriptor, replaces ? file : folderAbove(file));
         writeAll(descriptor, content, fresh);
         if (fsync(descriptor.get()) != 0 || !descriptor.closeNow()) failStore("flush", fresh);
         if (rename(fresh.c_str(), file.c_str()) != 0) failStore("replace", file);
@@ -258,12 +290,13 @@ void replaceFile(const fs::path& file, std::string_view content) {
         unlink(fresh.c_str());
         throw;
     }
-    syncFolder(file.parent_path());
+    syncAfterRename(folderAbove(file));
 }
 
 void overwriteFile(const fs::path& file, std::string_view content, Lasting lasting) {
-    Descriptor descriptor(openRetrying(file, O_WRONLY | O_NOFOLLOW));
-    const bool denied = descriptor.get() < 0 && (errno == EACCES || errno == ELOOP);
+    Descriptor descriptor(openRetrying(file, O_WRONLY | O_NOFOLLOW | O_NONBLOCK));
+    if (descriptor.get() < 0 && errno == ELOOP) refuseLink(file);
+    const bool denied = descriptor.get() < 0 && errno == EACCES;
     if (descriptor.get() < 0 && !denied) failStore("open", file);
     struct stat status {};
     if (denied || fstat(descriptor.get(), &status) != 0 || status.st_nlink > 1) {
@@ -277,37 +310,8 @@ void overwriteFile(const fs::path& file, std::string_view content, Lasting lasti
 
 void moveFolder(const fs::path& from, const fs::path& to) {
     if (rename(from.c_str(), to.c_str()) != 0) failStore("move", from);
-    syncFolder(to.parent_path());
-    syncFolder(from.parent_path());
-}
-
-std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo) {
-    // In a script nobody is there to answer, though it may have a terminal.
-    if (isatty(STDIN_FILENO) == 0) return std::nullopt;
-    const Descriptor terminal(openRetrying("/dev/tty", O_RDWR | O_NOCTTY));
-    termios before{};
-    if (terminal.get() < 0 || tcgetattr(terminal.get(), &before) != 0) return std::nullopt;
-    const auto say = [&](std::string_view text) {
-        while (!text.empty()) {
-            const ssize_t count = write(terminal.get(), text.data(), text.size());
-            if (count <= 0) return;
-            text.remove_prefix(static_cast<std::size_t>(count));
-        }
-    };
-    const EchoGuard guard(terminal.get(), before);
-    termios silent = before;
-    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    // Before the question, so that nothing of a quick answer is shown or lost.
-    if (echo == Echo::off) tcsetattr(terminal.get(), TCSAFLUSH, &silent);
-    say(prompt);
-    std::string line;
-    char character = 0;
-    while (read(terminal.get(), &character, 1) == 1 && character != '\n') line += character;
-    if (echo == Echo::off) {
-        tcsetattr(terminal.get(), TCSAFLUSH, &before);
-        say("\n");
-    }
-    return line;
+    syncAfterRename(folderAbove(to));
+    syncAfterRename(folderAbove(from));
 }
 
 }  // namespace softtoken

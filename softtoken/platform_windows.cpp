@@ -72,14 +72,25 @@ DWORD retryWhileInUse(const std::function<bool()>& attempt) {
 
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-/// Writes a file from its beginning. `disposition` says whether it is made or there, as that of CreateFileW.
-void writeFile(const fs::path& file, DWORD shared, DWORD disposition, std::string_view content, Lasting lasting) {
+[[noreturn]] void refuseLink(const fs::path& path) {
+    throw Failure(Error::tokenDamaged, utf8FromPath(path) + " is a link, which isn't followed");
+}
+
+/// Opens as CreateFileW does, and tries again while the file is in use. Answers INVALID_HANDLE_VALUE and the error.
+HANDLE openRetrying(const fs::path& file, DWORD access, DWORD shared, DWORD disposition, Links links, DWORD& number) {
+    if (links == Links::refuse && isLink(file)) refuseLink(file);
     HANDLE opened = INVALID_HANDLE_VALUE;
-    const DWORD number = retryWhileInUse([&] {
-        opened = CreateFileW(file.c_str(), GENERIC_WRITE, shared, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+    number = retryWhileInUse([&] {
+        opened = CreateFileW(file.c_str(), access, shared, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
         return opened != INVALID_HANDLE_VALUE;
     });
-    const Handle handle(opened);
+    return opened;
+}
+
+/// Writes a file from its beginning. `disposition` says whether it is made or there, as that of CreateFileW.
+void writeFile(const fs::path& file, DWORD shared, DWORD disposition, std::string_view content, Lasting lasting) {
+    DWORD number = 0;
+    const Handle handle(openRetrying(file, GENERIC_WRITE, shared, disposition, Links::refuse, number));
     if (!handle.valid()) failStore("write", file, number);
     while (!content.empty()) {
         DWORD count = 0;
@@ -93,13 +104,9 @@ void writeFile(const fs::path& file, DWORD shared, DWORD disposition, std::strin
 }
 
 /// INVALID_HANDLE_VALUE when there is no such file.
-HANDLE openForReading(const fs::path& file) {
-    HANDLE opened = INVALID_HANDLE_VALUE;
-    const DWORD number = retryWhileInUse([&] {
-        opened =
-            CreateFileW(file.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-        return opened != INVALID_HANDLE_VALUE;
-    });
+HANDLE openForReading(const fs::path& file, Links links) {
+    DWORD number = 0;
+    const HANDLE opened = openRetrying(file, GENERIC_READ, shareAll, OPEN_EXISTING, links, number);
     const bool missing = number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND;
     if (opened == INVALID_HANDLE_VALUE && !missing) failStore("open", file, number);
     return opened;
@@ -107,7 +114,7 @@ HANDLE openForReading(const fs::path& file) {
 
 /// Whether the file has more names than one (hard links).
 bool isShared(const fs::path& file) {
-    const Handle handle(openForReading(file));
+    const Handle handle(openForReading(file, Links::refuse));
     BY_HANDLE_FILE_INFORMATION information{};
     return handle.valid() && GetFileInformationByHandle(handle.get(), &information) && information.nNumberOfLinks > 1;
 }
@@ -118,6 +125,11 @@ std::int64_t nanoseconds(const FILETIME& time) {
 }
 
 }  // namespace
+
+void keepMemoryPrivate() {
+    // Without the box there is no report either, which would take the memory along.
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+}
 
 std::optional<std::string> environmentText(const char* name) {
     const auto value = environmentWide(wide(name, CP_UTF8).c_str());
@@ -162,8 +174,14 @@ bool isFolder(const std::wstring& path) {
 }
 
 bool isLink(const fs::path& path) {
+    // Other reparse points than links and junctions (compressed or deduplicated files) are files like any.
     const DWORD attributes = GetFileAttributesW(path.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) return false;
+    WIN32_FIND_DATAW data{};
+    const HANDLE search = FindFirstFileW(path.c_str(), &data);
+    if (search == INVALID_HANDLE_VALUE) return true;
+    FindClose(search);
+    return IsReparseTagNameSurrogate(data.dwReserved0);
 }
 
 void createPrivateFolders(const fs::path& folder) {
@@ -173,7 +191,13 @@ void createPrivateFolders(const fs::path& folder) {
     if (error) failStore("make the folder", folder, static_cast<DWORD>(error.value()));
 }
 
+void requirePrivateFolder(const fs::path& folder, Links links) {
+    // Who may write to it is inherited from the folder above, as with all of the user's data.
+    if (links == Links::refuse && isLink(folder)) refuseLink(folder);
+}
+
 FileLock::FileLock(const fs::path& file) : handle_(0) {
+    if (isLink(file)) refuseLink(file);
     HANDLE handle = CreateFileW(file.c_str(), GENERIC_READ | GENERIC_WRITE, shareAll, nullptr, OPEN_ALWAYS,
                                 FILE_ATTRIBUTE_NORMAL, nullptr);
     if (handle == INVALID_HANDLE_VALUE) failStore("open the lock file", file, GetLastError());
@@ -198,6 +222,7 @@ std::optional<FileStamp> fileStamp(const fs::path& file) {
         retryWhileInUse([&] { return GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data) != 0; });
     if (number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND) return std::nullopt;
     if (number != 0) failStore("look at", file, number);
+    if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && isLink(file)) refuseLink(file);
     if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return std::nullopt;
     // No identity: it would cost opening the file, and the creation time of a replaced file is passed on to the new
     // one.
@@ -211,8 +236,8 @@ std::int64_t fileClockNow() {
     return nanoseconds(now);
 }
 
-std::optional<std::string> readFile(const fs::path& file) {
-    const Handle handle(openForReading(file));
+std::optional<std::string> readFile(const fs::path& file, std::size_t largest, Links links) {
+    const Handle handle(openForReading(file, links));
     if (!handle.valid()) return std::nullopt;
     std::string content;
     std::vector<char> part(65536);
@@ -223,11 +248,15 @@ std::optional<std::string> readFile(const fs::path& file) {
         }
         if (count == 0) return content;
         content.append(part.data(), count);
+        if (content.size() > largest) {
+            throw Failure(Error::storeFailed,
+                          utf8FromPath(file) + " is larger than " + std::to_string(largest) + " bytes");
+        }
     }
 }
 
 std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length) {
-    const Handle handle(openForReading(file));
+    const Handle handle(openForReading(file, Links::refuse));
     if (!handle.valid()) return std::nullopt;
     LARGE_INTEGER size{};
     if (!GetFileSizeEx(handle.get(), &size)) failStore("look at", file, GetLastError());
@@ -247,8 +276,10 @@ std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length)
 void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += L".new";
+    // What stands there is never written through: it may be a left-over, or a link that somebody prepared.
+    retryWhileInUse([&] { return DeleteFileW(fresh.c_str()) != 0; });
     try {
-        writeFile(fresh, 0, CREATE_ALWAYS, content, Lasting::atOnce);
+        writeFile(fresh, 0, CREATE_NEW, content, Lasting::atOnce);
         constexpr DWORD flags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
         const DWORD number = retryWhileInUse([&] { return MoveFileExW(fresh.c_str(), file.c_str(), flags) != 0; });
         if (number != 0) failStore("replace", file, number);

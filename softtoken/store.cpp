@@ -11,8 +11,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* tokenFileName = "token";
-constexpr const char* attemptsFileName = "attempts";
 constexpr const char* scratchFolderName = ".zentak-scratch";
 /// More than a full token takes.
 constexpr std::uint64_t largestTokenFile = 64 << 20;
@@ -82,7 +80,7 @@ std::optional<std::string> readTokenFile(const fs::path& file) {
     const auto stamp = fileStamp(file);
     if (!stamp) return std::nullopt;
     if (stamp->size > largestTokenFile) throw Failure(Error::tokenDamaged, "the token's file is damaged: its size");
-    return readFile(file);
+    return readFile(file, largestTokenFile, Links::refuse);
 }
 
 std::optional<std::string> readTokenChecksum(const fs::path& file) {
@@ -96,6 +94,8 @@ std::string checksumOf(std::string_view document) {
 std::vector<std::string> Store::list(const char* folder) const {
     std::vector<std::string> serialNumbers;
     std::error_code error;
+    requirePrivateFolder(root_, Links::follow);
+    requirePrivateFolder(root_ / folder, Links::refuse);
     if (fs::status(root_ / folder, error).type() == fs::file_type::not_found) return {};
     for (fs::directory_iterator entry(root_ / folder, error), end; !error && entry != end; entry.increment(error)) {
         std::string name = utf8FromPath(entry->path().filename());
@@ -129,7 +129,11 @@ fs::path Store::folderOf(std::string_view serialNumber) const {
         for (const char* folder : {"plugged", "unplugged", "plugged"}) {
             std::error_code ignored;
             fs::path path = root_ / folder / serialNumber;
-            if (fs::is_directory(path, ignored)) return path;
+            if (!fs::is_directory(path, ignored)) continue;
+            requirePrivateFolder(root_, Links::follow);
+            requirePrivateFolder(root_ / folder, Links::refuse);
+            requirePrivateFolder(path, Links::refuse);
+            return path;
         }
     }
     notPresent(serialNumber);
@@ -181,7 +185,13 @@ FileLock Store::lockFor(std::string_view serialNumber) const {
 }
 
 void Store::add(const TokenData& token, const Attempts& attempts) {
-    for (const char* folder : {"plugged", "unplugged"}) createPrivateFolders(root_ / folder);
+    for (const char* folder : {"plugged", "unplugged"}) {
+        createPrivateFolders(root_ / folder);
+        requirePrivateFolder(root_, Links::follow);
+        requirePrivateFolder(root_ / folder, Links::refuse);
+    }
+    // A first login works on a full disk too.
+    static_cast<void>(FileLock(root_ / "pin-lock"));
     const FileLock lock(root_ / "lock");
     const fs::path scratch = clearedScratch(root_);
     for (const char* folder : {"plugged", "unplugged"}) {

@@ -39,6 +39,10 @@ struct ChangedToken {
     TokenVersion version;
 };
 
+/// The files in a token's folder.
+inline constexpr const char* tokenFileName = "token";
+inline constexpr const char* attemptsFileName = "attempts";
+
 class Store {
 public:
     explicit Store(std::filesystem::path root) : root_(std::move(root)) {}
@@ -55,9 +59,17 @@ public:
     [[nodiscard]] std::filesystem::path pluggedTokenFile(std::string_view serialNumber) const;
     [[nodiscard]] bool isPlugged(std::string_view serialNumber) const;
 
+    /// Where a token lies, plugged in or not. Throws Error::deviceNotPresent, and Error::storeFailed or
+    /// Error::tokenDamaged when that folder or one above it within the store isn't safe from others or is a link.
+    [[nodiscard]] std::filesystem::path folderOf(std::string_view serialNumber) const;
+
     /// Plugged in or not. Throws Error::deviceNotPresent, Error::tokenDamaged, Error::unknownVersion.
     [[nodiscard]] TokenData load(std::string_view serialNumber) const;
     [[nodiscard]] Attempts loadAttempts(std::string_view serialNumber) const;
+
+    /// Keeps others from changing anything. Asks for the token first, so that a question about an unknown one leaves no
+    /// lock file behind.
+    [[nodiscard]] FileLock lockFor(std::string_view serialNumber) const;
 
     /// Adds a token, plugged in.
     void add(const TokenData& token, const Attempts& attempts);
@@ -84,13 +96,10 @@ public:
 
 private:
     [[nodiscard]] std::vector<std::string> list(const char* folder) const;
-    [[nodiscard]] std::filesystem::path folderOf(std::string_view serialNumber) const;
     [[nodiscard]] std::optional<std::string> readFileOf(std::string_view serialNumber, const char* name) const;
     /// The content of a token's main file.
     [[nodiscard]] std::string readDocument(std::string_view serialNumber) const;
     [[nodiscard]] bool isPresent(const KnownToken* known, std::string_view serialNumber) const;
-    /// Asks for the token first, so that a question about an unknown one leaves no lock file behind.
-    [[nodiscard]] FileLock lockFor(std::string_view serialNumber) const;
     void move(std::string_view serialNumber, const char* from, const char* to);
 
     std::filesystem::path root_;

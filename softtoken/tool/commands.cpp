@@ -23,10 +23,15 @@ void addTokenArgument(CLI::App& command, std::string& token) {
         ->type_name("TOKEN");
 }
 
-std::string findToken(const Store& store, const std::string& token) {
+std::vector<std::string> allTokens(const Store& store) {
     std::vector<std::string> all = store.plugged();
     const std::vector<std::string> unplugged = store.unplugged();
     all.insert(all.end(), unplugged.begin(), unplugged.end());
+    return all;
+}
+
+std::string findToken(const Store& store, const std::string& token) {
+    const std::vector<std::string> all = allTokens(store);
     if (token.empty()) {
         if (all.size() == 1) return all.front();
         throw Failure(Error::deviceNotPresent,
@@ -69,14 +74,6 @@ Bytes objectIdFromHex(const std::string& text) {
     auto bytes = bytesFromHex(text);
     if (!bytes) throw Failure(Error::invalidArgument, "--id takes pairs of hexadecimal digits");
     return *std::move(bytes);
-}
-
-std::string printable(std::string text) {
-    for (char& character : text) {
-        const auto code = static_cast<unsigned char>(character);
-        if (code < 0x20 || code == 0x7F) character = '?';
-    }
-    return text;
 }
 
 }  // namespace softtoken::tool

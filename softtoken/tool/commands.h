@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
+#include "printing.h"
 #include "store.h"
 
 namespace softtoken::tool {
@@ -26,6 +27,7 @@ void addExportCommand(CLI::App& program, const Common& common);
 void addPlugCommands(CLI::App& program, const Common& common);
 void addPinCommands(CLI::App& program, const Common& common);
 void addRemoveCommand(CLI::App& program, const Common& common);
+void addVerifyCommands(CLI::App& program, const Common& common);
 
 /// Adds a command that runs `action` when chosen. The options of the program may stand behind it too.
 CLI::App* addCommand(CLI::App& program, const std::string& name, const std::string& description,
@@ -33,6 +35,9 @@ CLI::App* addCommand(CLI::App& program, const std::string& name, const std::stri
 
 /// Adds the token that a command is about: its serial number or label, or nothing when there is one only.
 void addTokenArgument(CLI::App& command, std::string& token);
+
+/// The serial numbers of all tokens, those plugged in first.
+std::vector<std::string> allTokens(const Store& store);
 
 /// The serial number of the token meant. Throws Error::deviceNotPresent when there is none, or several.
 std::string findToken(const Store& store, const std::string& token);
@@ -42,9 +47,6 @@ std::uint32_t usageBits(const std::string& text);
 
 /// A CKA_ID as given on the command line. Throws Error::invalidArgument.
 Bytes objectIdFromHex(const std::string& text);
-
-/// The text on one line: labels and names may hold what would move a terminal's cursor.
-std::string printable(std::string text);
 
 }  // namespace softtoken::tool
 

@@ -37,8 +37,7 @@ void create(const Common& common, CreateOptions options) {
         return createToken(store, token);
     }();
     if (options.json) {
-        std::cout << nlohmann::json{{"serialNumber", serialNumber}, {"label", token.label}, {"model", token.model}}
-                         .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+        std::cout << printableJson({{"serialNumber", serialNumber}, {"label", token.label}, {"model", token.model}})
                   << "\n";
     } else {
         std::cout << "Serial number: " << serialNumber << "\nLabel: " << printable(token.label) << "\n";

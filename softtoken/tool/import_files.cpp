@@ -14,8 +14,11 @@ namespace softtoken::tool {
 
 namespace {
 
+/// A container of all keys and certificates that a token can hold is smaller.
+constexpr std::size_t largestImportFile = 64 << 20;
+
 std::string contentOf(const std::string& file) {
-    auto content = readFile(pathFromUtf8(file));
+    auto content = readFile(pathFromUtf8(file), largestImportFile, Links::follow);
     if (!content) throw Failure(Error::invalidArgument, "there is no file " + file);
     return *std::move(content);
 }

@@ -2,14 +2,18 @@
 
 #include <algorithm>
 #include <iostream>
+#include <openssl/crypto.h>
 
 #include "command_line.h"
 #include "commands.h"
 #include "errors.h"
+#include "platform.h"
 
 namespace softtoken::tool {
 
 namespace {
+
+constexpr std::size_t secureHeapSize = 4 << 20;
 
 std::string messageFor(const std::string& text) {
     return "zentak-token: " + printable(text.substr(0, text.find('\n'))) + "\n";
@@ -35,6 +39,7 @@ int run(std::vector<std::string> arguments) {
     addPlugCommands(program, common);
     addPinCommands(program, common);
     addRemoveCommand(program, common);
+    addVerifyCommands(program, common);
     try {
         arguments.erase(arguments.begin());
         // It wants the last argument first.
@@ -56,6 +61,10 @@ int run(std::vector<std::string> arguments) {
 
 int main(int count, char** arguments) {
     try {
+        softtoken::keepMemoryPrivate();
+        // Room for the numbers of all keys that one command works on. Where there is no memory to lock, it isn't
+        // locked.
+        CRYPTO_secure_malloc_init(softtoken::tool::secureHeapSize, 32);
         return softtoken::tool::run(softtoken::tool::commandLineUtf8(count, arguments));
     } catch (...) {
         // Only a lack of memory for the command line itself comes here: run() answers for everything else.

@@ -7,8 +7,11 @@ namespace softtoken::tool {
 
 namespace {
 
+/// Far more than a PIN, or the password of a file, and a name or a comment below it.
+constexpr std::size_t largestSecretFile = 64 << 10;
+
 std::string firstLine(const std::string& file) {
-    const auto content = readFile(pathFromUtf8(file));
+    const auto content = readFile(pathFromUtf8(file), largestSecretFile, Links::follow);
     if (!content) throw Failure(Error::storeFailed, "there is no file " + file);
     return content->substr(0, content->find_first_of("\r\n"));
 }

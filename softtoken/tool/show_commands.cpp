@@ -14,10 +14,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-void print(const Json& value) {
-    std::cout << value.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
-}
-
 Json describeToken(const Store& store, const std::string& serialNumber, bool plugged) {
     Json description = {{"serialNumber", serialNumber}, {"plugged", plugged}, {"usable", true}};
     try {
@@ -57,26 +53,26 @@ Json describeObjects(const TokenData& token) {
     }
     Json certificates = Json::array();
     for (const CertificateEntry& entry : token.certificates) {
-        const auto facts = certificateFacts(entry.der);
-        const CertificateDetails& details = facts->details;
-        certificates.push_back({{"id", entry.id},
-                                {"label", entry.label},
-                                {"objectId", hexText(entry.objectId)},
-                                {"subject", details.text7},
+        Json& certificate = certificates.emplace_back(
+            Json{{"id", entry.id}, {"label", entry.label}, {"objectId", hexText(entry.objectId)}});
+        try {
+            const auto facts = certificateFacts(entry.der);
+            const CertificateDetails& details = facts->details;
+            certificate.update({{"subject", details.text7},
                                 {"issuer", details.text6},
                                 {"serialNumber", details.text1},
                                 {"notBefore", details.text4},
                                 {"notAfter", details.text5}});
+        } catch (const Failure& failure) {
+            certificate.update({{"usable", false}, {"reason", failure.what()}});
+        }
     }
     return {{"keyPairs", keyPairs}, {"certificates", certificates}};
 }
 
 void printText(const Json& value) {
     for (const auto& [name, field] : value.items()) {
-        std::cout << name << ": "
-                  << (field.is_string() ? printable(field.get<std::string>())
-                                        : field.dump(-1, ' ', false, Json::error_handler_t::replace))
-                  << "\n";
+        std::cout << name << ": " << (field.is_string() ? printable(field.get<std::string>()) : field.dump()) << "\n";
     }
 }
 
@@ -88,16 +84,33 @@ void list(const Common& common, bool json) {
     for (const std::string& serialNumber : store.unplugged()) {
         tokens.push_back(describeToken(store, serialNumber, false));
     }
-    if (json) {
-        print(tokens);
-        return;
-    }
+    std::size_t unusable = 0;
+    if (json) std::cout << printableJson(tokens) << "\n";
     for (const Json& token : tokens) {
+        if (!token["usable"].get<bool>()) ++unusable;
+        if (json) continue;
         std::cout << token["serialNumber"].get<std::string>() << "  "
                   << (token["plugged"].get<bool>() ? "plugged in" : "unplugged ") << "  "
                   << (token["usable"].get<bool>() ? printable(token["label"].get<std::string>())
                                                   : "unusable: " + printable(token["reason"].get<std::string>()))
                   << "\n";
+    }
+    if (unusable == 0) return;
+    std::cout << std::flush;
+    throw Failure(Error::tokenDamaged,
+                  std::to_string(unusable) + " of " + std::to_string(tokens.size()) + " tokens can't be used");
+}
+
+/// After everything was printed, for the exit code.
+void requireUsable(const Json& token) {
+    const auto failUnlessUsable = [](const Json& thing, const std::string& name) {
+        if (thing.value("usable", true)) return;
+        std::cout << std::flush;
+        throw Failure(Error::tokenDamaged, name + " can't be used: " + thing["reason"].get<std::string>());
+    };
+    failUnlessUsable(token, "the token");
+    for (const Json& certificate : token["certificates"]) {
+        failUnlessUsable(certificate, "certificate " + certificate["id"].dump());
     }
 }
 
@@ -106,10 +119,12 @@ void show(const Common& common, const std::string& name, bool json) {
     const Store store = common.store();
     const std::string serialNumber = findToken(store, name);
     const Json objects = describeObjects(store.load(serialNumber));
-    Json description = describeToken(store, serialNumber, store.isPlugged(serialNumber));
+    const Json description = describeToken(store, serialNumber, store.isPlugged(serialNumber));
+    Json whole = description;
+    whole.update(objects);
     if (json) {
-        description.update(objects);
-        print(description);
+        std::cout << printableJson(whole) << "\n";
+        requireUsable(whole);
         return;
     }
     printText(description);
@@ -119,6 +134,7 @@ void show(const Common& common, const std::string& name, bool json) {
             printText(object);
         }
     }
+    requireUsable(whole);
 }
 
 }  // namespace

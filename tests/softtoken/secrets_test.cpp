@@ -3,7 +3,10 @@
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
+#include <optional>
 #include <sstream>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -17,10 +20,12 @@ namespace {
 
 constexpr const char* pin = "Kq7-user-pin-3f9";
 constexpr const char* officerPin = "Zw2-officer-pin-8d1";
+constexpr const char* newPin = "Rb9-new-pin-6e2";
+constexpr const char* filePassword = "Hv4-file-password-5c7";
 
 /// What must not be found: the PINs, and the numbers that make a private key.
 std::vector<std::string> secretsOf(const std::vector<Key>& keys) {
-    std::vector<std::string> secrets = {pin, officerPin};
+    std::vector<std::string> secrets = {pin, officerPin, newPin, filePassword};
     for (const Key& key : keys) {
         for (const char* name : {"d", "priv", "rsa-factor1", "rsa-factor2", "rsa-exponent1"}) {
             BIGNUM* number = nullptr;
@@ -37,12 +42,16 @@ std::vector<std::string> secretsOf(const std::vector<Key>& keys) {
     return secrets;
 }
 
-/// All memory of a process that can be read, as a core would hold it.
-std::string memoryOf(pid_t process) {
+/// All memory of a process that can be read, as a core would hold it. Nothing when only root may read it.
+std::optional<std::string> memoryOf(pid_t process) {
     const std::string folder = "/proc/" + std::to_string(process);
-    std::ifstream maps(folder + "/maps");
     const int memory = open((folder + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
-    EXPECT_GE(memory, 0);
+    if (memory < 0) {
+        EXPECT_EQ(errno, EACCES);
+        EXPECT_NE(geteuid(), 0U);
+        return std::nullopt;
+    }
+    std::ifstream maps(folder + "/maps");
     std::string all;
     for (std::string line; std::getline(maps, line);) {
         std::uintptr_t begin = 0;
@@ -102,7 +111,9 @@ TEST_F(SecretsTest, StoreShowsNone) {
 /// The program stops at its output, because the pipe is full, with all that it has read still in its memory.
 TEST_F(SecretsTest, MemoryOfAListingShowsNone) {
     const std::string path = (programFolder() / "zentak-token").string();
-    for (const char* command : {"list", "show"}) {
+    setEnvironment("ZENTAK_NEW_PIN", newPin);
+    setEnvironment("ZENTAK_FILE_PASSWORD", filePassword);
+    for (const char* command : {"list", "show", "verify", "repair"}) {
         int ends[2];
         ASSERT_EQ(pipe(ends), 0);
         fcntl(ends[1], F_SETPIPE_SZ, 4096);
@@ -123,16 +134,74 @@ TEST_F(SecretsTest, MemoryOfAListingShowsNone) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
             wait = fileContent("/proc/" + std::to_string(child) + "/wchan");
         }
-        const std::string memory = memoryOf(child);
+        const auto memory = memoryOf(child);
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         close(ends[0]);
         close(ends[1]);
-        EXPECT_NE(memory.find(serialNumber_), std::string::npos) << wait;
+        if (!memory) continue;
+        EXPECT_NE(memory->find(serialNumber_), std::string::npos) << wait;
         for (const std::string& secret : secrets_) {
-            EXPECT_EQ(memory.find(secret), std::string::npos) << command << " shows " << hexText(viewOf(secret));
+            EXPECT_EQ(memory->find(secret), std::string::npos) << command << " shows " << hexText(viewOf(secret));
         }
     }
+}
+
+/// While it waits for its PIN: no other program of the user reads its memory, no crash leaves it in a file, and what
+/// OpenSSL takes for secrets isn't swapped out.
+TEST_F(SecretsTest, MemoryIsKeptPrivate) {
+    std::filesystem::permissions(folder_.path(), std::filesystem::perms(0755));
+    const std::string waiting = (folder_.path() / "pipe").string();
+    ASSERT_EQ(mkfifo(waiting.c_str(), 0600), 0);
+    ASSERT_EQ(chmod(waiting.c_str(), 0644), 0);
+    const int program = open((programFolder() / "zentak-token").c_str(), O_RDONLY | O_CLOEXEC);
+    const pid_t child = fork();
+    if (child == 0) {
+        rlimit limit{};
+        getrlimit(RLIMIT_CORE, &limit);
+        if (geteuid() == 0) limit.rlim_max = RLIM_INFINITY;
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_CORE, &limit);
+        if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) _exit(126);
+        std::string arguments[] = {"zentak-token", "create", "--label", "x", "--pin-file", waiting};
+        std::vector<char*> list;
+        for (std::string& argument : arguments) list.push_back(argument.data());
+        list.push_back(nullptr);
+        fexecve(program, list.data(), environ);
+        _exit(127);
+    }
+    close(program);
+    const std::string folder = "/proc/" + std::to_string(child);
+    struct stat status {};
+    // The files there are root's when a process isn't to be looked into.
+    for (int i = 0; i < 1000; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        ASSERT_EQ(stat((folder + "/mem").c_str(), &status), 0);
+        if (status.st_uid == 0 && fileContent(folder + "/comm").starts_with("zentak-token")) break;
+    }
+    EXPECT_EQ(status.st_uid, 0U);
+    std::ifstream limits(folder + "/limits");
+    std::string line;
+    while (std::getline(limits, line) && !line.starts_with("Max core file size")) {
+    }
+    std::string soft;
+    std::istringstream(line.substr(18)) >> soft;
+    EXPECT_EQ(soft, "0") << line;
+    if (geteuid() == 0) {
+        bool found = false;
+        for (int i = 0; i < 1000 && !found; ++i) {
+            std::ifstream maps(folder + "/smaps");
+            bool large = false;
+            while (std::getline(maps, line)) {
+                if (line.starts_with("Size:")) large = line.find(" 4096 kB") != std::string::npos;
+                if (line.starts_with("VmFlags:") && large && line.find(" dd") != std::string::npos) found = true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        EXPECT_TRUE(found);
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
 }
 
 }  // namespace

@@ -12,6 +12,8 @@ namespace fs = std::filesystem;
 TemporaryFolder::TemporaryFolder(const fs::path& parent)
     : path_(parent / ("zentak-softtoken-" + hexText(randomBytes(8)))) {
     fs::create_directories(path_);
+    // A store doesn't lie where others may write, whatever the umask lets them.
+    fs::permissions(path_, fs::perms::owner_all);
 }
 
 TemporaryFolder::~TemporaryFolder() {

@@ -75,9 +75,9 @@ std::string ToolTest::create(const std::string& options) {
     return json.value("serialNumber", "");
 }
 
-nlohmann::json ToolTest::jsonOf(const std::string& arguments) {
+nlohmann::json ToolTest::jsonOf(const std::string& arguments, int exitCode) {
     const Answer answer = run(arguments);
-    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+    EXPECT_EQ(answer.exitCode, exitCode) << answer.errors;
     return nlohmann::json::parse(answer.output, nullptr, false);
 }
 

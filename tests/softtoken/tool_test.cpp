@@ -50,6 +50,13 @@ TEST_F(ToolTest, PinFromFileWinsOverTheEnvironment) {
     EXPECT_EQ(run("import --key " + key + " --pin-file " + pin).exitCode, 0);
 }
 
+TEST_F(ToolTest, FileOfAPinHasALimit) {
+    const std::string limit(65536, '\n');
+    EXPECT_EQ(
+        run("create --label Short --kdf-iterations 1 --pin-file " + file("pin", "1234" + limit.substr(4))).exitCode, 0);
+    expectError("create --label Long --pin-file " + file("pin", "1234" + limit), "pin is larger than 65536 bytes");
+}
+
 TEST_F(ToolTest, PlugAndUnplug) {
     const std::string serialNumber = create();
     const Store store(folder_.path() / "tokens");
@@ -97,7 +104,7 @@ TEST_F(ToolTest, DamagedTokenIsShownAsSuchAndNotTouched) {
     const std::string serialNumber = create();
     const fs::path path = Store(folder_.path() / "tokens").pluggedTokenFile(serialNumber);
     writeFile(path, "{}");
-    const Json tokens = jsonOf("list --json");
+    const Json tokens = jsonOf("list --json", 1);
     EXPECT_FALSE(tokens.at(0)["usable"].get<bool>());
     expectError("show", "damaged");
     expectError("import --key " + file("key.pem", pemPrivateKey(testKey(5))), "damaged");
@@ -111,7 +118,7 @@ TEST_F(ToolTest, UnknownVersionIsNamedAndNotTouched) {
     content.replace(content.find('1'), 1, "2");
     writeFile(path, content);
     const std::string reason = "the token's file is of version 2, this program knows version 1";
-    EXPECT_EQ(jsonOf("list --json").at(0)["reason"], reason);
+    EXPECT_EQ(jsonOf("list --json", 1).at(0)["reason"], reason);
     EXPECT_EQ(run("list").output, serialNumber + "  plugged in  unusable: " + reason + "\n");
     for (const char* command : {"show", "set-pin", "unlock", "generate", "export-certificate"}) {
         expectError(command, reason);
@@ -163,6 +170,49 @@ TEST_F(ToolTest, NamesCannotMoveTheCursor) {
     expectError("show \"\x1B[2J\"", "there is no token ?[2J");
 }
 
+/// Some terminals take U+0080 to U+009F for commands, and marks of direction turn around what follows them.
+TEST_F(ToolTest, NothingButTextReachesTheTerminal) {
+    create();
+    Store store(folder_.path() / "tokens");
+    const auto shownAs = [&](const std::string& label) {
+        store.change(store.plugged().at(0), [&](TokenData& token) { token.label = label; });
+        const std::string shown = run("list").output;
+        const std::string before = "plugged in  ";
+        const std::size_t begin = shown.find(before) + before.size();
+        EXPECT_EQ(run("show").output.find("label: " + shown.substr(begin)) == std::string::npos, false);
+        return shown.substr(begin, shown.size() - 1 - begin);
+    };
+    const std::vector<std::string> harmful = {"\x7F",         "\xC2\x80",     "\xC2\x9B",     "\xC2\x9F",
+                                              "\xD8\x9C",     "\xE2\x80\x8E", "\xE2\x80\x8F", "\xE2\x80\xAA",
+                                              "\xE2\x80\xAE", "\xE2\x81\xA6", "\xE2\x81\xA9"};
+    const std::vector<std::string> escaped = {"\\u007f", "\\u0080", "\\u009b", "\\u009f", "\\u061c", "\\u200e",
+                                              "\\u200f", "\\u202a", "\\u202e", "\\u2066", "\\u2069"};
+    for (std::size_t i = 0; i < harmful.size(); ++i) {
+        const std::string label = "a" + harmful[i] + "b";
+        EXPECT_EQ(shownAs(label), "a?b");
+        for (const char* command : {"list --json", "show --json"}) {
+            const std::string json = run(command).output;
+            EXPECT_EQ(json.find(harmful[i]), std::string::npos) << escaped[i];
+            EXPECT_NE(json.find("\"a" + escaped[i] + "b\""), std::string::npos) << json;
+        }
+        EXPECT_EQ(jsonOf("list --json").at(0)["label"], label);
+    }
+    // Neighbours of these, and characters of every length.
+    const std::string text =
+        "~\xC2\xA0\xC3\xBC\xD8\x9B\xE2\x80\x8D\xE2\x80\xA9\xE2\x80\xAF\xE2\x81\xAA\xE2\x82\xAC\xF0\x9F\x94\x91";
+    EXPECT_EQ(shownAs(text), text);
+    EXPECT_NE(run("list --json").output.find(text), std::string::npos);
+    // Not UTF-8: alone, cut off, longer than need be, a surrogate, beyond the last character.
+    EXPECT_EQ(shownAs("a\x9Bz"), "a?z");
+    EXPECT_EQ(shownAs("a\xE2\x82"), "a??");
+    EXPECT_EQ(shownAs("a\xC0\xAFz"), "a??z");
+    EXPECT_EQ(shownAs("a\xE0\x80\xAFz"), "a???z");
+    EXPECT_EQ(shownAs("a\xED\xA0\x80z"), "a???z");
+    EXPECT_EQ(shownAs("a\xF4\x90\x80\x80z"), "a????z");
+    EXPECT_EQ(shownAs("a\xFFz"), "a?z");
+    EXPECT_EQ(jsonOf("list --json").at(0)["label"], "a\xEF\xBF\xBDz");
+}
+
 TEST_F(ToolTest, WrongCommandLines) {
     expectError("", "subcommand");
     expectError("create", "--label");
@@ -174,7 +224,7 @@ TEST_F(ToolTest, WrongCommandLines) {
 
 TEST_F(ToolTest, EveryCommandHasHelp) {
     for (const char* command : {"", "create", "list", "show", "generate", "import", "export-certificate", "plug",
-                                "unplug", "set-pin", "unlock", "remove"}) {
+                                "unplug", "set-pin", "unlock", "remove", "verify", "repair"}) {
         const Answer answer = run(std::string(command) + " --help");
         EXPECT_EQ(answer.exitCode, 0) << command;
         EXPECT_NE(answer.output.find("Usage: "), std::string::npos) << command;

@@ -26,7 +26,7 @@ protected:
     void expectError(const std::string& arguments, const std::string& text);
     /// Makes a cheap token and answers its serial number.
     std::string create(const std::string& options = "");
-    nlohmann::json jsonOf(const std::string& arguments);
+    nlohmann::json jsonOf(const std::string& arguments, int exitCode = 0);
     /// Writes a file and answers its path in quotes.
     std::string file(const std::string& name, const std::string& content);
 

@@ -38,8 +38,10 @@ inline void inChild(const std::function<void()>& body) {
 /// For root no permissions hold: as long as this lives, the process has the rights of an ordinary user.
 class OrdinaryUser {
 public:
+    static constexpr uid_t number = 65534;
+
     OrdinaryUser() : before_(geteuid()) {
-        if (before_ == 0) become(65534);
+        if (before_ == 0) become(number);
     }
     ~OrdinaryUser() {
         if (before_ == 0) become(before_);
@@ -60,7 +62,7 @@ public:
     explicit FullDisk(std::filesystem::path mountPoint) : folder_(std::move(mountPoint)) {
         std::filesystem::create_directories(folder_);
         mounted_ = unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                   mount("none", folder_.c_str(), "tmpfs", 0, "size=256k,mode=0700") == 0;
+                   mount("none", folder_.c_str(), "tmpfs", 0, "size=256k,nr_inodes=64,mode=0700") == 0;
     }
 
     [[nodiscard]] const std::filesystem::path& folder() const { return folder_; }
@@ -77,11 +79,19 @@ public:
         }
         EXPECT_EQ(errno, ENOSPC);
         close(ballast);
+        // Nor is there room for one more file, be it an empty one.
+        for (int number = 0, file = 0; file >= 0; ++number) {
+            file = open((folder_ / ("file" + std::to_string(number))).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+            if (file >= 0) close(file);
+        }
+        EXPECT_EQ(errno, ENOSPC);
     }
 
     void makeRoom() {
         if (mounted_) {
-            std::filesystem::remove(folder_ / "ballast");
+            for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
+                if (entry.is_regular_file() && entry.path().filename() != "lock") std::filesystem::remove(entry.path());
+            }
         } else {
             limitFiles(RLIM_INFINITY);
         }
