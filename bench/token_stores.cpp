@@ -60,7 +60,7 @@ TokenStore::TokenStore(const Keys& keys, std::size_t count, std::span<const soft
     settings.label = "Benchmark";
     settings.model = "ZS1 Software";
     settings.userPin = userPin;
-    settings.iterations = 1;
+    settings.derivation = softtoken::KeyDerivation::scrypt(1);
     serialNumber = softtoken::createToken(store, settings);
     const softtoken::SecretBytes tokenKey = store.checkPin(serialNumber, softtoken::Role::user, userPin);
     store.change(serialNumber, [&](softtoken::TokenData& token) {

@@ -146,25 +146,43 @@ Instance::PinDigest Instance::digestOf(std::string_view pin) const {
     return sha256(digestKey_, viewOf(pin));
 }
 
-bool Instance::isVerified(const Device& device, const PinDigest& digest) {
-    return device.verified && device.verified->section == device.snapshot->token.user &&
-           CRYPTO_memcmp(device.verified->digest.data(), digest.data(), digest.size()) == 0;
+bool Instance::TriedPin::is(const PinDigest& other, const TokenData& token) const {
+    return section == token.user && model == token.model &&
+           CRYPTO_memcmp(digest.data(), other.data(), digest.size()) == 0;
 }
 
-SecretBytes Instance::verifyPin(std::string_view serialNumber, std::string_view pin, const PinDigest& digest) {
+bool Instance::isVerified(const Device& device, const PinDigest& digest) {
+    return device.verified && device.verified->tried.is(digest, device.snapshot->token);
+}
+
+Instance::PinCheck::PinCheck(Instance& instance, std::string_view serialNumber, const PinDigest& digest)
+    : instance_(instance), pin_(serialNumber, digest) {
+    std::unique_lock lock(instance_.mutex_);
+    instance_.pinChecked_.wait(lock, [this] { return instance_.pinsInCheck_.insert(pin_).second; });
+}
+
+Instance::PinCheck::~PinCheck() {
+    {
+        const std::lock_guard lock(instance_.mutex_);
+        instance_.pinsInCheck_.erase(pin_);
+    }
+    instance_.pinChecked_.notify_all();
+}
+
+OpenedToken Instance::verifyPin(std::string_view serialNumber, std::string_view pin, const PinDigest& digest) {
     const Reading reading = readingOf(serialNumber);
-    const PinSection& section = reading.snapshot->token.user;
+    const std::string& model = reading.snapshot->token.model;
     try {
         const KnownToken known = reading.known();
-        SecretBytes key = store_.checkPin(serialNumber, Role::user, pin, &known);
+        OpenedToken opened = store_.open(serialNumber, Role::user, pin, &known);
         const std::lock_guard lock(mutex_);
         Device& device = refreshed(serialNumber);
-        device.verified = VerifiedPin{section, digest, key};
+        device.verified = VerifiedPin{{digest, opened.user, model}, opened.key};
         device.refused.reset();
-        return key;
+        return opened;
     } catch (const PinFailure&) {
         const std::lock_guard lock(mutex_);
-        refreshed(serialNumber).refused = RefusedPin{section, digest};
+        refreshed(serialNumber).refused = TriedPin{digest, reading.snapshot->token.user, model};
         throw;
     }
 }
@@ -176,8 +194,8 @@ void Instance::login(std::string_view serialNumber, Role role, std::string_view 
         static_cast<void>(store_.checkPin(serialNumber, role, pin));
         return;
     }
-    const std::lock_guard turn(pinMutex_);
     const PinDigest digest = digestOf(pin);
+    const PinCheck check(*this, serialNumber, digest);
     bool verified = false;
     int maximum = 0;
     {
@@ -197,26 +215,26 @@ void Instance::login(std::string_view serialNumber, Role role, std::string_view 
 void Instance::changeUserPin(std::string_view serialNumber, std::string_view oldPin, std::string_view newPin) {
     requirePinLength(newPin);
     static_cast<void>(snapshot(serialNumber));
-    const SecretBytes key = store_.checkPin(serialNumber, Role::user, oldPin);
-    store_.setPin(serialNumber, Role::user, newPin, key, true);
+    const OpenedToken opened = store_.open(serialNumber, Role::user, oldPin);
+    store_.setPin(serialNumber, Role::user, newPin, opened, true);
 }
 
-SecretBytes Instance::tokenKey(std::string_view serialNumber, std::string_view pin) {
+OpenedToken Instance::open(std::string_view serialNumber, std::string_view pin) {
     requirePinLength(pin);
     const PinDigest digest = digestOf(pin);
-    const auto remembered = [&]() -> std::optional<SecretBytes> {
+    const auto remembered = [&]() -> std::optional<OpenedToken> {
         const std::lock_guard lock(mutex_);
         const Device& device = refreshed(serialNumber);
-        if (isVerified(device, digest)) return device.verified->tokenKey;
-        if (device.refused && device.refused->section == device.snapshot->token.user &&
-            device.refused->digest == digest) {
+        const TokenData& token = device.snapshot->token;
+        if (isVerified(device, digest)) return OpenedToken{device.verified->tokenKey, token.user, token.officer};
+        if (device.refused && device.refused->is(digest, token)) {
             throw PinFailure(Error::pinIncorrect, store_.loadAttempts(serialNumber).user, "the PIN is wrong");
         }
         return std::nullopt;
     };
-    if (auto key = remembered()) return *std::move(key);
-    const std::lock_guard turn(pinMutex_);
-    if (auto key = remembered()) return *std::move(key);
+    if (auto opened = remembered()) return *std::move(opened);
+    const PinCheck check(*this, serialNumber, digest);
+    if (auto opened = remembered()) return *std::move(opened);
     return verifyPin(serialNumber, pin, digest);
 }
 
@@ -237,7 +255,7 @@ std::shared_ptr<PrivateKey> Instance::privateKey(std::string_view serialNumber, 
         }
         requireUsage(findKeyPair(device.snapshot->token, keyId).keyUsage);
     }
-    const SecretBytes unlocked = tokenKey(serialNumber, pin);
+    const SecretBytes unlocked = open(serialNumber, pin).key;
     const std::lock_guard lock(mutex_);
     Device& device = refreshed(serialNumber);
     const auto loaded = device.keys.find(keyId);

@@ -4,14 +4,17 @@
 #ifndef ZENTAK_SOFTTOKEN_INSTANCE_H
 #define ZENTAK_SOFTTOKEN_INSTANCE_H
 
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "device/zentak_dsc_library.h"
 #include "hashing.h"
@@ -51,7 +54,7 @@ public:
 
     /// Throws for a wrong PIN. The same wrong PIN is counted once only, however often it comes back in operations: an
     /// application that keeps a PIN doesn't notice when another one changes it, and would lock the token.
-    SecretBytes tokenKey(std::string_view serialNumber, std::string_view pin);
+    OpenedToken open(std::string_view serialNumber, std::string_view pin);
 
     /// The loaded private key. `usage` is the bit that the operation needs, or 0. Throws for a wrong PIN.
     std::shared_ptr<PrivateKey> privateKey(std::string_view serialNumber, const Reference& keyId, std::string_view pin,
@@ -66,14 +69,17 @@ public:
 private:
     using PinDigest = std::array<unsigned char, 32>;
 
-    struct VerifiedPin {
-        PinSection section;
+    /// A PIN, and what it was tried on: once that has changed, the PIN is unknown again.
+    struct TriedPin {
         PinDigest digest;
-        SecretBytes tokenKey;
+        PinSection section;
+        std::string model;
+
+        [[nodiscard]] bool is(const PinDigest& other, const TokenData& token) const;
     };
-    struct RefusedPin {
-        PinSection section;
-        PinDigest digest;
+    struct VerifiedPin {
+        TriedPin tried;
+        SecretBytes tokenKey;
     };
     struct LoadedKey {
         std::shared_ptr<PrivateKey> key;
@@ -85,7 +91,7 @@ private:
         std::int64_t checkedAt = 0;  ///< when the version was last compared by more than its stamp
         std::shared_ptr<Snapshot> snapshot;
         std::optional<VerifiedPin> verified;
-        std::optional<RefusedPin> refused;
+        std::optional<TriedPin> refused;
         std::map<Reference, LoadedKey> keys;
     };
     /// A token as it was read last, kept for as long as somebody works with it.
@@ -94,6 +100,19 @@ private:
         TokenVersion version;
 
         [[nodiscard]] KnownToken known() const { return {snapshot->token, version}; }
+    };
+    /// A check of a PIN. Whoever brings the same PIN to the same token meanwhile waits for its end, and finds what
+    /// came of it; others don't.
+    class PinCheck {
+    public:
+        PinCheck(Instance& instance, std::string_view serialNumber, const PinDigest& digest);
+        PinCheck(const PinCheck&) = delete;
+        PinCheck& operator=(const PinCheck&) = delete;
+        ~PinCheck();
+
+    private:
+        Instance& instance_;
+        const std::pair<std::string, PinDigest> pin_;
     };
     struct PublicKeyEntry {
         int keyType;
@@ -110,13 +129,13 @@ private:
     static bool isVerified(const Device& device, const PinDigest& digest);
 
     [[nodiscard]] PinDigest digestOf(std::string_view pin) const;
-    SecretBytes verifyPin(std::string_view serialNumber, std::string_view pin, const PinDigest& digest);
+    OpenedToken verifyPin(std::string_view serialNumber, std::string_view pin, const PinDigest& digest);
 
     Store store_;
     const SecretBytes digestKey_;
     std::mutex mutex_;
-    /// Taken before the other one, and held while a PIN is checked: threads that bring the same PIN wait for the first.
-    std::mutex pinMutex_;
+    std::set<std::pair<std::string, PinDigest>> pinsInCheck_;
+    std::condition_variable pinChecked_;
     std::map<std::string, Device, std::less<>> devices_;
     std::deque<std::shared_ptr<Snapshot>> retired_;
     std::deque<PublicKeyEntry> publicKeys_;

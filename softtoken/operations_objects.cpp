@@ -54,7 +54,7 @@ int zentak_updateKeyPairDetails(const char* deviceId, const unsigned char* keyId
         const std::string_view newLabel = textOf(label);
         const ByteView newObjectId = objectId == nullptr ? ByteView() : bytesOf(objectId, objectIdLength);
         requireArgument(newLabel.size() <= maximumAliasLength && newObjectId.size() <= maximumObjectIdLength);
-        static_cast<void>(found->tokenKey(textOf(deviceId), textOf(password)));
+        static_cast<void>(found->open(textOf(deviceId), textOf(password)));
         found->change(textOf(deviceId), [&](TokenData& token) {
             KeyPairEntry& entry = findKeyPair(token, reference);
             if (!newLabel.empty()) entry.alias = newLabel;
@@ -68,7 +68,7 @@ int zentak_deleteKeyPair(const char* deviceId, const unsigned char* keyId, const
     return statusOf([&] {
         const auto found = findInstance(instance);
         const Reference reference = referenceOf(keyId);
-        static_cast<void>(found->tokenKey(textOf(deviceId), textOf(password)));
+        static_cast<void>(found->open(textOf(deviceId), textOf(password)));
         found->change(textOf(deviceId), [&](TokenData& token) { deleteKeyPair(token, reference); });
     });
 }
@@ -93,14 +93,16 @@ int zentak_importPfx(const char* deviceId, const char* password, ImportPFXDetail
     return statusOf([&] {
         const auto found = findInstance(instance);
         requireArgument(details != nullptr);
-        const SecretBytes tokenKey = found->tokenKey(textOf(deviceId), textOf(password));
+        const OpenedToken opened = found->open(textOf(deviceId), textOf(password));
         requireRoomForKeyPair(*found, textOf(deviceId));
         const auto& parts = details->components;
         const Key key = composeRsaKey(parts[0], parts[2], parts[3]);
         const NewKeyPair settings{details->label, details->objectId, details->keyUsage};
         KeyPairEntry entry;
-        found->change(textOf(deviceId),
-                      [&](TokenData& token) { entry = addKeyPair(token, tokenKey, key.get(), settings); });
+        found->change(textOf(deviceId), [&](TokenData& token) {
+            requireKeyOf(token, opened);
+            entry = addKeyPair(token, opened.key, key.get(), settings);
+        });
         std::copy(entry.keyId.begin(), entry.keyId.end(), details->keyId);
     });
 }
@@ -112,12 +114,14 @@ int zentak_generateKeyPair(const char* deviceId, const char* password, ZentakKey
         const NewKeyPair settings = settingsOf(*keyPair);
         const KeyType* const type = keyTypeOfCode(keyPair->keyType);
         if (type == nullptr) throw Failure(Error::unsupportedKey, "there is no such kind of key");
-        const SecretBytes tokenKey = found->tokenKey(textOf(deviceId), textOf(password));
+        const OpenedToken opened = found->open(textOf(deviceId), textOf(password));
         requireRoomForKeyPair(*found, textOf(deviceId));
         const Key key = generateKey(*type);
         KeyPairEntry entry;
-        found->change(textOf(deviceId),
-                      [&](TokenData& token) { entry = addKeyPair(token, tokenKey, key.get(), settings); });
+        found->change(textOf(deviceId), [&](TokenData& token) {
+            requireKeyOf(token, opened);
+            entry = addKeyPair(token, opened.key, key.get(), settings);
+        });
         keyPair->id = entry.id;
         std::copy(entry.keyId.begin(), entry.keyId.end(), keyPair->keyId);
         std::copy(entry.publicKey.begin(), entry.publicKey.end(), keyPair->publicKey);

@@ -1,7 +1,6 @@
 #include "store.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "errors.h"
 
@@ -17,16 +16,6 @@ constexpr std::uint64_t largestTokenFile = 64 << 20;
 
 [[noreturn]] void notPresent(std::string_view serialNumber) {
     throw Failure(Error::deviceNotPresent, "there is no token " + std::string(serialNumber));
-}
-
-int& attemptsOf(Attempts& attempts, Role role) {
-    return role == Role::user ? attempts.user : attempts.officer;
-}
-
-const PinSection& sectionOf(const TokenData& token, Role role) {
-    if (role == Role::user) return token.user;
-    if (!token.officer) throw PinFailure(Error::pinLocked, 0, "the token has no security officer's PIN");
-    return *token.officer;
 }
 
 /// Removes what lies under the name. Of a link the link alone: what it leads to isn't ours.
@@ -56,21 +45,6 @@ fs::path clearedScratch(const fs::path& root) {
         if (folder && isSerialNumber(utf8FromPath(entry->path().filename()))) removeWhole(entry->path());
     }
     return scratch;
-}
-
-/// Writes the counters in place. Where that fails, a part may be written, or all without being flushed: those from
-/// before are put back as well as it goes, so that a failing disk doesn't use up attempts.
-void changeAttempts(const fs::path& folder, const Attempts& before, const Attempts& after, Lasting lasting) {
-    try {
-        overwriteFile(folder / attemptsFileName, writeAttempts(after), lasting);
-    } catch (const Failure&) {
-        try {
-            overwriteFile(folder / attemptsFileName, writeAttempts(before), Lasting::soon);
-        } catch (const Failure&) {
-            // What is told is the first failure.
-        }
-        throw;
-    }
 }
 
 }  // namespace
@@ -190,8 +164,6 @@ void Store::add(const TokenData& token, const Attempts& attempts) {
         requirePrivateFolder(root_, Links::follow);
         requirePrivateFolder(root_ / folder, Links::refuse);
     }
-    // A first login works on a full disk too.
-    static_cast<void>(FileLock(root_ / "pin-lock"));
     const FileLock lock(root_ / "lock");
     const fs::path scratch = clearedScratch(root_);
     for (const char* folder : {"plugged", "unplugged"}) {
@@ -248,69 +220,6 @@ void Store::move(std::string_view serialNumber, const char* from, const char* to
     const fs::path target = root_ / to / serialNumber;
     if (folderOf(serialNumber) == target) return;
     moveFolder(root_ / from / serialNumber, target);
-}
-
-SecretBytes Store::checkPin(std::string_view serialNumber, Role role, std::string_view pin, const KnownToken* known) {
-    requirePinLength(pin);
-    static_cast<void>(folderOf(serialNumber));
-    // One at a time: several processes that log in at once with the right PIN would use up each other's attempts.
-    const FileLock turn(root_ / "pin-lock");
-    PinSection section;
-    int left = 0;
-    {
-        const FileLock lock = lockFor(serialNumber);
-        if (isPresent(known, serialNumber)) {
-            section = sectionOf(known->token, role);
-        } else {
-            const TokenData token = load(serialNumber);
-            section = sectionOf(token, role);
-        }
-        const fs::path folder = folderOf(serialNumber);
-        const Attempts before = loadAttempts(serialNumber);
-        Attempts attempts = before;
-        left = attemptsOf(attempts, role);
-        if (left <= 0) throw PinFailure(Error::pinLocked, 0, "the PIN is locked");
-        left = --attemptsOf(attempts, role);
-        changeAttempts(folder, before, attempts, Lasting::atOnce);
-    }
-    // The slow part doesn't keep others from changing tokens.
-    auto tokenKey = openPinSection(section, serialNumber, role, pin);
-    if (!tokenKey) {
-        throw PinFailure(left == 0 ? Error::pinLocked : Error::pinIncorrect, left,
-                         "the PIN is wrong, attempts left: " + std::to_string(left));
-    }
-    resetAttempts(serialNumber, role, section.maximumAttempts);
-    return *std::move(tokenKey);
-}
-
-void Store::setPin(std::string_view serialNumber, Role role, std::string_view newPin, ByteView tokenKey,
-                   bool userPinChanged) {
-    requirePinLength(newPin);
-    const TokenData before = load(serialNumber);
-    const PinSection& old = sectionOf(before, role);
-    const PinSection section =
-        makePinSection(serialNumber, role, newPin, tokenKey, old.iterations, old.maximumAttempts);
-    change(serialNumber, [&](TokenData& token) {
-        if (sectionOf(token, role) != old) throw Failure(Error::storeFailed, "another process changed the PIN");
-        if (role == Role::user) {
-            token.user = section;
-            token.userPinChanged = userPinChanged;
-        } else {
-            token.officer = section;
-        }
-    });
-    resetAttempts(serialNumber, role, section.maximumAttempts);
-}
-
-void Store::resetAttempts(std::string_view serialNumber, Role role, int maximum) {
-    const FileLock lock = lockFor(serialNumber);
-    const fs::path folder = folderOf(serialNumber);
-    const Attempts before = loadAttempts(serialNumber);
-    Attempts attempts = before;
-    const int left = std::exchange(attemptsOf(attempts, role), maximum);
-    if (left == maximum) return;
-    // After a crash of the machine there may be fewer, and the next right PIN gives them back. From none nothing would.
-    changeAttempts(folder, before, attempts, left == 0 ? Lasting::atOnce : Lasting::soon);
 }
 
 }  // namespace softtoken

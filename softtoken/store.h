@@ -2,7 +2,7 @@
 /// the old or the new state, and the counting of PIN attempts.
 ///
 /// `plugged/SERIAL` and `unplugged/SERIAL` are the tokens; `.zentak-scratch` holds what is being made or removed;
-/// `lock` is locked for each change and `pin-lock` while a PIN is checked. A token's folder holds the files `token` and
+/// `lock` is locked for each change, that of PIN attempts included. A token's folder holds the files `token` and
 /// `attempts`. docs/software-token.md describes them.
 
 #ifndef ZENTAK_SOFTTOKEN_STORE_H
@@ -38,6 +38,17 @@ struct ChangedToken {
     TokenData token;
     TokenVersion version;
 };
+
+/// What a right PIN opened: the token key, and the PIN sections that it was wrapped in then.
+struct OpenedToken {
+    SecretBytes key;
+    PinSection user;
+    std::optional<PinSection> officer;
+};
+
+/// Throws Error::storeFailed when the token has another key meanwhile, which takes a change of both PIN sections.
+/// Called within a change that seals something under the key.
+void requireKeyOf(const TokenData& token, const OpenedToken& opened);
 
 /// The files in a token's folder.
 inline constexpr const char* tokenFileName = "token";
@@ -84,13 +95,24 @@ public:
     void remove(std::string_view serialNumber);
 
     /// The token key, when the PIN is right. An attempt is taken off, on disk, before the PIN is looked at, and all are
-    /// given back when it is right. Throws PinFailure otherwise.
-    SecretBytes checkPin(std::string_view serialNumber, Role role, std::string_view pin,
-                         const KnownToken* known = nullptr);
+    /// given back when it is right. Throws PinFailure otherwise. The key derivation, which takes long, keeps nobody
+    /// else waiting.
+    OpenedToken open(std::string_view serialNumber, Role role, std::string_view pin, const KnownToken* known = nullptr);
+    /// The same, for whoever wants the key alone.
+    SecretBytes checkPin(std::string_view serialNumber, Role role, std::string_view pin) {
+        return open(serialNumber, role, pin).key;
+    }
 
-    /// Gives the role a new PIN and all its attempts. The token key comes from checkPin.
-    void setPin(std::string_view serialNumber, Role role, std::string_view newPin, ByteView tokenKey,
-                bool userPinChanged);
+    /// Gives the role a new PIN and all its attempts. Throws Error::storeFailed when its PIN isn't the one any more
+    /// that the token was opened with.
+    void setPin(std::string_view serialNumber, Role role, std::string_view newPin, const OpenedToken& opened,
+                bool userPinChanged, const KeyDerivation& derivation = {});
+
+    /// Gives the role a new PIN, and the token a new key under which every private key is sealed anew. For that the
+    /// other role's PIN is needed, which stays the same; it is ignored where the token has one PIN only. Throws
+    /// PinFailure when it is wrong.
+    void renewTokenKey(std::string_view serialNumber, Role role, std::string_view newPin, const OpenedToken& opened,
+                       std::string_view otherPin, const KeyDerivation& derivation = {});
 
     void resetAttempts(std::string_view serialNumber, Role role, int maximum);
 
@@ -101,6 +123,9 @@ private:
     [[nodiscard]] std::string readDocument(std::string_view serialNumber) const;
     [[nodiscard]] bool isPresent(const KnownToken* known, std::string_view serialNumber) const;
     void move(std::string_view serialNumber, const char* from, const char* to);
+    void refuseLockedPin(std::string_view serialNumber, Role role) const;
+    std::optional<OpenedToken> openWith(std::string_view serialNumber, Role role, ByteView pinKey,
+                                        const TokenData& read, const std::string& checksum);
 
     std::filesystem::path root_;
 };

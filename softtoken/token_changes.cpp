@@ -62,12 +62,11 @@ std::string createToken(Store& store, const NewToken& settings) {
     token.userPinChanged = settings.userPinChanged;
     token.capacity = settings.capacity;
     const SecretBytes tokenKey = newTokenKey();
-    token.user = makePinSection(token.serialNumber, Role::user, settings.userPin, tokenKey, settings.iterations,
-                                settings.attempts);
+    token.user = makePinSection(token, Role::user, settings.userPin, tokenKey, settings.derivation, settings.attempts);
     if (!settings.officerPin.empty()) {
         requirePinLength(settings.officerPin);
-        token.officer = makePinSection(token.serialNumber, Role::officer, settings.officerPin, tokenKey,
-                                       settings.iterations, settings.attempts);
+        token.officer =
+            makePinSection(token, Role::officer, settings.officerPin, tokenKey, settings.derivation, settings.attempts);
     }
     store.add(token, Attempts{settings.attempts, settings.officerPin.empty() ? 0 : settings.attempts});
     return token.serialNumber;

@@ -23,8 +23,8 @@ struct NewToken {
     std::string officerPin;  ///< empty for none: then a locked PIN stays locked
     bool userPinChanged = true;
     int attempts = 5;
-    std::uint32_t iterations = 600'000;  ///< of the key derivation from a PIN; about 150 ms on a present machine
-    std::uint32_t capacity = 1024;       ///< key pairs, and certificates
+    KeyDerivation derivation;       ///< of the keys from the PINs
+    std::uint32_t capacity = 1024;  ///< key pairs, and certificates
 };
 
 /// Makes a token with a serial number of its own, plugged in, and answers the number.

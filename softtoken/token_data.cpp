@@ -11,8 +11,9 @@ namespace {
 
 constexpr std::string_view tokenFormat = "zentak-software-token";
 constexpr std::string_view attemptsFormat = "zentak-software-token-attempts";
-constexpr std::string_view formatVersion = "1";
-constexpr std::uint32_t kdfPbkdf2Sha256 = 1;
+/// The versions that are written; those before are read.
+constexpr int tokenVersion = 2;
+constexpr int attemptsVersion = 1;
 /// More would keep a host waiting for minutes at a file that somebody prepared.
 constexpr std::uint32_t maximumIterations = 20'000'000;
 constexpr std::size_t maximumAttempts = 1000;
@@ -25,10 +26,10 @@ constexpr std::size_t maximumTextLength = 1024;
 /// Composes a document: the line with format and version, fields, checksum.
 class Writer {
 public:
-    explicit Writer(std::string_view format) {
+    Writer(std::string_view format, int version) {
         document_ += format;
         document_ += ' ';
-        document_ += formatVersion;
+        document_ += std::to_string(version);
         document_ += '\n';
     }
 
@@ -54,18 +55,21 @@ private:
 /// Takes a document apart. Every field is bounded, and named in the complaint about it.
 class Reader {
 public:
-    Reader(std::string_view format, std::string_view document) {
+    Reader(std::string_view format, int newestVersion, std::string_view document) {
         const std::string_view line = document.substr(0, std::min(document.find('\n'), document.size()));
         if (!line.starts_with(format) || line.size() == document.size() || line.substr(format.size(), 1) != " ") {
             damaged("it is no such document");
         }
         const std::string_view version = line.substr(format.size() + 1);
-        if (version != formatVersion) {
+        if (version.size() == 1 && version[0] >= '1' && version[0] <= '0' + newestVersion) {
+            version_ = version[0] - '0';
+        } else {
             const bool isNumber = !version.empty() && version.size() <= 9 &&
                                   version.find_first_not_of("0123456789") == std::string_view::npos;
             if (!isNumber) damaged("its version is no number");
             throw Failure(Error::unknownVersion, "the token's file is of version " + std::string(version) +
-                                                     ", this program knows version " + std::string(formatVersion));
+                                                     ", this program knows version 1" +
+                                                     (newestVersion > 1 ? " to " + std::to_string(newestVersion) : ""));
         }
         if (document.size() < line.size() + 1 + checksumLength) damaged("it is too short");
         const std::string_view covered = document.substr(0, document.size() - checksumLength);
@@ -75,6 +79,8 @@ public:
         }
         rest_ = viewOf(covered).subspan(line.size() + 1);
     }
+
+    [[nodiscard]] int version() const { return version_; }
 
     std::uint32_t number(const char* name, std::uint32_t smallest, std::uint32_t largest) {
         const std::uint32_t value = plainNumber(name);
@@ -121,21 +127,42 @@ private:
         return value;
     }
 
+    int version_ = 0;
     ByteView rest_;
 };
 
 void writePinSection(Writer& writer, const PinSection& section) {
-    writer.number(kdfPbkdf2Sha256);
-    writer.number(section.iterations);
+    const KeyDerivation& derivation = section.derivation;
+    writer.number(static_cast<std::uint32_t>(derivation.function));
+    if (derivation.function == KeyDerivation::Function::pbkdf2) {
+        writer.number(derivation.iterations);
+    } else {
+        writer.number(derivation.costLog2);
+        writer.number(derivation.blockSize);
+        writer.number(derivation.parallelization);
+    }
     writer.bytes(section.salt);
     writer.bytes(section.wrappedTokenKey);
     writer.number(static_cast<std::uint32_t>(section.maximumAttempts));
 }
 
+KeyDerivation readKeyDerivation(Reader& reader) {
+    const std::uint32_t newest = reader.version() == 1 ? 1 : 2;
+    const auto function = static_cast<KeyDerivation::Function>(reader.number("the key derivation function", 1, newest));
+    if (function == KeyDerivation::Function::pbkdf2) {
+        return KeyDerivation::pbkdf2(reader.number("the iterations", 1, maximumIterations));
+    }
+    // The limits keep the memory, 128 * N * r bytes, to 256 MiB and the time to 64 times that of a new PIN.
+    KeyDerivation scrypt;
+    scrypt.costLog2 = reader.number("scrypt's cost", 1, maximumCostLog2);
+    scrypt.blockSize = reader.number("scrypt's block size", 2, 8);
+    scrypt.parallelization = reader.number("scrypt's parallelization", 1, 16);
+    return scrypt;
+}
+
 PinSection readPinSection(Reader& reader) {
     PinSection section;
-    reader.number("the key derivation function", kdfPbkdf2Sha256, kdfPbkdf2Sha256);
-    section.iterations = reader.number("the iterations", 1, maximumIterations);
+    section.derivation = readKeyDerivation(reader);
     section.salt = reader.ownBytes("the salt", 8, 64);
     section.wrappedTokenKey = reader.ownBytes("the wrapped token key", 29, 256);
     section.maximumAttempts = static_cast<int>(reader.number("the number of attempts", 1, maximumAttempts));
@@ -201,7 +228,7 @@ std::vector<Entry> readEntries(Reader& reader, const char* what, Entry (*readEnt
 }  // namespace
 
 std::string writeTokenData(const TokenData& token) {
-    Writer writer(tokenFormat);
+    Writer writer(tokenFormat, tokenVersion);
     writer.text(token.serialNumber);
     writer.text(token.label);
     writer.text(token.model);
@@ -221,7 +248,7 @@ std::string writeTokenData(const TokenData& token) {
 }
 
 TokenData readTokenData(std::string_view document) {
-    Reader reader(tokenFormat, document);
+    Reader reader(tokenFormat, tokenVersion, document);
     TokenData token;
     token.serialNumber = reader.text("the serial number", maximumSerialNumberLength);
     if (!isSerialNumber(token.serialNumber)) damaged("the serial number");
@@ -241,14 +268,14 @@ TokenData readTokenData(std::string_view document) {
 }
 
 std::string writeAttempts(const Attempts& attempts) {
-    Writer writer(attemptsFormat);
+    Writer writer(attemptsFormat, attemptsVersion);
     writer.number(static_cast<std::uint32_t>(attempts.user));
     writer.number(static_cast<std::uint32_t>(attempts.officer));
     return writer.finish();
 }
 
 Attempts readAttempts(std::string_view document) {
-    Reader reader(attemptsFormat, document);
+    Reader reader(attemptsFormat, attemptsVersion, document);
     Attempts attempts;
     attempts.user = static_cast<int>(reader.number("the user's attempts", 0, maximumAttempts));
     attempts.officer = static_cast<int>(reader.number("the officer's attempts", 0, maximumAttempts));

@@ -22,9 +22,29 @@ inline constexpr std::size_t maximumAliasLength = 131;
 inline constexpr std::size_t maximumCertificateLabelLength = 151;
 inline constexpr std::size_t maximumSerialNumberLength = 16;
 
+/// How a key is derived from a PIN. What is made without numbers is what a new PIN gets.
+struct KeyDerivation {
+    enum class Function : std::uint32_t { pbkdf2 = 1, scrypt = 2 };
+
+    Function function = Function::scrypt;
+    std::uint32_t iterations = 0;  ///< of PBKDF2 with HMAC-SHA-256; 0 for scrypt
+    /// Of scrypt, 0 for PBKDF2: the logarithm of N to the base 2, r and p. Takes 64 MiB and about 0.2 s.
+    std::uint32_t costLog2 = 16;
+    std::uint32_t blockSize = 8;
+    std::uint32_t parallelization = 1;
+
+    static KeyDerivation pbkdf2(std::uint32_t iterations) { return {Function::pbkdf2, iterations, 0, 0, 0}; }
+    static KeyDerivation scrypt(std::uint32_t costLog2) { return {Function::scrypt, 0, costLog2, 8, 1}; }
+
+    bool operator==(const KeyDerivation&) const = default;
+};
+
+/// A file that asks for more takes more than 256 MiB, or keeps a host waiting for minutes.
+inline constexpr std::uint32_t maximumCostLog2 = 18;
+
 /// The token key, wrapped under a key that is derived from a PIN.
 struct PinSection {
-    std::uint32_t iterations = 0;  ///< of PBKDF2-HMAC-SHA256
+    KeyDerivation derivation;
     Bytes salt;
     Bytes wrappedTokenKey;
     int maximumAttempts = 0;
@@ -81,8 +101,9 @@ struct Attempts {
     bool operator==(const Attempts&) const = default;
 };
 
-/// The documents on disk. Reading throws Error::unknownVersion for a version that isn't ours and Error::tokenDamaged
-/// for everything else that was not written by these routines.
+/// The documents on disk. A token is read in the versions 1 and 2, and written in version 2. Reading throws
+/// Error::unknownVersion for a version that isn't ours and Error::tokenDamaged for everything else that was not written
+/// by these routines.
 std::string writeTokenData(const TokenData& token);
 TokenData readTokenData(std::string_view document);
 std::string writeAttempts(const Attempts& attempts);

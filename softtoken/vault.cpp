@@ -22,35 +22,30 @@ const EVP_CIPHER* cipher() {
     return fetched;
 }
 
-SecretBytes derivePinKey(const PinSection& section, std::string_view pin) {
-    static EVP_KDF* const kdf = EVP_KDF_fetch(cryptoContext(), "PBKDF2", nullptr);
-    const std::unique_ptr<EVP_KDF_CTX, Releaser<&EVP_KDF_CTX_free>> context(EVP_KDF_CTX_new(kdf));
-    requireCrypto(context != nullptr, "PBKDF2");
-    std::string digest = "SHA2-256";
-    std::string password(pin);
-    Bytes salt = section.salt;
-    unsigned int iterations = section.iterations;
-    // The check for iterations and lengths fit for a standard is off: tests use cheap parameters.
-    int lenient = 1;
-    const OSSL_PARAM parameters[] = {
-        OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest.data(), 0),
-        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_PASSWORD, password.data(), password.size()),
-        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SALT, salt.data(), salt.size()),
-        OSSL_PARAM_construct_uint(OSSL_KDF_PARAM_ITER, &iterations),
-        OSSL_PARAM_construct_int(OSSL_KDF_PARAM_PKCS5, &lenient),
-        OSSL_PARAM_construct_end(),
-    };
-    SecretBytes key(keyLength);
-    const int result = EVP_KDF_derive(context.get(), key.data(), key.size(), parameters);
-    OPENSSL_cleanse(password.data(), password.size());
-    requireCrypto(result == 1, "PBKDF2");
-    return key;
+/// More than the costliest section that is read takes: OpenSSL refuses beyond it.
+constexpr std::uint64_t scryptMemory = std::uint64_t{512} << 20;
+
+/// What a section was sealed with, apart from the PIN: whatever decides about the PIN's safety and the token's. The
+/// model is last, because it may be any text.
+Bytes pinBinding(const TokenData& token, Role role, const PinSection& section) {
+    std::string text = "zentak token key " + token.serialNumber + (role == Role::user ? " user" : " officer");
+    const KeyDerivation& derivation = section.derivation;
+    // Sections with PBKDF2 are those of version 1, which bound no more.
+    if (derivation.function == KeyDerivation::Function::scrypt) {
+        text += " scrypt";
+        for (const std::uint32_t number : {derivation.costLog2, derivation.blockSize, derivation.parallelization,
+                                           static_cast<std::uint32_t>(section.maximumAttempts)}) {
+            text += " " + std::to_string(number);
+        }
+        text += " " + hexText(viewOf(token.model));
+    }
+    return {text.begin(), text.end()};
 }
 
-Bytes pinBinding(std::string_view serialNumber, Role role) {
-    const std::string text =
-        "zentak token key " + std::string(serialNumber) + (role == Role::user ? " user" : " officer");
-    return {text.begin(), text.end()};
+void derive(EVP_KDF* function, const OSSL_PARAM* parameters, SecretBytes& key) {
+    const std::unique_ptr<EVP_KDF_CTX, Releaser<&EVP_KDF_CTX_free>> context(EVP_KDF_CTX_new(function));
+    requireCrypto(context && EVP_KDF_derive(context.get(), key.data(), key.size(), parameters) == 1,
+                  "deriving a key from the PIN");
 }
 
 int intOf(std::size_t size) {
@@ -64,6 +59,49 @@ void requirePinLength(std::string_view pin) {
     if (pin.size() < minimumPinLength || pin.size() > maximumPinLength) {
         throw Failure(Error::pinLength, "a PIN has 4 to 63 bytes");
     }
+}
+
+SecretBytes derivePinKey(const PinSection& section, std::string_view pin) {
+    const KeyDerivation& derivation = section.derivation;
+    SecretBytes password(pin.begin(), pin.end());
+    Bytes salt = section.salt;
+    SecretBytes key(keyLength);
+    const OSSL_PARAM passwordParameter =
+        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_PASSWORD, password.data(), password.size());
+    const OSSL_PARAM saltParameter = OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SALT, salt.data(), salt.size());
+    if (derivation.function == KeyDerivation::Function::pbkdf2) {
+        static EVP_KDF* const function = EVP_KDF_fetch(cryptoContext(), "PBKDF2", nullptr);
+        std::string digest = "SHA2-256";
+        unsigned int iterations = derivation.iterations;
+        // The check for iterations and lengths fit for a standard is off: tests use cheap parameters.
+        int lenient = 1;
+        const OSSL_PARAM parameters[] = {
+            OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest.data(), 0),
+            passwordParameter,
+            saltParameter,
+            OSSL_PARAM_construct_uint(OSSL_KDF_PARAM_ITER, &iterations),
+            OSSL_PARAM_construct_int(OSSL_KDF_PARAM_PKCS5, &lenient),
+            OSSL_PARAM_construct_end(),
+        };
+        derive(function, parameters, key);
+        return key;
+    }
+    static EVP_KDF* const function = EVP_KDF_fetch(cryptoContext(), "SCRYPT", nullptr);
+    std::uint64_t cost = std::uint64_t{1} << derivation.costLog2;
+    std::uint32_t blockSize = derivation.blockSize;
+    std::uint32_t parallelization = derivation.parallelization;
+    std::uint64_t memory = scryptMemory;
+    const OSSL_PARAM parameters[] = {
+        passwordParameter,
+        saltParameter,
+        OSSL_PARAM_construct_uint64(OSSL_KDF_PARAM_SCRYPT_N, &cost),
+        OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_SCRYPT_R, &blockSize),
+        OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_SCRYPT_P, &parallelization),
+        OSSL_PARAM_construct_uint64(OSSL_KDF_PARAM_SCRYPT_MAXMEM, &memory),
+        OSSL_PARAM_construct_end(),
+    };
+    derive(function, parameters, key);
+    return key;
 }
 
 SecretBytes newTokenKey() {
@@ -105,19 +143,25 @@ std::optional<SecretBytes> unseal(ByteView key, ByteView additionalData, ByteVie
     return plaintext;
 }
 
-PinSection makePinSection(std::string_view serialNumber, Role role, std::string_view pin, ByteView tokenKey,
-                          std::uint32_t iterations, int maximumAttempts) {
+PinSection makePinSection(const TokenData& token, Role role, std::string_view pin, ByteView tokenKey,
+                          const KeyDerivation& derivation, int maximumAttempts) {
     PinSection section;
-    section.iterations = iterations;
+    section.derivation = derivation;
     section.salt = randomBytes(saltLength);
     section.maximumAttempts = maximumAttempts;
-    section.wrappedTokenKey = seal(derivePinKey(section, pin), pinBinding(serialNumber, role), tokenKey);
+    section.wrappedTokenKey = seal(derivePinKey(section, pin), pinBinding(token, role, section), tokenKey);
     return section;
 }
 
-std::optional<SecretBytes> openPinSection(const PinSection& section, std::string_view serialNumber, Role role,
-                                          std::string_view pin) {
-    auto tokenKey = unseal(derivePinKey(section, pin), pinBinding(serialNumber, role), section.wrappedTokenKey);
+const PinSection& pinSectionOf(const TokenData& token, Role role) {
+    if (role == Role::user) return token.user;
+    if (!token.officer) throw PinFailure(Error::pinLocked, 0, "the token has no security officer's PIN");
+    return *token.officer;
+}
+
+std::optional<SecretBytes> openPinSection(const TokenData& token, Role role, ByteView pinKey) {
+    const PinSection& section = pinSectionOf(token, role);
+    auto tokenKey = unseal(pinKey, pinBinding(token, role, section), section.wrappedTokenKey);
     if (tokenKey && tokenKey->size() != keyLength) throw Failure(Error::tokenDamaged, "the token key is damaged");
     return tokenKey;
 }

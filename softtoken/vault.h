@@ -28,11 +28,19 @@ Bytes seal(ByteView key, ByteView additionalData, ByteView plaintext);
 /// Nothing when key, additional data or ciphertext are not the ones of seal().
 std::optional<SecretBytes> unseal(ByteView key, ByteView additionalData, ByteView sealed);
 
-PinSection makePinSection(std::string_view serialNumber, Role role, std::string_view pin, ByteView tokenKey,
-                          std::uint32_t iterations, int maximumAttempts);
-/// The token key, or nothing when the PIN is wrong. Takes as long as the section's iterations make it.
-std::optional<SecretBytes> openPinSection(const PinSection& section, std::string_view serialNumber, Role role,
-                                          std::string_view pin);
+/// The key that wraps the token key. Takes as long, and as much memory, as the section says.
+SecretBytes derivePinKey(const PinSection& section, std::string_view pin);
+
+/// The section of a new PIN, bound to the token's serial number and model. Derives the key.
+PinSection makePinSection(const TokenData& token, Role role, std::string_view pin, ByteView tokenKey,
+                          const KeyDerivation& derivation, int maximumAttempts);
+
+/// Throws PinFailure for an officer that the token doesn't have.
+const PinSection& pinSectionOf(const TokenData& token, Role role);
+
+/// The token key, or nothing when `pinKey` was derived from a wrong PIN or what the section is bound to has changed.
+/// Quick.
+std::optional<SecretBytes> openPinSection(const TokenData& token, Role role, ByteView pinKey);
 
 /// What a sealed private key is bound to: everything about the pair that decides what the key may do, but not the
 /// label and CKA_ID.

@@ -64,8 +64,10 @@ void addCreateCommand(CLI::App& program, const Common& common) {
     command->add_option("--capacity", token.capacity, "Key pairs, and certificates, that the token can hold")
         ->check(CLI::Range(0, static_cast<int>(largestObjectNumber)))
         ->capture_default_str();
-    command->add_option("--kdf-iterations", token.iterations, "Cost of trying a PIN; lower it for tests alone")
-        ->check(CLI::Range(1, 20'000'000))
+    command
+        ->add_option("--kdf-cost", token.derivation.costLog2,
+                     "Cost of trying a PIN, each step the double; lower it for tests alone")
+        ->check(CLI::Range(1, static_cast<int>(maximumCostLog2)))
         ->capture_default_str();
     command->add_flag("--json", options->json, "Print JSON");
 }

@@ -43,10 +43,13 @@ void generate(const Common& common, const GenerateOptions& options) {
     NewKeyPair settings{options.label, objectIdFromHex(options.objectId), usageBits(options.usage)};
     const std::string pin = readSecret({options.pinFile, "ZENTAK_PIN", "user PIN", "--pin-file"});
     const Progress progress("generating a key pair " + options.kind);
-    const SecretBytes tokenKey = store.checkPin(serialNumber, Role::user, pin);
+    const OpenedToken opened = store.open(serialNumber, Role::user, pin);
     const Key key = generateKey(typeNamed(options.kind));
     if (settings.objectId.empty()) settings.objectId = publicKeyIdentifier(key.get());
-    store.change(serialNumber, [&](TokenData& token) { addKeyPair(token, tokenKey, key.get(), settings); });
+    store.change(serialNumber, [&](TokenData& token) {
+        requireKeyOf(token, opened);
+        addKeyPair(token, opened.key, key.get(), settings);
+    });
     std::cout << "Generated on " << serialNumber << ": " << options.kind << ", id " << hexText(settings.objectId)
               << "\n";
 }

@@ -69,14 +69,15 @@ void import(const Common& common, const ImportOptions& options) {
     const std::string pin =
         objects.keys.empty() ? "" : readSecret({options.pinFile, "ZENTAK_PIN", "user PIN", "--pin-file"});
     Progress progress("importing", objects.keys.size() + objects.certificates.size());
-    const SecretBytes tokenKey = objects.keys.empty() ? SecretBytes() : store.checkPin(serialNumber, Role::user, pin);
+    const OpenedToken opened = objects.keys.empty() ? OpenedToken() : store.open(serialNumber, Role::user, pin);
     // One change for everything: either all of it is on the token afterwards or nothing.
     store.change(serialNumber, [&](TokenData& token) {
+        if (!objects.keys.empty()) requireKeyOf(token, opened);
         std::map<Bytes, std::string> labels;
         for (const auto& [key, name] : objects.keys) {
             const Bytes identifier = publicKeyIdentifier(key.get());
             const std::string& label = options.label.empty() ? name : options.label;
-            addKeyPair(token, tokenKey, key.get(), {label, givenId.empty() ? identifier : givenId, usage});
+            addKeyPair(token, opened.key, key.get(), {label, givenId.empty() ? identifier : givenId, usage});
             labels[identifier] = label;
             progress.advance();
         }

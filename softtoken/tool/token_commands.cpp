@@ -19,6 +19,7 @@ struct PinOptions {
     std::string officerPinFile;
     std::string newPinFile;
     bool officer = false;
+    bool newKey = false;
     bool initialPin = false;
 };
 
@@ -34,35 +35,54 @@ SecretSource newPin(const PinOptions& options) {
     return {options.newPinFile, "ZENTAK_NEW_PIN", "new PIN", "--new-pin-file"};
 }
 
-SecretBytes checkPin(Store& store, const std::string& serialNumber, Role role, const SecretSource& source) {
+OpenedToken open(Store& store, const std::string& serialNumber, Role role, const SecretSource& source) {
     const std::string pin = readSecret(source);
     const Progress progress("checking the PIN");
-    return store.checkPin(serialNumber, role, pin);
+    return store.open(serialNumber, role, pin);
 }
 
-void setPin(Store& store, const std::string& serialNumber, Role role, const SecretSource& source, ByteView tokenKey,
-            bool userPinChanged) {
+void setPin(Store& store, const std::string& serialNumber, Role role, const SecretSource& source,
+            const OpenedToken& opened, bool userPinChanged) {
     const std::string pin = readNewSecret(source);
     const Progress progress("changing the PIN");
-    store.setPin(serialNumber, role, pin, tokenKey, userPinChanged);
+    store.setPin(serialNumber, role, pin, opened, userPinChanged);
+}
+
+/// A new PIN together with a new token key. Where the token has both PINs, the other one is needed, too.
+void renewKey(Store& store, const std::string& serialNumber, Role role, const PinOptions& options,
+              const OpenedToken& opened) {
+    const SecretSource other = role == Role::user ? officerPin(options) : userPin(options);
+    const std::string otherPin = opened.officer ? readSecret(other) : "";
+    const std::string pin = readNewSecret(newPin(options));
+    const Progress progress("changing the PIN and the token key");
+    try {
+        store.renewTokenKey(serialNumber, role, pin, opened, otherPin);
+    } catch (const PinFailure& failure) {
+        throw PinFailure(failure.error, failure.attemptsLeft, std::string(other.prompt) + ": " + failure.what());
+    }
 }
 
 void changePin(const Common& common, const PinOptions& options) {
     Store store = common.store();
     const std::string serialNumber = findToken(store, options.token);
     const Role role = options.officer ? Role::officer : Role::user;
-    const SecretBytes tokenKey =
-        checkPin(store, serialNumber, role, options.officer ? officerPin(options) : userPin(options));
+    const OpenedToken opened =
+        open(store, serialNumber, role, options.officer ? officerPin(options) : userPin(options));
+    if (options.newKey) {
+        renewKey(store, serialNumber, role, options, opened);
+        std::cout << "PIN and token key changed on " << serialNumber << "\n";
+        return;
+    }
     const bool changed = role == Role::user || store.load(serialNumber).userPinChanged;
-    setPin(store, serialNumber, role, newPin(options), tokenKey, changed);
+    setPin(store, serialNumber, role, newPin(options), opened, changed);
     std::cout << "PIN changed on " << serialNumber << "\n";
 }
 
 void unlock(const Common& common, const PinOptions& options) {
     Store store = common.store();
     const std::string serialNumber = findToken(store, options.token);
-    const SecretBytes tokenKey = checkPin(store, serialNumber, Role::officer, officerPin(options));
-    setPin(store, serialNumber, Role::user, newPin(options), tokenKey, !options.initialPin);
+    const OpenedToken opened = open(store, serialNumber, Role::officer, officerPin(options));
+    setPin(store, serialNumber, Role::user, newPin(options), opened, !options.initialPin);
     std::cout << "Unlocked " << serialNumber << "\n";
 }
 
@@ -107,6 +127,8 @@ void addPinCommands(CLI::App& program, const Common& common) {
         addCommand(program, "set-pin", "Change a PIN", [&common, options] { changePin(common, *options); });
     addTokenArgument(*change, options->token);
     change->add_flag("--so", options->officer, "The security officer's PIN instead of the user's");
+    change->add_flag("--new-key", options->newKey,
+                     "A new token key too, after a leak: seals all private keys anew; needs both PINs of the token");
     change->add_option("--pin-file", options->pinFile, "File with the present user PIN");
     change->add_option("--so-pin-file", options->officerPinFile, "File with the security officer's present PIN");
     change->add_option("--new-pin-file", options->newPinFile, "File with the new PIN");

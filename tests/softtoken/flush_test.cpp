@@ -114,9 +114,9 @@ TEST_F(FlushTest, CountersWithAnotherNameAreReplaced) {
 }
 
 TEST_F(FlushTest, PinIsSet) {
-    const SecretBytes tokenKey = store_.checkPin(serialNumber_, Role::user, userPin);
+    const OpenedToken opened = store_.open(serialNumber_, Role::user, userPin);
     takeSteps();
-    store_.setPin(serialNumber_, Role::user, "654321", tokenKey, true);
+    store_.setPin(serialNumber_, Role::user, "654321", opened, true, KeyDerivation::scrypt(1));
     EXPECT_EQ(takeSteps(), replaced(plugged(), "token"));
 }
 

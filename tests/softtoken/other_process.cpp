@@ -6,6 +6,7 @@
 #include <windows.h>
 #else
 #include <csignal>
+#include <fstream>
 #include <sys/wait.h>
 #include <unistd.h>
 #endif
@@ -78,6 +79,21 @@ OtherProcess::OtherProcess(const std::string& program, const std::vector<std::st
 void OtherProcess::kill() {
     ::kill(static_cast<pid_t>(process_), SIGKILL);
     wait();
+}
+
+void OtherProcess::stop() {
+    ::kill(static_cast<pid_t>(process_), SIGSTOP);
+    siginfo_t information{};
+    waitid(P_PID, static_cast<id_t>(process_), &information, WSTOPPED | WNOWAIT);
+}
+
+double OtherProcess::processorTime() const {
+    std::ifstream file("/proc/" + std::to_string(process_) + "/stat");
+    std::string skipped;
+    for (int i = 0; i < 13; ++i) file >> skipped;
+    double ticks = 0;
+    file >> ticks;
+    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 int OtherProcess::wait() {

@@ -23,6 +23,12 @@ public:
 
     /// Ends it at once, wherever it is: SIGKILL, or TerminateProcess.
     void kill();
+#ifndef _WIN32
+    /// Stops it where it is, as Control-Z does; what it has locked stays locked.
+    void stop();
+    /// What it has used of a processor, in seconds.
+    [[nodiscard]] double processorTime() const;
+#endif
     /// Waits for its end and answers its exit code, or -1 when a signal ended it.
     int wait();
 

@@ -204,7 +204,7 @@ protected:
 
 TEST_F(StoreOfAUserTest, StaysTheUsersWhatRootDoes) {
     const std::string create =
-        "create --kdf-iterations 1" + option("--pin-file", "pin") + option("--so-pin-file", "officer") + " --label ";
+        "create --kdf-cost 1" + option("--pin-file", "pin") + option("--so-pin-file", "officer") + " --label ";
     const std::string generate = "generate --type p-256" + option("--pin-file", "pin") + " ";
     const std::string setPin = "set-pin" + option("--pin-file", "pin") + option("--new-pin-file", "pin") + " ";
     const std::string unlock = "unlock" + option("--so-pin-file", "officer") + option("--new-pin-file", "pin") + " ";

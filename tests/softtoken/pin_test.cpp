@@ -167,8 +167,8 @@ TEST_F(PinTest, CountersOfAnotherTokenAreLeftAlone) {
 
 TEST_F(PinTest, LockedTokenIsUnlockedByTheOfficer) {
     for (int i = 0; i < 5; ++i) EXPECT_NE(validate("000000"), 0);
-    const SecretBytes tokenKey = store_.checkPin(serialNumber_, Role::officer, officerPin);
-    store_.setPin(serialNumber_, Role::user, "654321", tokenKey, true);
+    const OpenedToken opened = store_.open(serialNumber_, Role::officer, officerPin);
+    store_.setPin(serialNumber_, Role::user, "654321", opened, true);
     EXPECT_EQ(attemptsLeft(), 5);
     EXPECT_EQ(validate("654321"), 0);
 }

@@ -1,10 +1,14 @@
 // A store on a full disk, one that can't be written and one that can't be read. Each test breaks the storage in a child
 // process, where limits, mounts and the user's identity may be changed without harm to the other tests.
 
+#include <chrono>
+#include <future>
 #include <map>
 #include <sys/stat.h>
+#include <thread>
 
 #include "../support/broken_storage.h"
+#include "other_process.h"
 #include "platform.h"
 #include "test_certificates.h"
 #include "token_test.h"
@@ -176,6 +180,54 @@ TEST_F(StorageFaultTest, CounterThatIsWrittenInPartComesBack) {
         EXPECT_EQ(attemptsLeft(), 5);
         EXPECT_EQ(validate(userPin), 0);
     });
+}
+
+/// Nothing is made for a login that wasn't there before it.
+TEST_F(StorageFaultTest, FirstLoginWorksOnAFullDisk) {
+    inChild([this] {
+        FullDisk disk(folder_.path() / "small disk");
+        store_ = Store(disk.folder());
+        serialNumber_ = createToken(store_, cheapToken());
+        setEnvironment("ZENTAK_TOKENS", disk.folder().string());
+        reopen();
+        disk.fill();
+        EXPECT_EQ(validate(userPin), 0);
+        EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
+        EXPECT_EQ(attemptsLeft(), 4);
+    });
+}
+
+/// The key derivation takes longest by far, and a process may be stopped in it for hours.
+TEST_F(StorageFaultTest, ProcessStoppedInAKeyDerivationKeepsNobodyWaiting) {
+    const OpenedToken opened = store_.open(serialNumber_, Role::user, userPin);
+    const std::string other = createToken(store_, cheapToken());
+    const PinSection cheap = store_.load(serialNumber_).user;
+    const auto setSection = [&](const PinSection& section) {
+        store_.change(serialNumber_, [&](TokenData& token) { token.user = section; });
+    };
+    // Takes a minute.
+    setSection({KeyDerivation{KeyDerivation::Function::scrypt, 0, 18, 8, 16}, Bytes(16, 1), Bytes(60, 2), 5});
+    OtherProcess process("store_changer", {folder_.path().string(), serialNumber_, "login", userPin, "1"});
+    const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    // Nothing else of it takes that long.
+    while (process.processorTime() < 0.3 && std::chrono::steady_clock::now() < patience) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    process.stop();
+    ASSERT_GE(process.processorTime(), 0.3);
+    EXPECT_EQ(attemptsLeft(), 5);
+    auto work = std::async(std::launch::async, [&] {
+        setSection(cheap);
+        EXPECT_EQ(validate(userPin), 0);
+        EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
+        EXPECT_EQ(validate(officerPin, nullptr, 2), 0);
+        EXPECT_EQ(zentak_validatePassword(other.c_str(), userPin, 1, nullptr, instance_), 0);
+        store_.unplug(other);
+    });
+    EXPECT_EQ(work.wait_for(std::chrono::seconds(60)), std::future_status::ready) << "they wait for the process";
+    process.kill();
+    work.get();
+    EXPECT_EQ(attemptsLeft(), 4);
 }
 
 TEST_F(StorageFaultTest, LinkInThePlaceOfTheScratchFolderIsNotUsed) {

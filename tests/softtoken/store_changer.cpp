@@ -2,7 +2,8 @@
 //
 //   store_changer STORE SERIAL endless REPORT        changes the token until it is killed
 //   store_changer STORE SERIAL add NAME COUNT        adds certificates labelled NAME, one change each
-//   store_changer STORE SERIAL guess PREFIX COUNT    brings wrong PINs
+//   store_changer STORE SERIAL guess PREFIX COUNT    brings wrong PINs, and ends with how many of them were looked at
+//   store_changer STORE SERIAL login PIN COUNT       brings the right PIN
 //
 // A report gets a line for each change that is done.
 
@@ -25,8 +26,8 @@ void changeForever(Store& store, const std::string& serialNumber, const std::str
     std::uint32_t state = store.load(serialNumber).lastCertificateNumber;
     std::string pin = firstPin;
     const auto changePin = [&](const std::string& newPin) {
-        const SecretBytes tokenKey = store.checkPin(serialNumber, Role::user, pin);
-        store.setPin(serialNumber, Role::user, newPin, tokenKey, true);
+        const OpenedToken opened = store.open(serialNumber, Role::user, pin);
+        store.setPin(serialNumber, Role::user, newPin, opened, true, KeyDerivation::scrypt(1));
         pin = newPin;
     };
     for (;;) {
@@ -54,15 +55,22 @@ void addCertificates(Store& store, const std::string& serialNumber, const std::s
     }
 }
 
-void guess(Store& store, const std::string& serialNumber, const std::string& prefix, int count) {
+int guess(Store& store, const std::string& serialNumber, const std::string& prefix, int count) {
+    int lookedAt = 0;
     for (int i = 0; i < count; ++i) {
         try {
             store.checkPin(serialNumber, Role::user, prefix + std::to_string(i));
-        } catch (const PinFailure&) {
+        } catch (const PinFailure& failure) {
+            if (std::string_view(failure.what()) != "the PIN is locked") ++lookedAt;
             continue;
         }
         throw Failure(Error::internal, "a wrong PIN was accepted");
     }
+    return lookedAt;
+}
+
+void login(Store& store, const std::string& serialNumber, const std::string& pin, int count) {
+    for (int i = 0; i < count; ++i) store.checkPin(serialNumber, Role::user, pin);
 }
 
 }  // namespace
@@ -79,10 +87,11 @@ int main(int count, char** arguments) {
         const int times = count > 5 ? std::atoi(arguments[5]) : 0;
         if (task == "endless") changeForever(store, serialNumber, arguments[4]);
         if (task == "add") addCertificates(store, serialNumber, arguments[4], times);
-        if (task == "guess") guess(store, serialNumber, arguments[4], times);
+        if (task == "guess") return guess(store, serialNumber, arguments[4], times);
+        if (task == "login") login(store, serialNumber, arguments[4], times);
         return 0;
     } catch (const std::exception& error) {
         std::cerr << "store_changer: " << error.what() << "\n";
-        return 1;
+        return 255;
     }
 }

@@ -218,8 +218,9 @@ protected:
 };
 
 TEST_F(DamagedStoreTest, OtherDocuments) {
-    for (const char* content : {"\n", "{}", "zentak-software-token", "zentak-software-token\n", "\xFF\xFE",
-                                "zentak-software-token 1\n", "zentak-software-token-attempts 1\n"}) {
+    for (const char* content :
+         {"\n", "{}", "zentak-software-token", "zentak-software-token\n", "\xFF\xFE", "zentak-software-token 1\n",
+          "zentak-software-token 2\n", "zentak-software-token-attempts 1\n"}) {
         expectRefused(content, Error::tokenDamaged);
     }
     expectRefused(std::string(100000, '\n'), Error::tokenDamaged);
@@ -230,9 +231,9 @@ TEST_F(DamagedStoreTest, OtherDocuments) {
 
 TEST_F(DamagedStoreTest, UnknownVersion) {
     std::string content = fileContent(tokenFile());
-    const std::string line = "zentak-software-token 1\n";
+    const std::string line = "zentak-software-token 2\n";
     ASSERT_EQ(content.find(line), 0U);
-    for (const char* version : {"2", "0", "10", "999999999"}) {
+    for (const char* version : {"3", "0", "10", "999999999"}) {
         expectRefused("zentak-software-token " + std::string(version) + "\n" + content.substr(line.size()),
                       Error::unknownVersion);
     }
@@ -298,18 +299,19 @@ TEST(TokenDataTest, DocumentGivesBackWhatWasWritten) {
     token.serialNumber = "00AA11BB";
     token.label = "\xC3\xA4 \"quoted\" \\";
     token.model = "\xFF\xFE no UTF-8";
-    token.user = {1, Bytes(16, 1), Bytes(60, 2), 5};
+    token.user = {KeyDerivation::scrypt(16), Bytes(16, 1), Bytes(60, 2), 5};
     token.keyPairs.push_back({4095, Reference{1}, 7, 3, "\x80", Bytes(128, 9), Bytes(133, 4), Bytes(300, 5)});
     token.certificates.push_back({1, Reference{2}, "", {}, Bytes(3072, 6)});
     EXPECT_EQ(readTokenData(writeTokenData(token)), token);
-    token.officer = PinSection{7, Bytes(16, 3), Bytes(60, 4), 3};
+    token.officer = PinSection{KeyDerivation::pbkdf2(7), Bytes(16, 3), Bytes(60, 4), 3};
     EXPECT_EQ(readTokenData(writeTokenData(token)), token);
 }
 
 TEST(TokenDataTest, FieldsBeyondTheirLimitsAreRefused) {
     TokenData good;
     good.serialNumber = "00AA11BB";
-    good.user = {1, Bytes(16, 1), Bytes(60, 2), 5};
+    good.user = {KeyDerivation::scrypt(18), Bytes(16, 1), Bytes(60, 2), 5};
+    good.officer = PinSection{KeyDerivation::pbkdf2(20'000'000), Bytes(16, 1), Bytes(60, 2), 5};
     good.keyPairs.push_back({1, Reference{1}, 7, 3, "a", {}, Bytes(133, 4), Bytes(300, 5)});
     good.certificates.push_back({1, Reference{2}, "", {}, Bytes(100, 6)});
     ASSERT_EQ(readTokenData(writeTokenData(good)), good);
@@ -319,8 +321,15 @@ TEST(TokenDataTest, FieldsBeyondTheirLimitsAreRefused) {
         EXPECT_THROW(readTokenData(writeTokenData(bad)), Failure);
     };
     expectRefused([](TokenData& token) { token.serialNumber = "../x"; });
-    expectRefused([](TokenData& token) { token.user.iterations = 0; });
-    expectRefused([](TokenData& token) { token.user.iterations = UINT32_MAX; });
+    expectRefused([](TokenData& token) { token.officer->derivation.iterations = 0; });
+    expectRefused([](TokenData& token) { token.officer->derivation.iterations = 20'000'001; });
+    expectRefused([](TokenData& token) { token.user.derivation.costLog2 = 0; });
+    expectRefused([](TokenData& token) { token.user.derivation.costLog2 = 19; });
+    expectRefused([](TokenData& token) { token.user.derivation.blockSize = 1; });
+    expectRefused([](TokenData& token) { token.user.derivation.blockSize = 9; });
+    expectRefused([](TokenData& token) { token.user.derivation.parallelization = 0; });
+    expectRefused([](TokenData& token) { token.user.derivation.parallelization = 17; });
+    expectRefused([](TokenData& token) { token.user.derivation.function = static_cast<KeyDerivation::Function>(3); });
     expectRefused([](TokenData& token) { token.user.maximumAttempts = -1; });
     expectRefused([](TokenData& token) { token.keyPairs[0].id = 0; });
     expectRefused([](TokenData& token) { token.keyPairs[0].id = 0x1000; });

@@ -57,7 +57,7 @@ NewToken TokenTest::cheapToken() {
     token.model = "ZS1 Software";
     token.userPin = userPin;
     token.officerPin = officerPin;
-    token.iterations = 1;
+    token.derivation = KeyDerivation::scrypt(1);
     return token;
 }
 

@@ -59,7 +59,13 @@ ToolTest::Answer ToolTest::run(const std::string& arguments) {
 }
 
 void ToolTest::expectError(const std::string& arguments, const std::string& text) {
-    const Answer answer = run(arguments);
+    Answer answer = run(arguments);
+    // On a busy machine any work may take so long that it is announced.
+    for (std::size_t end = answer.errors.find(" ...\n"); end != std::string::npos; end = answer.errors.find(" ...\n")) {
+        const std::size_t before = answer.errors.rfind('\n', end);
+        const std::size_t begin = before == std::string::npos ? 0 : before + 1;
+        answer.errors.erase(begin, end + 5 - begin);
+    }
     EXPECT_NE(answer.exitCode, 0) << arguments;
     EXPECT_NE(answer.errors.find(text), std::string::npos) << answer.errors;
     EXPECT_EQ(answer.errors.find("zentak-token: "), 0U) << answer.errors;
@@ -68,7 +74,7 @@ void ToolTest::expectError(const std::string& arguments, const std::string& text
 }
 
 std::string ToolTest::create(const std::string& options) {
-    const Answer answer = run("create --label Demo --kdf-iterations 1 --json " + options);
+    const Answer answer = run("create --label Demo --kdf-cost 1 --json " + options);
     EXPECT_EQ(answer.exitCode, 0) << answer.errors;
     const auto json = nlohmann::json::parse(answer.output, nullptr, false);
     EXPECT_TRUE(json.is_object()) << answer.output;

@@ -119,7 +119,7 @@ TEST_F(ToolTerminalTest, NewPinsThatDifferAreRefused) {
 }
 
 TEST_F(ToolTerminalTest, TokenWithoutOfficerIsMadeByAnEmptyAnswer) {
-    EXPECT_EQ(runAtTerminal({"create", "--label", "Typed", "--kdf-iterations", "1"},
+    EXPECT_EQ(runAtTerminal({"create", "--label", "Typed", "--kdf-cost", "1"},
                             {{"user PIN: ", "abcdef"}, {"again: ", "abcdef"}, {"(empty for none): ", ""}}),
               0)
         << screen_;

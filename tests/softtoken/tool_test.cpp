@@ -12,7 +12,7 @@ using Json = nlohmann::json;
 namespace fs = std::filesystem;
 
 TEST_F(ToolTest, CreatePrintsSerialNumberAndLabel) {
-    const Answer answer = run("create --label \"My token\" --kdf-iterations 1");
+    const Answer answer = run("create --label \"My token\" --kdf-cost 1");
     EXPECT_EQ(answer.exitCode, 0);
     const Json tokens = jsonOf("list --json");
     ASSERT_EQ(tokens.size(), 1U);
@@ -52,8 +52,7 @@ TEST_F(ToolTest, PinFromFileWinsOverTheEnvironment) {
 
 TEST_F(ToolTest, FileOfAPinHasALimit) {
     const std::string limit(65536, '\n');
-    EXPECT_EQ(
-        run("create --label Short --kdf-iterations 1 --pin-file " + file("pin", "1234" + limit.substr(4))).exitCode, 0);
+    EXPECT_EQ(run("create --label Short --kdf-cost 1 --pin-file " + file("pin", "1234" + limit.substr(4))).exitCode, 0);
     expectError("create --label Long --pin-file " + file("pin", "1234" + limit), "pin is larger than 65536 bytes");
 }
 
@@ -115,9 +114,9 @@ TEST_F(ToolTest, UnknownVersionIsNamedAndNotTouched) {
     const std::string serialNumber = create();
     const fs::path path = Store(folder_.path() / "tokens").pluggedTokenFile(serialNumber);
     std::string content = fileContent(path);
-    content.replace(content.find('1'), 1, "2");
+    content.replace(content.find('2'), 1, "3");
     writeFile(path, content);
-    const std::string reason = "the token's file is of version 2, this program knows version 1";
+    const std::string reason = "the token's file is of version 3, this program knows version 1 to 2";
     EXPECT_EQ(jsonOf("list --json", 1).at(0)["reason"], reason);
     EXPECT_EQ(run("list").output, serialNumber + "  plugged in  unusable: " + reason + "\n");
     for (const char* command : {"show", "set-pin", "unlock", "generate", "export-certificate"}) {
@@ -149,14 +148,20 @@ TEST_F(ToolTest, GenerateMakesKeysOfEveryKind) {
 }
 
 TEST_F(ToolTest, LongWorkIsAnnounced) {
-    setEnvironment("ZENTAK_SO_PIN", "");
-    const Answer slow = run("create --label Slow --kdf-iterations 12000000");
+    // A PIN that takes seconds to look at.
+    const std::string serialNumber = create();
+    Store store(folder_.path() / "tokens");
+    const SecretBytes tokenKey = store.checkPin(serialNumber, Role::user, "123456");
+    store.change(serialNumber, [&](TokenData& token) {
+        token.user = makePinSection(token, Role::user, "123456", tokenKey, KeyDerivation::pbkdf2(12'000'000), 5);
+    });
+    const Answer slow = run("generate --type p-256");
     EXPECT_EQ(slow.exitCode, 0);
     // Once after a second, and again every ten.
-    const std::string line = "zentak-token: making the token ...\n";
+    const std::string line = "zentak-token: generating a key pair p-256 ...\n";
     EXPECT_EQ(slow.errors.substr(0, line.size()), line);
     EXPECT_EQ(slow.errors.size() % line.size(), 0U);
-    const Answer quick = run("create --label Quick --kdf-iterations 1");
+    const Answer quick = run("create --label Quick --kdf-cost 1");
     EXPECT_EQ(quick.errors, "");
 }
 
