@@ -21,8 +21,7 @@ constexpr CK_EC_KDF_TYPE kdfSha256 = 6;  ///< of later versions of the standard
 /// The parameters, which may lie at any address; nothing where they are unusable.
 std::optional<CK_ECDH1_DERIVE_PARAMS> readParameters(const CK_MECHANISM& mechanism) {
     CK_ECDH1_DERIVE_PARAMS parameters;
-    if (mechanism.pParameter == nullptr || mechanism.ulParameterLen < sizeof(parameters) ||
-        mechanism.ulParameterLen > longestArgument) {
+    if (mechanism.pParameter == nullptr || mechanism.ulParameterLen < sizeof(parameters)) {
         return std::nullopt;
     }
     std::memcpy(&parameters, mechanism.pParameter, sizeof(parameters));
@@ -72,18 +71,18 @@ void applyKeyDerivationFunction(const ModuleState& state, const SessionRecord& s
     }
 }
 
-/// The first CKA_VALUE_LEN of the template, empty without one.
-ByteView requestedLength(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
+/// The length that the first CKA_VALUE_LEN of the template asks for, 0 without one.
+CK_ULONG requestedLength(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
     if (pTemplate == nullptr) {
-        return {};
+        return 0;
     }
     for (CK_ULONG index = 0; index < ulCount; ++index) {
         const CK_ATTRIBUTE entry = pTemplate[index];
         if (entry.type == CKA_VALUE_LEN && entry.pValue != nullptr) {
-            return {static_cast<const unsigned char*>(entry.pValue), entry.ulValueLen};
+            return numberIn({static_cast<const unsigned char*>(entry.pValue), entry.ulValueLen});
         }
     }
-    return {};
+    return 0;
 }
 
 CK_RV deriveKey(ModuleState& state, const SessionRecord& session, const CK_ECDH1_DERIVE_PARAMS& parameters,
@@ -102,10 +101,6 @@ CK_RV deriveKey(ModuleState& state, const SessionRecord& session, const CK_ECDH1
                       "C_DeriveKey: public data too long for the device library, ulPublicDataLen=", publicData.size());
     }
     logDebug("public key :: ", Hexadecimal{publicData});
-    const ByteView lengthValue = requestedLength(pTemplate, ulAttributeCount);
-    if (const CK_RV readable = requireReadable("C_DeriveKey", "CKA_VALUE_LEN", lengthValue); readable != CKR_OK) {
-        return readable;
-    }
 
     LibraryBuffer shared;
     int length = 0;
@@ -118,7 +113,7 @@ CK_RV deriveKey(ModuleState& state, const SessionRecord& session, const CK_ECDH1
     std::vector<unsigned char> secret = shared.copy(length);
     const WipedAtEnd wipeSecret(secret);
     applyKeyDerivationFunction(state, session, parameters.kdf, secret);
-    const CK_ULONG wanted = numberIn(lengthValue);
+    const CK_ULONG wanted = requestedLength(pTemplate, ulAttributeCount);
     if (wanted > 0 && wanted < secret.size()) {
         wipe(secret.data() + wanted, secret.size() - wanted);
         secret.resize(wanted);

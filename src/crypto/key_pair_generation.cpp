@@ -19,40 +19,37 @@ constexpr std::size_t longestText = 128;  ///< what a record takes of a label or
 /// Fills what the private template says of the pair, and the key type that it asks for. Of several entries with one
 /// type the last counts.
 CK_RV readPrivateTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, CK_KEY_TYPE& keyType, ZentakKeyPair& keyPair) {
-    NamedValue label = {"CKA_LABEL", {}};
-    NamedValue type = {"CKA_KEY_TYPE", {}};
-    NamedValue id = {"CKA_ID", {}};
-    NamedValue decrypt = {"CKA_DECRYPT", {}};
-    NamedValue sign = {"CKA_SIGN", {}};
-    forEachValue(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE attribute, ByteView value) {
-        switch (attribute) {
+    ByteView label;
+    ByteView id;
+    forEachValue(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
+        switch (type) {
             case CKA_LABEL:
-                label.value = value;
+                label = value;
                 break;
             case CKA_KEY_TYPE:
-                type.value = value;
+                keyType = numberIn(value);
                 break;
             case CKA_ID:
-                id.value = value;
+                id = value;
                 break;
             case CKA_DECRYPT:
-                decrypt.value = value;
+                setUsage(keyPair.keyUsage, keyUsageEncrypt, value);
                 break;
             case CKA_SIGN:
-                sign.value = value;
+                setUsage(keyPair.keyUsage, keyUsageSign, value);
                 break;
             default:
                 break;
         }
     });
-    if (const CK_RV readable = requireReadable(name, {label, type, id, decrypt, sign}); readable != CKR_OK) {
+    if (const CK_RV readable = requireReadable(name, {{"CKA_LABEL", label}, {"CKA_ID", id}}); readable != CKR_OK) {
         return readable;
     }
-    replaceField(keyPair.alias, textIn(label.value), longestText);
-    keyPair.objectIdLength = replaceField(keyPair.objectId, textIn(id.value), longestText);
-    const std::uint32_t usage = usageIn(sign.value, decrypt.value);
-    keyPair.keyUsage = usage != 0 ? usage : keyUsageSign | keyUsageEncrypt;
-    keyType = numberIn(type.value, CKK_RSA);
+    replaceField(keyPair.alias, textIn(label), longestText);
+    keyPair.objectIdLength = replaceField(keyPair.objectId, textIn(id), longestText);
+    if (keyPair.keyUsage == 0) {
+        keyPair.keyUsage = keyUsageSign | keyUsageEncrypt;
+    }
     return CKR_OK;
 }
 
@@ -97,10 +94,7 @@ CK_RV readPublicTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, CK_KEY_TY
             return;
         }
         if (keyType == CKK_RSA && type == CKA_MODULUS_BITS) {
-            result = requireReadable(name, "CKA_MODULUS_BITS", value);
-            if (result == CKR_OK) {
-                result = setRsaSize(numberIn(value), keyTypeCode);
-            }
+            result = setRsaSize(numberIn(value), keyTypeCode);
         } else if (keyType == CKK_EC && type == CKA_EC_PARAMS) {
             result = setCurve(value, keyTypeCode);
         }

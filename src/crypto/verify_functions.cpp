@@ -81,7 +81,7 @@ CK_RV verifySinglePart(const ModuleState& state, const SessionRecord& session, B
             return hashed;
         }
         hash = digest;
-    } else if (mechanism->type == CKM_RSA_PKCS && data.size() <= longestArgument) {
+    } else if (mechanism->type == CKM_RSA_PKCS) {
         hash = hashInDigestInfo(data);
     }
     std::vector<unsigned char> encodedKey;

@@ -153,11 +153,7 @@ CK_RV importCertificate(const ModuleState& state, const SessionRecord& session, 
 CK_RV importPrivateKey(const ModuleState& state, const SessionRecord& session, const CreationTemplate& wanted,
                        CK_OBJECT_HANDLE_PTR phObject) {
     constexpr std::size_t rsa1024ModulusLength = 128;
-    if (const CK_RV readable = requireReadable("C_CreateObject", {{"CKA_KEY_TYPE", wanted.keyType}});
-        readable != CKR_OK) {
-        return readable;
-    }
-    if (numberIn(wanted.keyType, CKK_RSA) == CKK_EC) {
+    if (wanted.keyType == CKK_EC) {
         return refuse(CKR_FUNCTION_FAILED, "ECC keypair not supported for import");
     }
     if (wanted.modulus.empty() || wanted.privateExponent.empty() || wanted.prime1.empty()) {
@@ -172,9 +168,7 @@ CK_RV importPrivateKey(const ModuleState& state, const SessionRecord& session, c
                                                                   {"CKA_PRIVATE_EXPONENT", wanted.privateExponent},
                                                                   {"CKA_PRIME_1", wanted.prime1},
                                                                   {"CKA_LABEL", wanted.label},
-                                                                  {"CKA_ID", wanted.id},
-                                                                  {"CKA_DECRYPT", wanted.decrypt},
-                                                                  {"CKA_SIGN", wanted.sign}});
+                                                                  {"CKA_ID", wanted.id}});
         readable != CKR_OK) {
         return readable;
     }
@@ -184,7 +178,7 @@ CK_RV importPrivateKey(const ModuleState& state, const SessionRecord& session, c
     details.components[0].assign(wanted.modulus.begin(), wanted.modulus.end());
     details.components[2].assign(wanted.privateExponent.begin(), wanted.privateExponent.end());
     details.components[3].assign(wanted.prime1.begin(), wanted.prime1.end());
-    details.keyUsage = wanted.usage();
+    details.keyUsage = wanted.usage;
     details.label = textIn(wanted.label);
     details.objectId.assign(wanted.id.begin(), wanted.id.end());
     const int result = zentak_importPfx(session.deviceId(), state.cachedUserPassword.c_str(), &details, state.instance);
@@ -216,12 +210,7 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
             return refuse(CKR_ARGUMENTS_BAD, "C_CreateObject: phObject is NULL");
         }
         const CreationTemplate wanted = readCreationTemplate(pTemplate, ulCount);
-        if (const CK_RV readable = requireReadable("C_CreateObject", {{"CKA_CLASS", wanted.objectClass}});
-            readable != CKR_OK) {
-            return readable;
-        }
-        const CK_OBJECT_CLASS objectClass = numberIn(wanted.objectClass, CKO_CERTIFICATE);
-        switch (objectClass) {
+        switch (wanted.objectClass) {
             case CKO_CERTIFICATE:
                 return importCertificate(state, session, wanted, phObject);
             case CKO_PRIVATE_KEY:
@@ -230,7 +219,7 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
                 // The token has the public key of every pair; hosts that store one more are told that all is well.
                 return CKR_OK;
             default:
-                return refuse(CKR_FUNCTION_NOT_SUPPORTED, "Provided object class not supported : ", objectClass);
+                return refuse(CKR_FUNCTION_NOT_SUPPORTED, "Provided object class not supported : ", wanted.objectClass);
         }
     });
 }

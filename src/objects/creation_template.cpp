@@ -1,17 +1,20 @@
 #include "objects/creation_template.h"
 
+#include "log/diagnostic_log.h"
+
 namespace zentak {
 
 CreationTemplate readCreationTemplate(const CK_ATTRIBUTE* pTemplate, CK_ULONG ulCount) {
     CreationTemplate read;
+    bool usageGiven = false;
     forEachValue(pTemplate, ulCount, [&](CK_ATTRIBUTE_TYPE type, ByteView value) {
         logDebug("C_CreateObject - attrip type : ", type);
         switch (type) {
             case CKA_CLASS:
-                read.objectClass = value;
+                read.objectClass = numberIn(value);
                 break;
             case CKA_KEY_TYPE:
-                read.keyType = value;
+                read.keyType = numberIn(value);
                 break;
             case CKA_LABEL:
                 read.label = value;
@@ -23,10 +26,12 @@ CreationTemplate readCreationTemplate(const CK_ATTRIBUTE* pTemplate, CK_ULONG ul
                 read.id = value;
                 break;
             case CKA_DECRYPT:
-                read.decrypt = value;
+                usageGiven = true;
+                setUsage(read.usage, keyUsageEncrypt, value);
                 break;
             case CKA_SIGN:
-                read.sign = value;
+                usageGiven = true;
+                setUsage(read.usage, keyUsageSign, value);
                 break;
             case CKA_MODULUS:
                 read.modulus = value;
@@ -41,6 +46,9 @@ CreationTemplate readCreationTemplate(const CK_ATTRIBUTE* pTemplate, CK_ULONG ul
                 break;
         }
     });
+    if (!usageGiven) {
+        read.usage = keyUsageSign | keyUsageEncrypt;
+    }
     return read;
 }
 

@@ -7,27 +7,21 @@
 
 namespace zentak {
 
-/// The values as they lie in the caller's template, empty where it doesn't give them. None is looked into yet: each is
-/// for the one who uses it to measure.
+/// The views point into the caller's template.
 struct CreationTemplate {
-    ByteView objectClass;
-    ByteView keyType;
+    CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
+    CK_KEY_TYPE keyType = CKK_RSA;
     ByteView label;
     ByteView value;
     ByteView id;
-    ByteView decrypt;
-    ByteView sign;
+    std::uint32_t usage = 0;
     ByteView modulus;
     ByteView privateExponent;
     ByteView prime1;
-
-    /// Without any word on usage the key may do everything.
-    std::uint32_t usage() const {
-        return decrypt.empty() && sign.empty() ? keyUsageSign | keyUsageEncrypt : usageIn(sign, decrypt);
-    }
 };
 
-/// Logs each entry that has a value. Of several entries with one type the last counts.
+/// Logs each entry that has a value. Of several entries with one type the last counts. Without any word on usage the
+/// key may do everything.
 CreationTemplate readCreationTemplate(const CK_ATTRIBUTE* pTemplate, CK_ULONG ulCount);
 
 }  // namespace zentak

@@ -24,36 +24,27 @@ void forEachValue(const CK_ATTRIBUTE* pTemplate, CK_ULONG ulCount, const Use& us
     }
 }
 
-/// CKR_OK for a value that may be read. No value is as long as CK_UNAVAILABLE_INFORMATION, which reading of attributes
-/// leaves in templates that hosts use again: CKR_DATA_LEN_RANGE, with the attribute's name in the log.
-[[nodiscard]] inline CK_RV requireReadable(const char* function, const char* attribute, ByteView value) noexcept {
-    return value.size() <= longestArgument ? CKR_OK
-                                           : refuse(CKR_DATA_LEN_RANGE, function, ": ", attribute,
-                                                    " too long for the device library, length=", value.size());
-}
-
 /// A value with the name of its attribute.
 struct NamedValue {
     const char* attribute;
     ByteView value;
 };
 
-/// The same for several values, in their order.
+/// CKR_OK for values that may be copied whole. No value is as long as CK_UNAVAILABLE_INFORMATION, which reading of
+/// attributes leaves in templates that hosts use again: CKR_DATA_LEN_RANGE, with the attribute's name in the log.
+/// Numbers and truth values need no such look: of them no more is read than they have.
 [[nodiscard]] inline CK_RV requireReadable(const char* function, std::initializer_list<NamedValue> values) noexcept {
     for (const auto& [attribute, value] : values) {
-        if (const CK_RV readable = requireReadable(function, attribute, value); readable != CKR_OK) {
-            return readable;
+        if (value.size() > longestArgument) {
+            return refuse(CKR_DATA_LEN_RANGE, function, ": ", attribute,
+                          " too long for the device library, length=", value.size());
         }
     }
     return CKR_OK;
 }
 
-/// A value as a number: its first bytes, at most as many as a CK_ULONG has; what is missing is zero. `otherwise` where
-/// there is no value.
-inline CK_ULONG numberIn(ByteView value, CK_ULONG otherwise = 0) {
-    if (value.empty()) {
-        return otherwise;
-    }
+/// A value as a number: its first bytes, at most as many as a CK_ULONG has; what is missing is zero.
+inline CK_ULONG numberIn(ByteView value) {
     CK_ULONG number = 0;
     std::memcpy(&number, value.data(), std::min(value.size(), sizeof(number)));
     return number;
@@ -64,10 +55,10 @@ inline std::string_view textIn(ByteView value) {
     return {reinterpret_cast<const char*>(value.data()), value.size()};
 }
 
-/// The usage bits that CKA_SIGN and CKA_DECRYPT of a template ask for: each by a non-zero first byte.
-inline std::uint32_t usageIn(ByteView sign, ByteView decrypt) {
-    const auto isTrue = [](ByteView value) { return !value.empty() && value[0] != 0; };
-    return (isTrue(sign) ? keyUsageSign : 0U) | (isTrue(decrypt) ? keyUsageEncrypt : 0U);
+/// The usage bits that CKA_SIGN and CKA_DECRYPT of a template set: a non-zero first byte sets the bit, anything else
+/// clears it.
+inline void setUsage(std::uint32_t& usage, std::uint32_t bit, ByteView value) {
+    usage = value[0] != 0 ? usage | bit : usage & ~bit;
 }
 
 /// Makes at most `limit` bytes the content of a field and fills the rest with zeros; how many it were.

@@ -47,8 +47,8 @@ private:
     std::map<CK_SESSION_HANDLE, Operation> sessions_;
     std::vector<CK_OBJECT_HANDLE> handles_ = {0x70000001, 0x70001001, 0x70002003, 0x70003000};
     std::vector<Bytes> kept_;  ///< values that templates point at, until the end of the call
-    /// A zero byte, for a label in a search, with nothing behind it that could be read.
-    support::GuardedMemory lastByte_{{0}};
+    /// A number, or the end of a label in a search, with nothing behind it that could be read.
+    support::GuardedMemory lastNumber_{Bytes(sizeof(CK_ULONG))};
     CK_BYTE output_[8192] = {};
     CK_ULONG length_ = 0;
 
@@ -214,7 +214,7 @@ private:
                 input_.ConsumeBool() ? input_.PickValueInArray(types) : input_.ConsumeIntegral<std::uint16_t>();
             if (input_.ConsumeIntegralInRange(0, 7) == 0) {
                 // What reading leaves in a template that is used again; no such length is followed.
-                attribute.pValue = lastByte_.data();
+                attribute.pValue = lastNumber_.data();
                 attribute.ulValueLen =
                     input_.PickValueInArray<CK_ULONG>({CK_UNAVAILABLE_INFORMATION, 0x80000000, 0xFFFFFFFF});
             } else if (input_.ConsumeBool()) {
@@ -369,7 +369,7 @@ private:
             case 0:
                 // Here the lengths are room that is written to.
                 for (CK_ATTRIBUTE& attribute : wanted) {
-                    if (attribute.pValue == lastByte_.data()) attribute.ulValueLen = 1;
+                    if (attribute.pValue == lastNumber_.data()) attribute.ulValueLen = 1;
                 }
                 knows(handle, api->C_GetAttributeValue(handle, object(), first, wanted.size()));
                 break;
