@@ -415,6 +415,21 @@ TEST_F(Monitor, finalizeWakesABlockedWaiter) {
               1);
 }
 
+/// While C_Finalize waits for a slow device, the module counts as initialised and has an event to tell.
+TEST_F(Monitor, aStopGoesBeforeAPendingEvent) {
+    show({"SN1"});
+    device().addFault({.operation = "poll", .delay = milliseconds(2500)});
+    device().takePolls();
+    ASSERT_TRUE(device().waitForPolls(1));
+    const std::future<CK_RV> finalized = std::async(std::launch::async, [] { return functions().C_Finalize(nullptr); });
+    std::this_thread::sleep_for(milliseconds(700));  // so that it has asked the monitor to stop
+    CK_SLOT_ID slot = untouched;
+    EXPECT_EQ(functions().C_WaitForSlotEvent(0, &slot, nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+    EXPECT_EQ(slot, untouched);
+    // It came while the module was still there.
+    EXPECT_EQ(finalized.wait_for(milliseconds(0)), std::future_status::timeout);
+}
+
 /// A host that starts again at once may be faster than the waiter wakes.
 TEST_F(Monitor, finalizeWakesABlockedWaiterThoughAnotherStartFollows) {
     for (int i = 0; i < 20; ++i) {
