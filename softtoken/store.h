@@ -114,7 +114,7 @@ public:
     void renewTokenKey(std::string_view serialNumber, Role role, std::string_view newPin, const OpenedToken& opened,
                        std::string_view otherPin, const KeyDerivation& derivation = {});
 
-    void resetAttempts(std::string_view serialNumber, Role role, int maximum);
+    void resetAttempts(std::string_view serialNumber, Role role, int maximum) const;
 
 private:
     [[nodiscard]] std::vector<std::string> list(const char* folder) const;
@@ -125,7 +125,7 @@ private:
     void move(std::string_view serialNumber, const char* from, const char* to);
     void refuseLockedPin(std::string_view serialNumber, Role role) const;
     std::optional<OpenedToken> openWith(std::string_view serialNumber, Role role, ByteView pinKey,
-                                        const TokenData& read, const std::string& checksum);
+                                        const TokenData& read, const std::string& checksum) const;
 
     std::filesystem::path root_;
 };

@@ -76,7 +76,7 @@ OpenedToken Store::open(std::string_view serialNumber, Role role, std::string_vi
 
 /// Counts and looks. Nothing when the PIN section isn't the one any more that the key was derived for.
 std::optional<OpenedToken> Store::openWith(std::string_view serialNumber, Role role, ByteView pinKey,
-                                           const TokenData& read, const std::string& checksum) {
+                                           const TokenData& read, const std::string& checksum) const {
     const FileLock lock = lockFor(serialNumber);
     const fs::path folder = folderOf(serialNumber);
     const bool unchanged = readTokenChecksum(folder / tokenFileName) == checksum;
@@ -158,7 +158,7 @@ void Store::renewTokenKey(std::string_view serialNumber, Role role, std::string_
     resetAttempts(serialNumber, role, pinSectionOf(before, role).maximumAttempts);
 }
 
-void Store::resetAttempts(std::string_view serialNumber, Role role, int maximum) {
+void Store::resetAttempts(std::string_view serialNumber, Role role, int maximum) const {
     const FileLock lock = lockFor(serialNumber);
     const fs::path folder = folderOf(serialNumber);
     const Attempts before = loadAttempts(serialNumber);

@@ -255,7 +255,7 @@ TEST_F(TogetherTest, PinChangedDuringItsCheckIsLookedAtAnew) {
         std::optional<FileLock> lock(folder_.path() / "lock");
         std::thread checking([&] {
             if (right) {
-                EXPECT_EQ(store_.checkPin(serialNumber_, Role::user, "654321"), opened.key);
+                EXPECT_NO_THROW(EXPECT_EQ(store_.checkPin(serialNumber_, Role::user, "654321"), opened.key));
             } else {
                 EXPECT_THROW(store_.checkPin(serialNumber_, Role::user, userPin), PinFailure);
             }
