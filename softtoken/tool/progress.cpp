@@ -1,12 +1,13 @@
 #include "progress.h"
 
-#include <chrono>
 #include <iostream>
 
 namespace softtoken::tool {
 
-Progress::Progress(std::string what, std::size_t total)
-    : what_(std::move(what)), total_(total), thread_([this] { report(); }) {}
+Progress::Progress(std::string what, std::size_t total) : Progress(std::move(what), total, Intervals{}) {}
+
+Progress::Progress(std::string what, std::size_t total, Intervals intervals)
+    : what_(std::move(what)), total_(total), intervals_(intervals), thread_([this] { report(); }) {}
 
 Progress::~Progress() {
     {
@@ -19,12 +20,12 @@ Progress::~Progress() {
 
 void Progress::report() {
     std::unique_lock lock(mutex_);
-    std::chrono::seconds wait(1);
+    std::chrono::milliseconds wait = intervals_.first;
     while (!finishing_.wait_for(lock, wait, [this] { return finished_; })) {
         std::string line = "zentak-token: " + what_;
         if (total_ != 0) line += ", " + std::to_string(done_) + " of " + std::to_string(total_);
         std::cerr << line + " ...\n" << std::flush;
-        wait = std::chrono::seconds(10);
+        wait = intervals_.next;
     }
 }
 

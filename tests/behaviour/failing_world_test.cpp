@@ -338,24 +338,24 @@ TEST_F(FailingWorld, everyDeviceCall) {
 
 #if !defined(_WIN32)
 /// A temporary folder of a name so short that the module copies it without an allocation: where it can't find the
-/// folder it logs below the root.
+/// folder it logs below the root. Only a relative one is that short everywhere.
 class ShortTemporaryFolder {
 public:
-    ShortTemporaryFolder() : before_(temporaryFolder()) {
-        char name[] = "/tmp/zkXXXXXX";
-        EXPECT_NE(mkdtemp(name), nullptr);
-        setTemporaryFolder(name);
+    ShortTemporaryFolder() : folder_(std::filesystem::current_path()), temporaryFolder_(temporaryFolder()) {
+        std::filesystem::current_path(runFolder());
+        setTemporaryFolder("short");
         createLogFolder();
     }
     ~ShortTemporaryFolder() {
-        std::filesystem::remove_all(temporaryFolder());
-        setTemporaryFolder(before_);
+        setTemporaryFolder(temporaryFolder_);
+        std::filesystem::current_path(folder_);
     }
     ShortTemporaryFolder(const ShortTemporaryFolder&) = delete;
     ShortTemporaryFolder& operator=(const ShortTemporaryFolder&) = delete;
 
 private:
-    std::filesystem::path before_;
+    std::filesystem::path folder_;
+    std::filesystem::path temporaryFolder_;
 };
 
 /// No memory for the name of the program, which is too long for a text without an allocation: the line is written under

@@ -1,6 +1,7 @@
 // Where the diagnostic log lies: the temporary folder, the folders in it, the process name.
 
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <optional>
 
@@ -9,6 +10,8 @@
 
 #if !defined(_WIN32)
 #include <sys/stat.h>
+
+#include "broken_storage.h"
 #endif
 
 namespace {
@@ -83,45 +86,56 @@ TEST_F(LogFolder, aCallThatCantLogGoesOn) {
     EXPECT_EQ(text, std::string(unableToWrite) + unableToWrite);
 }
 
-/// Without a temporary folder the log hangs from the root of the current drive.
-class LogWithoutTemporaryFolder : public LogTest {
-protected:
-    void SetUp() override {
-        LogTest::SetUp();
-        vendorFolderWasThere_ = fs::exists(vendorFolder);
-    }
-
-    void TearDown() override {
-        LogTest::TearDown();
-        if (!vendorFolderWasThere_) {
-            std::error_code ignored;
-            fs::remove(vendorFolder, ignored);
+/// Runs the body with a root folder of its own below the folder of this run, which neither other programs nor earlier
+/// runs have written to: on Windows that of the system's drive, elsewhere by `chroot` in a child process. Who isn't let
+/// do that may not write to the root either.
+void withOwnRoot(const std::function<void()>& body) {
+#if defined(_WIN32)
+    const fs::path before = fs::current_path();
+    fs::current_path("C:\\");
+    fs::remove("/Dravenko Sentronics");  // of a run that was killed
+    body();
+    fs::remove("/Dravenko Sentronics");
+    fs::current_path(before);
+#else
+    inChild([&] {
+        const fs::path root = runFolder() / "root";
+        const fs::path program = programFile();
+        // What is named by its path is at its place there too.
+        fs::create_directories(root / (runFolder() / "config").relative_path());
+        fs::create_directories(root / "proc/self");
+        fs::create_symlink(program, root / "proc/self/exe");
+        fs::create_directories(root / "tmp");
+        if (chroot(root.c_str()) == 0 || (unshare(CLONE_NEWUSER) == 0 && chroot(root.c_str()) == 0)) {
+            ASSERT_EQ(chdir("/"), 0);
+        } else {
+            ASSERT_NE(geteuid(), 0U) << "root may do it everywhere";
         }
-    }
-
-    const fs::path vendorFolder = "/Dravenko Sentronics";
-
-private:
-    bool vendorFolderWasThere_ = false;
-};
-
-TEST_F(LogWithoutTemporaryFolder, aMissingFolderIsReported) {
-    if (fs::exists(vendorFolder)) {
-        FAIL() << vendorFolder << " is there: another program has logged without a temporary folder";
-    }
-    // One line only: it makes no more than the first level, or nothing where the root can't be written.
-    setTemporaryFolder(runFolder() / "missing");
-    EXPECT_EQ(outputOfAnErrorLine(), std::string(unableToGetFolder) + unableToWrite);
-    EXPECT_FALSE(fs::exists(runFolder() / "missing"));
+        // A forked child begins without the module; nothing else is to be logged than what the body does.
+        setLogLevel(errorLevel);
+        ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+        body();
+    });
+    removeWhole(runFolder() / "root");
+#endif
 }
 
-TEST_F(LogWithoutTemporaryFolder, aFileInPlaceOfTheTemporaryFolder) {
-    if (fs::exists(vendorFolder)) {
-        FAIL() << vendorFolder << " is there: another program has logged without a temporary folder";
-    }
-    std::ofstream(runFolder() / "file") << "no folder";
-    setTemporaryFolder(runFolder() / "file");
-    EXPECT_EQ(outputOfAnErrorLine(), std::string(unableToGetFolder) + unableToWrite);
+/// Without a temporary folder the log hangs from the root of the current drive. Only one line is written: it makes no
+/// more than the first level, or nothing where the root can't be written.
+TEST_F(LogFolder, aMissingTemporaryFolderIsReported) {
+    withOwnRoot([] {
+        setTemporaryFolder(runFolder() / "missing");
+        EXPECT_EQ(outputOfAnErrorLine(), std::string(unableToGetFolder) + unableToWrite);
+        EXPECT_FALSE(fs::exists(runFolder() / "missing"));
+    });
+}
+
+TEST_F(LogFolder, aFileInPlaceOfTheTemporaryFolder) {
+    withOwnRoot([] {
+        std::ofstream(runFolder() / "file") << "no folder";
+        setTemporaryFolder(runFolder() / "file");
+        EXPECT_EQ(outputOfAnErrorLine(), std::string(unableToGetFolder) + unableToWrite);
+    });
 }
 
 #if !defined(_WIN32)
@@ -152,17 +166,17 @@ TEST_F(LogFolder, aTemporaryFolderWithASlashAtItsEnd) {
 
 /// Without the variable it is /tmp.
 TEST_F(LogFolder, noTemporaryFolderIsNamed) {
-    for (const std::optional<std::string>& value : {std::optional<std::string>(), std::optional<std::string>("")}) {
+    withOwnRoot([] {
         const fs::path folder = fs::path("/tmp/Dravenko Sentronics") / processName();
         fs::create_directories(folder);
-        const std::string before = readLogFiles(folder);
-        setEnvironment("TMPDIR", value);
-        EXPECT_EQ(outputOfAnErrorLine(), "");
-        EXPECT_EQ(parseLog(readLogFiles(folder).substr(before.size())), onlyError);
-        if (before.empty()) {
-            fs::remove_all(folder);
+        for (const std::optional<std::string>& value : {std::optional<std::string>(), std::optional<std::string>("")}) {
+            const std::string before = readLogFiles(folder);
+            setEnvironment("TMPDIR", value);
+            EXPECT_EQ(outputOfAnErrorLine(), "");
+            EXPECT_EQ(parseLog(readLogFiles(folder).substr(before.size())), onlyError);
         }
-    }
+        fs::remove_all(folder);
+    });
 }
 
 /// A path that doesn't fit the room for it is cut; where that leads isn't the point, but nothing may break.

@@ -1,12 +1,8 @@
-#include <gtest/gtest.h>
-
 #include "log_level.h"
-#include "run_folder.h"
+#include "run_tests.h"
 
 int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    const support::RunFolder folder;
-    const int result = RUN_ALL_TESTS();
+    const int result = support::runTests(argc, argv);
     support::removeLogLevel();  // on Windows it is the machine's own
     return result;
 }

@@ -19,15 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// On a disk in memory where there is one: what a killed process wrote is there without any flushing, and flushing a
-/// thousand times takes minutes on some disks.
-fs::path quickFolder() {
-#ifndef _WIN32
-    if (fs::is_directory("/dev/shm")) return "/dev/shm";
-#endif
-    return fs::temp_directory_path();
-}
-
 class KilledProcessTest : public testing::Test {
 protected:
     // Starting a process takes long on Windows and with a sanitizer, so that each one gets time for many changes there.
@@ -39,7 +30,7 @@ protected:
     static constexpr int longestLife = 2'000;
 #endif
 
-    KilledProcessTest() : folder_(quickFolder()), store_(folder_.path()) {
+    KilledProcessTest() : store_(folder_.path()) {
         NewToken settings;
         settings.label = "state 0";
         settings.userPin = firstPin;

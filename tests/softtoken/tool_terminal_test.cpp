@@ -40,6 +40,9 @@ protected:
         arguments.insert(arguments.begin(), path);
         const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
         if (child == 0) {
+            // A runner in the background may have it that they are ignored, which children inherit.
+            for (const int number : {SIGQUIT, SIGTERM, SIGHUP, SIGPIPE}) std::signal(number, SIG_DFL);
+            std::signal(SIGINT, interruptIsIgnored_ ? SIG_IGN : SIG_DFL);
             std::vector<char*> list;
             for (std::string& argument : arguments) list.push_back(argument.data());
             list.push_back(nullptr);
@@ -68,7 +71,7 @@ protected:
 
     bool readMore(int terminal) {
         pollfd waiting{terminal, POLLIN, 0};
-        if (poll(&waiting, 1, 10'000) <= 0) return false;
+        if (poll(&waiting, 1, 30'000) <= 0) return false;
         char part[1024];
         const ssize_t count = read(terminal, part, sizeof part);
         if (count <= 0) return false;
@@ -81,6 +84,7 @@ protected:
     std::string serialNumber_;
     std::string screen_;
     std::string seen_;
+    bool interruptIsIgnored_ = false;
     bool echoAtTheEnd_ = false;
 };
 
@@ -109,6 +113,21 @@ TEST_F(ToolTerminalTest, InterruptedQuestionGivesTheEchoBack) {
     // Control-C, which the terminal turns into a signal.
     EXPECT_EQ(runAtTerminal({"set-pin"}, {{"user PIN: ", "\x03"}}), -1);
     EXPECT_TRUE(echoAtTheEnd_);
+}
+
+/// As in a script that runs in the background: the question goes on.
+TEST_F(ToolTerminalTest, IgnoredInterruptStaysIgnored) {
+    interruptIsIgnored_ = true;
+    EXPECT_EQ(runAtTerminal({"set-pin"}, {{"user PIN: ",
+                                           "\x03"
+                                           "123456"},
+                                          {"new PIN: ", "tr0ub4dor"},
+                                          {"again: ", "tr0ub4dor"}}),
+              0)
+        << screen_;
+    EXPECT_EQ(screen_.find("tr0ub4dor"), std::string::npos) << screen_;
+    EXPECT_TRUE(echoAtTheEnd_);
+    EXPECT_NO_THROW(Store(folder_.path() / "tokens").checkPin(serialNumber_, Role::user, "tr0ub4dor"));
 }
 
 TEST_F(ToolTerminalTest, NewPinsThatDifferAreRefused) {

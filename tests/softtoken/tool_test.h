@@ -13,7 +13,7 @@ namespace softtoken {
 class ToolTest : public testing::Test {
 protected:
     struct Answer {
-        int exitCode;
+        int exitCode = -1;
         std::string output;
         std::string errors;
     };

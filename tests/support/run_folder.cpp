@@ -2,18 +2,64 @@
 
 #include <cstdlib>
 #include <iterator>
-#include <stdexcept>
+#include <optional>
 #include <system_error>
 #include <vector>
 
 #if defined(_WIN32)
 #include <windows.h>
 #else
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 #endif
 
 namespace support {
 namespace {
+
+namespace fs = std::filesystem;
+
+/// A lock that says that a folder is in use. It ends with the process, however that ends; its file lies beside the
+/// folder.
+class FolderLock {
+public:
+    explicit FolderLock(const fs::path& folder) : file_(folder.string() + ".lock") {
+#if defined(_WIN32)
+        handle_ = CreateFileW(file_.c_str(), GENERIC_WRITE, FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
+        isOurs_ = handle_ != INVALID_HANDLE_VALUE;
+#else
+        handle_ = open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        isOurs_ = handle_ >= 0 && flock(handle_, LOCK_EX | LOCK_NB) == 0;
+#endif
+    }
+    ~FolderLock() {
+#if defined(_WIN32)
+        if (isOurs_) CloseHandle(handle_);
+#else
+        if (handle_ >= 0) close(handle_);
+#endif
+    }
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+
+    bool isOurs() const {
+        return isOurs_;
+    }
+    void removeFile() const {
+        std::error_code ignored;
+        fs::remove(file_, ignored);
+    }
+
+private:
+    fs::path file_;
+#if defined(_WIN32)
+    HANDLE handle_ = nullptr;
+#else
+    int handle_ = -1;
+#endif
+    bool isOurs_ = false;
+};
 
 std::filesystem::path& theRunFolder() {
     static std::filesystem::path folder;
@@ -25,38 +71,81 @@ std::filesystem::path& theTemporaryFolder() {
     return folder;
 }
 
-std::filesystem::path makeFolderOfOurOwn() {
-    const std::filesystem::path base = std::filesystem::temp_directory_path();
+#if !defined(_WIN32)
+/// Some tests go on as another user, who must get to the folder.
+bool isOpenToOthers(const fs::path& folder) {
+    for (fs::path level = folder; level.has_relative_path(); level = level.parent_path()) {
+        if ((fs::status(level).permissions() & fs::perms::others_exec) == fs::perms::none) return false;
+    }
+    return true;
+}
+#endif
+
+/// Where the folders of all runs lie: in the build tree, so that a killed run leaves nothing anywhere else.
+fs::path folderOfRuns() {
+    const fs::path folder = programFile().parent_path() / "run";
+    fs::create_directory(folder);
+#if !defined(_WIN32)
+    if (geteuid() == 0 && !isOpenToOthers(folder)) {
+        const fs::path elsewhere = fs::temp_directory_path() / "zentak-test-runs";
+        fs::create_directory(elsewhere);
+        return elsewhere;
+    }
+#endif
+    return folder;
+}
+
+void removeFoldersOfKilledRuns(const fs::path& runs, const std::string& program) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(runs)) {
+        if (!entry.is_directory() || entry.path().filename().string().rfind(program + "-", 0) != 0) continue;
+        const FolderLock lock(entry.path());
+        if (lock.isOurs()) {
+            removeWhole(entry.path());
+            lock.removeFile();
+        }
+    }
+}
+
+std::optional<FolderLock>& lockOfRunFolder() {
+    static std::optional<FolderLock> lock;
+    return lock;
+}
+
+}  // namespace
+
+void removeWhole(const fs::path& path) {
+    std::error_code ignored;
+    if (fs::is_directory(fs::symlink_status(path, ignored))) {
+        fs::permissions(path, fs::perms::owner_all, ignored);
+        for (const fs::directory_entry& entry : fs::directory_iterator(path, ignored)) removeWhole(entry.path());
+    }
+    fs::remove(path, ignored);
+}
+
+RunFolder::RunFolder() {
+    const fs::path runs = folderOfRuns();
+    const std::string program = programFile().stem().string();
+    removeFoldersOfKilledRuns(runs, program);
 #if defined(_WIN32)
     const unsigned long process = GetCurrentProcessId();
 #else
     const long process = static_cast<long>(getpid());
 #endif
-    for (int attempt = 0; attempt < 1000; ++attempt) {
-        const std::filesystem::path folder =
-            base / ("zentak-test-" + std::to_string(process) + "-" + std::to_string(attempt));
-        if (std::filesystem::create_directory(folder)) {
-            return folder;
-        }
-    }
-    throw std::runtime_error("no folder of our own in " + base.string());
-}
-
-}  // namespace
-
-RunFolder::RunFolder() {
-    theRunFolder() = makeFolderOfOurOwn();
-    std::filesystem::create_directory(runFolder() / "temporary");
+    theRunFolder() = runs / (program + "-" + std::to_string(process));
+    lockOfRunFolder().emplace(runFolder());
+    fs::create_directory(runFolder());
+    fs::create_directory(runFolder() / "temporary");
     setTemporaryFolder(runFolder() / "temporary");
 #if !defined(_WIN32)
-    std::filesystem::create_directory(runFolder() / "config");
+    fs::create_directory(runFolder() / "config");
     setEnvironment("ZENTAK_CONFIG", (runFolder() / "config").string());
 #endif
 }
 
 RunFolder::~RunFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(runFolder(), ignored);
+    removeWhole(runFolder());
+    lockOfRunFolder()->removeFile();
+    lockOfRunFolder().reset();
 }
 
 const std::filesystem::path& runFolder() {

@@ -1,5 +1,5 @@
-/// A test program's own folder in the temporary folder, which it gives to the module as the temporary folder, and the
-/// few things of a process that differ between the two hosts.
+/// A test program's own folder in the build tree, which it gives to the module as the temporary folder, and the few
+/// things of a process that differ between the two hosts.
 
 #ifndef ZENTAK_TESTS_SUPPORT_RUN_FOLDER_H
 #define ZENTAK_TESTS_SUPPORT_RUN_FOLDER_H
@@ -11,8 +11,9 @@
 
 namespace support {
 
-/// Makes the folder and points the module's temporary folder and log level there, for as long as it lives. `main` of a
-/// test program has one, made before the module is loaded; its end removes the folder with all that is in it.
+/// Makes the folder `run/<program>-<process>` beside the program and points the system's temporary folder and the
+/// module's log level there, for as long as it lives. `runTests` has one, made before the module is loaded; its end
+/// removes the folder with all that is in it. Folders of earlier runs that were killed are removed at the start.
 class RunFolder {
 public:
     RunFolder();
@@ -20,6 +21,9 @@ public:
     RunFolder(const RunFolder&) = delete;
     RunFolder& operator=(const RunFolder&) = delete;
 };
+
+/// Removes a file, or a folder with all that is in it, whatever their permissions. What can't be removed stays.
+void removeWhole(const std::filesystem::path& path);
 
 /// The folder of the one `RunFolder`.
 const std::filesystem::path& runFolder();

@@ -34,10 +34,6 @@ protected:
         }
         return found;
     }
-
-private:
-    // Until the program ends: other tests log too.
-    inline static const support::RunFolder runFolder_;
 };
 
 TEST_F(LogWriting, EveryLevelHasATag) {

@@ -1,0 +1,5 @@
+#include "run_tests.h"
+
+int main(int argc, char** argv) {
+    return support::runTests(argc, argv);
+}
