@@ -15,7 +15,6 @@ void prepareForChild() {
     prepareToReplaceLasting<LifecycleMutex>();
     prepareToReplaceLasting<Module>();
     prepareToForgetDeviceMonitor();
-    prepareToForgetLogWriters();
 }
 
 /// No other thread of the module is inside the device library, and none writes to the log, while the process is copied.
@@ -45,7 +44,6 @@ void inChild() {
     replaceLasting<LifecycleMutex>();
     replaceLasting<Module>();
     forgetDeviceMonitor();
-    forgetLogWriters();
 }
 
 }  // namespace

@@ -157,12 +157,4 @@ void releaseLogWriters() {
     lasting<LogMutex>().releaseAfterFork();
 }
 
-void prepareToForgetLogWriters() {
-    prepareToReplaceLasting<LogMutex>();
-}
-
-void forgetLogWriters() {
-    replaceLasting<LogMutex>();
-}
-
 }  // namespace zentak

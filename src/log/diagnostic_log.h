@@ -45,9 +45,6 @@ int createLogFolder(const char* path) noexcept;
 /// Around a fork, in the parent: no other thread is writing a line meanwhile.
 void holdLogWriters();
 void releaseLogWriters();
-void prepareToForgetLogWriters();
-/// In a forked child: whoever was writing in the parent isn't here.
-void forgetLogWriters();
 
 /// Builds a text from `parts` and writes it at `level`, unless the configured level leaves such lines out.
 template <typename... Parts>
