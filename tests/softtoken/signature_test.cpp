@@ -194,6 +194,9 @@ TEST_P(EcSignatureTest, WrongSignaturesAreRefused) {
     EXPECT_NE(verify(key, hash, Bytes(good.size(), 0), false), 0);
     EXPECT_NE(verify(key, hash, Bytes(good.size(), 0xFF), false), 0);
     EXPECT_NE(verify(key, hash, Bytes(good.begin(), good.end() - 1), false), 0);
+    Bytes longer = good;
+    longer.push_back(0);
+    EXPECT_EQ(verify(key, hash, longer, false), number(Error::signatureInvalid));
     EXPECT_NE(verify(key, hash, derOf(good), false), 0);
     EXPECT_NE(verify(key, hash, {}, false), 0);
     const int otherCurve = GetParam() == 5 ? 6 : 5;
