@@ -119,9 +119,11 @@ bool isShared(const fs::path& file) {
     return handle.valid() && GetFileInformationByHandle(handle.get(), &information) && information.nNumberOfLinks > 1;
 }
 
-/// FILETIME counts steps of 100 ns.
+/// Since 1970. FILETIME counts steps of 100 ns since 1601, which in nanoseconds are more than the type holds.
 std::int64_t nanoseconds(const FILETIME& time) {
-    return ((static_cast<std::int64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime) * 100;
+    constexpr std::int64_t stepsUntil1970 = 116'444'736'000'000'000;
+    const std::int64_t steps = (static_cast<std::int64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+    return (steps - stepsUntil1970) * 100;
 }
 
 }  // namespace

@@ -136,8 +136,8 @@ TEST_F(PinSectionTest, OnlyAPinCanBeSet) {
                 EXPECT_EQ(failure.error, expected);
             }
         };
-        expectRefused([&] { store_.setPin(serialNumber_, Role::user, text, opened, true); });
-        expectRefused([&] { store_.renewTokenKey(serialNumber_, Role::user, text, opened, officerPin); });
+        expectRefused([&, pin = text] { store_.setPin(serialNumber_, Role::user, pin, opened, true); });
+        expectRefused([&, pin = text] { store_.renewTokenKey(serialNumber_, Role::user, pin, opened, officerPin); });
     }
     EXPECT_EQ(fileContent(tokenFile()), before);
 }
