@@ -59,40 +59,57 @@ ImportedObjects readObjects(const ImportOptions& options) {
     return objects;
 }
 
+/// Adds the key pairs; their labels by the identifier of the public key.
+std::map<Bytes, std::string> addKeys(TokenData& token, const OpenedToken& opened, const ImportedObjects& objects,
+                                     const ImportOptions& options, Progress& progress) {
+    const std::uint32_t usage = usageBits(options.usage);
+    const Bytes givenId = objectIdFromHex(options.objectId);
+    std::map<Bytes, std::string> labels;
+    for (const auto& [key, name] : objects.keys) {
+        const Bytes identifier = publicKeyIdentifier(key.get());
+        const std::string& label = options.label.empty() ? name : options.label;
+        addKeyPair(token, opened.key, key.get(), {label, givenId.empty() ? identifier : givenId, usage});
+        labels[identifier] = label;
+        progress.advance();
+    }
+    return labels;
+}
+
+/// Adds the certificates. Those of the imported keys get the keys' labels.
+void addCertificates(TokenData& token, const std::map<Bytes, std::string>& labels, const ImportedObjects& objects,
+                     const ImportOptions& options, Progress& progress) {
+    const Bytes givenId = objectIdFromHex(options.objectId);
+    // The name and the id are meant for the certificate that comes alone, too.
+    const bool alone = objects.keys.empty() && objects.certificates.size() == 1;
+    for (const Bytes& der : objects.certificates) {
+        const Bytes identifier = publicKeyIdentifier(der);
+        const auto key = labels.find(identifier);
+        if (key != labels.end()) {
+            addCertificate(token, der, key->second, givenId.empty() ? identifier : givenId);
+        } else {
+            addCertificate(token, der, alone ? options.label : "", alone ? givenId : Bytes(), identifier);
+        }
+        progress.advance();
+    }
+}
+
 void import(const Common& common, const ImportOptions& options) {
     Store store = common.store();
     const std::string serialNumber = findToken(store, options.token);
-    const std::uint32_t usage = usageBits(options.usage);
-    const Bytes givenId = objectIdFromHex(options.objectId);
+    // Before anything is asked for.
+    static_cast<void>(usageBits(options.usage));
+    static_cast<void>(objectIdFromHex(options.objectId));
     const ImportedObjects objects = readObjects(options);
     // The PIN authorises private keys; certificates are public.
-    const std::string pin =
-        objects.keys.empty() ? "" : readSecret({options.pinFile, "ZENTAK_PIN", "user PIN", "--pin-file"});
+    const bool withKeys = !objects.keys.empty();
+    const std::string pin = withKeys ? readSecret({options.pinFile, "ZENTAK_PIN", "user PIN", "--pin-file"}) : "";
     Progress progress("importing", objects.keys.size() + objects.certificates.size());
-    const OpenedToken opened = objects.keys.empty() ? OpenedToken() : store.open(serialNumber, Role::user, pin);
+    const OpenedToken opened = withKeys ? store.open(serialNumber, Role::user, pin) : OpenedToken();
     // One change for everything: either all of it is on the token afterwards or nothing.
     store.change(serialNumber, [&](TokenData& token) {
-        if (!objects.keys.empty()) requireKeyOf(token, opened);
-        std::map<Bytes, std::string> labels;
-        for (const auto& [key, name] : objects.keys) {
-            const Bytes identifier = publicKeyIdentifier(key.get());
-            const std::string& label = options.label.empty() ? name : options.label;
-            addKeyPair(token, opened.key, key.get(), {label, givenId.empty() ? identifier : givenId, usage});
-            labels[identifier] = label;
-            progress.advance();
-        }
-        // The name and the id are meant for the certificate that comes alone, too.
-        const bool alone = objects.keys.empty() && objects.certificates.size() == 1;
-        for (const Bytes& der : objects.certificates) {
-            const Bytes identifier = publicKeyIdentifier(der);
-            const auto key = labels.find(identifier);
-            if (key != labels.end()) {
-                addCertificate(token, der, key->second, givenId.empty() ? identifier : givenId);
-            } else {
-                addCertificate(token, der, alone ? options.label : "", alone ? givenId : Bytes(), identifier);
-            }
-            progress.advance();
-        }
+        if (withKeys) requireKeyOf(token, opened);
+        const std::map<Bytes, std::string> labels = addKeys(token, opened, objects, options, progress);
+        addCertificates(token, labels, objects, options, progress);
     });
     std::cout << "Imported into " << serialNumber << ": key pairs " << objects.keys.size() << ", certificates "
               << objects.certificates.size() << "\n";
