@@ -13,7 +13,7 @@ namespace softtoken::tool {
 
 namespace {
 
-constexpr std::size_t secureHeapSize = 4 << 20;
+[[maybe_unused]] constexpr std::size_t secureHeapSize = 4 << 20;
 
 std::string messageFor(const std::string& text) {
     return "zentak-token: " + printable(text.substr(0, text.find('\n'))) + "\n";
@@ -64,7 +64,10 @@ int main(int count, char** arguments) {
         softtoken::keepMemoryPrivate();
         // Room for the numbers of all keys that one command works on. Where there is no memory to lock, it isn't
         // locked.
+#if !defined(ZENTAK_SANITIZED)
+        // LeakSanitizer doesn't look into that heap, and takes for lost what is only known there.
         CRYPTO_secure_malloc_init(softtoken::tool::secureHeapSize, 32);
+#endif
         return softtoken::tool::run(softtoken::tool::commandLineUtf8(count, arguments));
     } catch (...) {
         // Only a lack of memory for the command line itself comes here: run() answers for everything else.
