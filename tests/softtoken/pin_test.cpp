@@ -145,12 +145,16 @@ TEST_F(PinTest, SameWrongPinInOperationsCostsOneAttemptOnly) {
     const KeyPairEntry key = addKey(5);
     unsigned char hash[32] = {};
     unsigned char signature[1024];
-    for (int i = 0; i < 8; ++i) {
+    const auto sign = [&](const char* pin) {
         int length = sizeof signature;
-        EXPECT_EQ(zentak_signHash(device(), key.keyId.data(), "000000", hash, 32, signature, &length, false, instance_,
-                                  false),
-                  number(Error::pinIncorrect));
-    }
+        return zentak_signHash(device(), key.keyId.data(), pin, hash, 32, signature, &length, false, instance_, false);
+    };
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(sign("000000"), number(Error::pinIncorrect));
+    EXPECT_EQ(attemptsLeft(), 4);
+    // Until the right one has come: then somebody is guessing.
+    EXPECT_EQ(sign(userPin), 0);
+    EXPECT_EQ(attemptsLeft(), 5);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(sign("000000"), number(Error::pinIncorrect));
     EXPECT_EQ(attemptsLeft(), 4);
 }
 

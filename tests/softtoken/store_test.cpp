@@ -321,6 +321,10 @@ TEST(TokenDataTest, FieldsBeyondTheirLimitsAreRefused) {
         EXPECT_THROW(readTokenData(writeTokenData(bad)), Failure);
     };
     expectRefused([](TokenData& token) { token.serialNumber = "../x"; });
+    expectRefused([](TokenData& token) { token.label = std::string(1025, 'a'); });
+    // The boundary's texts would end there.
+    expectRefused([](TokenData& token) { token.label = std::string("a\0b", 3); });
+    expectRefused([](TokenData& token) { token.keyPairs[0].alias = std::string("a\0b", 3); });
     expectRefused([](TokenData& token) { token.officer->derivation.iterations = 0; });
     expectRefused([](TokenData& token) { token.officer->derivation.iterations = 20'000'001; });
     expectRefused([](TokenData& token) { token.user.derivation.costLog2 = 0; });
