@@ -60,14 +60,14 @@ public:
         if (!line.starts_with(format) || line.size() == document.size() || line.substr(format.size(), 1) != " ") {
             damaged("it is no such document");
         }
-        const std::string_view version = line.substr(format.size() + 1);
-        if (version.size() == 1 && version[0] >= '1' && version[0] <= '0' + newestVersion) {
-            version_ = version[0] - '0';
+        const std::string_view digits = line.substr(format.size() + 1);
+        if (digits.size() == 1 && digits[0] >= '1' && digits[0] <= '0' + newestVersion) {
+            version_ = digits[0] - '0';
         } else {
-            const bool isNumber = !version.empty() && version.size() <= 9 &&
-                                  version.find_first_not_of("0123456789") == std::string_view::npos;
+            const bool isNumber = !digits.empty() && digits.size() <= 9 &&
+                                  digits.find_first_not_of("0123456789") == std::string_view::npos;
             if (!isNumber) damaged("its version is no number");
-            throw Failure(Error::unknownVersion, "the token's file is of version " + std::string(version) +
+            throw Failure(Error::unknownVersion, "the token's file is of version " + std::string(digits) +
                                                      ", this program knows version 1" +
                                                      (newestVersion > 1 ? " to " + std::to_string(newestVersion) : ""));
         }

@@ -182,21 +182,6 @@ TEST_F(StorageFaultTest, CounterThatIsWrittenInPartComesBack) {
     });
 }
 
-/// Nothing is made for a login that wasn't there before it.
-TEST_F(StorageFaultTest, FirstLoginWorksOnAFullDisk) {
-    inChild([this] {
-        FullDisk disk(folder_.path() / "small disk");
-        store_ = Store(disk.folder());
-        serialNumber_ = createToken(store_, cheapToken());
-        setEnvironment("ZENTAK_TOKENS", disk.folder().string());
-        reopen();
-        disk.fill();
-        EXPECT_EQ(validate(userPin), 0);
-        EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
-        EXPECT_EQ(attemptsLeft(), 4);
-    });
-}
-
 /// The key derivation takes longest by far, and a process may be stopped in it for hours.
 TEST_F(StorageFaultTest, ProcessStoppedInAKeyDerivationKeepsNobodyWaiting) {
     const OpenedToken opened = store_.open(serialNumber_, Role::user, userPin);
