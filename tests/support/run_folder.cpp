@@ -1,8 +1,12 @@
 #include "run_folder.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <fstream>
 #include <iterator>
 #include <optional>
+#include <sstream>
+#include <string>
 #include <system_error>
 #include <vector>
 
@@ -189,17 +193,41 @@ void setEnvironment(const std::string& name, const std::optional<std::string>& v
 #endif
 }
 
+#if !defined(_WIN32)
+
+namespace {
+
+/// Whether a thread of this process isn't on its way out. A thread stays listed for a moment after it was joined, on a
+/// busy machine long enough to be counted; the kernel has marked it before it lets the joining thread go on.
+bool isAlive(const fs::directory_entry& task) {
+    std::string line;
+    std::getline(std::ifstream(task.path() / "stat"), line);
+    const std::size_t endOfName = line.rfind(')');
+    if (endOfName == std::string::npos) return false;  // gone meanwhile
+    // proc(5): state, parent, process group, session, terminal, its group, and the kernel's flags.
+    std::istringstream fields(line.substr(endOfName + 1));
+    std::string other;
+    unsigned long flags = 0;
+    for (int i = 0; i < 6; ++i) fields >> other;
+    fields >> flags;
+    constexpr unsigned long exiting = 4;  // PF_EXITING
+    return (flags & exiting) == 0;
+}
+
+}  // namespace
+
+#endif
+
 std::pair<std::size_t, std::size_t> threadsAndFiles() {
 #if defined(_WIN32)
     DWORD handles = 0;
     GetProcessHandleCount(GetCurrentProcess(), &handles);
     return {0, handles};
 #else
-    const auto entries = [](const char* folder) {
-        const std::filesystem::directory_iterator all(folder);
-        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-    };
-    return {entries("/proc/self/task"), entries("/proc/self/fd")};
+    const fs::directory_iterator tasks("/proc/self/task");
+    const fs::directory_iterator files("/proc/self/fd");
+    return {static_cast<std::size_t>(std::count_if(begin(tasks), end(tasks), isAlive)),
+            static_cast<std::size_t>(std::distance(begin(files), end(files)))};
 #endif
 }
 

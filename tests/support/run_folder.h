@@ -38,7 +38,8 @@ std::filesystem::path programFile();
 /// Sets or (nullopt) removes a variable in the environment of this process and of its later children.
 void setEnvironment(const std::string& name, const std::optional<std::string>& value);
 
-/// Number of threads and of open files of this process. A thread counts as handles on Windows.
+/// Number of threads, without those that are ending, and of open files of this process. A thread counts as handles on
+/// Windows.
 std::pair<std::size_t, std::size_t> threadsAndFiles();
 
 }  // namespace support
