@@ -9,7 +9,7 @@
 #include "device/zentak_dsc_library.h"
 #include "key_operations.h"
 #include "module.h"
-#include "objects/object_handles.h"
+#include "module/object_handles.h"
 
 namespace bench {
 

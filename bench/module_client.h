@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 namespace bench {
 

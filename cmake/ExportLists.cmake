@@ -1,6 +1,6 @@
-# Makes the export lists of the module from src/frame/function_table.inc, so that a function is named in one place.
+# Makes the export lists of the module from src/module/function_table.inc, so that a function is named in one place.
 
-set(ZENTAK_FUNCTION_TABLE ${CMAKE_SOURCE_DIR}/src/frame/function_table.inc)
+set(ZENTAK_FUNCTION_TABLE ${CMAKE_SOURCE_DIR}/src/module/function_table.inc)
 set_property(DIRECTORY ${CMAKE_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${ZENTAK_FUNCTION_TABLE})
 
 # The exported symbols: plain standard names, then the vendor extensions as the Itanium C++ ABI decorates them, with

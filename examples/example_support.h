@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 using Bytes = std::vector<CK_BYTE>;
 

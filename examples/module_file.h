@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 /// Loads the module file at `path` and asks it for its functions. The module stays loaded until the process ends.
 /// Throws std::runtime_error with the system's reason if the file can't be loaded or is no PKCS #11 module.

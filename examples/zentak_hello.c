@@ -10,7 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 #ifdef _WIN32
 #include <fcntl.h>

@@ -4,10 +4,10 @@
 #include "crypto/der.h"
 #include "crypto/hashing.h"
 #include "crypto/key_selection.h"
-#include "crypto/library_buffer.h"
 #include "crypto/two_call_output.h"
-#include "frame/entry_frame.h"
-#include "objects/object_handles.h"
+#include "device/library_buffer.h"
+#include "module/entry_frame.h"
+#include "module/object_handles.h"
 
 using namespace zentak;
 

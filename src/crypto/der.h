@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "objects/records.h"
+#include "device/records.h"
 
 namespace zentak {
 

@@ -3,13 +3,13 @@
 #include <cstring>
 #include <optional>
 
+#include "base/secrets.h"
 #include "crypto/hashing.h"
-#include "crypto/library_buffer.h"
-#include "frame/entry_frame.h"
-#include "frame/secrets.h"
-#include "objects/lookup.h"
-#include "objects/object_handles.h"
-#include "objects/template_reader.h"
+#include "device/library_buffer.h"
+#include "module/entry_frame.h"
+#include "module/lookup.h"
+#include "module/object_handles.h"
+#include "module/template_reader.h"
 
 using namespace zentak;
 

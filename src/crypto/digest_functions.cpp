@@ -4,9 +4,9 @@
 
 #include "crypto/hashing.h"
 #include "crypto/two_call_output.h"
-#include "frame/entry_frame.h"
-#include "frame/mechanism_table.h"
-#include "slots/slot_table.h"
+#include "module/entry_frame.h"
+#include "module/mechanism_table.h"
+#include "module/slot_table.h"
 
 using namespace zentak;
 

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "frame/entry_frame.h"
+#include "module/entry_frame.h"
 
 namespace zentak {
 

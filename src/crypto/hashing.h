@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <vector>
 
-#include "frame/module_state.h"
-#include "objects/records.h"
+#include "device/records.h"
+#include "module/module_state.h"
 
 namespace zentak {
 

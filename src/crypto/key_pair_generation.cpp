@@ -4,10 +4,10 @@
 #include <optional>
 
 #include "device/library_results.h"
-#include "frame/entry_frame.h"
+#include "module/entry_frame.h"
+#include "module/object_handles.h"
+#include "module/template_reader.h"
 #include "objects/attribute_values.h"
-#include "objects/object_handles.h"
-#include "objects/template_reader.h"
 
 using namespace zentak;
 

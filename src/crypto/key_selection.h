@@ -3,9 +3,9 @@
 #ifndef ZENTAK_CRYPTO_KEY_SELECTION_H
 #define ZENTAK_CRYPTO_KEY_SELECTION_H
 
-#include "frame/entry_frame.h"
-#include "objects/lookup.h"
-#include "objects/records.h"
+#include "device/records.h"
+#include "module/entry_frame.h"
+#include "module/lookup.h"
 
 namespace zentak {
 

@@ -4,8 +4,8 @@
 #define ZENTAK_CRYPTO_MULTI_PART_INPUT_H
 
 #include "crypto/operation_end.h"
-#include "frame/entry_frame.h"
-#include "objects/records.h"
+#include "device/records.h"
+#include "module/entry_frame.h"
 
 namespace zentak {
 

@@ -3,7 +3,7 @@
 #ifndef ZENTAK_CRYPTO_OPERATION_END_H
 #define ZENTAK_CRYPTO_OPERATION_END_H
 
-#include "frame/module_state.h"
+#include "module/module_state.h"
 
 namespace zentak {
 

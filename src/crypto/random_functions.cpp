@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "frame/entry_frame.h"
+#include "module/entry_frame.h"
 
 using namespace zentak;
 

@@ -6,8 +6,8 @@
 #include <optional>
 #include <string_view>
 
-#include "frame/cryptoki.h"
-#include "objects/records.h"
+#include "device/records.h"
+#include "module/cryptoki.h"
 
 namespace zentak {
 

@@ -9,10 +9,10 @@
 #include "crypto/raw_input_policy.h"
 #include "crypto/signature_mechanisms.h"
 #include "crypto/two_call_output.h"
-#include "frame/entry_frame.h"
-#include "objects/object_handles.h"
-#include "objects/records.h"
-#include "slots/slot_table.h"
+#include "device/records.h"
+#include "module/entry_frame.h"
+#include "module/object_handles.h"
+#include "module/slot_table.h"
 
 using namespace zentak;
 

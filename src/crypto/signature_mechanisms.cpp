@@ -3,7 +3,7 @@
 #include <array>
 
 #include "crypto/hashing.h"
-#include "frame/mechanism_table.h"
+#include "module/mechanism_table.h"
 
 namespace zentak {
 

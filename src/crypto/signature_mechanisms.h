@@ -3,7 +3,7 @@
 #ifndef ZENTAK_CRYPTO_SIGNATURE_MECHANISMS_H
 #define ZENTAK_CRYPTO_SIGNATURE_MECHANISMS_H
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 namespace zentak {
 

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/secrets.h"
 #include "crypto/operation_end.h"
-#include "frame/entry_frame.h"
-#include "frame/secrets.h"
+#include "module/entry_frame.h"
 
 namespace zentak {
 

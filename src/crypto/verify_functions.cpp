@@ -11,8 +11,8 @@
 #include "crypto/multi_part_input.h"
 #include "crypto/operation_end.h"
 #include "crypto/signature_mechanisms.h"
-#include "frame/entry_frame.h"
-#include "objects/object_handles.h"
+#include "module/entry_frame.h"
+#include "module/object_handles.h"
 
 using namespace zentak;
 

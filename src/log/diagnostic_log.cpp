@@ -6,8 +6,8 @@
 #include <cstring>
 #include <exception>
 
-#include "frame/lasting.h"
-#include "frame/mutex.h"
+#include "base/mutex.h"
+#include "base/no_destructor.h"
 #include "platform/platform.h"
 
 namespace zentak {

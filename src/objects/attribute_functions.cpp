@@ -2,11 +2,11 @@
 
 #include <cstring>
 
-#include "frame/entry_frame.h"
+#include "module/entry_frame.h"
+#include "module/lookup.h"
+#include "module/object_handles.h"
 #include "objects/attribute_values.h"
 #include "objects/default_label.h"
-#include "objects/lookup.h"
-#include "objects/object_handles.h"
 
 using namespace zentak;
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "frame/cryptoki.h"
-#include "objects/records.h"
+#include "device/records.h"
+#include "module/cryptoki.h"
 
 namespace zentak {
 

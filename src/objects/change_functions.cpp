@@ -2,10 +2,10 @@
 
 #include <string>
 
-#include "frame/entry_frame.h"
-#include "objects/lookup.h"
-#include "objects/object_handles.h"
-#include "objects/template_reader.h"
+#include "module/entry_frame.h"
+#include "module/lookup.h"
+#include "module/object_handles.h"
+#include "module/template_reader.h"
 
 using namespace zentak;
 

@@ -4,13 +4,13 @@
 #include <optional>
 #include <string>
 
+#include "base/secrets.h"
 #include "device/library_results.h"
-#include "frame/entry_frame.h"
-#include "frame/secrets.h"
+#include "module/entry_frame.h"
+#include "module/object_handles.h"
 #include "objects/creation_template.h"
 #include "objects/default_label.h"
 #include "objects/issuer_chain.h"
-#include "objects/object_handles.h"
 #include "platform/platform.h"
 
 using namespace zentak;

@@ -3,7 +3,7 @@
 #ifndef ZENTAK_OBJECTS_CREATION_TEMPLATE_H
 #define ZENTAK_OBJECTS_CREATION_TEMPLATE_H
 
-#include "objects/template_reader.h"
+#include "module/template_reader.h"
 
 namespace zentak {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "objects/records.h"
+#include "device/records.h"
 
 namespace zentak {
 

@@ -4,7 +4,7 @@
 #include <set>
 
 #include "log/diagnostic_log.h"
-#include "objects/template_reader.h"
+#include "module/template_reader.h"
 
 namespace zentak {
 

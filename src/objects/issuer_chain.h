@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "objects/records.h"
+#include "device/records.h"
 
 namespace zentak {
 

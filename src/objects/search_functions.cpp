@@ -5,9 +5,9 @@
 #include <cstring>
 #include <span>
 
-#include "frame/entry_frame.h"
+#include "module/entry_frame.h"
+#include "module/object_handles.h"
 #include "objects/default_label.h"
-#include "objects/object_handles.h"
 
 using namespace zentak;
 

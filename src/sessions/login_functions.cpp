@@ -3,7 +3,7 @@
 #include <string>
 
 #include "device/library_results.h"
-#include "frame/entry_frame.h"
+#include "module/entry_frame.h"
 
 using namespace zentak;
 

@@ -1,7 +1,7 @@
 /// C_OpenSession, C_CloseSession, C_CloseAllSessions and C_GetSessionInfo.
 
-#include "frame/entry_frame.h"
-#include "slots/slot_table.h"
+#include "module/entry_frame.h"
+#include "module/slot_table.h"
 
 using namespace zentak;
 

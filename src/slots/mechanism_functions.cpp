@@ -5,9 +5,9 @@
 #include <array>
 #include <vector>
 
-#include "frame/entry_frame.h"
-#include "frame/mechanism_table.h"
-#include "slots/slot_table.h"
+#include "module/entry_frame.h"
+#include "module/mechanism_table.h"
+#include "module/slot_table.h"
 
 using namespace zentak;
 

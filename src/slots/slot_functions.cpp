@@ -5,8 +5,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "frame/entry_frame.h"
-#include "slots/slot_table.h"
+#include "module/entry_frame.h"
+#include "module/slot_table.h"
 
 using namespace zentak;
 

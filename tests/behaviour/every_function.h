@@ -44,7 +44,7 @@ inline std::vector<AnyFunction> everyFunction() {
     {#name, true, withMadeUpArguments(list.name), reinterpret_cast<void*>(list.name)},
 #define CRYPTOKI_UNSUPPORTED(name, parameters) \
     {#name, false, withMadeUpArguments(list.name), reinterpret_cast<void*>(list.name)},
-#include "frame/function_table.inc"
+#include "module/function_table.inc"
 #undef CRYPTOKI_FUNCTION
 #undef CRYPTOKI_UNSUPPORTED
     };
@@ -60,7 +60,7 @@ inline std::vector<VendorExtension> everyVendorExtension() {
     return {
 #define CRYPTOKI_FUNCTION(name, parameters)
 #define VENDOR_EXTENSION(name, parameters, mangled) {#name, support::vendorSymbol(#name, #mangled)},
-#include "frame/function_table.inc"
+#include "module/function_table.inc"
 #undef CRYPTOKI_FUNCTION
 #undef VENDOR_EXTENSION
     };

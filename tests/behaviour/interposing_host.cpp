@@ -12,7 +12,7 @@
     CK_RV name parameters {                 \
         return CKR_GENERAL_ERROR;           \
     }
-#include "frame/function_table.inc"
+#include "module/function_table.inc"
 #undef CRYPTOKI_FUNCTION
 #pragma GCC diagnostic pop
 
@@ -37,7 +37,7 @@ int main() {
     if (fileOf(&list) != module) std::cout << "the list\n";
 #define CRYPTOKI_FUNCTION(name, parameters) \
     if (fileOf(list.name) != module) std::cout << #name "\n";
-#include "frame/function_table.inc"
+#include "module/function_table.inc"
 #undef CRYPTOKI_FUNCTION
     return 0;
 }

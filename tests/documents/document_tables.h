@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 namespace documents {
 

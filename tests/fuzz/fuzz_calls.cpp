@@ -9,8 +9,8 @@
 #include <map>
 #include <vector>
 
-#include "frame/cryptoki.h"
 #include "guarded_memory.h"
+#include "module/cryptoki.h"
 #include "scripted_library.h"
 
 namespace {

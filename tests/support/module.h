@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <string>
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 namespace support {
 

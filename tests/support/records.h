@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 #include "scripted_library.h"
 
 namespace support {

@@ -1,5 +1,5 @@
 #include "cryptoki_tables.h"
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 #define CONSTANTS ourConstants
 #define LAYOUT ourLayout

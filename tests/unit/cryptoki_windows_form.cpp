@@ -1,6 +1,6 @@
 #define ZENTAK_WINDOWS_CRYPTOKI
 #include "cryptoki_tables.h"
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 #define CONSTANTS windowsFormConstants
 #define LAYOUT windowsFormLayout

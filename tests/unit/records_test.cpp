@@ -1,4 +1,4 @@
-#include "objects/records.h"
+#include "device/records.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 /// Wiping of memory that held a secret.
 
-#include "frame/secrets.h"
+#include "base/secrets.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

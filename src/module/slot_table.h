@@ -1,13 +1,13 @@
 /// Slot IDs, their lookup, and what tells a FIPS 140-3 token.
 
-#ifndef ZENTAK_SLOTS_SLOT_TABLE_H
-#define ZENTAK_SLOTS_SLOT_TABLE_H
+#ifndef ZENTAK_MODULE_SLOT_TABLE_H
+#define ZENTAK_MODULE_SLOT_TABLE_H
 
 #include <map>
 #include <string>
 
 #include "device/zentak_dsc_library.h"
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 namespace zentak {
 

@@ -1,7 +1,7 @@
 /// The constants of PKCS #11 (Cryptoki) 2.20. Included by cryptoki.h; not meant to be included alone.
 
-#ifndef ZENTAK_FRAME_CRYPTOKI_CONSTANTS_H
-#define ZENTAK_FRAME_CRYPTOKI_CONSTANTS_H
+#ifndef ZENTAK_MODULE_CRYPTOKI_CONSTANTS_H
+#define ZENTAK_MODULE_CRYPTOKI_CONSTANTS_H
 
 #define CRYPTOKI_VERSION_MAJOR 2
 #define CRYPTOKI_VERSION_MINOR 20

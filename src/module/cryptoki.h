@@ -5,8 +5,8 @@
 ///   - the platform's own form elsewhere: natural alignment, CK_ULONG as wide as `unsigned long`.
 /// Windows always has the first. Define ZENTAK_WINDOWS_CRYPTOKI to get it on another system.
 
-#ifndef ZENTAK_FRAME_CRYPTOKI_H
-#define ZENTAK_FRAME_CRYPTOKI_H
+#ifndef ZENTAK_MODULE_CRYPTOKI_H
+#define ZENTAK_MODULE_CRYPTOKI_H
 
 #if defined(_WIN32) && !defined(ZENTAK_WINDOWS_CRYPTOKI)
 #define ZENTAK_WINDOWS_CRYPTOKI

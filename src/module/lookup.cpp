@@ -1,4 +1,4 @@
-#include "objects/lookup.h"
+#include "module/lookup.h"
 
 #include <algorithm>
 

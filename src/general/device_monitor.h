@@ -1,8 +1,8 @@
 /// The device monitor: a thread that watches, from C_Initialize to C_Finalize, for tokens that come and go. It drops
 /// the login of a token that is gone and raises the slot events that C_WaitForSlotEvent hands out.
 
-#ifndef ZENTAK_SLOTS_DEVICE_MONITOR_H
-#define ZENTAK_SLOTS_DEVICE_MONITOR_H
+#ifndef ZENTAK_GENERAL_DEVICE_MONITOR_H
+#define ZENTAK_GENERAL_DEVICE_MONITOR_H
 
 namespace zentak {
 

@@ -1,14 +1,14 @@
 /// A buffer that the device library allocates for its caller.
 
-#ifndef ZENTAK_CRYPTO_LIBRARY_BUFFER_H
-#define ZENTAK_CRYPTO_LIBRARY_BUFFER_H
+#ifndef ZENTAK_DEVICE_LIBRARY_BUFFER_H
+#define ZENTAK_DEVICE_LIBRARY_BUFFER_H
 
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "frame/secrets.h"
+#include "base/secrets.h"
 
 namespace zentak {
 

@@ -1,14 +1,14 @@
 /// What C_Initialize and C_Finalize share, and what becomes of the module when its process forks.
 
-#ifndef ZENTAK_FRAME_LIFECYCLE_H
-#define ZENTAK_FRAME_LIFECYCLE_H
+#ifndef ZENTAK_GENERAL_LIFECYCLE_H
+#define ZENTAK_GENERAL_LIFECYCLE_H
 
 #include <mutex>
 
 namespace zentak {
 
 /// Held by C_Initialize and C_Finalize from end to end. Not the module lock: stopping the monitor takes as long as its
-/// poll, and the monitor needs that lock itself. See frame/lasting.h.
+/// poll, and the monitor needs that lock itself. See base/no_destructor.h.
 struct LifecycleMutex : std::mutex {};
 
 /// From the first call on, a forked child of this process starts with a module that isn't initialised, whatever the

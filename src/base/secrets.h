@@ -1,7 +1,7 @@
 /// Secrets in memory (a PIN, a plaintext, an agreed secret) are overwritten before their memory is left to others.
 
-#ifndef ZENTAK_FRAME_SECRETS_H
-#define ZENTAK_FRAME_SECRETS_H
+#ifndef ZENTAK_BASE_SECRETS_H
+#define ZENTAK_BASE_SECRETS_H
 
 #include <atomic>
 #include <cstddef>

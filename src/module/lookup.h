@@ -1,9 +1,9 @@
 /// From the identifier in an object handle to the device library's record.
 
-#ifndef ZENTAK_OBJECTS_LOOKUP_H
-#define ZENTAK_OBJECTS_LOOKUP_H
+#ifndef ZENTAK_MODULE_LOOKUP_H
+#define ZENTAK_MODULE_LOOKUP_H
 
-#include "frame/module_state.h"
+#include "module/module_state.h"
 
 namespace zentak {
 

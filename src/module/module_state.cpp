@@ -1,6 +1,6 @@
-#include "frame/module_state.h"
+#include "module/module_state.h"
 
-#include "frame/lasting.h"
+#include "base/no_destructor.h"
 
 namespace zentak {
 

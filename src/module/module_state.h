@@ -1,7 +1,7 @@
 /// All state of the module, in one place, and the lock around it.
 
-#ifndef ZENTAK_FRAME_MODULE_STATE_H
-#define ZENTAK_FRAME_MODULE_STATE_H
+#ifndef ZENTAK_MODULE_MODULE_STATE_H
+#define ZENTAK_MODULE_MODULE_STATE_H
 
 #include <atomic>
 #include <cstdint>
@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
+#include "base/secrets.h"
 #include "device/zentak_dsc_library.h"
-#include "frame/cryptoki.h"
-#include "frame/mutex.h"
-#include "frame/secrets.h"
+#include "module/cryptoki.h"
 
 namespace zentak {
 
@@ -100,7 +100,7 @@ struct Module {
     void* instanceWithoutLock() const ZENTAK_THREAD_SAFETY(no_thread_safety_analysis) { return state.instance; }
 };
 
-/// The one module of this process; see frame/lasting.h.
+/// The one module of this process; see base/no_destructor.h.
 Module& theModule();
 
 }  // namespace zentak

@@ -1,4 +1,4 @@
-#include "slots/device_monitor.h"
+#include "general/device_monitor.h"
 
 #include <algorithm>
 #include <atomic>
@@ -7,11 +7,11 @@
 #include <mutex>
 #include <thread>
 
-#include "frame/entry_frame.h"
-#include "frame/lasting.h"
-#include "frame/mutex.h"
+#include "base/mutex.h"
+#include "base/no_destructor.h"
+#include "module/entry_frame.h"
+#include "module/slot_table.h"
 #include "platform/platform.h"
-#include "slots/slot_table.h"
 
 using namespace zentak;
 

@@ -1,4 +1,4 @@
-#include "frame/entry_frame.h"
+#include "module/entry_frame.h"
 
 #include <exception>
 #include <new>

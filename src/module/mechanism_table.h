@@ -1,12 +1,12 @@
 /// Lookup in the tables of mechanisms, each of which belongs to a family of functions.
 
-#ifndef ZENTAK_FRAME_MECHANISM_TABLE_H
-#define ZENTAK_FRAME_MECHANISM_TABLE_H
+#ifndef ZENTAK_MODULE_MECHANISM_TABLE_H
+#define ZENTAK_MODULE_MECHANISM_TABLE_H
 
 #include <array>
 #include <cstddef>
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 namespace zentak {
 

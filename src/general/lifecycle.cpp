@@ -1,10 +1,10 @@
-#include "frame/lifecycle.h"
+#include "general/lifecycle.h"
 
-#include "frame/lasting.h"
-#include "frame/module_state.h"
+#include "base/no_destructor.h"
+#include "general/device_monitor.h"
 #include "log/diagnostic_log.h"
+#include "module/module_state.h"
 #include "platform/platform.h"
-#include "slots/device_monitor.h"
 
 namespace zentak {
 

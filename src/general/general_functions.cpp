@@ -2,10 +2,10 @@
 
 #include <cstring>
 
-#include "frame/entry_frame.h"
-#include "frame/lasting.h"
-#include "frame/lifecycle.h"
-#include "slots/device_monitor.h"
+#include "base/no_destructor.h"
+#include "general/device_monitor.h"
+#include "general/lifecycle.h"
+#include "module/entry_frame.h"
 
 using namespace zentak;
 

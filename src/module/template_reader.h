@@ -1,15 +1,15 @@
 /// Reading of a caller's template entry by entry, values at any alignment.
 
-#ifndef ZENTAK_OBJECTS_TEMPLATE_READER_H
-#define ZENTAK_OBJECTS_TEMPLATE_READER_H
+#ifndef ZENTAK_MODULE_TEMPLATE_READER_H
+#define ZENTAK_MODULE_TEMPLATE_READER_H
 
 #include <algorithm>
 #include <cstring>
 #include <initializer_list>
 #include <string_view>
 
-#include "frame/entry_frame.h"
-#include "objects/records.h"
+#include "device/records.h"
+#include "module/entry_frame.h"
 
 namespace zentak {
 

@@ -1,14 +1,14 @@
 /// The frame that every exported function runs in: its name in the log, the refusal of an uninitialised module, the
 /// session lookup, the module lock, and the promise that no exception reaches the host.
 
-#ifndef ZENTAK_FRAME_ENTRY_FRAME_H
-#define ZENTAK_FRAME_ENTRY_FRAME_H
+#ifndef ZENTAK_MODULE_ENTRY_FRAME_H
+#define ZENTAK_MODULE_ENTRY_FRAME_H
 
 #include <string_view>
 
-#include "frame/cryptoki.h"
-#include "frame/module_state.h"
 #include "log/diagnostic_log.h"
+#include "module/cryptoki.h"
+#include "module/module_state.h"
 
 namespace zentak {
 

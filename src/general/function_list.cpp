@@ -1,6 +1,6 @@
 /// C_GetFunctionList and the list that it hands out.
 
-#include "frame/entry_frame.h"
+#include "module/entry_frame.h"
 
 using namespace zentak;
 
@@ -9,7 +9,7 @@ namespace {
 const CK_FUNCTION_LIST functionList = {
     {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
 #define CRYPTOKI_FUNCTION(name, parameters) name,
-#include "frame/function_table.inc"
+#include "module/function_table.inc"
 #undef CRYPTOKI_FUNCTION
 };
 

@@ -1,10 +1,10 @@
 /// Object handles: computed from the number that the device library gives a record, so that the module keeps no object
 /// store. Each range begins at the number below; a key pair is two objects, one in each of its ranges.
 
-#ifndef ZENTAK_OBJECTS_OBJECT_HANDLES_H
-#define ZENTAK_OBJECTS_OBJECT_HANDLES_H
+#ifndef ZENTAK_MODULE_OBJECT_HANDLES_H
+#define ZENTAK_MODULE_OBJECT_HANDLES_H
 
-#include "frame/cryptoki.h"
+#include "module/cryptoki.h"
 
 namespace zentak {
 

@@ -1,7 +1,7 @@
 /// The functions that only answer CKR_FUNCTION_NOT_SUPPORTED, the same before C_Initialize as after it.
 
-#include "frame/vendor_extensions.h"
 #include "log/diagnostic_log.h"
+#include "module/vendor_extensions.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ CK_RV unsupported(const char* name) {
     CK_RV name parameters {                         \
         return unsupported(#name);                  \
     }
-#include "frame/function_table.inc"
+#include "module/function_table.inc"
 #undef VENDOR_EXTENSION
 #undef CRYPTOKI_UNSUPPORTED
 #undef CRYPTOKI_FUNCTION

@@ -1,8 +1,8 @@
 /// A mutex that clang checks: with -Wthread-safety, what is marked as guarded can't be touched without the lock. It
 /// knows its thread, so that a process can be forked from inside.
 
-#ifndef ZENTAK_FRAME_MUTEX_H
-#define ZENTAK_FRAME_MUTEX_H
+#ifndef ZENTAK_BASE_MUTEX_H
+#define ZENTAK_BASE_MUTEX_H
 
 #include <atomic>
 #include <mutex>

@@ -1,4 +1,4 @@
-#include "slots/slot_table.h"
+#include "module/slot_table.h"
 
 #include <iterator>
 

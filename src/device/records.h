@@ -2,8 +2,8 @@
 /// doesn't fit the field is cut to it, so that a broken record can't be read beyond its end. The views point into the
 /// record.
 
-#ifndef ZENTAK_OBJECTS_RECORDS_H
-#define ZENTAK_OBJECTS_RECORDS_H
+#ifndef ZENTAK_DEVICE_RECORDS_H
+#define ZENTAK_DEVICE_RECORDS_H
 
 #include <algorithm>
 #include <cstdint>

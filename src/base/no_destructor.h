@@ -1,8 +1,8 @@
 /// Objects that live as long as the process: created on first use and never destroyed, because a host may exit or
 /// unload the module without C_Finalize, while other threads are still inside.
 
-#ifndef ZENTAK_FRAME_LASTING_H
-#define ZENTAK_FRAME_LASTING_H
+#ifndef ZENTAK_BASE_NO_DESTRUCTOR_H
+#define ZENTAK_BASE_NO_DESTRUCTOR_H
 
 #include <new>
 #include <utility>
