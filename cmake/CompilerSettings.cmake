@@ -5,7 +5,7 @@ option(ZENTAK_COVERAGE "Let the module count which of its lines and branches are
 
 add_library(zentak_settings INTERFACE)
 target_compile_options(zentak_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
-target_include_directories(zentak_settings INTERFACE ${CMAKE_SOURCE_DIR}/src)
+target_include_directories(zentak_settings INTERFACE ${PROJECT_SOURCE_DIR}/src)
 
 # The last line of defence, in all that is built; scripts/check-hardening looks whether the files really have it.
 if(ZENTAK_SANITIZE)
@@ -13,12 +13,12 @@ if(ZENTAK_SANITIZE)
   add_link_options(-fsanitize=${ZENTAK_SANITIZE})
 elseif(WIN32)
   # At the link too: mingw-w64 keeps the protector in a library of its own.
-  add_compile_options(-fstack-protector-strong $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  add_compile_options(-fstack-protector-strong $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=2>)
   add_link_options(-fstack-protector-strong -Wl,--dynamicbase,--high-entropy-va,--nxcompat)
 else()
   add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection=full)
   # What it checks is only known to the optimiser.
-  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=3>)
+  add_compile_options($<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=3>)
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
   # CMAKE_POSITION_INDEPENDENT_CODE alone leaves the link of a program to the compiler's default.
   include(CheckPIESupported)

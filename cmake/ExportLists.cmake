@@ -1,7 +1,7 @@
 # Makes the export lists of the module from src/module/function_table.inc, so that a function is named in one place.
 
-set(ZENTAK_FUNCTION_TABLE ${CMAKE_SOURCE_DIR}/src/module/function_table.inc)
-set_property(DIRECTORY ${CMAKE_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${ZENTAK_FUNCTION_TABLE})
+set(ZENTAK_FUNCTION_TABLE ${PROJECT_SOURCE_DIR}/src/module/function_table.inc)
+set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${ZENTAK_FUNCTION_TABLE})
 
 # The exported symbols: plain standard names, then the vendor extensions as the Itanium C++ ABI decorates them, with
 # `ulong` standing for CK_ULONG (m for unsigned long, j for unsigned int).
