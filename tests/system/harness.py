@@ -102,13 +102,13 @@ class Output:
         """So many lines are the regular expression."""
         self._count(sum(re.fullmatch(pattern, line) is not None for line in self.lines), number, pattern)
 
-    def differs_not(self, expected: str, without: str = "", comments: bool = True) -> None:
-        """The text is the expected one, blanks at line ends apart.
+    def is_text(self, expected: str) -> None:
+        """The text is the expected one without its comment lines (#); blanks at line ends apart.
 
-        Lines of the text that begin with `without` are left out, and so are the comments (#) of the expected one.
+        The expected text begins in the line after its quotation mark.
         """
-        actual = [line.rstrip(" ") for line in self.lines if not (without and line.startswith(without))]
-        wanted = [line.rstrip(" ") for line in expected.splitlines() if not (comments and line.startswith("#"))]
+        actual = [line.rstrip(" ") for line in self.lines]
+        wanted = [line.rstrip(" ") for line in expected.removeprefix("\n").splitlines() if not line.startswith("#")]
         difference = difflib.unified_diff(wanted, actual, "expected", self.name, lineterm="")
         self.test.check(actual == wanted, f"{self.name} is word for word as expected", "\n".join(difference))
 
@@ -327,6 +327,10 @@ class SystemTest:
         self.run(f"{name}, verified", "openssl", "dgst", f"-{hash_name}", "-verify", f"{key}.public.pem", "-signature",
                  signature, *options, data)
 
+    def agreed_secret(self, private: str, public: str) -> bytes:
+        """What openssl derives from PRIVATE.key.pem and PUBLIC.public.pem."""
+        return self.openssl("pkeyutl", "-derive", "-inkey", f"{private}.key.pem", "-peerkey", f"{public}.public.pem")
+
 
 # --- Clients: programs that know nothing of ours ----------------------------------------------------------------------
 
@@ -410,7 +414,3 @@ class ClientTest(SystemTest):
                             "-CAfile", authorities, f"-{version}", "-naccept", "1", "-rev")
         self.wait_for(server, lambda: listens(port))
         return server, port
-
-    def agreed_secret(self, private: str, public: str) -> bytes:
-        """What openssl derives from PRIVATE.key.pem and PUBLIC.public.pem."""
-        return self.openssl("pkeyutl", "-derive", "-inkey", f"{private}.key.pem", "-peerkey", f"{public}.public.pem")
