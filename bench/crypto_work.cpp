@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "device/zentak_dsc_library.h"
-#include "key_operations.h"
+#include "keys/key_operations.h"
 #include "module.h"
 #include "module/object_handles.h"
 

@@ -14,7 +14,7 @@
 #include "crypto_work.h"
 #include "log_level_reads.h"
 #include "module_client.h"
-#include "platform.h"
+#include "platform/files.h"
 #include "run_folder.h"
 #include "samples.h"
 #include "start_costs.h"

@@ -5,10 +5,10 @@
 #include <openssl/pem.h>
 
 #include "module_client.h"
-#include "platform.h"
+#include "platform/files.h"
 #include "run_folder.h"
 #include "test_certificates.h"
-#include "token_changes.h"
+#include "token/token_changes.h"
 
 namespace bench {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "keys.h"
+#include "keys/keys.h"
 
 namespace bench {
 

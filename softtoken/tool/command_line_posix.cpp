@@ -1,4 +1,4 @@
-#include "command_line.h"
+#include "tool/command_line.h"
 
 namespace softtoken::tool {
 

@@ -4,8 +4,8 @@
 #include <shellapi.h>
 // clang-format on
 
-#include "command_line.h"
-#include "platform.h"
+#include "platform/files.h"
+#include "tool/command_line.h"
 
 namespace softtoken::tool {
 

@@ -1,8 +1,8 @@
-#include "commands.h"
+#include "tool/commands.h"
 
-#include "errors.h"
-#include "platform.h"
-#include "token_changes.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "token/token_changes.h"
 
 namespace softtoken::tool {
 

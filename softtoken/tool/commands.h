@@ -6,8 +6,8 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-#include "printing.h"
-#include "store.h"
+#include "store/store.h"
+#include "tool/printing.h"
 
 namespace softtoken::tool {
 

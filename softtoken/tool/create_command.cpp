@@ -2,10 +2,10 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "commands.h"
-#include "pin_source.h"
-#include "progress.h"
-#include "token_changes.h"
+#include "token/token_changes.h"
+#include "tool/commands.h"
+#include "tool/pin_source.h"
+#include "tool/progress.h"
 
 namespace softtoken::tool {
 

@@ -3,11 +3,11 @@
 #include <memory>
 #include <openssl/pem.h>
 
-#include "certificates.h"
-#include "commands.h"
-#include "errors.h"
-#include "pin_source.h"
-#include "platform.h"
+#include "keys/certificates.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "tool/commands.h"
+#include "tool/pin_source.h"
 
 namespace softtoken::tool {
 

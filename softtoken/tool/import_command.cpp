@@ -3,12 +3,12 @@
 #include <memory>
 #include <optional>
 
-#include "commands.h"
-#include "errors.h"
-#include "import_files.h"
-#include "pin_source.h"
-#include "progress.h"
-#include "token_changes.h"
+#include "platform/errors.h"
+#include "token/token_changes.h"
+#include "tool/commands.h"
+#include "tool/import_files.h"
+#include "tool/pin_source.h"
+#include "tool/progress.h"
 
 namespace softtoken::tool {
 

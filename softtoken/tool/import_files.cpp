@@ -1,4 +1,4 @@
-#include "import_files.h"
+#include "tool/import_files.h"
 
 #include <algorithm>
 #include <exception>
@@ -6,9 +6,9 @@
 #include <openssl/pkcs12.h>
 #include <openssl/provider.h>
 
-#include "certificates.h"
-#include "errors.h"
-#include "platform.h"
+#include "keys/certificates.h"
+#include "platform/errors.h"
+#include "platform/files.h"
 
 namespace softtoken::tool {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "openssl_support.h"
+#include "platform/openssl_support.h"
 
 namespace softtoken::tool {
 

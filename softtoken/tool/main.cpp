@@ -4,10 +4,10 @@
 #include <iostream>
 #include <openssl/crypto.h>
 
-#include "command_line.h"
-#include "commands.h"
-#include "errors.h"
-#include "platform.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "tool/command_line.h"
+#include "tool/commands.h"
 
 namespace softtoken::tool {
 

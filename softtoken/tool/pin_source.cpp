@@ -1,7 +1,7 @@
-#include "pin_source.h"
+#include "tool/pin_source.h"
 
-#include "errors.h"
-#include "platform.h"
+#include "platform/errors.h"
+#include "platform/files.h"
 
 namespace softtoken::tool {
 

@@ -1,4 +1,4 @@
-#include "printing.h"
+#include "tool/printing.h"
 
 #include <algorithm>
 #include <array>

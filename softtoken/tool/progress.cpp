@@ -1,4 +1,4 @@
-#include "progress.h"
+#include "tool/progress.h"
 
 #include <iostream>
 

@@ -2,11 +2,11 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "certificates.h"
-#include "commands.h"
-#include "errors.h"
-#include "keys.h"
-#include "pin_source.h"
+#include "keys/certificates.h"
+#include "keys/keys.h"
+#include "platform/errors.h"
+#include "tool/commands.h"
+#include "tool/pin_source.h"
 
 namespace softtoken::tool {
 

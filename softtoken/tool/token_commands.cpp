@@ -3,11 +3,11 @@
 #include <iostream>
 #include <memory>
 
-#include "commands.h"
-#include "errors.h"
-#include "pin_source.h"
-#include "platform.h"
-#include "progress.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "tool/commands.h"
+#include "tool/pin_source.h"
+#include "tool/progress.h"
 
 namespace softtoken::tool {
 

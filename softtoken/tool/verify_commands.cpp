@@ -4,10 +4,10 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "commands.h"
-#include "errors.h"
-#include "pin_source.h"
-#include "store_repair.h"
+#include "platform/errors.h"
+#include "store/repair.h"
+#include "tool/commands.h"
+#include "tool/pin_source.h"
 
 namespace softtoken::tool {
 

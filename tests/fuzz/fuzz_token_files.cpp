@@ -7,9 +7,9 @@
 #include <fstream>
 
 #include "device/zentak_dsc_library.h"
-#include "errors.h"
-#include "openssl_support.h"
-#include "token_data.h"
+#include "platform/errors.h"
+#include "platform/openssl_support.h"
+#include "store/token_data.h"
 
 namespace {
 

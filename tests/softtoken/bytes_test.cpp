@@ -1,4 +1,4 @@
-#include "bytes.h"
+#include "platform/bytes.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <functional>
 
-#include "certificates.h"
+#include "keys/certificates.h"
 #include "test_certificates.h"
 #include "token_test.h"
 

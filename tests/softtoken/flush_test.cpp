@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <functional>
 
-#include "errors.h"
 #include "flush_recorder.h"
-#include "platform.h"
-#include "token_changes.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "token/token_changes.h"
 #include "token_test.h"
 
 namespace softtoken {

@@ -6,8 +6,8 @@
 #include <openssl/core_names.h>
 #include <set>
 
-#include "instance.h"
-#include "key_numbers.h"
+#include "keys/key_numbers.h"
+#include "token/instance.h"
 #include "token_test.h"
 
 namespace softtoken {

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "other_process.h"
-#include "platform.h"
+#include "platform/files.h"
 #include "tool_test.h"
 
 namespace softtoken {

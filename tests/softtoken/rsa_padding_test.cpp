@@ -1,6 +1,6 @@
 // RSA decryption of every padding that is understood, and what happens to the blocks between them.
 
-#include "rsa_padding.h"
+#include "keys/rsa_padding.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <functional>
 
-#include "platform.h"
+#include "platform/files.h"
 #include "token_test.h"
 
 namespace softtoken {

@@ -9,7 +9,7 @@
 
 #include "../support/broken_storage.h"
 #include "other_process.h"
-#include "platform.h"
+#include "platform/files.h"
 #include "test_certificates.h"
 #include "token_test.h"
 

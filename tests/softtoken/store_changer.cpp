@@ -13,9 +13,9 @@
 #include <fstream>
 #include <iostream>
 
-#include "errors.h"
-#include "platform.h"
-#include "token_changes.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "token/token_changes.h"
 
 #ifndef _WIN32
 #include <unistd.h>

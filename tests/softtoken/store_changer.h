@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "token_data.h"
+#include "store/token_data.h"
 
 namespace softtoken {
 

@@ -1,10 +1,9 @@
 // verify and repair: what is told about a token, what is mended, and what is left alone.
 
-#include "store_repair.h"
-
 #include <functional>
 #include <map>
 
+#include "store/repair.h"
 #include "test_certificates.h"
 #include "tool_test.h"
 

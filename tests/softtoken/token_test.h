@@ -9,10 +9,10 @@
 #include <string>
 
 #include "device/zentak_dsc_library.h"
-#include "errors.h"
-#include "keys.h"
-#include "store.h"
-#include "token_changes.h"
+#include "keys/keys.h"
+#include "platform/errors.h"
+#include "store/store.h"
+#include "token/token_changes.h"
 
 namespace softtoken {
 

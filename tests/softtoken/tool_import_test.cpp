@@ -4,7 +4,7 @@
 #include <openssl/pkcs12.h>
 #include <openssl/provider.h>
 
-#include "certificates.h"
+#include "keys/certificates.h"
 #include "test_certificates.h"
 #include "tool_test.h"
 

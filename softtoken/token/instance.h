@@ -1,0 +1,153 @@
+/// Instances of the library: the view of the plugged-in tokens that a caller works with, and what is remembered of them
+/// between two calls (the parsed file, the records made from it, the verified PIN, loaded keys).
+
+#ifndef ZENTAK_SOFTTOKEN_INSTANCE_H
+#define ZENTAK_SOFTTOKEN_INSTANCE_H
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "device/zentak_dsc_library.h"
+#include "keys/hash_context.h"
+#include "keys/key_operations.h"
+#include "platform/files.h"
+#include "store/store.h"
+
+namespace softtoken {
+
+/// A token as its file says, and the same as records of the boundary.
+struct Snapshot {
+    TokenData token;
+    std::vector<ZentakKeyPair> keyPairs;
+    std::vector<ZentakCertificate> certificates;
+};
+
+/// Thread-safe. All routines with a serial number throw Error::deviceNotPresent when no such token is plugged in, and
+/// Error::tokenDamaged or Error::unknownVersion when its file is unusable.
+class Instance {
+public:
+    explicit Instance(Store store);
+
+    HashTable hashes;
+
+    [[nodiscard]] const Store& store() const { return store_; }
+
+    /// The token's present state. It isn't changed any more, and stays alive for some further changes even when the
+    /// caller keeps no more than a reference to one of its lists.
+    std::shared_ptr<Snapshot> snapshot(std::string_view serialNumber);
+
+    [[nodiscard]] Attempts attempts(std::string_view serialNumber);
+
+    /// Checks a PIN as a login does. Throws PinFailure.
+    void login(std::string_view serialNumber, Role role, std::string_view pin);
+
+    void changeUserPin(std::string_view serialNumber, std::string_view oldPin, std::string_view newPin);
+
+    /// Throws for a wrong PIN. The same wrong PIN is counted once only, however often it comes back in operations: an
+    /// application that keeps a PIN doesn't notice when another one changes it, and would lock the token.
+    OpenedToken open(std::string_view serialNumber, std::string_view pin);
+
+    /// The loaded private key. `usage` is the bit that the operation needs, or 0. Throws for a wrong PIN.
+    std::shared_ptr<PrivateKey> privateKey(std::string_view serialNumber, const Reference& keyId, std::string_view pin,
+                                           std::uint32_t usage);
+
+    /// Changes the token. Without the token key it's what needs no PIN.
+    void change(std::string_view serialNumber, const std::function<void(TokenData&)>& change);
+
+    /// A public key as verification is given it. The last ones are remembered. Null when the bytes are none.
+    Key publicKey(int keyType, ByteView bytes);
+
+private:
+    using PinDigest = std::array<unsigned char, 32>;
+
+    /// A PIN, and what it was tried on: once that has changed, the PIN is unknown again.
+    struct TriedPin {
+        PinDigest digest;
+        PinSection section;
+        std::string model;
+
+        [[nodiscard]] bool is(const PinDigest& other, const TokenData& token) const;
+    };
+    struct VerifiedPin {
+        TriedPin tried;
+        SecretBytes tokenKey;
+    };
+    struct LoadedKey {
+        std::shared_ptr<PrivateKey> key;
+        std::uint32_t usage;
+    };
+    struct Device {
+        std::filesystem::path file;
+        TokenVersion version;
+        std::int64_t checkedAt = 0;  ///< when the version was last compared by more than its stamp
+        std::shared_ptr<Snapshot> snapshot;
+        std::optional<VerifiedPin> verified;
+        std::optional<TriedPin> refused;
+        std::map<Reference, LoadedKey> keys;
+    };
+    /// A token as it was read last, kept for as long as somebody works with it.
+    struct Reading {
+        std::shared_ptr<Snapshot> snapshot;
+        TokenVersion version;
+
+        [[nodiscard]] KnownToken known() const { return {snapshot->token, version}; }
+    };
+    /// A check of a PIN. Whoever brings the same PIN to the same token meanwhile waits for its end, and finds what
+    /// came of it; others don't.
+    class PinCheck {
+    public:
+        PinCheck(Instance& instance, std::string_view serialNumber, const PinDigest& digest);
+        PinCheck(const PinCheck&) = delete;
+        PinCheck& operator=(const PinCheck&) = delete;
+        ~PinCheck();
+
+    private:
+        Instance& instance_;
+        const std::pair<std::string, PinDigest> pin_;
+    };
+    struct PublicKeyEntry {
+        int keyType;
+        Bytes bytes;
+        Key key;
+    };
+
+    Reading readingOf(std::string_view serialNumber);
+
+    // The caller of these holds the mutex.
+    Device& refreshed(std::string_view serialNumber);
+    void read(Device& device, std::string_view serialNumber);
+    void publish(Device& device, TokenData token);
+    static bool isVerified(const Device& device, const PinDigest& digest);
+
+    [[nodiscard]] PinDigest digestOf(std::string_view pin) const;
+    OpenedToken verifyPin(std::string_view serialNumber, std::string_view pin, const PinDigest& digest);
+
+    Store store_;
+    const SecretBytes digestKey_;
+    std::mutex mutex_;
+    std::set<std::pair<std::string, PinDigest>> pinsInCheck_;
+    std::condition_variable pinChecked_;
+    std::map<std::string, Device, std::less<>> devices_;
+    std::deque<std::shared_ptr<Snapshot>> retired_;
+    std::deque<PublicKeyEntry> publicKeys_;
+};
+
+/// Makes an instance for the user's store and answers its handle.
+void* openInstance();
+/// Throws Error::unknownInstance for null, a released handle and anything else.
+std::shared_ptr<Instance> findInstance(void* handle);
+/// Unknown handles are ignored.
+void closeInstance(void* handle);
+
+}  // namespace softtoken
+
+#endif
