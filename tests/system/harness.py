@@ -57,7 +57,14 @@ def make_work_folder(bin_folder: Path) -> Path:
 
 
 class Output:
-    """What a program has said, on both outputs in the order in which it wrote, and what is asked of that."""
+    """What a program has said, on both outputs in the order in which it wrote, and what is asked of that.
+
+    Attributes:
+        status: the program's
+        errors: what it has said on the standard error, where that was asked for separately
+    """
+
+    errors: "Output"
 
     def __init__(self, test: "SystemTest", name: str, text: str, status: int = 0) -> None:
         self.test = test
@@ -89,6 +96,10 @@ class Output:
     def counts(self, number: int, text: str) -> None:
         """So many lines have the text in them."""
         self._count(sum(text in line for line in self.lines), number, text)
+
+    def has_line(self, text: str) -> None:
+        """A line is exactly the text."""
+        self._count(self.lines.count(text), None, text)
 
     def begins(self, number: int, text: str) -> None:
         """So many lines begin with the text, repeated blanks apart."""
@@ -204,36 +215,46 @@ class SystemTest:
 
     # --- Programs -----------------------------------------------------------------------------------------------------
 
-    def call(self, name: str, *command: str | Path, stdin: bytes = b"", timeout: float = 60,
+    def call(self, name: str, *command: str | Path, stdin: bytes = b"", timeout: float = 60, separate: bool = False,
              environment: Mapping[str, str | None] | None = None) -> Output:
-        """Runs a command and checks nothing. The environment's changes: None takes a variable away."""
+        """Runs a command and checks nothing.
+
+        The environment's changes: None takes a variable away. `separate`: the output has what the program wrote on its
+        standard output, and in `errors` what it wrote on its standard error.
+        """
         merged = {**os.environ, **(environment or {})}
         variables = {key: value for key, value in merged.items() if value is not None}
-        # Not a pipe: a program left behind that keeps its end open would have to be waited for.
-        file = self.work / f"{name}.out"
-        with file.open("wb") as output:
+        words = [str(word) for word in command]
+        # Not pipes: a program left behind that keeps an end open would have to be waited for.
+        files = [self.work / f"output-{number}" for number in (1, 2)]
+        with files[0].open("wb") as output, files[1].open("wb") as errors:
             try:
-                done = subprocess.run([str(word) for word in command], input=stdin, stdout=output,
-                                      stderr=subprocess.STDOUT, timeout=timeout, env=variables, check=False)
-                status = done.returncode
+                status = subprocess.run(words, input=stdin, stdout=output, stderr=errors if separate else output,
+                                        timeout=timeout, env=variables, check=False).returncode
             except subprocess.TimeoutExpired:
                 status = 124
-        text = file.read_bytes().decode("utf-8", "replace")
-        return Output(self, name, text.replace("\r\n", "\n") if self.runner else text, status)
+        texts = [file.read_bytes().decode("utf-8", "replace") for file in files]
+        if self.runner:
+            texts = [text.replace("\r\n", "\n") for text in texts]
+        result = Output(self, name, texts[0], status)
+        result.errors = Output(self, f"{name}'s errors", texts[1])
+        return result
 
     def run(self, name: str, *command: str | Path, **options) -> Output:
         """The command must succeed."""
         output = self.call(name, *command, **options)
         words = " ".join(str(word) for word in command)
-        self.check(output.status == 0, f"{name}: {command[0]}", f"{words} ended with {output.status}:\n{output.text}")
+        self.check(output.status == 0, f"{name}: {command[0]}",
+                   f"{words} ended with {output.status}:\n{output.text}{output.errors.text}")
         return output
 
     def refused(self, name: str, text: str, *command: str | Path, status: int | None = None, **options) -> Output:
         """The command must fail, with the given status if there is one, and say the text."""
         output = self.call(name, *command, **options)
         failed = output.status not in (0, 124) if status is None else output.status == status
-        self.check(failed and any(text in line for line in output.lines), f'{name}: refused with "{text}"',
-                   f"{' '.join(str(word) for word in command)} ended with {output.status}:\n{output.text}")
+        said = output.text + output.errors.text
+        self.check(failed and text in said, f'{name}: refused with "{text}"',
+                   f"{' '.join(str(word) for word in command)} ended with {output.status}:\n{said}")
         return output
 
     def start(self, name: str, *command: str | Path, stdin=subprocess.DEVNULL,
@@ -301,9 +322,9 @@ class SystemTest:
         return Output(self, f"zentak-token {arguments[0]}",
                       self.prepare(*self.program("zentak-token"), *arguments).decode().replace("\r\n", "\n"))
 
-    def create_token(self, label: str, *options: str | Path) -> str:
-        """A token; its serial number. Each program checks the PIN anew: a cheap check keeps the tests quick."""
-        said = self.zentak_token("create", "--label", label, "--kdf-cost", "1", *options).text
+    def create_token(self, label: str, *options: str | Path, cost: int = 1) -> str:
+        """A token; its serial number. Each program checks the PIN anew: a low cost keeps the tests quick."""
+        said = self.zentak_token("create", "--label", label, "--kdf-cost", str(cost), *options).text
         return re.search("^Serial number: (.*)$", said, re.MULTILINE)[1]
 
     # --- Keys and signatures ------------------------------------------------------------------------------------------
@@ -316,10 +337,10 @@ class SystemTest:
         Path(f"{name}.public.pem").write_bytes(self.openssl("x509", "-in", certificate, "-noout", "-pubkey"))
 
     def add_key(self, name: str, key_id: str, *request: str) -> None:
-        """The same, and on the token with the label "System NAME"."""
+        """The same, and on the token with the label "System NAME", and with the ID unless that is empty."""
         self.make_key(name, *request)
         self.zentak_token("import", "--key", f"{name}.key.pem", "--certificate", f"{name}.certificate.pem",
-                          "--label", f"System {name}", "--id", key_id)
+                          "--label", f"System {name}", *(("--id", key_id) if key_id else ()))
 
     def verified(self, name: str, hash_name: str, key: str, signature: str | Path, data: str | Path,
                  *options: str) -> None:
