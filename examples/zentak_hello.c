@@ -29,10 +29,16 @@ typedef char PathCharacter;
 static CK_FUNCTION_LIST_PTR cryptoki = NULL;
 
 static bool succeeded(const char* function, CK_RV result) {
-    if (result == CKR_OK) return true;
+    if (result == CKR_OK) {
+        return true;
+    }
     const char* meaning = "";
-    if (result == CKR_PIN_INCORRECT) meaning = " (wrong PIN)";
-    if (result == CKR_PIN_LOCKED) meaning = " (the PIN is locked)";
+    if (result == CKR_PIN_INCORRECT) {
+        meaning = " (wrong PIN)";
+    }
+    if (result == CKR_PIN_LOCKED) {
+        meaning = " (the PIN is locked)";
+    }
     fprintf(stderr, "zentak-hello: %s returned 0x%08lX%s\n", function, (unsigned long)result, meaning);
     return false;
 }
@@ -45,7 +51,9 @@ static bool loadModule(const PathCharacter* path) {
     wchar_t absolute[MAX_PATH];
     const DWORD length = GetFullPathNameW(path, MAX_PATH, absolute, NULL);
     HMODULE module = NULL;
-    if (length < MAX_PATH) module = LoadLibraryExW(absolute, NULL, LOAD_WITH_ALTERED_SEARCH_PATH);
+    if (length < MAX_PATH) {
+        module = LoadLibraryExW(absolute, NULL, LOAD_WITH_ALTERED_SEARCH_PATH);
+    }
     if (module == NULL) {
         fprintf(stderr, "zentak-hello: cannot load %ls: Windows error %lu\n", path, GetLastError());
         return false;
@@ -70,21 +78,31 @@ static bool loadModule(const PathCharacter* path) {
 static bool findFirstToken(CK_SLOT_ID* slot) {
     // Asked twice, like every list: first for the number of entries, then for the entries.
     CK_ULONG count = 0;
-    if (!succeeded("C_GetSlotList", cryptoki->C_GetSlotList(CK_TRUE, NULL, &count))) return false;
+    if (!succeeded("C_GetSlotList", cryptoki->C_GetSlotList(CK_TRUE, NULL, &count))) {
+        return false;
+    }
     CK_SLOT_ID* slots = calloc(count + 1, sizeof *slots);
     const bool listed = slots != NULL && succeeded("C_GetSlotList", cryptoki->C_GetSlotList(CK_TRUE, slots, &count));
-    if (listed && count > 0) *slot = slots[0];
-    if (listed && count == 0) fprintf(stderr, "zentak-hello: no token is plugged in\n");
+    if (listed && count > 0) {
+        *slot = slots[0];
+    }
+    if (listed && count == 0) {
+        fprintf(stderr, "zentak-hello: no token is plugged in\n");
+    }
     free(slots);
     return listed && count > 0;
 }
 
 static bool showLabel(CK_SLOT_ID slot) {
     CK_TOKEN_INFO token;
-    if (!succeeded("C_GetTokenInfo", cryptoki->C_GetTokenInfo(slot, &token))) return false;
+    if (!succeeded("C_GetTokenInfo", cryptoki->C_GetTokenInfo(slot, &token))) {
+        return false;
+    }
     // The field is padded and ends nowhere by itself.
     int length = sizeof token.label;
-    while (length > 0 && (token.label[length - 1] == ' ' || token.label[length - 1] == '\0')) --length;
+    while (length > 0 && (token.label[length - 1] == ' ' || token.label[length - 1] == '\0')) {
+        --length;
+    }
     fprintf(stderr, "Token: %.*s\n", length, (const char*)token.label);
     return true;
 }
@@ -95,22 +113,31 @@ static bool findFirstPrivateKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* key
     CK_ULONG count = 0;
     if (!succeeded("C_FindObjectsInit", cryptoki->C_FindObjectsInit(session, &wanted, 1)) ||
         !succeeded("C_FindObjects", cryptoki->C_FindObjects(session, key, 1, &count)) ||
-        !succeeded("C_FindObjectsFinal", cryptoki->C_FindObjectsFinal(session)))
+        !succeeded("C_FindObjectsFinal", cryptoki->C_FindObjectsFinal(session))) {
         return false;
-    if (count == 0) fprintf(stderr, "zentak-hello: the token holds no private key\n");
+    }
+    if (count == 0) {
+        fprintf(stderr, "zentak-hello: the token holds no private key\n");
+    }
     return count > 0;
 }
 
 static bool sign(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key, FILE* input) {
     CK_KEY_TYPE type = 0;
     CK_ATTRIBUTE keyType = {CKA_KEY_TYPE, &type, sizeof type};
-    if (!succeeded("C_GetAttributeValue", cryptoki->C_GetAttributeValue(session, key, &keyType, 1))) return false;
+    if (!succeeded("C_GetAttributeValue", cryptoki->C_GetAttributeValue(session, key, &keyType, 1))) {
+        return false;
+    }
     CK_MECHANISM mechanism = {type == CKK_RSA ? CKM_SHA256_RSA_PKCS : CKM_ECDSA_SHA256, NULL, 0};
-    if (!succeeded("C_SignInit", cryptoki->C_SignInit(session, &mechanism, key))) return false;
+    if (!succeeded("C_SignInit", cryptoki->C_SignInit(session, &mechanism, key))) {
+        return false;
+    }
     static CK_BYTE piece[65536];
     size_t length = 0;
     while ((length = fread(piece, 1, sizeof piece, input)) > 0) {
-        if (!succeeded("C_SignUpdate", cryptoki->C_SignUpdate(session, piece, (CK_ULONG)length))) return false;
+        if (!succeeded("C_SignUpdate", cryptoki->C_SignUpdate(session, piece, (CK_ULONG)length))) {
+            return false;
+        }
     }
     if (ferror(input)) {
         perror("zentak-hello: cannot read what is to be signed");
@@ -118,8 +145,12 @@ static bool sign(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key, FILE* input) {
     }
     CK_BYTE signature[1024];
     CK_ULONG signatureLength = sizeof signature;
-    if (!succeeded("C_SignFinal", cryptoki->C_SignFinal(session, signature, &signatureLength))) return false;
-    for (CK_ULONG i = 0; i < signatureLength; ++i) printf("%02x", signature[i]);
+    if (!succeeded("C_SignFinal", cryptoki->C_SignFinal(session, signature, &signatureLength))) {
+        return false;
+    }
+    for (CK_ULONG i = 0; i < signatureLength; ++i) {
+        printf("%02x", signature[i]);
+    }
     printf("\n");
     return fflush(stdout) == 0;
 }
@@ -156,6 +187,8 @@ int main(int argc, PathCharacter* argv[]) {
         done = signWithFirstToken(pin, input);
         done = succeeded("C_Finalize", cryptoki->C_Finalize(NULL)) && done;
     }
-    if (argc == 3) fclose(input);
+    if (argc == 3) {
+        fclose(input);
+    }
     return done ? 0 : 1;
 }

@@ -1,8 +1,8 @@
 /// What every operation at the boundary needs: no exception and no OpenSSL error leaves it, and arguments come as
 /// pointers and lengths that may be anything.
 
-#ifndef ZENTAK_SOFTTOKEN_BOUNDARY_H
-#define ZENTAK_SOFTTOKEN_BOUNDARY_H
+#ifndef ZENTAK_SOFTTOKEN_BOUNDARY_BOUNDARY_H
+#define ZENTAK_SOFTTOKEN_BOUNDARY_BOUNDARY_H
 
 #include <algorithm>
 #include <cstdlib>
@@ -43,7 +43,9 @@ auto valueOf(Body&& body) noexcept -> decltype(body()) {
 }
 
 inline void requireArgument(bool valid) {
-    if (!valid) throw Failure(Error::invalidArgument, "an argument is null, negative or out of range");
+    if (!valid) {
+        throw Failure(Error::invalidArgument, "an argument is null, negative or out of range");
+    }
 }
 
 /// Null counts as the empty text.
@@ -82,7 +84,9 @@ ByteView fieldBytes(const unsigned char (&field)[size], int length) {
 /// Hands a result over in memory that the caller frees.
 inline void giveAllocated(ByteView result, unsigned char** output, int* outputLength) {
     auto* const memory = static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(result.size(), 1)));
-    if (memory == nullptr) throw std::bad_alloc();
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
     std::copy(result.begin(), result.end(), memory);
     *output = memory;
     *outputLength = static_cast<int>(result.size());

@@ -68,7 +68,9 @@ int zentak_verifySignatureHash(unsigned int keyType, const char* /*deviceId*/, c
         const ByteView input = bytesOf(hash, hashLength);
         const ByteView signatureBytes = bytesOf(signature, signatureLength);
         const Key key = found->publicKey(static_cast<int>(keyType), bytesOf(publicKey, publicKeyLength));
-        if (!key) throw Failure(Error::unsupportedKey, "not a public key");
+        if (!key) {
+            throw Failure(Error::unsupportedKey, "not a public key");
+        }
         if (!verifyHash(key.get(), input, signatureBytes, pss)) {
             throw Failure(Error::signatureInvalid, "the signature is wrong");
         }
@@ -85,10 +87,14 @@ int zentak_encrypt(EncryptionType /*type*/, PaddingMode padding, const unsigned 
         requireArgument(output != nullptr && outputLength != nullptr && !der.empty() && der[0] == 0x30);
         requireArgument(padding == PaddingMode::pkcs1 || padding == PaddingMode::oaep);
         const Key key = found->publicKey(0, der);
-        if (!key) throw Failure(Error::unsupportedKey, "not a public key");
+        if (!key) {
+            throw Failure(Error::unsupportedKey, "not a public key");
+        }
         const Bytes result =
             encryptRsa(key.get(), input, padding == PaddingMode::pkcs1 ? Padding::pkcs1 : Padding::oaepSha1);
-        if (result.size() > encryptionAreaLength) throw Failure(Error::bufferTooSmall, "the result doesn't fit");
+        if (result.size() > encryptionAreaLength) {
+            throw Failure(Error::bufferTooSmall, "the result doesn't fit");
+        }
         std::copy(result.begin(), result.end(), output);
         *outputLength = static_cast<int>(result.size());
     });

@@ -7,7 +7,9 @@
 using namespace softtoken;
 
 void zentak_createInstance(void** instance) {
-    if (instance == nullptr) return;
+    if (instance == nullptr) {
+        return;
+    }
     *instance = valueOf([] { return openInstance(); });
 }
 
@@ -45,7 +47,9 @@ int zentak_validatePassword(const char* deviceId, const char* pin, int userKind,
         const Role role = userKind == 1 ? Role::user : Role::officer;
         const auto found = findInstance(instance);
         const auto report = [&](int left) {
-            if (attemptsLeft != nullptr) *attemptsLeft = left;
+            if (attemptsLeft != nullptr) {
+                *attemptsLeft = left;
+            }
         };
         const auto present = [&] {
             const Attempts attempts = found->attempts(textOf(deviceId));
@@ -59,7 +63,9 @@ int zentak_validatePassword(const char* deviceId, const char* pin, int userKind,
             throw;
         } catch (const Failure& failure) {
             // A text that can't be a PIN costs nothing, and must not look like a locked token.
-            if (failure.error == Error::pinRequired || failure.error == Error::pinLength) report(present());
+            if (failure.error == Error::pinRequired || failure.error == Error::pinLength) {
+                report(present());
+            }
             throw;
         }
     });
@@ -71,10 +77,14 @@ bool zentak_changeUserPassword(const char* deviceId, const char* oldPin, const c
                const auto found = findInstance(instance);
                try {
                    found->changeUserPin(textOf(deviceId), textOf(oldPin), textOf(newPin));
-                   if (failureCount != nullptr) *failureCount = 0;
+                   if (failureCount != nullptr) {
+                       *failureCount = 0;
+                   }
                } catch (const PinFailure& failure) {
                    const int maximum = found->snapshot(textOf(deviceId))->token.user.maximumAttempts;
-                   if (failureCount != nullptr) *failureCount = maximum - failure.attemptsLeft;
+                   if (failureCount != nullptr) {
+                       *failureCount = maximum - failure.attemptsLeft;
+                   }
                    throw;
                }
            }) == 0;

@@ -57,8 +57,12 @@ int zentak_updateKeyPairDetails(const char* deviceId, const unsigned char* keyId
         static_cast<void>(found->open(textOf(deviceId), textOf(password)));
         found->change(textOf(deviceId), [&](TokenData& token) {
             KeyPairEntry& entry = findKeyPair(token, reference);
-            if (!newLabel.empty()) entry.alias = newLabel;
-            if (!newObjectId.empty()) entry.objectId.assign(newObjectId.begin(), newObjectId.end());
+            if (!newLabel.empty()) {
+                entry.alias = newLabel;
+            }
+            if (!newObjectId.empty()) {
+                entry.objectId.assign(newObjectId.begin(), newObjectId.end());
+            }
         });
     });
 }
@@ -113,7 +117,9 @@ int zentak_generateKeyPair(const char* deviceId, const char* password, ZentakKey
         requireArgument(keyPair != nullptr);
         const NewKeyPair settings = settingsOf(*keyPair);
         const KeyType* const type = keyTypeOfCode(keyPair->keyType);
-        if (type == nullptr) throw Failure(Error::unsupportedKey, "there is no such kind of key");
+        if (type == nullptr) {
+            throw Failure(Error::unsupportedKey, "there is no such kind of key");
+        }
         const OpenedToken opened = found->open(textOf(deviceId), textOf(password));
         requireRoomForKeyPair(*found, textOf(deviceId));
         const Key key = generateKey(*type);

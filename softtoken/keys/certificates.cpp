@@ -50,17 +50,23 @@ std::string commonName(const X509_NAME* name) {
     if (last >= 0) {
         unsigned char* utf8 = nullptr;
         const int length = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, last)));
-        if (length > 0) text.assign(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(length));
+        if (length > 0) {
+            text.assign(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(length));
+        }
         OPENSSL_free(utf8);
     }
     // A zero byte would make the text end early for everybody who takes it as terminated.
-    if (text.empty() || text.find('\0') != std::string::npos) return distinguishedName(name);
+    if (text.empty() || text.find('\0') != std::string::npos) {
+        return distinguishedName(name);
+    }
     return text;
 }
 
 std::string timeText(const ASN1_TIME* time) {
     tm parts{};
-    if (ASN1_TIME_to_tm(time, &parts) != 1) return {};
+    if (ASN1_TIME_to_tm(time, &parts) != 1) {
+        return {};
+    }
     char text[32];
     const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
     return {text, length};
@@ -86,7 +92,9 @@ CertificateFacts readFacts(const X509* certificate) {
     details.text5 = timeText(X509_get0_notAfter(certificate));
     details.text6 = commonName(issuer);
     details.text7 = distinguishedName(subject);
-    if (const EVP_PKEY* key = X509_get0_pubkey(certificate)) details.publicKey = publicKeyBytes(key);
+    if (const EVP_PKEY* key = X509_get0_pubkey(certificate)) {
+        details.publicKey = publicKeyBytes(key);
+    }
     return facts;
 }
 
@@ -117,17 +125,23 @@ std::shared_ptr<const CertificateFacts> certificateFacts(ByteView der) {
     {
         const std::lock_guard lock(mutex);
         const auto found = remembered.find(name);
-        if (found != remembered.end()) return found->second;
+        if (found != remembered.end()) {
+            return found->second;
+        }
     }
     auto facts = std::make_shared<const CertificateFacts>(readFacts(parseCertificate(der).get()));
     const std::lock_guard lock(mutex);
-    if (remembered.size() >= most) remembered.clear();
+    if (remembered.size() >= most) {
+        remembered.clear();
+    }
     remembered.emplace(std::move(name), facts);
     return facts;
 }
 
 std::vector<Bytes> certificatesOfFile(const std::string& content) {
-    if (content.find("-----BEGIN ") == std::string::npos) return {Bytes(content.begin(), content.end())};
+    if (content.find("-----BEGIN ") == std::string::npos) {
+        return {Bytes(content.begin(), content.end())};
+    }
     std::vector<Bytes> certificates;
     const Bio bio(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
     requireCrypto(bio != nullptr, "reading PEM");
@@ -137,7 +151,9 @@ std::vector<Bytes> certificatesOfFile(const std::string& content) {
     long length = 0;
     while (PEM_read_bio(bio.get(), &name, &header, &data, &length) == 1) {
         const std::string_view kind = name;
-        if (kind == PEM_STRING_X509 || kind == PEM_STRING_X509_OLD) certificates.emplace_back(data, data + length);
+        if (kind == PEM_STRING_X509 || kind == PEM_STRING_X509_OLD) {
+            certificates.emplace_back(data, data + length);
+        }
         OPENSSL_free(name);
         OPENSSL_free(header);
         OPENSSL_free(data);

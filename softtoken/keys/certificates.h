@@ -1,7 +1,7 @@
 /// Reading X.509 certificates in DER.
 
-#ifndef ZENTAK_SOFTTOKEN_CERTIFICATES_H
-#define ZENTAK_SOFTTOKEN_CERTIFICATES_H
+#ifndef ZENTAK_SOFTTOKEN_KEYS_CERTIFICATES_H
+#define ZENTAK_SOFTTOKEN_KEYS_CERTIFICATES_H
 
 #include "device/zentak_dsc_library.h"
 #include "platform/openssl_support.h"

@@ -17,7 +17,9 @@ constexpr std::size_t largestFile = 1 << 20;
 
 std::string lowerCase(std::string text) {
     for (char& character : text) {
-        if (character >= 'A' && character <= 'Z') character = static_cast<char>(character - 'A' + 'a');
+        if (character >= 'A' && character <= 'Z') {
+            character = static_cast<char>(character - 'A' + 'a');
+        }
     }
     return text;
 }
@@ -25,7 +27,9 @@ std::string lowerCase(std::string text) {
 std::vector<Bytes> readCertificates(const fs::path& file) {
     std::error_code error;
     const std::uintmax_t size = fs::file_size(file, error);
-    if (error || size == 0 || size > largestFile) return {};
+    if (error || size == 0 || size > largestFile) {
+        return {};
+    }
     try {
         const auto content = readFile(file, largestFile, Links::follow);
         return content ? certificatesOfFile(*content) : std::vector<Bytes>();
@@ -45,7 +49,9 @@ std::vector<std::pair<std::string, Bytes>> scanFolder(std::string_view folder,
 #endif
     std::vector<std::string> wanted;
     wanted.reserve(extensions.size());
-    for (const std::string& extension : extensions) wanted.push_back(lowerCase(extension));
+    for (const std::string& extension : extensions) {
+        wanted.push_back(lowerCase(extension));
+    }
     std::vector<fs::path> files;
     std::error_code error;
     for (fs::directory_iterator entry(pathFromNarrow(path), error), end; !error && entry != end;
@@ -59,7 +65,9 @@ std::vector<std::pair<std::string, Bytes>> scanFolder(std::string_view folder,
     std::sort(files.begin(), files.end());
     std::vector<std::pair<std::string, Bytes>> result;
     for (const fs::path& file : files) {
-        for (Bytes& der : readCertificates(file)) result.emplace_back(narrowFromPath(file.filename()), std::move(der));
+        for (Bytes& der : readCertificates(file)) {
+            result.emplace_back(narrowFromPath(file.filename()), std::move(der));
+        }
     }
     return result;
 }

@@ -1,7 +1,7 @@
 /// Finding certificate files in a folder.
 
-#ifndef ZENTAK_SOFTTOKEN_FOLDER_SCAN_H
-#define ZENTAK_SOFTTOKEN_FOLDER_SCAN_H
+#ifndef ZENTAK_SOFTTOKEN_KEYS_FOLDER_SCAN_H
+#define ZENTAK_SOFTTOKEN_KEYS_FOLDER_SCAN_H
 
 #include <string>
 #include <string_view>

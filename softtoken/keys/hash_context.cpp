@@ -32,7 +32,9 @@ void* HashTable::open(int hashCode) {
     requireCrypto(context->digest && EVP_DigestInit_ex2(context->digest.get(), digest, nullptr) == 1, "hashing");
     void* const handle = newHandle();
     const std::lock_guard lock(mutex_);
-    if (contexts_.size() >= mostOpenContexts) contexts_.erase(contexts_.begin());
+    if (contexts_.size() >= mostOpenContexts) {
+        contexts_.erase(contexts_.begin());
+    }
     contexts_.emplace(reinterpret_cast<std::uintptr_t>(handle), context);
     return handle;
 }
@@ -56,9 +58,13 @@ Bytes HashTable::finish(void* handle) {
 std::shared_ptr<HashTable::Context> HashTable::find(void* handle, bool take) {
     const std::lock_guard lock(mutex_);
     const auto found = contexts_.find(reinterpret_cast<std::uintptr_t>(handle));
-    if (found == contexts_.end()) throw Failure(Error::unknownContext, "there is no such hash context");
+    if (found == contexts_.end()) {
+        throw Failure(Error::unknownContext, "there is no such hash context");
+    }
     auto context = found->second;
-    if (take) contexts_.erase(found);
+    if (take) {
+        contexts_.erase(found);
+    }
     return context;
 }
 

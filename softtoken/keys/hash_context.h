@@ -1,8 +1,8 @@
 /// Hash contexts behind handles. A finished context leaves the table, so that neither using it again nor forgetting to
 /// finish one can do harm.
 
-#ifndef ZENTAK_SOFTTOKEN_HASHING_H
-#define ZENTAK_SOFTTOKEN_HASHING_H
+#ifndef ZENTAK_SOFTTOKEN_KEYS_HASH_CONTEXT_H
+#define ZENTAK_SOFTTOKEN_KEYS_HASH_CONTEXT_H
 
 #include <cstdint>
 #include <map>

@@ -43,7 +43,9 @@ struct OtherForm {};
 struct NegativeNumber {};
 
 void expect(bool holds) {
-    if (!holds) throw OtherForm();
+    if (!holds) {
+        throw OtherForm();
+    }
 }
 
 /// Walks over elements of DER, in place: no copy of a secret is left behind.
@@ -76,7 +78,9 @@ public:
     BigNumber positiveInteger() {
         const ByteView bytes = element(integerTag);
         expect(!bytes.empty());
-        if (bytes[0] >= 0x80) throw NegativeNumber();
+        if (bytes[0] >= 0x80) {
+            throw NegativeNumber();
+        }
         return numberFrom(bytes);
     }
 
@@ -99,7 +103,9 @@ bool same(ByteView bytes, std::string_view text) {
 Key rsaKeyFrom(DerReader fields) {
     expect(same(fields.element(integerTag), "\0"sv));
     std::array<BigNumber, 8> numbers;
-    for (BigNumber& number : numbers) number = fields.positiveInteger();
+    for (BigNumber& number : numbers) {
+        number = fields.positiveInteger();
+    }
     expect(fields.atEnd());
     return rsaPrivateKey({numbers[0].get(), numbers[1].get(), numbers[2].get(), numbers[3].get(), numbers[4].get(),
                           numbers[5].get(), numbers[6].get(), numbers[7].get()});
@@ -132,7 +138,9 @@ Key usualPrivateKey(ByteView pkcs8) {
     expect(fields.atEnd());
     const DerReader key = octets.inside(sequenceTag);
     expect(octets.atEnd());
-    if (same(identifier, rsaIdentifier)) return rsaKeyFrom(key);
+    if (same(identifier, rsaIdentifier)) {
+        return rsaKeyFrom(key);
+    }
     expect(same(identifier, ecIdentifier));
     return ecKeyFrom(key, algorithm.element(objectIdentifierTag));
 }
@@ -166,10 +174,14 @@ Key orNull(Decode&& decode) {
 
 Key decodePrivateKey(ByteView pkcs8) {
     try {
-        if (Key key = orNull([&] { return usualPrivateKey(pkcs8); })) return key;
+        if (Key key = orNull([&] { return usualPrivateKey(pkcs8); })) {
+            return key;
+        }
         const unsigned char* position = pkcs8.data();
         const auto length = static_cast<long>(pkcs8.size());
-        if (Key key = ownKey(d2i_AutoPrivateKey_ex(nullptr, &position, length, cryptoContext(), nullptr))) return key;
+        if (Key key = ownKey(d2i_AutoPrivateKey_ex(nullptr, &position, length, cryptoContext(), nullptr))) {
+            return key;
+        }
     } catch (const NegativeNumber&) {
         // Refused like everything else that is none.
     }
@@ -178,7 +190,9 @@ Key decodePrivateKey(ByteView pkcs8) {
 
 Key decodeSubjectPublicKeyInfo(ByteView der) {
     try {
-        if (Key key = orNull([&] { return usualPublicKey(der); })) return key;
+        if (Key key = orNull([&] { return usualPublicKey(der); })) {
+            return key;
+        }
     } catch (const NegativeNumber&) {
         return nullptr;
     }
@@ -187,16 +201,24 @@ Key decodeSubjectPublicKeyInfo(ByteView der) {
 }
 
 Key publicKeyFromPoint(const KeyType& type, ByteView point) {
-    if (type.curve == nullptr || point.empty()) return nullptr;
+    if (type.curve == nullptr || point.empty()) {
+        return nullptr;
+    }
     const bool uncompressed = point[0] == 0x04 && point.size() == 1 + 2 * type.fieldLength;
     const bool compressed = (point[0] == 0x02 || point[0] == 0x03) && point.size() == 1 + type.fieldLength;
     return uncompressed || compressed ? ecPublicKey(type.curve, point) : nullptr;
 }
 
 Key decodePublicKey(const KeyType* type, ByteView bytes) {
-    if (bytes.empty() || bytes.size() > 4096) return nullptr;
-    if (bytes[0] == 0x30) return decodeSubjectPublicKeyInfo(bytes);
-    if (type != nullptr && type->curve != nullptr) return publicKeyFromPoint(*type, bytes);
+    if (bytes.empty() || bytes.size() > 4096) {
+        return nullptr;
+    }
+    if (bytes[0] == 0x30) {
+        return decodeSubjectPublicKeyInfo(bytes);
+    }
+    if (type != nullptr && type->curve != nullptr) {
+        return publicKeyFromPoint(*type, bytes);
+    }
     const BigNumber modulus = numberFrom(bytes);
     const BigNumber exponent = newNumber();
     requireCrypto(BN_set_word(exponent.get(), publicExponent) == 1, "setting a number");

@@ -24,7 +24,9 @@ Key keyFromParameters(const char* algorithm, int selection, OSSL_PARAM_BLD* buil
     const KeyContext context(EVP_PKEY_CTX_new_from_name(cryptoContext(), algorithm, nullptr));
     requireCrypto(parameters && context && EVP_PKEY_fromdata_init(context.get()) == 1, "composing a key");
     EVP_PKEY* key = nullptr;
-    if (EVP_PKEY_fromdata(context.get(), &key, selection, parameters.get()) != 1) return nullptr;
+    if (EVP_PKEY_fromdata(context.get(), &key, selection, parameters.get()) != 1) {
+        return nullptr;
+    }
     return ownKey(key);
 }
 

@@ -1,7 +1,7 @@
 /// Key objects from their numbers. A key that OpenSSL decodes costs 100 to 300 µs, one built from its numbers 5 to 20.
 
-#ifndef ZENTAK_SOFTTOKEN_KEY_NUMBERS_H
-#define ZENTAK_SOFTTOKEN_KEY_NUMBERS_H
+#ifndef ZENTAK_SOFTTOKEN_KEYS_KEY_NUMBERS_H
+#define ZENTAK_SOFTTOKEN_KEYS_KEY_NUMBERS_H
 
 #include "platform/openssl_support.h"
 

@@ -49,7 +49,9 @@ Bytes withPrefix(const DigestInfoPrefix& prefix, ByteView hash) {
 /// What v1.5 pads for this input.
 Bytes paddedContent(ByteView hash) {
     for (const DigestInfoPrefix& prefix : digestInfoPrefixes) {
-        if (prefix.hashLength == hash.size()) return withPrefix(prefix, hash);
+        if (prefix.hashLength == hash.size()) {
+            return withPrefix(prefix, hash);
+        }
     }
     return {hash.begin(), hash.end()};
 }
@@ -112,7 +114,9 @@ Bytes signEcdsaInDer(PrivateKey& key, ByteView hash) {
     std::size_t length = der.size();
     requireCrypto(EVP_PKEY_sign(context.get(), der.data(), &length, hash.data(), hash.size()) == 1, "signing");
     der.resize(length);
-    if (turn.owns_lock()) key.prepared = std::move(context);
+    if (turn.owns_lock()) {
+        key.prepared = std::move(context);
+    }
     return der;
 }
 
@@ -146,7 +150,9 @@ bool verifyRsaPkcs1(EVP_PKEY* key, ByteView hash, ByteView signature) {
 
 bool verifyRsaPss(EVP_PKEY* key, ByteView hash, ByteView signature) {
     const EVP_MD* const digest = digestOfLength(hash.size());
-    if (digest == nullptr) return false;
+    if (digest == nullptr) {
+        return false;
+    }
     const KeyContext context = contextFor(key);
     requireCrypto(EVP_PKEY_verify_init(context.get()) == 1, "verifying");
     setPss(context.get(), digest, RSA_PSS_SALTLEN_AUTO);
@@ -155,7 +161,9 @@ bool verifyRsaPss(EVP_PKEY* key, ByteView hash, ByteView signature) {
 
 bool verifyEcdsa(EVP_PKEY* key, ByteView hash, ByteView signature) {
     const std::size_t half = fieldLengthOf(key);
-    if (signature.size() != 2 * half) return false;
+    if (signature.size() != 2 * half) {
+        return false;
+    }
     const EcdsaSignature parsed(ECDSA_SIG_new());
     BigNumber r(BN_bin2bn(signature.data(), static_cast<int>(half), nullptr));
     BigNumber s(BN_bin2bn(signature.data() + half, static_cast<int>(half), nullptr));
@@ -175,7 +183,9 @@ ByteView unwrapPoint(ByteView peer, const KeyType& type) {
         const std::size_t header = pointLength < 0x80 ? 2 : 3;
         const bool wrapped = peer.size() == header + pointLength && peer[0] == 0x04 &&
                              peer[header - 1] == pointLength && (header == 2 || peer[1] == 0x81);
-        if (wrapped) return peer.subspan(header);
+        if (wrapped) {
+            return peer.subspan(header);
+        }
     }
     return peer;
 }
@@ -183,23 +193,37 @@ ByteView unwrapPoint(ByteView peer, const KeyType& type) {
 }  // namespace
 
 Bytes signHash(PrivateKey& key, ByteView hash, bool pss) {
-    if (hash.empty()) throw Failure(Error::dataLength, "there is nothing to sign");
-    if (isRsa(key.key.get())) return signRsa(key.key.get(), hash, pss);
-    if (pss) throw Failure(Error::keyTypeMismatch, "PSS needs an RSA key");
+    if (hash.empty()) {
+        throw Failure(Error::dataLength, "there is nothing to sign");
+    }
+    if (isRsa(key.key.get())) {
+        return signRsa(key.key.get(), hash, pss);
+    }
+    if (pss) {
+        throw Failure(Error::keyTypeMismatch, "PSS needs an RSA key");
+    }
     return signEcdsa(key, hash);
 }
 
 bool verifyHash(EVP_PKEY* key, ByteView hash, ByteView signature, bool pss) {
-    if (hash.empty() || signature.empty()) return false;
-    if (isRsa(key)) return pss ? verifyRsaPss(key, hash, signature) : verifyRsaPkcs1(key, hash, signature);
+    if (hash.empty() || signature.empty()) {
+        return false;
+    }
+    if (isRsa(key)) {
+        return pss ? verifyRsaPss(key, hash, signature) : verifyRsaPkcs1(key, hash, signature);
+    }
     return EVP_PKEY_is_a(key, "EC") == 1 && !pss && verifyEcdsa(key, hash, signature);
 }
 
 Bytes encryptRsa(EVP_PKEY* key, ByteView data, Padding padding) {
-    if (!isRsa(key)) throw Failure(Error::keyTypeMismatch, "encryption needs an RSA key");
+    if (!isRsa(key)) {
+        throw Failure(Error::keyTypeMismatch, "encryption needs an RSA key");
+    }
     const auto modulusLength = static_cast<std::size_t>(EVP_PKEY_get_size(key));
     const std::size_t overhead = padding == Padding::pkcs1 ? 11 : 42;
-    if (data.size() + overhead > modulusLength) throw Failure(Error::dataLength, "the data is too long to encrypt");
+    if (data.size() + overhead > modulusLength) {
+        throw Failure(Error::dataLength, "the data is too long to encrypt");
+    }
     const KeyContext context = contextFor(key);
     requireCrypto(EVP_PKEY_encrypt_init(context.get()) == 1, "encrypting");
     if (padding == Padding::pkcs1) {
@@ -218,7 +242,9 @@ Bytes encryptRsa(EVP_PKEY* key, ByteView data, Padding padding) {
 }
 
 SecretBytes decryptRsa(EVP_PKEY* key, ByteView data) {
-    if (!isRsa(key)) throw Failure(Error::keyTypeMismatch, "decryption needs an RSA key");
+    if (!isRsa(key)) {
+        throw Failure(Error::keyTypeMismatch, "decryption needs an RSA key");
+    }
     if (data.size() != static_cast<std::size_t>(EVP_PKEY_get_size(key))) {
         throw Failure(Error::dataLength, "the data isn't as long as the key's modulus");
     }
@@ -240,7 +266,9 @@ SecretBytes deriveEcdh(EVP_PKEY* key, ByteView peer) {
         throw Failure(Error::keyTypeMismatch, "key agreement needs an EC key");
     }
     const Key peerKey = publicKeyFromPoint(*type, unwrapPoint(peer, *type));
-    if (!peerKey) throw Failure(Error::invalidArgument, "the peer's public key is no point of the curve");
+    if (!peerKey) {
+        throw Failure(Error::invalidArgument, "the peer's public key is no point of the curve");
+    }
     const KeyContext context = contextFor(key);
     SecretBytes secret(type->fieldLength);
     std::size_t length = secret.size();

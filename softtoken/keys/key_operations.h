@@ -1,7 +1,7 @@
 /// Signing, verifying, encrypting, decrypting and key agreement with key objects, under the rules of the boundary.
 
-#ifndef ZENTAK_SOFTTOKEN_KEY_OPERATIONS_H
-#define ZENTAK_SOFTTOKEN_KEY_OPERATIONS_H
+#ifndef ZENTAK_SOFTTOKEN_KEYS_KEY_OPERATIONS_H
+#define ZENTAK_SOFTTOKEN_KEYS_KEY_OPERATIONS_H
 
 #include <mutex>
 

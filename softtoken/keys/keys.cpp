@@ -34,7 +34,9 @@ BigNumber parameterOf(const EVP_PKEY* key, const char* name) {
 
 bool isCurve(const EVP_PKEY* key, const KeyType& type) {
     std::array<char, 80> name{};
-    if (EVP_PKEY_get_group_name(key, name.data(), name.size(), nullptr) != 1) return false;
+    if (EVP_PKEY_get_group_name(key, name.data(), name.size(), nullptr) != 1) {
+        return false;
+    }
     return OBJ_txt2nid(name.data()) == EC_curve_nist2nid(type.curve);
 }
 
@@ -42,7 +44,9 @@ bool isCurve(const EVP_PKEY* key, const KeyType& type) {
 
 const KeyType* keyTypeOfCode(int code) {
     for (const KeyType& type : keyTypes) {
-        if (type.code == code) return &type;
+        if (type.code == code) {
+            return &type;
+        }
     }
     return nullptr;
 }
@@ -51,12 +55,16 @@ const KeyType* keyTypeOf(const EVP_PKEY* key) {
     const bool rsa = EVP_PKEY_is_a(key, "RSA") == 1;
     if (rsa) {
         const BigNumber exponent = parameterOf(key, OSSL_PKEY_PARAM_RSA_E);
-        if (!exponent || BN_is_word(exponent.get(), publicExponent) != 1) return nullptr;
+        if (!exponent || BN_is_word(exponent.get(), publicExponent) != 1) {
+            return nullptr;
+        }
     } else if (EVP_PKEY_is_a(key, "EC") != 1) {
         return nullptr;
     }
     for (const KeyType& type : keyTypes) {
-        if (rsa ? type.rsaBits == EVP_PKEY_get_bits(key) : type.curve != nullptr && isCurve(key, type)) return &type;
+        if (rsa ? type.rsaBits == EVP_PKEY_get_bits(key) : type.curve != nullptr && isCurve(key, type)) {
+            return &type;
+        }
     }
     return nullptr;
 }
@@ -116,7 +124,9 @@ Key composeRsaKey(ByteView modulus, ByteView privateExponent, ByteView prime1) {
     requireCrypto(coefficient != nullptr, "computing with the key's numbers");
     Key key = rsaPrivateKey(
         {n.get(), e.get(), d.get(), p.get(), q.get(), exponent1.get(), exponent2.get(), coefficient.get()});
-    if (!key) noRsaKey();
+    if (!key) {
+        noRsaKey();
+    }
     return key;
 }
 
@@ -133,7 +143,9 @@ SecretBytes encodePrivateKey(const EVP_PKEY* key) {
 Bytes publicKeyBytes(const EVP_PKEY* key) {
     if (EVP_PKEY_is_a(key, "RSA") == 1) {
         const BigNumber modulus = parameterOf(key, OSSL_PKEY_PARAM_RSA_N);
-        if (!modulus) return {};
+        if (!modulus) {
+            return {};
+        }
         Bytes bytes(static_cast<std::size_t>(BN_num_bytes(modulus.get())));
         BN_bn2bin(modulus.get(), bytes.data());
         return bytes;

@@ -1,7 +1,7 @@
 /// Key objects: what kinds a token holds, making, decoding and composing them, and their public form.
 
-#ifndef ZENTAK_SOFTTOKEN_KEYS_H
-#define ZENTAK_SOFTTOKEN_KEYS_H
+#ifndef ZENTAK_SOFTTOKEN_KEYS_KEYS_H
+#define ZENTAK_SOFTTOKEN_KEYS_KEYS_H
 
 #include <optional>
 

@@ -90,7 +90,9 @@ void unmask(ByteView seed, std::span<unsigned char> target) {
         hash.add(counter);
         hash.finish(digest);
         const std::size_t count = std::min(digest.size(), target.size() - done);
-        for (std::size_t i = 0; i < count; ++i) target[done + i] ^= digest[i];
+        for (std::size_t i = 0; i < count; ++i) {
+            target[done + i] ^= digest[i];
+        }
         // A block has 512 bytes at most, and 26 digests.
         ++counter.back();
     }
@@ -101,7 +103,9 @@ void unmask(ByteView seed, std::span<unsigned char> target) {
 template <typename LabelHash, typename MaskHash>
 void offerOaep(ByteView block, Finding& finding) {
     constexpr std::size_t hashLength = LabelHash::length;
-    if (block.size() < 2 * hashLength + 2) return;
+    if (block.size() < 2 * hashLength + 2) {
+        return;
+    }
     SecretBytes opened(block.begin(), block.end());
     const std::span<unsigned char> seed = std::span(opened).subspan(1, hashLength);
     const std::span<unsigned char> data = std::span(opened).subspan(1 + hashLength);
@@ -109,7 +113,9 @@ void offerOaep(ByteView block, Finding& finding) {
     unmask<MaskHash>(seed, data);
     std::size_t differences = opened[0];
     const auto& labelDigest = digestOfNothing<LabelHash>();
-    for (std::size_t i = 0; i < hashLength; ++i) differences |= data[i] ^ labelDigest[i];
+    for (std::size_t i = 0; i < hashLength; ++i) {
+        differences |= data[i] ^ labelDigest[i];
+    }
     Mask inZeros = everyBit;
     std::size_t zeros = 0;
     std::size_t endOfZeros = 0;
@@ -123,7 +129,9 @@ void offerOaep(ByteView block, Finding& finding) {
 
 /// Zero, two, at least eight bytes other than zero, zero, the plaintext.
 void offerPkcs1(ByteView block, Finding& finding) {
-    if (block.size() < 11) return;
+    if (block.size() < 11) {
+        return;
+    }
     Mask inPadding = everyBit;
     std::size_t padding = 0;
     for (const unsigned char byte : block.subspan(2)) {
@@ -151,7 +159,9 @@ std::optional<SecretBytes> removePadding(ByteView block) {
     offerOaep<Sha512, Sha1>(block, finding);
     offerPkcs1(block, finding);
     // From here on it's what the caller is told: whether there is a plaintext, and its length.
-    if (finding.found == 0) return std::nullopt;
+    if (finding.found == 0) {
+        return std::nullopt;
+    }
     return SecretBytes(finding.block.begin() + static_cast<std::ptrdiff_t>(finding.begin), finding.block.end());
 }
 

@@ -1,8 +1,8 @@
 /// Taking the padding off what RSA decrypted. Whoever can tell by the time it takes how a block is malformed can
 /// decrypt with the key, so nothing here branches on a block's bytes or looks anything up by them.
 
-#ifndef ZENTAK_SOFTTOKEN_RSA_PADDING_H
-#define ZENTAK_SOFTTOKEN_RSA_PADDING_H
+#ifndef ZENTAK_SOFTTOKEN_KEYS_RSA_PADDING_H
+#define ZENTAK_SOFTTOKEN_KEYS_RSA_PADDING_H
 
 #include <optional>
 

@@ -1,7 +1,7 @@
 /// Byte containers of the software token: plain ones, and one that wipes what it held.
 
-#ifndef ZENTAK_SOFTTOKEN_BYTES_H
-#define ZENTAK_SOFTTOKEN_BYTES_H
+#ifndef ZENTAK_SOFTTOKEN_PLATFORM_BYTES_H
+#define ZENTAK_SOFTTOKEN_PLATFORM_BYTES_H
 
 #include <array>
 #include <cstddef>
@@ -31,7 +31,9 @@ struct CleansingAllocator {
 
     T* allocate(std::size_t count) {
         if (CRYPTO_secure_malloc_initialized() == 1) {
-            if (void* const memory = OPENSSL_secure_malloc(count * sizeof(T))) return static_cast<T*>(memory);
+            if (void* const memory = OPENSSL_secure_malloc(count * sizeof(T))) {
+                return static_cast<T*>(memory);
+            }
         }
         return std::allocator<T>().allocate(count);
     }

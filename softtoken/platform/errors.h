@@ -1,7 +1,7 @@
 /// The error numbers of the software token and the exception that carries them to the boundary.
 
-#ifndef ZENTAK_SOFTTOKEN_ERRORS_H
-#define ZENTAK_SOFTTOKEN_ERRORS_H
+#ifndef ZENTAK_SOFTTOKEN_PLATFORM_ERRORS_H
+#define ZENTAK_SOFTTOKEN_PLATFORM_ERRORS_H
 
 #include <stdexcept>
 #include <string>

@@ -1,8 +1,8 @@
 /// What the software token needs of the operating system: where the store lies, a lock between processes, files that
 /// are replaced whole, moving folders, and a prompt without echo.
 
-#ifndef ZENTAK_SOFTTOKEN_PLATFORM_H
-#define ZENTAK_SOFTTOKEN_PLATFORM_H
+#ifndef ZENTAK_SOFTTOKEN_PLATFORM_FILES_H
+#define ZENTAK_SOFTTOKEN_PLATFORM_FILES_H
 
 #include <cstdint>
 #include <filesystem>

@@ -41,7 +41,9 @@ public:
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     ~Descriptor() {
-        if (number_ >= 0) close(number_);
+        if (number_ >= 0) {
+            close(number_);
+        }
     }
     [[nodiscard]] int get() const { return number_; }
     int release() { return std::exchange(number_, -1); }
@@ -64,8 +66,12 @@ int openRetrying(const fs::path& path, int flags, mode_t mode = 0) {
 int openForReading(const fs::path& file, Links links) {
     // Nobody waits for the other end of a pipe that stands in the place of a token's file.
     const int number = openRetrying(file, O_RDONLY | (links == Links::refuse ? O_NOFOLLOW | O_NONBLOCK : 0));
-    if (number < 0 && errno == ELOOP && links == Links::refuse) refuseLink(file);
-    if (number < 0 && errno != ENOENT && errno != ENOTDIR) failStore("open", file);
+    if (number < 0 && errno == ELOOP && links == Links::refuse) {
+        refuseLink(file);
+    }
+    if (number < 0 && errno != ENOENT && errno != ENOTDIR) {
+        failStore("open", file);
+    }
     return number;
 }
 
@@ -76,20 +82,32 @@ fs::path folderAbove(const fs::path& path) {
 /// What root makes in somebody's store belongs to that user: to the owner of the file that it takes the place of, or
 /// else of the folder that it stands in. `made` is open and new.
 void giveToOwner(const Descriptor& made, const fs::path& model) {
-    if (geteuid() != 0) return;
+    if (geteuid() != 0) {
+        return;
+    }
     struct stat status {};
-    if (stat(model.c_str(), &status) != 0) failStore("look at", model);
-    if (fchown(made.get(), status.st_uid, status.st_gid) != 0) failStore("give something to the owner of", model);
+    if (stat(model.c_str(), &status) != 0) {
+        failStore("look at", model);
+    }
+    if (fchown(made.get(), status.st_uid, status.st_gid) != 0) {
+        failStore("give something to the owner of", model);
+    }
 }
 
 /// Less than 0 when it can't be opened or made.
 int openLockFile(const fs::path& file) {
     for (;;) {
         const int present = openRetrying(file, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
-        if (present >= 0 || errno != ENOENT) return present;
+        if (present >= 0 || errno != ENOENT) {
+            return present;
+        }
         Descriptor made(openRetrying(file, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
-        if (made.get() >= 0) giveToOwner(made, folderAbove(file));
-        if (made.get() >= 0 || errno != EEXIST) return made.release();
+        if (made.get() >= 0) {
+            giveToOwner(made, folderAbove(file));
+        }
+        if (made.get() >= 0 || errno != EEXIST) {
+            return made.release();
+        }
     }
 }
 
@@ -106,7 +124,9 @@ void writeAll(const Descriptor& descriptor, std::string_view content, const fs::
 
 void syncFolder(const fs::path& folder) {
     const Descriptor descriptor(openRetrying(folder, O_RDONLY | O_DIRECTORY));
-    if (descriptor.get() < 0 || fsync(descriptor.get()) != 0) failStore("flush the folder", folder);
+    if (descriptor.get() < 0 || fsync(descriptor.get()) != 0) {
+        failStore("flush the folder", folder);
+    }
 }
 
 /// The last step of a change, when it can't be taken back any more.
@@ -130,22 +150,32 @@ void keepMemoryPrivate() {
 std::optional<std::string> environmentText(const char* name) {
     // In a program with more rights than its caller has (set-user-ID) the caller's variables don't count.
     const char* value = secure_getenv(name);
-    if (value == nullptr || *value == '\0') return std::nullopt;
+    if (value == nullptr || *value == '\0') {
+        return std::nullopt;
+    }
     return value;
 }
 
 void forgetEnvironment(const char* name) {
     char* const value = std::getenv(name);
-    if (value == nullptr) return;
+    if (value == nullptr) {
+        return;
+    }
     // The variable's own memory: the process was started with it.
     OPENSSL_cleanse(value, std::strlen(value));
     unsetenv(name);
 }
 
 fs::path defaultStoreFolder() {
-    if (const auto named = environmentText("ZENTAK_TOKENS")) return fs::absolute(*named);
-    if (const auto data = environmentText("XDG_DATA_HOME")) return fs::path(*data) / "zentak" / "tokens";
-    if (const auto home = environmentText("HOME")) return fs::path(*home) / ".local" / "share" / "zentak" / "tokens";
+    if (const auto named = environmentText("ZENTAK_TOKENS")) {
+        return fs::absolute(*named);
+    }
+    if (const auto data = environmentText("XDG_DATA_HOME")) {
+        return fs::path(*data) / "zentak" / "tokens";
+    }
+    if (const auto home = environmentText("HOME")) {
+        return fs::path(*home) / ".local" / "share" / "zentak" / "tokens";
+    }
     throw Failure(Error::storeFailed, "no folder for tokens: set ZENTAK_TOKENS or HOME");
 }
 
@@ -176,11 +206,17 @@ bool isLink(const fs::path& path) {
 }
 
 void createPrivateFolders(const fs::path& folder) {
-    if (fs::is_directory(folder)) return;
-    if (folder.has_parent_path() && folder.parent_path() != folder) createPrivateFolders(folder.parent_path());
+    if (fs::is_directory(folder)) {
+        return;
+    }
+    if (folder.has_parent_path() && folder.parent_path() != folder) {
+        createPrivateFolders(folder.parent_path());
+    }
     if (mkdir(folder.c_str(), 0700) == 0) {
         const Descriptor made(openRetrying(folder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-        if (made.get() < 0) failStore("open the folder", folder);
+        if (made.get() < 0) {
+            failStore("open the folder", folder);
+        }
         giveToOwner(made, folderAbove(folder));
         syncFolder(folderAbove(folder));
     } else if (errno != EEXIST) {
@@ -190,8 +226,12 @@ void createPrivateFolders(const fs::path& folder) {
 
 void requirePrivateFolder(const fs::path& folder, Links links) {
     struct stat status {};
-    if ((links == Links::refuse ? lstat(folder.c_str(), &status) : stat(folder.c_str(), &status)) != 0) return;
-    if (S_ISLNK(status.st_mode)) refuseLink(folder);
+    if ((links == Links::refuse ? lstat(folder.c_str(), &status) : stat(folder.c_str(), &status)) != 0) {
+        return;
+    }
+    if (S_ISLNK(status.st_mode)) {
+        refuseLink(folder);
+    }
     if (S_ISDIR(status.st_mode) && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         throw Failure(Error::storeFailed,
                       "others may write to the folder " + folder.string() + ": chmod go-w '" + folder.string() + "'");
@@ -199,8 +239,12 @@ void requirePrivateFolder(const fs::path& folder, Links links) {
 }
 
 FileLock::FileLock(const fs::path& file) : handle_(openLockFile(file)) {
-    if (handle_ < 0 && errno == ELOOP) refuseLink(file);
-    if (handle_ < 0) failStore("open the lock file", file);
+    if (handle_ < 0 && errno == ELOOP) {
+        refuseLink(file);
+    }
+    if (handle_ < 0) {
+        failStore("open the lock file", file);
+    }
     int result = 0;
     do {
         result = flock(static_cast<int>(handle_), LOCK_EX);
@@ -218,11 +262,17 @@ FileLock::~FileLock() {
 std::optional<FileStamp> fileStamp(const fs::path& file) {
     struct stat status {};
     if (lstat(file.c_str(), &status) != 0) {
-        if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+        if (errno == ENOENT || errno == ENOTDIR) {
+            return std::nullopt;
+        }
         failStore("look at", file);
     }
-    if (S_ISLNK(status.st_mode)) refuseLink(file);
-    if (!S_ISREG(status.st_mode)) return std::nullopt;
+    if (S_ISLNK(status.st_mode)) {
+        refuseLink(file);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
     return FileStamp{static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec,
                      static_cast<std::uint64_t>(status.st_size), static_cast<std::uint64_t>(status.st_ino)};
 }
@@ -235,20 +285,34 @@ std::int64_t fileClockNow() {
 
 std::optional<std::string> readFile(const fs::path& file, std::size_t largest, Links links) {
     const Descriptor descriptor(openForReading(file, links));
-    if (descriptor.get() < 0) return std::nullopt;
+    if (descriptor.get() < 0) {
+        return std::nullopt;
+    }
     struct stat status {};
-    if (fstat(descriptor.get(), &status) != 0) failStore("look at", file);
+    if (fstat(descriptor.get(), &status) != 0) {
+        failStore("look at", file);
+    }
     // One byte more than there is, so that the end shows without another growth. Devices and pipes say 0.
     std::string content(std::min(static_cast<std::size_t>(status.st_size), largest) + 1, '\0');
     std::size_t length = 0;
     for (;;) {
         const ssize_t count = read(descriptor.get(), content.data() + length, content.size() - length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) failStore("read", file);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            failStore("read", file);
+        }
         length += static_cast<std::size_t>(count);
-        if (count == 0) break;
-        if (length > largest) failTooLarge(file, largest);
-        if (length == content.size()) content.resize(std::min(2 * length, largest) + 1);
+        if (count == 0) {
+            break;
+        }
+        if (length > largest) {
+            failTooLarge(file, largest);
+        }
+        if (length == content.size()) {
+            content.resize(std::min(2 * length, largest) + 1);
+        }
     }
     content.resize(length);
     return content;
@@ -256,18 +320,28 @@ std::optional<std::string> readFile(const fs::path& file, std::size_t largest, L
 
 std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length) {
     const Descriptor descriptor(openForReading(file, Links::refuse));
-    if (descriptor.get() < 0) return std::nullopt;
+    if (descriptor.get() < 0) {
+        return std::nullopt;
+    }
     struct stat status {};
-    if (fstat(descriptor.get(), &status) != 0) failStore("look at", file);
+    if (fstat(descriptor.get(), &status) != 0) {
+        failStore("look at", file);
+    }
     const off_t start = status.st_size - static_cast<off_t>(length);
     std::string content(length, '\0');
-    if (start < 0) return std::nullopt;
+    if (start < 0) {
+        return std::nullopt;
+    }
     ssize_t count = -1;
     do {
         count = pread(descriptor.get(), content.data(), length, start);
     } while (count < 0 && errno == EINTR);
-    if (count < 0) failStore("read", file);
-    if (static_cast<std::size_t>(count) != length) return std::nullopt;
+    if (count < 0) {
+        failStore("read", file);
+    }
+    if (static_cast<std::size_t>(count) != length) {
+        return std::nullopt;
+    }
     return content;
 }
 
@@ -278,13 +352,19 @@ void replaceFile(const fs::path& file, std::string_view content) {
     unlink(fresh.c_str());
     try {
         Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
-        if (descriptor.get() < 0) failStore("make", fresh);
+        if (descriptor.get() < 0) {
+            failStore("make", fresh);
+        }
         struct stat status {};
         const bool replaces = lstat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode);
         giveToOwner(descriptor, replaces ? file : folderAbove(file));
         writeAll(descriptor, content, fresh);
-        if (fsync(descriptor.get()) != 0 || !descriptor.closeNow()) failStore("flush", fresh);
-        if (rename(fresh.c_str(), file.c_str()) != 0) failStore("replace", file);
+        if (fsync(descriptor.get()) != 0 || !descriptor.closeNow()) {
+            failStore("flush", fresh);
+        }
+        if (rename(fresh.c_str(), file.c_str()) != 0) {
+            failStore("replace", file);
+        }
     } catch (...) {
         // On a full disk it would keep the space that the next attempt needs.
         unlink(fresh.c_str());
@@ -295,21 +375,31 @@ void replaceFile(const fs::path& file, std::string_view content) {
 
 void overwriteFile(const fs::path& file, std::string_view content, Lasting lasting) {
     Descriptor descriptor(openRetrying(file, O_WRONLY | O_NOFOLLOW | O_NONBLOCK));
-    if (descriptor.get() < 0 && errno == ELOOP) refuseLink(file);
+    if (descriptor.get() < 0 && errno == ELOOP) {
+        refuseLink(file);
+    }
     const bool denied = descriptor.get() < 0 && errno == EACCES;
-    if (descriptor.get() < 0 && !denied) failStore("open", file);
+    if (descriptor.get() < 0 && !denied) {
+        failStore("open", file);
+    }
     struct stat status {};
     if (denied || fstat(descriptor.get(), &status) != 0 || status.st_nlink > 1) {
         replaceFile(file, content);
         return;
     }
     writeAll(descriptor, content, file);
-    if (lasting == Lasting::atOnce && fdatasync(descriptor.get()) != 0) failStore("flush", file);
-    if (!descriptor.closeNow()) failStore("write", file);
+    if (lasting == Lasting::atOnce && fdatasync(descriptor.get()) != 0) {
+        failStore("flush", file);
+    }
+    if (!descriptor.closeNow()) {
+        failStore("write", file);
+    }
 }
 
 void moveFolder(const fs::path& from, const fs::path& to) {
-    if (rename(from.c_str(), to.c_str()) != 0) failStore("move", from);
+    if (rename(from.c_str(), to.c_str()) != 0) {
+        failStore("move", from);
+    }
     syncAfterRename(folderAbove(to));
     syncAfterRename(folderAbove(from));
 }

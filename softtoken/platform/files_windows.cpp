@@ -22,7 +22,9 @@ public:
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
     ~Handle() {
-        if (valid()) CloseHandle(handle_);
+        if (valid()) {
+            CloseHandle(handle_);
+        }
     }
     [[nodiscard]] bool valid() const { return handle_ != INVALID_HANDLE_VALUE; }
     [[nodiscard]] HANDLE get() const { return handle_; }
@@ -51,10 +53,14 @@ std::optional<std::wstring> environmentWide(const wchar_t* name) {
     std::wstring value(256, 0);
     for (;;) {
         const DWORD length = GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size()));
-        if (length == 0) return std::nullopt;
+        if (length == 0) {
+            return std::nullopt;
+        }
         const bool complete = length < value.size();
         value.resize(length);
-        if (complete) return value;
+        if (complete) {
+            return value;
+        }
     }
 }
 
@@ -64,7 +70,9 @@ DWORD retryWhileInUse(const std::function<bool()>& attempt) {
     for (int left = 200; !attempt(); --left) {
         const DWORD number = GetLastError();
         const bool passing = number == ERROR_ACCESS_DENIED || number == ERROR_SHARING_VIOLATION;
-        if (!passing || left == 0) return number;
+        if (!passing || left == 0) {
+            return number;
+        }
         Sleep(10);
     }
     return 0;
@@ -78,7 +86,9 @@ constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELET
 
 /// Opens as CreateFileW does, and tries again while the file is in use. Answers INVALID_HANDLE_VALUE and the error.
 HANDLE openRetrying(const fs::path& file, DWORD access, DWORD shared, DWORD disposition, Links links, DWORD& number) {
-    if (links == Links::refuse && isLink(file)) refuseLink(file);
+    if (links == Links::refuse && isLink(file)) {
+        refuseLink(file);
+    }
     HANDLE opened = INVALID_HANDLE_VALUE;
     number = retryWhileInUse([&] {
         opened = CreateFileW(file.c_str(), access, shared, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -91,7 +101,9 @@ HANDLE openRetrying(const fs::path& file, DWORD access, DWORD shared, DWORD disp
 void writeFile(const fs::path& file, DWORD shared, DWORD disposition, std::string_view content, Lasting lasting) {
     DWORD number = 0;
     const Handle handle(openRetrying(file, GENERIC_WRITE, shared, disposition, Links::refuse, number));
-    if (!handle.valid()) failStore("write", file, number);
+    if (!handle.valid()) {
+        failStore("write", file, number);
+    }
     while (!content.empty()) {
         DWORD count = 0;
         const DWORD wanted = static_cast<DWORD>(std::min<std::size_t>(content.size(), 1 << 20));
@@ -100,7 +112,9 @@ void writeFile(const fs::path& file, DWORD shared, DWORD disposition, std::strin
         }
         content.remove_prefix(count);
     }
-    if (lasting == Lasting::atOnce && !FlushFileBuffers(handle.get())) failStore("flush", file, GetLastError());
+    if (lasting == Lasting::atOnce && !FlushFileBuffers(handle.get())) {
+        failStore("flush", file, GetLastError());
+    }
 }
 
 /// INVALID_HANDLE_VALUE when there is no such file.
@@ -108,7 +122,9 @@ HANDLE openForReading(const fs::path& file, Links links) {
     DWORD number = 0;
     const HANDLE opened = openRetrying(file, GENERIC_READ, shareAll, OPEN_EXISTING, links, number);
     const bool missing = number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND;
-    if (opened == INVALID_HANDLE_VALUE && !missing) failStore("open", file, number);
+    if (opened == INVALID_HANDLE_VALUE && !missing) {
+        failStore("open", file, number);
+    }
     return opened;
 }
 
@@ -135,22 +151,30 @@ void keepMemoryPrivate() {
 
 std::optional<std::string> environmentText(const char* name) {
     const auto value = environmentWide(wide(name, CP_UTF8).c_str());
-    if (!value) return std::nullopt;
+    if (!value) {
+        return std::nullopt;
+    }
     return narrow(*value, CP_UTF8);
 }
 
 void forgetEnvironment(const char* name) {
     const std::wstring variable = wide(name, CP_UTF8);
     const auto value = environmentWide(variable.c_str());
-    if (!value) return;
+    if (!value) {
+        return;
+    }
     // The block keeps a value of the same length in place.
     SetEnvironmentVariableW(variable.c_str(), std::wstring(value->size(), L'x').c_str());
     SetEnvironmentVariableW(variable.c_str(), nullptr);
 }
 
 fs::path defaultStoreFolder() {
-    if (const auto named = environmentWide(L"ZENTAK_TOKENS")) return fs::absolute(*named);
-    if (const auto data = environmentWide(L"LOCALAPPDATA")) return fs::path(*data) / L"Zentak" / L"Tokens";
+    if (const auto named = environmentWide(L"ZENTAK_TOKENS")) {
+        return fs::absolute(*named);
+    }
+    if (const auto data = environmentWide(L"LOCALAPPDATA")) {
+        return fs::path(*data) / L"Zentak" / L"Tokens";
+    }
     throw Failure(Error::storeFailed, "no folder for tokens: set ZENTAK_TOKENS or LOCALAPPDATA");
 }
 
@@ -178,10 +202,14 @@ bool isFolder(const std::wstring& path) {
 bool isLink(const fs::path& path) {
     // Other reparse points than links and junctions (compressed or deduplicated files) are files like any.
     const DWORD attributes = GetFileAttributesW(path.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) return false;
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
+        return false;
+    }
     WIN32_FIND_DATAW data{};
     const HANDLE search = FindFirstFileW(path.c_str(), &data);
-    if (search == INVALID_HANDLE_VALUE) return true;
+    if (search == INVALID_HANDLE_VALUE) {
+        return true;
+    }
     FindClose(search);
     return IsReparseTagNameSurrogate(data.dwReserved0);
 }
@@ -190,19 +218,27 @@ void createPrivateFolders(const fs::path& folder) {
     // The user's application data is private by inheritance.
     std::error_code error;
     fs::create_directories(folder, error);
-    if (error) failStore("make the folder", folder, static_cast<DWORD>(error.value()));
+    if (error) {
+        failStore("make the folder", folder, static_cast<DWORD>(error.value()));
+    }
 }
 
 void requirePrivateFolder(const fs::path& folder, Links links) {
     // Who may write to it is inherited from the folder above, as with all of the user's data.
-    if (links == Links::refuse && isLink(folder)) refuseLink(folder);
+    if (links == Links::refuse && isLink(folder)) {
+        refuseLink(folder);
+    }
 }
 
 FileLock::FileLock(const fs::path& file) : handle_(0) {
-    if (isLink(file)) refuseLink(file);
+    if (isLink(file)) {
+        refuseLink(file);
+    }
     HANDLE handle = CreateFileW(file.c_str(), GENERIC_READ | GENERIC_WRITE, shareAll, nullptr, OPEN_ALWAYS,
                                 FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (handle == INVALID_HANDLE_VALUE) failStore("open the lock file", file, GetLastError());
+    if (handle == INVALID_HANDLE_VALUE) {
+        failStore("open the lock file", file, GetLastError());
+    }
     OVERLAPPED place{};
     if (!LockFileEx(handle, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &place)) {
         const DWORD number = GetLastError();
@@ -222,10 +258,18 @@ std::optional<FileStamp> fileStamp(const fs::path& file) {
     WIN32_FILE_ATTRIBUTE_DATA data{};
     const DWORD number =
         retryWhileInUse([&] { return GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data) != 0; });
-    if (number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND) return std::nullopt;
-    if (number != 0) failStore("look at", file, number);
-    if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && isLink(file)) refuseLink(file);
-    if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return std::nullopt;
+    if (number == ERROR_FILE_NOT_FOUND || number == ERROR_PATH_NOT_FOUND) {
+        return std::nullopt;
+    }
+    if (number != 0) {
+        failStore("look at", file, number);
+    }
+    if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && isLink(file)) {
+        refuseLink(file);
+    }
+    if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        return std::nullopt;
+    }
     // No identity: it would cost opening the file, and the creation time of a replaced file is passed on to the new
     // one.
     return FileStamp{nanoseconds(data.ftLastWriteTime),
@@ -240,7 +284,9 @@ std::int64_t fileClockNow() {
 
 std::optional<std::string> readFile(const fs::path& file, std::size_t largest, Links links) {
     const Handle handle(openForReading(file, links));
-    if (!handle.valid()) return std::nullopt;
+    if (!handle.valid()) {
+        return std::nullopt;
+    }
     std::string content;
     std::vector<char> part(65536);
     for (;;) {
@@ -248,7 +294,9 @@ std::optional<std::string> readFile(const fs::path& file, std::size_t largest, L
         if (!ReadFile(handle.get(), part.data(), static_cast<DWORD>(part.size()), &count, nullptr)) {
             failStore("read", file, GetLastError());
         }
-        if (count == 0) return content;
+        if (count == 0) {
+            return content;
+        }
         content.append(part.data(), count);
         if (content.size() > largest) {
             throw Failure(Error::storeFailed,
@@ -259,19 +307,27 @@ std::optional<std::string> readFile(const fs::path& file, std::size_t largest, L
 
 std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length) {
     const Handle handle(openForReading(file, Links::refuse));
-    if (!handle.valid()) return std::nullopt;
+    if (!handle.valid()) {
+        return std::nullopt;
+    }
     LARGE_INTEGER size{};
-    if (!GetFileSizeEx(handle.get(), &size)) failStore("look at", file, GetLastError());
+    if (!GetFileSizeEx(handle.get(), &size)) {
+        failStore("look at", file, GetLastError());
+    }
     LARGE_INTEGER start{};
     start.QuadPart = size.QuadPart - static_cast<LONGLONG>(length);
-    if (start.QuadPart < 0) return std::nullopt;
+    if (start.QuadPart < 0) {
+        return std::nullopt;
+    }
     std::string content(length, '\0');
     DWORD count = 0;
     if (!SetFilePointerEx(handle.get(), start, nullptr, FILE_BEGIN) ||
         !ReadFile(handle.get(), content.data(), static_cast<DWORD>(length), &count, nullptr)) {
         failStore("read", file, GetLastError());
     }
-    if (count != length) return std::nullopt;
+    if (count != length) {
+        return std::nullopt;
+    }
     return content;
 }
 
@@ -284,7 +340,9 @@ void replaceFile(const fs::path& file, std::string_view content) {
         writeFile(fresh, 0, CREATE_NEW, content, Lasting::atOnce);
         constexpr DWORD flags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
         const DWORD number = retryWhileInUse([&] { return MoveFileExW(fresh.c_str(), file.c_str(), flags) != 0; });
-        if (number != 0) failStore("replace", file, number);
+        if (number != 0) {
+            failStore("replace", file, number);
+        }
     } catch (...) {
         // On a full disk it would keep the space that the next attempt needs.
         DeleteFileW(fresh.c_str());
@@ -303,7 +361,9 @@ void overwriteFile(const fs::path& file, std::string_view content, Lasting lasti
 void moveFolder(const fs::path& from, const fs::path& to) {
     const DWORD number =
         retryWhileInUse([&] { return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0; });
-    if (number != 0) failStore("move", from, number);
+    if (number != 0) {
+        failStore("move", from, number);
+    }
 }
 
 std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo) {
@@ -313,14 +373,20 @@ std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo
     DWORD before = 0;
     // A console window may exist while the program's input comes from a file or a pipe; then nobody is there to answer.
     DWORD standard = 0;
-    if (!GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &standard)) return std::nullopt;
-    if (!input.valid() || !output.valid() || !GetConsoleMode(input.get(), &before)) return std::nullopt;
+    if (!GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &standard)) {
+        return std::nullopt;
+    }
+    if (!input.valid() || !output.valid() || !GetConsoleMode(input.get(), &before)) {
+        return std::nullopt;
+    }
     const auto say = [&](std::string_view text) {
         const std::wstring line = wide(text, CP_UTF8);
         WriteConsoleW(output.get(), line.data(), static_cast<DWORD>(line.size()), nullptr, nullptr);
     };
     say(prompt);
-    if (echo == Echo::off) SetConsoleMode(input.get(), before & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
+    if (echo == Echo::off) {
+        SetConsoleMode(input.get(), before & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
+    }
     wchar_t line[256];
     DWORD count = 0;
     const BOOL read = ReadConsoleW(input.get(), line, 256, &count, nullptr);
@@ -328,9 +394,13 @@ std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo
         SetConsoleMode(input.get(), before);
         say("\r\n");
     }
-    if (!read) return std::nullopt;
+    if (!read) {
+        return std::nullopt;
+    }
     std::wstring_view text(line, count);
-    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) text.remove_suffix(1);
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) {
+        text.remove_suffix(1);
+    }
     return narrow(text, CP_UTF8);
 }
 

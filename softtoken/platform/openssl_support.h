@@ -1,7 +1,7 @@
 /// What the software token shares of OpenSSL: owning handles, its own library context, random bytes, SHA-256.
 
-#ifndef ZENTAK_SOFTTOKEN_OPENSSL_SUPPORT_H
-#define ZENTAK_SOFTTOKEN_OPENSSL_SUPPORT_H
+#ifndef ZENTAK_SOFTTOKEN_PLATFORM_OPENSSL_SUPPORT_H
+#define ZENTAK_SOFTTOKEN_PLATFORM_OPENSSL_SUPPORT_H
 
 #include <array>
 #include <memory>

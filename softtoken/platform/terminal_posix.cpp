@@ -24,8 +24,12 @@ Question question;
 void say(std::string_view text) {
     while (!text.empty()) {
         const ssize_t count = write(question.terminal, text.data(), text.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return;
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return;
+        }
         text.remove_prefix(static_cast<std::size_t>(count));
     }
 }
@@ -43,13 +47,17 @@ public:
         for (std::size_t i = 0; i < signals.size(); ++i) {
             install(signals[i], &handle, &before_[i]);
             // A signal that is ignored stays so.
-            if (before_[i].sa_handler == SIG_IGN) sigaction(signals[i], &before_[i], nullptr);
+            if (before_[i].sa_handler == SIG_IGN) {
+                sigaction(signals[i], &before_[i], nullptr);
+            }
         }
     }
     SignalGuard(const SignalGuard&) = delete;
     SignalGuard& operator=(const SignalGuard&) = delete;
     ~SignalGuard() {
-        for (std::size_t i = 0; i < signals.size(); ++i) sigaction(signals[i], &before_[i], nullptr);
+        for (std::size_t i = 0; i < signals.size(); ++i) {
+            sigaction(signals[i], &before_[i], nullptr);
+        }
     }
 
 private:
@@ -86,26 +94,38 @@ private:
 
 std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo) {
     // In a script nobody is there to answer, though it may have a terminal.
-    if (isatty(STDIN_FILENO) == 0) return std::nullopt;
+    if (isatty(STDIN_FILENO) == 0) {
+        return std::nullopt;
+    }
     const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (terminal < 0) return std::nullopt;
+    if (terminal < 0) {
+        return std::nullopt;
+    }
     question = {terminal, {}, {}, prompt};
     if (tcgetattr(terminal, &question.before) != 0) {
         close(terminal);
         return std::nullopt;
     }
     question.during = question.before;
-    if (echo == Echo::off) question.during.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    if (echo == Echo::off) {
+        question.during.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    }
     std::string line;
     {
         const SignalGuard guard;
         // Before the question, so that nothing of a quick answer is shown or lost.
-        if (echo == Echo::off) setTerminal(question.during);
+        if (echo == Echo::off) {
+            setTerminal(question.during);
+        }
         say(prompt);
         for (char character = 0;;) {
             const ssize_t count = read(terminal, &character, 1);
-            if (count < 0 && errno == EINTR) continue;
-            if (count != 1 || character == '\n') break;
+            if (count < 0 && errno == EINTR) {
+                continue;
+            }
+            if (count != 1 || character == '\n') {
+                break;
+            }
             line += character;
         }
         if (echo == Echo::off) {

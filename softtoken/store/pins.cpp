@@ -40,16 +40,22 @@ void changeAttempts(const fs::path& folder, const Attempts& before, const Attemp
 }  // namespace
 
 void requireKeyOf(const TokenData& token, const OpenedToken& opened) {
-    if (token.user != opened.user && (!token.officer || token.officer != opened.officer)) changedMeanwhile();
+    if (token.user != opened.user && (!token.officer || token.officer != opened.officer)) {
+        changedMeanwhile();
+    }
 }
 
 void Store::refuseLockedPin(std::string_view serialNumber, Role role) const {
     Attempts attempts = loadAttempts(serialNumber);
-    if (attemptsOf(attempts, role) > 0) return;
+    if (attemptsOf(attempts, role) > 0) {
+        return;
+    }
     // Without the lock it may be somebody's last attempt, about to be given back.
     const FileLock lock = lockFor(serialNumber);
     attempts = loadAttempts(serialNumber);
-    if (attemptsOf(attempts, role) <= 0) throw PinFailure(Error::pinLocked, 0, "the PIN is locked");
+    if (attemptsOf(attempts, role) <= 0) {
+        throw PinFailure(Error::pinLocked, 0, "the PIN is locked");
+    }
 }
 
 OpenedToken Store::open(std::string_view serialNumber, Role role, std::string_view pin, const KnownToken* known) {
@@ -69,7 +75,9 @@ OpenedToken Store::open(std::string_view serialNumber, Role role, std::string_vi
         const PinSection& section = pinSectionOf(token, role);
         refuseLockedPin(serialNumber, role);
         const SecretBytes pinKey = derivePinKey(section, pin);
-        if (auto opened = openWith(serialNumber, role, pinKey, token, checksum)) return *std::move(opened);
+        if (auto opened = openWith(serialNumber, role, pinKey, token, checksum)) {
+            return *std::move(opened);
+        }
     }
     changedMeanwhile();
 }
@@ -83,10 +91,14 @@ std::optional<OpenedToken> Store::openWith(std::string_view serialNumber, Role r
     const TokenData reread = unchanged ? TokenData() : load(serialNumber);
     const TokenData& token = unchanged ? read : reread;
     const PinSection& section = pinSectionOf(token, role);
-    if (section != pinSectionOf(read, role) || token.model != read.model) return std::nullopt;
+    if (section != pinSectionOf(read, role) || token.model != read.model) {
+        return std::nullopt;
+    }
     const Attempts before = loadAttempts(serialNumber);
     Attempts attempts = before;
-    if (attemptsOf(attempts, role) <= 0) throw PinFailure(Error::pinLocked, 0, "the PIN is locked");
+    if (attemptsOf(attempts, role) <= 0) {
+        throw PinFailure(Error::pinLocked, 0, "the PIN is locked");
+    }
     const int left = --attemptsOf(attempts, role);
     changeAttempts(folder, before, attempts, Lasting::atOnce);
     auto key = openPinSection(token, role, pinKey);
@@ -111,7 +123,9 @@ void Store::setPin(std::string_view serialNumber, Role role, std::string_view ne
     change(serialNumber, [&](TokenData& token) {
         requireKeyOf(token, opened);
         const bool same = role == Role::user ? token.user == opened.user : token.officer == opened.officer;
-        if (!same || token.model != before.model) changedMeanwhile();
+        if (!same || token.model != before.model) {
+            changedMeanwhile();
+        }
         if (role == Role::user) {
             token.user = section;
             token.userPinChanged = userPinChanged;
@@ -148,12 +162,16 @@ void Store::renewTokenKey(std::string_view serialNumber, Role role, std::string_
         for (KeyPairEntry& entry : token.keyPairs) {
             const Bytes binding = keyPairBinding(serialNumber, entry);
             const auto privateKey = unseal(opened.key, binding, entry.sealedPrivateKey);
-            if (!privateKey) throw Failure(Error::tokenDamaged, "a private key of the token was tampered with");
+            if (!privateKey) {
+                throw Failure(Error::tokenDamaged, "a private key of the token was tampered with");
+            }
             entry.sealedPrivateKey = seal(key, binding, *privateKey);
         }
         token.user = user;
         token.officer = officer;
-        if (role == Role::user) token.userPinChanged = true;
+        if (role == Role::user) {
+            token.userPinChanged = true;
+        }
     });
     resetAttempts(serialNumber, role, pinSectionOf(before, role).maximumAttempts);
 }
@@ -164,7 +182,9 @@ void Store::resetAttempts(std::string_view serialNumber, Role role, int maximum)
     const Attempts before = loadAttempts(serialNumber);
     Attempts attempts = before;
     const int left = std::exchange(attemptsOf(attempts, role), maximum);
-    if (left == maximum) return;
+    if (left == maximum) {
+        return;
+    }
     // After a crash of the machine there may be fewer, and the next right PIN gives them back. From none nothing would.
     changeAttempts(folder, before, attempts, left == 0 ? Lasting::atOnce : Lasting::soon);
 }

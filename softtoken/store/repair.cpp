@@ -19,7 +19,9 @@ std::optional<std::string> writtenBeside(const fs::path& tokenFile, std::string_
     fresh += ".new";
     try {
         auto document = readTokenFile(fresh);
-        if (document) static_cast<void>(readTokenDataOf(serialNumber, *document));
+        if (document) {
+            static_cast<void>(readTokenDataOf(serialNumber, *document));
+        }
         return document;
     } catch (const Failure&) {
         return std::nullopt;
@@ -49,8 +51,12 @@ void lookOver(const std::vector<Entry>& entries, Reference Entry::*reference, st
     std::set<Reference> references;
     for (const Entry& entry : entries) {
         const std::string name = kind + " " + std::to_string(entry.id);
-        if (!references.insert(entry.*reference).second) faults.push_back(name + " has the reference of another one");
-        if (!isReadable(entry)) faults.push_back(name + " can't be read");
+        if (!references.insert(entry.*reference).second) {
+            faults.push_back(name + " has the reference of another one");
+        }
+        if (!isReadable(entry)) {
+            faults.push_back(name + " can't be read");
+        }
     }
 }
 
@@ -84,16 +90,24 @@ std::vector<std::string> faultsOf(const Store& store, std::string_view serialNum
         token = store.load(serialNumber);
         faults = faultsWithin(*token);
     } catch (const Failure& failure) {
-        if (failure.error == Error::deviceNotPresent) throw;
+        if (failure.error == Error::deviceNotPresent) {
+            throw;
+        }
         faults.emplace_back(failure.what());
     }
     try {
         const Attempts attempts = store.loadAttempts(serialNumber);
-        if (token) requirePossible(*token, attempts);
+        if (token) {
+            requirePossible(*token, attempts);
+        }
     } catch (const Failure& failure) {
-        if (failure.error == Error::deviceNotPresent) throw;
+        if (failure.error == Error::deviceNotPresent) {
+            throw;
+        }
         // What is wrong with the folder is wrong with both files.
-        if (faults.empty() || faults.front() != failure.what()) faults.emplace_back(failure.what());
+        if (faults.empty() || faults.front() != failure.what()) {
+            faults.emplace_back(failure.what());
+        }
     }
     return faults;
 }
@@ -105,7 +119,9 @@ std::vector<std::string> repairToken(const Store& store, std::string_view serial
     const fs::path tokenFile = folder / tokenFileName;
     if (isFree(tokenFile)) {
         const auto document = writtenBeside(tokenFile, serialNumber);
-        if (!document) throw Failure(Error::tokenDamaged, "the token's file is missing: put back a good copy");
+        if (!document) {
+            throw Failure(Error::tokenDamaged, "the token's file is missing: put back a good copy");
+        }
         fs::path fresh = tokenFile;
         fresh += ".new";
         // It may have lost its name before its content had reached the disk.
@@ -118,12 +134,16 @@ std::vector<std::string> repairToken(const Store& store, std::string_view serial
     try {
         requirePossible(token, store.loadAttempts(serialNumber));
     } catch (const Failure& failure) {
-        if (failure.error != Error::tokenDamaged) throw;
+        if (failure.error != Error::tokenDamaged) {
+            throw;
+        }
         replaceFile(folder / attemptsFileName, writeAttempts({1, token.officer ? 1 : 0}));
         done.push_back(std::string(failure.what()) + "; they were made anew, with one attempt left for each PIN");
     }
     const std::vector<std::string> faults = faultsOf(store, serialNumber);
-    if (!faults.empty()) throw Failure(Error::tokenDamaged, faults.front());
+    if (!faults.empty()) {
+        throw Failure(Error::tokenDamaged, faults.front());
+    }
     return done;
 }
 

@@ -42,7 +42,9 @@ fs::path clearedScratch(const fs::path& root) {
     for (fs::directory_iterator entry(scratch, ignored), end; !ignored && entry != end; entry.increment(ignored)) {
         std::error_code unknown;
         const bool folder = isLink(entry->path()) || fs::is_directory(entry->path(), unknown);
-        if (folder && isSerialNumber(utf8FromPath(entry->path().filename()))) removeWhole(entry->path());
+        if (folder && isSerialNumber(utf8FromPath(entry->path().filename()))) {
+            removeWhole(entry->path());
+        }
     }
     return scratch;
 }
@@ -52,8 +54,12 @@ fs::path clearedScratch(const fs::path& root) {
 std::optional<std::string> readTokenFile(const fs::path& file) {
     // A pipe in the file's place would keep the reader waiting, and a huge file would take the memory.
     const auto stamp = fileStamp(file);
-    if (!stamp) return std::nullopt;
-    if (stamp->size > largestTokenFile) throw Failure(Error::tokenDamaged, "the token's file is damaged: its size");
+    if (!stamp) {
+        return std::nullopt;
+    }
+    if (stamp->size > largestTokenFile) {
+        throw Failure(Error::tokenDamaged, "the token's file is damaged: its size");
+    }
     return readFile(file, largestTokenFile, Links::refuse);
 }
 
@@ -70,11 +76,15 @@ std::vector<std::string> Store::list(const char* folder) const {
     std::error_code error;
     requirePrivateFolder(root_, Links::follow);
     requirePrivateFolder(root_ / folder, Links::refuse);
-    if (fs::status(root_ / folder, error).type() == fs::file_type::not_found) return {};
+    if (fs::status(root_ / folder, error).type() == fs::file_type::not_found) {
+        return {};
+    }
     for (fs::directory_iterator entry(root_ / folder, error), end; !error && entry != end; entry.increment(error)) {
         std::string name = utf8FromPath(entry->path().filename());
         std::error_code ignored;
-        if (isSerialNumber(name) && entry->is_directory(ignored)) serialNumbers.push_back(std::move(name));
+        if (isSerialNumber(name) && entry->is_directory(ignored)) {
+            serialNumbers.push_back(std::move(name));
+        }
     }
     if (error) {
         throw Failure(Error::storeFailed, "cannot list " + utf8FromPath(root_ / folder) + ": " + error.message());
@@ -84,12 +94,16 @@ std::vector<std::string> Store::list(const char* folder) const {
 }
 
 fs::path Store::pluggedTokenFile(std::string_view serialNumber) const {
-    if (!isSerialNumber(serialNumber)) notPresent(serialNumber);
+    if (!isSerialNumber(serialNumber)) {
+        notPresent(serialNumber);
+    }
     return root_ / "plugged" / serialNumber / tokenFileName;
 }
 
 bool Store::isPlugged(std::string_view serialNumber) const {
-    if (!isSerialNumber(serialNumber)) return false;
+    if (!isSerialNumber(serialNumber)) {
+        return false;
+    }
     fs::path::string_type folder = root_.native();
     for (const std::string_view part : {std::string_view("/plugged/"), serialNumber}) {
         folder.append(part.begin(), part.end());
@@ -103,7 +117,9 @@ fs::path Store::folderOf(std::string_view serialNumber) const {
         for (const char* folder : {"plugged", "unplugged", "plugged"}) {
             std::error_code ignored;
             fs::path path = root_ / folder / serialNumber;
-            if (!fs::is_directory(path, ignored)) continue;
+            if (!fs::is_directory(path, ignored)) {
+                continue;
+            }
             requirePrivateFolder(root_, Links::follow);
             requirePrivateFolder(root_ / folder, Links::refuse);
             requirePrivateFolder(path, Links::refuse);
@@ -116,7 +132,9 @@ fs::path Store::folderOf(std::string_view serialNumber) const {
 std::optional<std::string> Store::readFileOf(std::string_view serialNumber, const char* name) const {
     // A token that is being plugged in or out may leave the folder between the two steps.
     for (int round = 0; round < 3; ++round) {
-        if (auto document = readTokenFile(folderOf(serialNumber) / name)) return document;
+        if (auto document = readTokenFile(folderOf(serialNumber) / name)) {
+            return document;
+        }
     }
     return std::nullopt;
 }
@@ -131,7 +149,9 @@ TokenData readTokenDataOf(std::string_view serialNumber, std::string_view docume
 
 std::string Store::readDocument(std::string_view serialNumber) const {
     auto document = readFileOf(serialNumber, tokenFileName);
-    if (!document) throw Failure(Error::tokenDamaged, "the token's file is missing");
+    if (!document) {
+        throw Failure(Error::tokenDamaged, "the token's file is missing");
+    }
     return *std::move(document);
 }
 
@@ -143,12 +163,16 @@ Attempts Store::loadAttempts(std::string_view serialNumber) const {
     for (int left = 3;; --left) {
         const auto document = readFileOf(serialNumber, attemptsFileName);
         // Without the file nobody knows how often a PIN was guessed already.
-        if (!document) throw Failure(Error::tokenDamaged, "the token's PIN counters are missing");
+        if (!document) {
+            throw Failure(Error::tokenDamaged, "the token's PIN counters are missing");
+        }
         try {
             return readAttempts(*document);
         } catch (const Failure&) {
             // Whoever reads without the lock may have met the file while it was being written.
-            if (left == 0) throw;
+            if (left == 0) {
+                throw;
+            }
         }
     }
 }
@@ -179,7 +203,9 @@ void Store::add(const TokenData& token, const Attempts& attempts) {
 }
 
 bool Store::isPresent(const KnownToken* known, std::string_view serialNumber) const {
-    if (known == nullptr) return false;
+    if (known == nullptr) {
+        return false;
+    }
     const fs::path file = folderOf(serialNumber) / tokenFileName;
     return fileStamp(file) == known->version.stamp && readTokenChecksum(file) == known->version.checksum;
 }
@@ -198,7 +224,9 @@ ChangedToken Store::change(std::string_view serialNumber, const std::function<vo
     change(changed.token);
     const std::string after = writeTokenData(changed.token);
     const fs::path file = folderOf(serialNumber) / tokenFileName;
-    if (checksumOf(after) != changed.version.checksum) replaceFile(file, after);
+    if (checksumOf(after) != changed.version.checksum) {
+        replaceFile(file, after);
+    }
     changed.version = {fileStamp(file).value_or(FileStamp()), checksumOf(after)};
     return changed;
 }
@@ -218,7 +246,9 @@ void Store::move(std::string_view serialNumber, const char* from, const char* to
     const FileLock lock = lockFor(serialNumber);
     createPrivateFolders(root_ / to);
     const fs::path target = root_ / to / serialNumber;
-    if (folderOf(serialNumber) == target) return;
+    if (folderOf(serialNumber) == target) {
+        return;
+    }
     moveFolder(root_ / from / serialNumber, target);
 }
 

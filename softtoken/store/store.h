@@ -5,8 +5,8 @@
 /// `lock` is locked for each change, that of PIN attempts included. A token's folder holds the files `token` and
 /// `attempts`. docs/software-token.md describes them.
 
-#ifndef ZENTAK_SOFTTOKEN_STORE_H
-#define ZENTAK_SOFTTOKEN_STORE_H
+#ifndef ZENTAK_SOFTTOKEN_STORE_STORE_H
+#define ZENTAK_SOFTTOKEN_STORE_STORE_H
 
 #include <filesystem>
 #include <functional>

@@ -34,7 +34,9 @@ public:
     }
 
     void number(std::uint32_t value) {
-        for (int shift = 0; shift < 32; shift += 8) document_ += static_cast<char>(value >> shift);
+        for (int shift = 0; shift < 32; shift += 8) {
+            document_ += static_cast<char>(value >> shift);
+        }
     }
     void text(std::string_view value) {
         number(static_cast<std::uint32_t>(value.size()));
@@ -66,12 +68,16 @@ public:
         } else {
             const bool isNumber = !digits.empty() && digits.size() <= 9 &&
                                   digits.find_first_not_of("0123456789") == std::string_view::npos;
-            if (!isNumber) damaged("its version is no number");
+            if (!isNumber) {
+                damaged("its version is no number");
+            }
             throw Failure(Error::unknownVersion, "the token's file is of version " + std::string(digits) +
                                                      ", this program knows version 1" +
                                                      (newestVersion > 1 ? " to " + std::to_string(newestVersion) : ""));
         }
-        if (document.size() < line.size() + 1 + checksumLength) damaged("it is too short");
+        if (document.size() < line.size() + 1 + checksumLength) {
+            damaged("it is too short");
+        }
         const std::string_view covered = document.substr(0, document.size() - checksumLength);
         const auto checksum = sha256(viewOf(covered));
         if (!std::equal(checksum.begin(), checksum.end(), viewOf(document).last(checksumLength).begin())) {
@@ -84,13 +90,17 @@ public:
 
     std::uint32_t number(const char* name, std::uint32_t smallest, std::uint32_t largest) {
         const std::uint32_t value = plainNumber(name);
-        if (value < smallest || value > largest) damaged(name);
+        if (value < smallest || value > largest) {
+            damaged(name);
+        }
         return value;
     }
 
     ByteView bytes(const char* name, std::size_t smallest, std::size_t largest) {
         const std::size_t length = plainNumber(name);
-        if (length < smallest || length > largest || length > rest_.size()) damaged(name);
+        if (length < smallest || length > largest || length > rest_.size()) {
+            damaged(name);
+        }
         const ByteView value = rest_.first(length);
         rest_ = rest_.subspan(length);
         return value;
@@ -103,7 +113,9 @@ public:
 
     std::string text(const char* name, std::size_t largest) {
         const ByteView value = bytes(name, 0, largest);
-        if (std::find(value.begin(), value.end(), 0) != value.end()) damaged(name);
+        if (std::find(value.begin(), value.end(), 0) != value.end()) {
+            damaged(name);
+        }
         return {value.begin(), value.end()};
     }
 
@@ -115,14 +127,20 @@ public:
     }
 
     void finish() const {
-        if (!rest_.empty()) damaged("something follows its last field");
+        if (!rest_.empty()) {
+            damaged("something follows its last field");
+        }
     }
 
 private:
     std::uint32_t plainNumber(const char* name) {
-        if (rest_.size() < 4) damaged(name);
+        if (rest_.size() < 4) {
+            damaged(name);
+        }
         std::uint32_t value = 0;
-        for (std::size_t i = 0; i < 4; ++i) value |= static_cast<std::uint32_t>(rest_[i]) << (8 * i);
+        for (std::size_t i = 0; i < 4; ++i) {
+            value |= static_cast<std::uint32_t>(rest_[i]) << (8 * i);
+        }
         rest_ = rest_.subspan(4);
         return value;
     }
@@ -219,7 +237,9 @@ std::vector<Entry> readEntries(Reader& reader, const char* what, Entry (*readEnt
     std::vector<bool> taken(largestObjectNumber + 1);
     for (std::uint32_t i = 0; i < count; ++i) {
         const Entry& entry = entries.emplace_back(readEntry(reader));
-        if (taken[entry.id]) damaged("an object number occurs twice");
+        if (taken[entry.id]) {
+            damaged("an object number occurs twice");
+        }
         taken[entry.id] = true;
     }
     return entries;
@@ -236,14 +256,20 @@ std::string writeTokenData(const TokenData& token) {
     writer.number(token.userPinChanged ? 1 : 0);
     writePinSection(writer, token.user);
     writer.number(token.officer ? 1 : 0);
-    if (token.officer) writePinSection(writer, *token.officer);
+    if (token.officer) {
+        writePinSection(writer, *token.officer);
+    }
     writer.number(token.capacity);
     writer.number(token.lastKeyPairNumber);
     writer.number(token.lastCertificateNumber);
     writer.number(static_cast<std::uint32_t>(token.keyPairs.size()));
-    for (const KeyPairEntry& entry : token.keyPairs) writeKeyPair(writer, entry);
+    for (const KeyPairEntry& entry : token.keyPairs) {
+        writeKeyPair(writer, entry);
+    }
     writer.number(static_cast<std::uint32_t>(token.certificates.size()));
-    for (const CertificateEntry& entry : token.certificates) writeCertificate(writer, entry);
+    for (const CertificateEntry& entry : token.certificates) {
+        writeCertificate(writer, entry);
+    }
     return writer.finish();
 }
 
@@ -251,13 +277,17 @@ TokenData readTokenData(std::string_view document) {
     Reader reader(tokenFormat, tokenVersion, document);
     TokenData token;
     token.serialNumber = reader.text("the serial number", maximumSerialNumberLength);
-    if (!isSerialNumber(token.serialNumber)) damaged("the serial number");
+    if (!isSerialNumber(token.serialNumber)) {
+        damaged("the serial number");
+    }
     token.label = reader.text("the label", maximumTextLength);
     token.model = reader.text("the model", maximumTextLength);
     token.firmwareVersion = reader.text("the firmware version", maximumTextLength);
     token.userPinChanged = reader.number("the state of the PIN", 0, 1) == 1;
     token.user = readPinSection(reader);
-    if (reader.number("the officer's presence", 0, 1) == 1) token.officer = readPinSection(reader);
+    if (reader.number("the officer's presence", 0, 1) == 1) {
+        token.officer = readPinSection(reader);
+    }
     token.capacity = reader.number("the capacity", 0, largestObjectNumber);
     token.lastKeyPairNumber = reader.number("the last key pair's number", 0, largestObjectNumber);
     token.lastCertificateNumber = reader.number("the last certificate's number", 0, largestObjectNumber);
@@ -296,18 +326,28 @@ std::string hexText(ByteView bytes) {
 
 std::optional<Bytes> bytesFromHex(std::string_view text) {
     const auto digit = [](char character) -> int {
-        if (character >= '0' && character <= '9') return character - '0';
-        if (character >= 'A' && character <= 'F') return character - 'A' + 10;
-        if (character >= 'a' && character <= 'f') return character - 'a' + 10;
+        if (character >= '0' && character <= '9') {
+            return character - '0';
+        }
+        if (character >= 'A' && character <= 'F') {
+            return character - 'A' + 10;
+        }
+        if (character >= 'a' && character <= 'f') {
+            return character - 'a' + 10;
+        }
         return -1;
     };
-    if (text.size() % 2 != 0) return std::nullopt;
+    if (text.size() % 2 != 0) {
+        return std::nullopt;
+    }
     Bytes bytes;
     bytes.reserve(text.size() / 2);
     for (std::size_t i = 0; i < text.size(); i += 2) {
         const int high = digit(text[i]);
         const int low = digit(text[i + 1]);
-        if (high < 0 || low < 0) return std::nullopt;
+        if (high < 0 || low < 0) {
+            return std::nullopt;
+        }
         bytes.push_back(static_cast<unsigned char>(high * 16 + low));
     }
     return bytes;

@@ -1,7 +1,7 @@
 /// What a token holds, and its form on disk: a document with a format name, a version, fields and a checksum.
 
-#ifndef ZENTAK_SOFTTOKEN_TOKEN_DATA_H
-#define ZENTAK_SOFTTOKEN_TOKEN_DATA_H
+#ifndef ZENTAK_SOFTTOKEN_STORE_TOKEN_DATA_H
+#define ZENTAK_SOFTTOKEN_STORE_TOKEN_DATA_H
 
 #include <cstdint>
 #include <optional>

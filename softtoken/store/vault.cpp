@@ -55,7 +55,9 @@ int intOf(std::size_t size) {
 }  // namespace
 
 void requirePinLength(std::string_view pin) {
-    if (pin.empty()) throw Failure(Error::pinRequired, "a PIN is needed");
+    if (pin.empty()) {
+        throw Failure(Error::pinRequired, "a PIN is needed");
+    }
     if (pin.size() < minimumPinLength || pin.size() > maximumPinLength) {
         throw Failure(Error::pinLength, "a PIN has 4 to 63 bytes");
     }
@@ -126,7 +128,9 @@ Bytes seal(ByteView key, ByteView additionalData, ByteView plaintext) {
 }
 
 std::optional<SecretBytes> unseal(ByteView key, ByteView additionalData, ByteView sealed) {
-    if (sealed.size() < nonceLength + tagLength) return std::nullopt;
+    if (sealed.size() < nonceLength + tagLength) {
+        return std::nullopt;
+    }
     const ByteView ciphertext = sealed.subspan(nonceLength, sealed.size() - nonceLength - tagLength);
     Bytes tag(sealed.end() - tagLength, sealed.end());
     SecretBytes plaintext(ciphertext.size());
@@ -139,7 +143,9 @@ std::optional<SecretBytes> unseal(ByteView key, ByteView additionalData, ByteVie
         EVP_DecryptUpdate(context.get(), plaintext.data(), &length, ciphertext.data(), intOf(ciphertext.size())) == 1 &&
         EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, tagLength, tag.data()) == 1 &&
         EVP_DecryptFinal_ex(context.get(), plaintext.data() + length, &length) == 1;
-    if (!opened) return std::nullopt;
+    if (!opened) {
+        return std::nullopt;
+    }
     return plaintext;
 }
 
@@ -154,15 +160,21 @@ PinSection makePinSection(const TokenData& token, Role role, std::string_view pi
 }
 
 const PinSection& pinSectionOf(const TokenData& token, Role role) {
-    if (role == Role::user) return token.user;
-    if (!token.officer) throw PinFailure(Error::pinLocked, 0, "the token has no security officer's PIN");
+    if (role == Role::user) {
+        return token.user;
+    }
+    if (!token.officer) {
+        throw PinFailure(Error::pinLocked, 0, "the token has no security officer's PIN");
+    }
     return *token.officer;
 }
 
 std::optional<SecretBytes> openPinSection(const TokenData& token, Role role, ByteView pinKey) {
     const PinSection& section = pinSectionOf(token, role);
     auto tokenKey = unseal(pinKey, pinBinding(token, role, section), section.wrappedTokenKey);
-    if (tokenKey && tokenKey->size() != keyLength) throw Failure(Error::tokenDamaged, "the token key is damaged");
+    if (tokenKey && tokenKey->size() != keyLength) {
+        throw Failure(Error::tokenDamaged, "the token key is damaged");
+    }
     return tokenKey;
 }
 

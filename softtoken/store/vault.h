@@ -1,8 +1,8 @@
 /// Secrets at rest: the token key wrapped under a PIN, and private keys sealed under the token key. AES-256-GCM
 /// throughout, so that what was tampered with doesn't open.
 
-#ifndef ZENTAK_SOFTTOKEN_VAULT_H
-#define ZENTAK_SOFTTOKEN_VAULT_H
+#ifndef ZENTAK_SOFTTOKEN_STORE_VAULT_H
+#define ZENTAK_SOFTTOKEN_STORE_VAULT_H
 
 #include <optional>
 #include <string_view>

@@ -79,8 +79,12 @@ Instance::Device& Instance::refreshed(std::string_view serialNumber) {
     const std::filesystem::path file = known ? std::filesystem::path() : store_.pluggedTokenFile(serialNumber);
     const auto stamp = fileStamp(known ? found->second.file : file);
     if (!stamp) {
-        if (known) devices_.erase(found);
-        if (!store_.isPlugged(serialNumber)) throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
+        if (known) {
+            devices_.erase(found);
+        }
+        if (!store_.isPlugged(serialNumber)) {
+            throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
+        }
         // Either it has just come back, or its file is missing.
         if (!fileStamp(store_.pluggedTokenFile(serialNumber))) {
             throw Failure(Error::tokenDamaged, "the token's file is missing");
@@ -94,10 +98,14 @@ Instance::Device& Instance::refreshed(std::string_view serialNumber) {
     Device& device = found->second;
     const bool sameStamp = device.snapshot && device.version.stamp == *stamp;
     const bool settled = std::abs(device.checkedAt - stamp->modified) > settlingTime(stamp->modified);
-    if (sameStamp && settled) return device;
+    if (sameStamp && settled) {
+        return device;
+    }
     device.checkedAt = fileClockNow();
     try {
-        if (!sameStamp || readTokenChecksum(device.file) != device.version.checksum) read(device, serialNumber);
+        if (!sameStamp || readTokenChecksum(device.file) != device.version.checksum) {
+            read(device, serialNumber);
+        }
     } catch (...) {
         devices_.erase(found);
         throw;
@@ -110,18 +118,26 @@ void Instance::read(Device& device, std::string_view serialNumber) {
     // Who could replace the file must be the user alone.
     static_cast<void>(store_.folderOf(serialNumber));
     const auto document = readTokenFile(device.file);
-    if (!document) throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
+    if (!document) {
+        throw Failure(Error::deviceNotPresent, "the token isn't plugged in");
+    }
     TokenData token = readTokenDataOf(serialNumber, *document);
     device.version.checksum = checksumOf(*document);
-    if (!device.snapshot || device.snapshot->token != token) publish(device, std::move(token));
+    if (!device.snapshot || device.snapshot->token != token) {
+        publish(device, std::move(token));
+    }
 }
 
 void Instance::publish(Device& device, TokenData token) {
     const auto fresh = std::make_shared<Snapshot>();
     fresh->keyPairs.reserve(token.keyPairs.size());
     fresh->certificates.reserve(token.certificates.size());
-    for (const KeyPairEntry& entry : token.keyPairs) fresh->keyPairs.push_back(recordOf(entry));
-    for (const CertificateEntry& entry : token.certificates) fresh->certificates.push_back(recordOf(entry));
+    for (const KeyPairEntry& entry : token.keyPairs) {
+        fresh->keyPairs.push_back(recordOf(entry));
+    }
+    for (const CertificateEntry& entry : token.certificates) {
+        fresh->certificates.push_back(recordOf(entry));
+    }
     fresh->token = std::move(token);
     if (device.snapshot) {
         // A loaded key stays as long as nothing that it was checked against has changed.
@@ -137,7 +153,9 @@ void Instance::publish(Device& device, TokenData token) {
                    findKeyPair(fresh->token, loaded.first).keyUsage != loaded.second.usage;
         });
         retired_.push_back(device.snapshot);
-        if (retired_.size() > retiredSnapshots) retired_.pop_front();
+        if (retired_.size() > retiredSnapshots) {
+            retired_.pop_front();
+        }
     }
     device.snapshot = fresh;
 }
@@ -226,15 +244,21 @@ OpenedToken Instance::open(std::string_view serialNumber, std::string_view pin) 
         const std::lock_guard lock(mutex_);
         const Device& device = refreshed(serialNumber);
         const TokenData& token = device.snapshot->token;
-        if (isVerified(device, digest)) return OpenedToken{device.verified->tokenKey, token.user, token.officer};
+        if (isVerified(device, digest)) {
+            return OpenedToken{device.verified->tokenKey, token.user, token.officer};
+        }
         if (device.refused && device.refused->is(digest, token)) {
             throw PinFailure(Error::pinIncorrect, store_.loadAttempts(serialNumber).user, "the PIN is wrong");
         }
         return std::nullopt;
     };
-    if (auto opened = remembered()) return *std::move(opened);
+    if (auto opened = remembered()) {
+        return *std::move(opened);
+    }
     const PinCheck check(*this, serialNumber, digest);
-    if (auto opened = remembered()) return *std::move(opened);
+    if (auto opened = remembered()) {
+        return *std::move(opened);
+    }
     return verifyPin(serialNumber, pin, digest);
 }
 
@@ -242,7 +266,9 @@ std::shared_ptr<PrivateKey> Instance::privateKey(std::string_view serialNumber, 
                                                  std::string_view pin, std::uint32_t usage) {
     requirePinLength(pin);
     const auto requireUsage = [usage](std::uint32_t permitted) {
-        if ((permitted & usage) != usage) throw Failure(Error::usageNotPermitted, "the key isn't for this use");
+        if ((permitted & usage) != usage) {
+            throw Failure(Error::usageNotPermitted, "the key isn't for this use");
+        }
     };
     const PinDigest digest = digestOf(pin);
     {
@@ -259,7 +285,9 @@ std::shared_ptr<PrivateKey> Instance::privateKey(std::string_view serialNumber, 
     const std::lock_guard lock(mutex_);
     Device& device = refreshed(serialNumber);
     const auto loaded = device.keys.find(keyId);
-    if (loaded != device.keys.end()) return loaded->second.key;
+    if (loaded != device.keys.end()) {
+        return loaded->second.key;
+    }
     const KeyPairEntry& entry = findKeyPair(device.snapshot->token, keyId);
     requireUsage(entry.keyUsage);
     auto key = std::make_shared<PrivateKey>(openPrivateKey(device.snapshot->token, entry, unlocked));
@@ -273,13 +301,17 @@ void Instance::change(std::string_view serialNumber, const std::function<void(To
     ChangedToken changed = store_.change(serialNumber, change, &known);
     const std::lock_guard lock(mutex_);
     const auto found = devices_.find(serialNumber);
-    if (found == devices_.end()) return;
+    if (found == devices_.end()) {
+        return;
+    }
     // What was written needn't be read. The next look compares checksums, in case that others have changed it since.
     Device& device = found->second;
     device.checkedAt = changed.version.stamp.modified;
     device.version = std::move(changed.version);
     const bool unchanged = device.snapshot == reading.snapshot && device.version.checksum == reading.version.checksum;
-    if (!unchanged) publish(device, std::move(changed.token));
+    if (!unchanged) {
+        publish(device, std::move(changed.token));
+    }
 }
 
 Key Instance::publicKey(int keyType, ByteView bytes) {
@@ -296,7 +328,9 @@ Key Instance::publicKey(int keyType, ByteView bytes) {
     if (key) {
         const std::lock_guard lock(mutex_);
         publicKeys_.push_front(PublicKeyEntry{keyType, Bytes(bytes.begin(), bytes.end()), key});
-        if (publicKeys_.size() > rememberedPublicKeys) publicKeys_.pop_back();
+        if (publicKeys_.size() > rememberedPublicKeys) {
+            publicKeys_.pop_back();
+        }
     }
     return key;
 }
@@ -331,7 +365,9 @@ std::shared_ptr<Instance> findInstance(void* handle) {
     Registry& all = registry();
     const std::lock_guard lock(all.mutex);
     const auto found = all.instances.find(reinterpret_cast<std::uintptr_t>(handle));
-    if (found == all.instances.end()) throw Failure(Error::unknownInstance, "there is no such instance");
+    if (found == all.instances.end()) {
+        throw Failure(Error::unknownInstance, "there is no such instance");
+    }
     return found->second;
 }
 
@@ -340,7 +376,9 @@ void closeInstance(void* handle) {
     Registry& all = registry();
     const std::lock_guard lock(all.mutex);
     const auto found = all.instances.find(reinterpret_cast<std::uintptr_t>(handle));
-    if (found == all.instances.end()) return;
+    if (found == all.instances.end()) {
+        return;
+    }
     // Released after the lock is.
     // cppcheck-suppress unreadVariable
     last = std::move(found->second);

@@ -1,8 +1,8 @@
 /// Instances of the library: the view of the plugged-in tokens that a caller works with, and what is remembered of them
 /// between two calls (the parsed file, the records made from it, the verified PIN, loaded keys).
 
-#ifndef ZENTAK_SOFTTOKEN_INSTANCE_H
-#define ZENTAK_SOFTTOKEN_INSTANCE_H
+#ifndef ZENTAK_SOFTTOKEN_TOKEN_INSTANCE_H
+#define ZENTAK_SOFTTOKEN_TOKEN_INSTANCE_H
 
 #include <condition_variable>
 #include <deque>

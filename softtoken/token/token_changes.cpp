@@ -10,7 +10,9 @@ namespace softtoken {
 namespace {
 
 void requireLength(std::size_t length, std::size_t largest, const char* what) {
-    if (length > largest) throw Failure(Error::invalidArgument, std::string(what) + " is too long");
+    if (length > largest) {
+        throw Failure(Error::invalidArgument, std::string(what) + " is too long");
+    }
 }
 
 void requireText(std::string_view text, std::size_t largest, const char* what) {
@@ -23,12 +25,16 @@ void requireText(std::string_view text, std::size_t largest, const char* what) {
 /// The next number after the last one given, round again, that nobody has. Throws `full` when there is none.
 template <typename Entries>
 std::uint32_t nextNumber(const Entries& entries, std::uint32_t& last, std::uint32_t capacity, Error full) {
-    if (entries.size() >= capacity) throw Failure(full, "the token is full");
+    if (entries.size() >= capacity) {
+        throw Failure(full, "the token is full");
+    }
     for (std::uint32_t step = 0; step < largestObjectNumber; ++step) {
         last = last % largestObjectNumber + 1;
         const bool taken =
             std::any_of(entries.begin(), entries.end(), [&](const auto& entry) { return entry.id == last; });
-        if (!taken) return last;
+        if (!taken) {
+            return last;
+        }
     }
     throw Failure(full, "the token is full");
 }
@@ -43,7 +49,9 @@ Reference randomReference() {
 template <typename Data>
 auto& findIn(Data& token, const Reference& keyId) {
     for (auto& entry : token.keyPairs) {
-        if (entry.keyId == keyId) return entry;
+        if (entry.keyId == keyId) {
+            return entry;
+        }
     }
     throw Failure(Error::keyNotFound, "the token has no such key pair");
 }
@@ -83,7 +91,9 @@ KeyPairEntry addKeyPair(TokenData& token, ByteView tokenKey, const EVP_PKEY* key
     KeyPairEntry entry;
     entry.publicKey = publicKeyBytes(key);
     for (const KeyPairEntry& other : token.keyPairs) {
-        if (other.publicKey == entry.publicKey) throw Failure(Error::keyExists, "the token holds this key already");
+        if (other.publicKey == entry.publicKey) {
+            throw Failure(Error::keyExists, "the token holds this key already");
+        }
     }
     entry.id = nextNumber(token.keyPairs, token.lastKeyPairNumber, token.capacity, Error::keyStorageFull);
     entry.keyId = randomReference();
@@ -103,10 +113,16 @@ CertificateEntry addCertificate(TokenData& token, ByteView der, std::string_view
     requireLength(der.size(), maximumCertificateLength, "the certificate");
     static_cast<void>(parseCertificate(der));
     for (CertificateEntry& other : token.certificates) {
-        if (!std::equal(der.begin(), der.end(), other.der.begin(), other.der.end())) continue;
-        if (!label.empty()) other.label = label;
+        if (!std::equal(der.begin(), der.end(), other.der.begin(), other.der.end())) {
+            continue;
+        }
+        if (!label.empty()) {
+            other.label = label;
+        }
         const ByteView newId = objectId.empty() && other.objectId.empty() ? otherwiseObjectId : objectId;
-        if (!newId.empty()) other.objectId.assign(newId.begin(), newId.end());
+        if (!newId.empty()) {
+            other.objectId.assign(newId.begin(), newId.end());
+        }
         return other;
     }
     CertificateEntry entry;
@@ -136,7 +152,9 @@ void deleteKeyPair(TokenData& token, const Reference& keyId) {
 
 Key openPrivateKey(const TokenData& token, const KeyPairEntry& entry, ByteView tokenKey) {
     const auto pkcs8 = unseal(tokenKey, keyPairBinding(token.serialNumber, entry), entry.sealedPrivateKey);
-    if (!pkcs8) throw Failure(Error::tokenDamaged, "a private key of the token was tampered with");
+    if (!pkcs8) {
+        throw Failure(Error::tokenDamaged, "a private key of the token was tampered with");
+    }
     return decodePrivateKey(*pkcs8);
 }
 

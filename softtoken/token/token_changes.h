@@ -1,8 +1,8 @@
 /// Changes to what a token holds, as the library's operations and the tool make them alike. They work on the token's
 /// data inside Store::change.
 
-#ifndef ZENTAK_SOFTTOKEN_TOKEN_CHANGES_H
-#define ZENTAK_SOFTTOKEN_TOKEN_CHANGES_H
+#ifndef ZENTAK_SOFTTOKEN_TOKEN_TOKEN_CHANGES_H
+#define ZENTAK_SOFTTOKEN_TOKEN_TOKEN_CHANGES_H
 
 #include <string>
 #include <string_view>

@@ -14,7 +14,9 @@ std::vector<std::string> commandLineUtf8(int /*count*/, char** /*arguments*/) {
     int count = 0;
     wchar_t** arguments = CommandLineToArgvW(GetCommandLineW(), &count);
     std::vector<std::string> result;
-    for (int i = 0; i < count; ++i) result.push_back(utf8FromPath(arguments[i]));
+    for (int i = 0; i < count; ++i) {
+        result.push_back(utf8FromPath(arguments[i]));
+    }
     LocalFree(arguments);
     return result;
 }

@@ -33,21 +33,29 @@ std::vector<std::string> allTokens(const Store& store) {
 std::string findToken(const Store& store, const std::string& token) {
     const std::vector<std::string> all = allTokens(store);
     if (token.empty()) {
-        if (all.size() == 1) return all.front();
+        if (all.size() == 1) {
+            return all.front();
+        }
         throw Failure(Error::deviceNotPresent,
                       all.empty() ? "there is no token" : "there are several tokens: name one of them");
     }
-    if (std::find(all.begin(), all.end(), token) != all.end()) return token;
+    if (std::find(all.begin(), all.end(), token) != all.end()) {
+        return token;
+    }
     std::vector<std::string> matching;
     for (const std::string& serialNumber : all) {
         try {
-            if (store.load(serialNumber).label == token) matching.push_back(serialNumber);
+            if (store.load(serialNumber).label == token) {
+                matching.push_back(serialNumber);
+            }
         } catch (const Failure&) {
             // A damaged token has no label to be found by.
             continue;
         }
     }
-    if (matching.size() == 1) return matching.front();
+    if (matching.size() == 1) {
+        return matching.front();
+    }
     throw Failure(Error::deviceNotPresent, matching.empty()
                                                ? "there is no token " + token
                                                : "several tokens have the label " + token + ": use a serial number");
@@ -72,7 +80,9 @@ std::uint32_t usageBits(const std::string& text) {
 
 Bytes objectIdFromHex(const std::string& text) {
     auto bytes = bytesFromHex(text);
-    if (!bytes) throw Failure(Error::invalidArgument, "--id takes pairs of hexadecimal digits");
+    if (!bytes) {
+        throw Failure(Error::invalidArgument, "--id takes pairs of hexadecimal digits");
+    }
     return *std::move(bytes);
 }
 

@@ -26,7 +26,9 @@ struct CreateOptions {
 
 void create(const Common& common, CreateOptions options) {
     NewToken& token = options.token;
-    if (token.model.empty()) token.model = options.fips ? fipsModel : ordinaryModel;
+    if (token.model.empty()) {
+        token.model = options.fips ? fipsModel : ordinaryModel;
+    }
     token.userPin = readNewSecret({options.pinFile, "ZENTAK_PIN", "user PIN", "--pin-file"});
     token.officerPin =
         readOptionalNewSecret({options.officerPinFile, "ZENTAK_SO_PIN", "security officer's PIN", "--so-pin-file"});

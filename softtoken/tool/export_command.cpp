@@ -36,12 +36,20 @@ std::vector<CertificateEntry> select(const TokenData& token, const ExportOptions
     const Bytes objectId = objectIdFromHex(options.objectId);
     std::vector<CertificateEntry> selected;
     for (const CertificateEntry& entry : token.certificates) {
-        if (options.number != 0 && entry.id != options.number) continue;
-        if (!options.label.empty() && entry.label != options.label) continue;
-        if (!objectId.empty() && entry.objectId != objectId) continue;
+        if (options.number != 0 && entry.id != options.number) {
+            continue;
+        }
+        if (!options.label.empty() && entry.label != options.label) {
+            continue;
+        }
+        if (!objectId.empty() && entry.objectId != objectId) {
+            continue;
+        }
         selected.push_back(entry);
     }
-    if (selected.empty()) throw Failure(Error::invalidArgument, "the token has no such certificate");
+    if (selected.empty()) {
+        throw Failure(Error::invalidArgument, "the token has no such certificate");
+    }
     if (selected.size() > 1 && !options.all) {
         throw Failure(Error::invalidArgument,
                       std::to_string(selected.size()) + " certificates fit: name one by --number, or take --all");
@@ -62,7 +70,9 @@ void exportCertificate(const Common& common, const ExportOptions& options) {
         return;
     }
     std::ofstream file(pathFromUtf8(options.output), std::ios::binary);
-    if (!(file << content << std::flush)) throw Failure(Error::storeFailed, "cannot write " + options.output);
+    if (!(file << content << std::flush)) {
+        throw Failure(Error::storeFailed, "cannot write " + options.output);
+    }
 }
 
 }  // namespace

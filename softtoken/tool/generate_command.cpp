@@ -32,7 +32,9 @@ struct GenerateOptions {
 
 const KeyType& typeNamed(const std::string& name) {
     for (const KindOfKey& kind : kinds) {
-        if (name == kind.name) return *keyTypeOfCode(kind.code);
+        if (name == kind.name) {
+            return *keyTypeOfCode(kind.code);
+        }
     }
     throw Failure(Error::invalidArgument, "there is no kind of key " + name);
 }
@@ -45,7 +47,9 @@ void generate(const Common& common, const GenerateOptions& options) {
     const Progress progress("generating a key pair " + options.kind);
     const OpenedToken opened = store.open(serialNumber, Role::user, pin);
     const Key key = generateKey(typeNamed(options.kind));
-    if (settings.objectId.empty()) settings.objectId = publicKeyIdentifier(key.get());
+    if (settings.objectId.empty()) {
+        settings.objectId = publicKeyIdentifier(key.get());
+    }
     store.change(serialNumber, [&](TokenData& token) {
         requireKeyOf(token, opened);
         addKeyPair(token, opened.key, key.get(), settings);
@@ -63,7 +67,9 @@ void addGenerateCommand(CLI::App& program, const Common& common) {
     addTokenArgument(*command, options->token);
     std::vector<std::string> names;
     names.reserve(kinds.size());
-    for (const KindOfKey& kind : kinds) names.emplace_back(kind.name);
+    for (const KindOfKey& kind : kinds) {
+        names.emplace_back(kind.name);
+    }
     command->add_option("--type", options->kind, "Kind of key")->check(CLI::IsMember(names))->capture_default_str();
     command->add_option("--label", options->label, "Label of the key pair");
     command->add_option("--id", options->objectId, "CKA_ID in hexadecimal digits; SHA-1 of the public key without it");

@@ -27,8 +27,12 @@ struct ImportOptions {
 };
 
 void append(ImportedObjects& all, ImportedObjects more) {
-    for (ImportedKey& key : more.keys) all.keys.push_back(std::move(key));
-    for (Bytes& der : more.certificates) all.certificates.push_back(std::move(der));
+    for (ImportedKey& key : more.keys) {
+        all.keys.push_back(std::move(key));
+    }
+    for (Bytes& der : more.certificates) {
+        all.certificates.push_back(std::move(der));
+    }
 }
 
 ImportedObjects readObjects(const ImportOptions& options) {
@@ -45,11 +49,15 @@ ImportedObjects readObjects(const ImportOptions& options) {
         return *password;
     };
     ImportedObjects objects;
-    for (const std::string& file : options.pkcs12Files) append(objects, readPkcs12File(file, askPassword));
+    for (const std::string& file : options.pkcs12Files) {
+        append(objects, readPkcs12File(file, askPassword));
+    }
     for (const std::string& file : options.keyFiles) {
         objects.keys.push_back({readPrivateKeyFile(file, askPassword), ""});
     }
-    for (const std::string& file : options.certificateFiles) append(objects, {{}, readCertificateFile(file)});
+    for (const std::string& file : options.certificateFiles) {
+        append(objects, {{}, readCertificateFile(file)});
+    }
     if (objects.keys.empty() && objects.certificates.empty()) {
         throw Failure(Error::invalidArgument, "nothing to import: use --key, --certificate or --pkcs12");
     }
@@ -107,7 +115,9 @@ void import(const Common& common, const ImportOptions& options) {
     const OpenedToken opened = withKeys ? store.open(serialNumber, Role::user, pin) : OpenedToken();
     // One change for everything: either all of it is on the token afterwards or nothing.
     store.change(serialNumber, [&](TokenData& token) {
-        if (withKeys) requireKeyOf(token, opened);
+        if (withKeys) {
+            requireKeyOf(token, opened);
+        }
         const std::map<Bytes, std::string> labels = addKeys(token, opened, objects, options, progress);
         addCertificates(token, labels, objects, options, progress);
     });

@@ -19,7 +19,9 @@ constexpr std::size_t largestImportFile = 64 << 20;
 
 std::string contentOf(const std::string& file) {
     auto content = readFile(pathFromUtf8(file), largestImportFile, Links::follow);
-    if (!content) throw Failure(Error::invalidArgument, "there is no file " + file);
+    if (!content) {
+        throw Failure(Error::invalidArgument, "there is no file " + file);
+    }
     return *std::move(content);
 }
 
@@ -40,7 +42,9 @@ int passwordCallback(char* buffer, int size, int /*writing*/, void* data) {
     auto& question = *static_cast<Question*>(data);
     try {
         const std::string password = question.ask();
-        if (password.size() > static_cast<std::size_t>(size)) return -1;
+        if (password.size() > static_cast<std::size_t>(size)) {
+            return -1;
+        }
         std::copy(password.begin(), password.end(), buffer);
         return static_cast<int>(password.size());
     } catch (...) {
@@ -84,14 +88,20 @@ Key readPrivateKeyFile(const std::string& file, const AskPassword& askPassword) 
             key = d2i_PKCS8PrivateKey_bio(bioOf(content).get(), nullptr, &passwordCallback, &question);
         }
     }
-    if (question.failure) std::rethrow_exception(question.failure);
-    if (key == nullptr) throw Failure(Error::invalidArgument, "no private key can be read from " + file);
+    if (question.failure) {
+        std::rethrow_exception(question.failure);
+    }
+    if (key == nullptr) {
+        throw Failure(Error::invalidArgument, "no private key can be read from " + file);
+    }
     return ownKey(key);
 }
 
 std::vector<Bytes> readCertificateFile(const std::string& file) {
     std::vector<Bytes> certificates = certificatesOfFile(contentOf(file));
-    if (certificates.empty()) throw Failure(Error::invalidArgument, "there is no certificate in " + file);
+    if (certificates.empty()) {
+        throw Failure(Error::invalidArgument, "there is no certificate in " + file);
+    }
     for (const Bytes& der : certificates) {
         try {
             static_cast<void>(parseCertificate(der));
@@ -105,7 +115,9 @@ std::vector<Bytes> readCertificateFile(const std::string& file) {
 ImportedObjects readPkcs12File(const std::string& file, const AskPassword& askPassword) {
     const std::string content = contentOf(file);
     const std::unique_ptr<PKCS12, Releaser<&PKCS12_free>> container(d2i_PKCS12_bio(bioOf(content).get(), nullptr));
-    if (!container) throw Failure(Error::invalidArgument, file + " is no PKCS #12 file");
+    if (!container) {
+        throw Failure(Error::invalidArgument, file + " is no PKCS #12 file");
+    }
     EVP_PKEY* key = nullptr;
     X509* own = nullptr;
     STACK_OF(X509)* others = nullptr;
@@ -126,12 +138,18 @@ ImportedObjects readPkcs12File(const std::string& file, const AskPassword& askPa
     const auto add = [&](X509* certificate) {
         unsigned char* der = nullptr;
         const int length = i2d_X509(certificate, &der);
-        if (length > 0) objects.certificates.emplace_back(der, der + length);
+        if (length > 0) {
+            objects.certificates.emplace_back(der, der + length);
+        }
         OPENSSL_free(der);
     };
-    if (own != nullptr) add(own);
+    if (own != nullptr) {
+        add(own);
+    }
     X509_free(own);
-    for (int i = 0; i < sk_X509_num(others); ++i) add(sk_X509_value(others, i));
+    for (int i = 0; i < sk_X509_num(others); ++i) {
+        add(sk_X509_value(others, i));
+    }
     sk_X509_pop_free(others, X509_free);
     return objects;
 }

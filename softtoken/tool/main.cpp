@@ -45,7 +45,9 @@ int run(std::vector<std::string> arguments) {
         // It wants the last argument first.
         std::reverse(arguments.begin(), arguments.end());
         program.parse(arguments);
-        if (!std::cout.flush()) throw Failure(Error::storeFailed, "cannot write to the standard output");
+        if (!std::cout.flush()) {
+            throw Failure(Error::storeFailed, "cannot write to the standard output");
+        }
         return 0;
     } catch (const CLI::ParseError& error) {
         return program.exit(error, std::cout, std::cerr) == 0 ? 0 : 2;

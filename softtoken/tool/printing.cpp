@@ -21,17 +21,25 @@ Character firstCharacter(std::string_view text) {
         return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
     };
     const std::uint32_t first = byte(0);
-    if (first < 0x80) return {1, first};
+    if (first < 0x80) {
+        return {1, first};
+    }
     const std::size_t length = first >= 0xF0 ? 4 : (first >= 0xE0 ? 3 : 2);
     constexpr std::array<std::uint32_t, 5> smallest = {0, 0, 0x80, 0x800, 0x10000};
     std::uint32_t code = first & (0x7FU >> length);
-    if (first < 0xC0 || first > 0xF7) return {1, notText};
+    if (first < 0xC0 || first > 0xF7) {
+        return {1, notText};
+    }
     for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xC0U) != 0x80) return {1, notText};
+        if ((byte(i) & 0xC0U) != 0x80) {
+            return {1, notText};
+        }
         code = code << 6 | (byte(i) & 0x3FU);
     }
     const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
-    if (code < smallest[length] || code > 0x10FFFF || isSurrogate) return {1, notText};
+    if (code < smallest[length] || code > 0x10FFFF || isSurrogate) {
+        return {1, notText};
+    }
     return {length, code};
 }
 
@@ -67,7 +75,9 @@ std::string printableJson(const nlohmann::ordered_json& value) {
         if (isHarmful(character.code) && character.code != '\n') {
             constexpr std::string_view digits = "0123456789abcdef";
             result += "\\u";
-            for (int shift = 12; shift >= 0; shift -= 4) result += digits[character.code >> shift & 0xF];
+            for (int shift = 12; shift >= 0; shift -= 4) {
+                result += digits[character.code >> shift & 0xF];
+            }
         } else {
             result += text.substr(0, character.length);
         }

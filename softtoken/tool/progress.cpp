@@ -23,7 +23,9 @@ void Progress::report() {
     std::chrono::milliseconds wait = intervals_.first;
     while (!finishing_.wait_for(lock, wait, [this] { return finished_; })) {
         std::string line = "zentak-token: " + what_;
-        if (total_ != 0) line += ", " + std::to_string(done_) + " of " + std::to_string(total_);
+        if (total_ != 0) {
+            line += ", " + std::to_string(done_) + " of " + std::to_string(total_);
+        }
         std::cerr << line + " ...\n" << std::flush;
         wait = intervals_.next;
     }

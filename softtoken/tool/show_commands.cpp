@@ -37,7 +37,9 @@ Json describeToken(const Store& store, const std::string& serialNumber, bool plu
 
 std::string keyTypeName(int code) {
     const KeyType* const type = keyTypeOfCode(code);
-    if (type == nullptr) return "unknown";
+    if (type == nullptr) {
+        return "unknown";
+    }
     return type->curve != nullptr ? std::string("EC ") + type->curve : "RSA " + std::to_string(type->rsaBits);
 }
 
@@ -80,22 +82,32 @@ void list(const Common& common, bool json) {
     forgetSecrets();
     const Store store = common.store();
     Json tokens = Json::array();
-    for (const std::string& serialNumber : store.plugged()) tokens.push_back(describeToken(store, serialNumber, true));
+    for (const std::string& serialNumber : store.plugged()) {
+        tokens.push_back(describeToken(store, serialNumber, true));
+    }
     for (const std::string& serialNumber : store.unplugged()) {
         tokens.push_back(describeToken(store, serialNumber, false));
     }
     std::size_t unusable = 0;
-    if (json) std::cout << printableJson(tokens) << "\n";
+    if (json) {
+        std::cout << printableJson(tokens) << "\n";
+    }
     for (const Json& token : tokens) {
-        if (!token["usable"].get<bool>()) ++unusable;
-        if (json) continue;
+        if (!token["usable"].get<bool>()) {
+            ++unusable;
+        }
+        if (json) {
+            continue;
+        }
         std::cout << token["serialNumber"].get<std::string>() << "  "
                   << (token["plugged"].get<bool>() ? "plugged in" : "unplugged ") << "  "
                   << (token["usable"].get<bool>() ? printable(token["label"].get<std::string>())
                                                   : "unusable: " + printable(token["reason"].get<std::string>()))
                   << "\n";
     }
-    if (unusable == 0) return;
+    if (unusable == 0) {
+        return;
+    }
     std::cout << std::flush;
     throw Failure(Error::tokenDamaged,
                   std::to_string(unusable) + " of " + std::to_string(tokens.size()) + " tokens can't be used");
@@ -104,7 +116,9 @@ void list(const Common& common, bool json) {
 /// After everything was printed, for the exit code.
 void requireUsable(const Json& token) {
     const auto failUnlessUsable = [](const Json& thing, const std::string& name) {
-        if (thing.value("usable", true)) return;
+        if (thing.value("usable", true)) {
+            return;
+        }
         std::cout << std::flush;
         throw Failure(Error::tokenDamaged, name + " can't be used: " + thing["reason"].get<std::string>());
     };

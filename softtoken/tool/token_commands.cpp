@@ -97,8 +97,12 @@ void requireYes(const Store& store, const std::string& serialNumber) {
         description += ", which can't be read,";
     }
     const auto answer = promptOnTerminal("Destroy " + description + " for good? (yes/no) ", Echo::on);
-    if (!answer) throw Failure(Error::invalidArgument, "this destroys " + serialNumber + ": add --yes");
-    if (*answer != "yes") throw Failure(Error::invalidArgument, serialNumber + " was not removed");
+    if (!answer) {
+        throw Failure(Error::invalidArgument, "this destroys " + serialNumber + ": add --yes");
+    }
+    if (*answer != "yes") {
+        throw Failure(Error::invalidArgument, serialNumber + " was not removed");
+    }
 }
 
 /// A command about a token alone.
@@ -150,7 +154,9 @@ void addRemoveCommand(CLI::App& program, const Common& common) {
         addCommand(program, "remove", "Destroy a token with all its keys", [&common, token, sure] {
             Store store = common.store();
             const std::string serialNumber = findToken(store, *token);
-            if (!*sure) requireYes(store, serialNumber);
+            if (!*sure) {
+                requireYes(store, serialNumber);
+            }
             store.remove(serialNumber);
             std::cout << "Removed " << serialNumber << "\n";
         });

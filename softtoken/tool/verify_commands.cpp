@@ -22,12 +22,16 @@ std::vector<std::string> selectTokens(const Store& store, const std::string& tok
 
 std::string joined(const std::vector<std::string>& texts) {
     std::string result;
-    for (const std::string& text : texts) result += (result.empty() ? "" : "; ") + text;
+    for (const std::string& text : texts) {
+        result += (result.empty() ? "" : "; ") + text;
+    }
     return result;
 }
 
 void failUnlessNone(std::size_t failed, std::size_t all, const std::string& what) {
-    if (failed == 0) return;
+    if (failed == 0) {
+        return;
+    }
     std::cout << std::flush;
     throw Failure(Error::tokenDamaged, std::to_string(failed) + " of " + std::to_string(all) + " tokens " + what);
 }
@@ -41,13 +45,19 @@ void verify(const Common& common, const std::string& name, bool json) {
     for (const std::string& serialNumber : tokens) {
         const bool plugged = store.isPlugged(serialNumber);
         const std::vector<std::string> faults = faultsOf(store, serialNumber);
-        if (!faults.empty()) ++failed;
+        if (!faults.empty()) {
+            ++failed;
+        }
         results.push_back({{"serialNumber", serialNumber}, {"plugged", plugged}, {"faults", faults}});
-        if (json) continue;
+        if (json) {
+            continue;
+        }
         std::cout << serialNumber << "  " << (plugged ? "plugged in" : "unplugged ") << "  "
                   << (faults.empty() ? "in order" : "faulty: " + printable(joined(faults))) << "\n";
     }
-    if (json) std::cout << printableJson(results) << "\n";
+    if (json) {
+        std::cout << printableJson(results) << "\n";
+    }
     failUnlessNone(failed, tokens.size(), "are faulty");
 }
 
