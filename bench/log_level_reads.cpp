@@ -7,7 +7,7 @@
 
 #include "log_level.h"
 #include "module_client.h"
-#include "platform/platform.h"
+#include "platform/operating_system.h"
 #include "run_folder.h"
 #include "samples.h"
 

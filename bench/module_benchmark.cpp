@@ -9,7 +9,7 @@
 #include "log_level.h"
 #include "module.h"
 #include "module_client.h"
-#include "platform/platform.h"
+#include "platform/operating_system.h"
 #include "records.h"
 #include "run_folder.h"
 #include "scripted_library.h"

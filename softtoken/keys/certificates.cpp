@@ -86,12 +86,12 @@ CertificateFacts readFacts(const X509* certificate) {
     facts.serialNumber = encode(&i2d_ASN1_INTEGER, X509_get0_serialNumber(certificate));
     CertificateDetails& details = facts.details;
     details.text1 = serialNumberHex(certificate);
-    details.text2 = commonName(subject);
-    details.text3 = distinguishedName(issuer);
+    details.subjectCommonName = commonName(subject);
+    details.issuer = distinguishedName(issuer);
     details.text4 = timeText(X509_get0_notBefore(certificate));
     details.text5 = timeText(X509_get0_notAfter(certificate));
     details.text6 = commonName(issuer);
-    details.text7 = distinguishedName(subject);
+    details.subject = distinguishedName(subject);
     if (const EVP_PKEY* key = X509_get0_pubkey(certificate)) {
         details.publicKey = publicKeyBytes(key);
     }

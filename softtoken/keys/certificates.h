@@ -13,8 +13,7 @@ Certificate parseCertificate(ByteView der);
 
 /// What callers ask of a certificate.
 struct CertificateFacts {
-    /// text1 the serial number in hexadecimal, text2 the subject's common name, text3 the issuer's distinguished name,
-    /// text4 and text5 the validity's begin and end, text6 the issuer's common name, text7 the subject's distinguished
+    /// text1 the serial number in hexadecimal, text4 and text5 the validity's begin and end, text6 the issuer's common
     /// name, text8 empty. A name without a common name gives its distinguished name instead.
     CertificateDetails details;
     Bytes subject;       ///< DER, as it stands in the certificate

@@ -60,7 +60,7 @@ Json describeObjects(const TokenData& token) {
         try {
             const auto facts = certificateFacts(entry.der);
             const CertificateDetails& details = facts->details;
-            certificate.update({{"subject", details.text7},
+            certificate.update({{"subject", details.subject},
                                 {"issuer", details.text6},
                                 {"serialNumber", details.text1},
                                 {"notBefore", details.text4},

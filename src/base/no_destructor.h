@@ -1,5 +1,5 @@
-/// Objects that live as long as the process: created on first use and never destroyed, because a host may exit or
-/// unload the module without C_Finalize, while other threads are still inside.
+/// Objects that live as long as the process: created on first use and never destroyed, because an application may exit
+/// or unload the library while other threads are still inside it.
 
 #ifndef ZENTAK_BASE_NO_DESTRUCTOR_H
 #define ZENTAK_BASE_NO_DESTRUCTOR_H
@@ -9,40 +9,29 @@
 
 namespace zentak {
 
+/// Declared `static` in the function that hands out its object. Nothing runs when the process ends.
 template <typename T>
-struct Lasting {
-    T* object = new T;
-    T* next = nullptr;  ///< for a forked child
-};
+class NoDestructor {
+public:
+    T& operator*() const { return *object_; }
+    T* operator->() const { return object_; }
 
-template <typename T>
-Lasting<T>& lastingPlace() {
-    static Lasting<T> place;
-    return place;
-}
-
-template <typename T>
-T& lasting() {
-    return *lastingPlace<T>().object;
-}
-
-/// Before a fork: makes what `replaceLasting` will take, where there is memory.
-template <typename T>
-void prepareToReplaceLasting() {
-    Lasting<T>& place = lastingPlace<T>();
-    if (place.next == nullptr) {
-        place.next = new (std::nothrow) T;
+    /// Before a fork: makes the object that `replace` will take, if there is memory for it.
+    void prepareReplacement() {
+        if (next_ == nullptr) {
+            next_ = new (std::nothrow) T;
+        }
     }
-}
 
-/// Puts a new object in the old one's place, which is left as it is: whoever forked from inside still has it. Only for
-/// a forked child, where no other thread is: its copy of the old one may be locked by a thread that it doesn't have.
-/// Never fails: without memory before the fork, the new object stands where the old one stood.
-template <typename T>
-void replaceLasting() noexcept {
-    Lasting<T>& place = lastingPlace<T>();
-    place.object = place.next != nullptr ? std::exchange(place.next, nullptr) : new (place.object) T;
-}
+    /// Puts a new object in the old one's place, which is left as it is: whoever forked from inside still uses it. Only
+    /// for a forked child, which has no other thread: its copy of the old object may be locked by a thread of the
+    /// parent. Never fails: if there was no memory before the fork, the new object is built on top of the old one.
+    void replace() noexcept { object_ = next_ != nullptr ? std::exchange(next_, nullptr) : new (object_) T; }
+
+private:
+    T* object_ = new T;
+    T* next_ = nullptr;
+};
 
 }  // namespace zentak
 

@@ -1,30 +1,17 @@
 /// C_EncryptInit, C_Encrypt, C_DecryptInit and C_Decrypt. Either Init may come during a digest; the operation that it
-/// then leaves can be neither carried out nor replaced, and hosts are used to it.
+/// then leaves can be neither carried out nor replaced, and applications are used to it.
 
 #include "crypto/der.h"
-#include "crypto/hashing.h"
 #include "crypto/key_selection.h"
 #include "crypto/two_call_output.h"
-#include "device/library_buffer.h"
+#include "device/codes.h"
+#include "device/record_views.h"
 #include "module/entry_frame.h"
 #include "module/object_handles.h"
 
 using namespace zentak;
 
 namespace {
-
-EncryptionType encryptionTypeOf(std::int32_t keyType) {
-    switch (keyType) {
-        case keyTypeRsa1024:
-            return EncryptionType::rsa1024;
-        case keyTypeRsa3072:
-            return EncryptionType::rsa3072;
-        case keyTypeRsa4096:
-            return EncryptionType::rsa4096;
-        default:
-            return EncryptionType::rsa2048;
-    }
-}
 
 bool hasParameter(const CK_MECHANISM& mechanism) {
     return mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0;
@@ -59,7 +46,7 @@ CK_RV selectEncryptionKey(ModuleState& state, SessionRecord& session, const CK_M
     }
 }
 
-/// The same for a decryption, with private-key handles alone.
+/// The same for a decryption, with private-key handles only.
 CK_RV selectDecryptionKey(ModuleState& state, SessionRecord& session, const CK_MECHANISM& mechanism,
                           CK_OBJECT_HANDLE hKey) {
     switch (mechanism.mechanism) {
@@ -85,42 +72,24 @@ CK_RV selectDecryptionKey(ModuleState& state, SessionRecord& session, const CK_M
 
 /// Encrypts into `resultBuffer`. The key is wrapped whatever it is: the stored bytes count as an RSA modulus.
 CK_RV encrypt(const ModuleState& state, SessionRecord& session, ByteView data) {
-    constexpr std::size_t capacity = 1024;
-    if (data.size() > longestArgument) {
+    const std::vector<unsigned char> publicKey = rsaSubjectPublicKeyInfo(publicKeyOf(*session.keyPair));
+    const PaddingMode padding = session.cipherMechanism == CKM_RSA_PKCS_OAEP ? PaddingMode::oaep : PaddingMode::pkcs1;
+    const device::Result encrypted =
+        tokenOf(state, session).encrypt(*session.keyPair, publicKey, padding, data, session.resultBuffer);
+    if (encrypted.isInputTooLong()) {
         return refuse(CKR_DATA_LEN_RANGE, "C_Encrypt: data too long for the device library, ulDataLen=", data.size());
     }
-    const std::vector<unsigned char> publicKey = rsaSubjectPublicKeyInfo(publicKeyOf(*session.keyPair));
-    std::vector<unsigned char> output(capacity);
-    int length = 0;
-    const int result =
-        zentak_encrypt(encryptionTypeOf(session.keyPair->keyType),
-                       session.cipherMechanism == CKM_RSA_PKCS_OAEP ? PaddingMode::oaep : PaddingMode::pkcs1,
-                       data.data(), static_cast<int>(data.size()), output.data(), &length, publicKey.data(),
-                       static_cast<int>(publicKey.size()), state.instance);
-    if (result != 0) {
-        return refuse(CKR_FUNCTION_FAILED, "Encrypt data failed : ", result);
-    }
-    cutToReportedLength(output, length);
-    session.resultBuffer = std::move(output);
-    return CKR_OK;
+    return encrypted ? CKR_OK : refuse(CKR_FUNCTION_FAILED, "Encrypt data failed : ", encrypted.number());
 }
 
 /// Decrypts into `resultBuffer`.
 CK_RV decrypt(const ModuleState& state, SessionRecord& session, ByteView data) {
-    if (data.size() > longestArgument) {
+    const device::Result decrypted = tokenOf(state, session).decrypt(*session.keyPair, data, session.resultBuffer);
+    if (decrypted.isInputTooLong()) {
         return refuse(CKR_DATA_LEN_RANGE,
                       "C_Decrypt: data too long for the device library, ulEncryptedDataLen=", data.size());
     }
-    LibraryBuffer output;
-    int length = 0;
-    const int result = zentak_decrypt(session.deviceId(), session.keyPair->keyId, state.cachedUserPassword.c_str(),
-                                      data.data(), static_cast<int>(data.size()), output.address(), &length,
-                                      session.keyPair->keyFlag, state.instance);
-    if (result != 0) {
-        return refuse(CKR_FUNCTION_FAILED, "Dacrypt data failed : ", result);
-    }
-    session.resultBuffer = output.copy(length);
-    return CKR_OK;
+    return decrypted ? CKR_OK : refuse(CKR_FUNCTION_FAILED, "Dacrypt data failed : ", decrypted.number());
 }
 
 }  // namespace
@@ -153,32 +122,29 @@ CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_
 
 CK_RV C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pEncryptedData,
                 CK_ULONG_PTR pulEncryptedDataLen) {
-    return sessionEntryPoint("C_Encrypt", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
-        if (session.activeOperation != ActiveOperation::Encrypt) {
-            return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                          "C_Encrypt: operation not initialized, activeOperation=", session.activeOperation);
-        }
-        if (pData == nullptr || ulDataLen == 0) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pData is NULL or ulDataLen<=0, ulDataLen=", ulDataLen);
-        }
-        if (pulEncryptedDataLen == nullptr) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pulEncryptedDataLen is NULL");
-        }
-        CK_RV answer = CKR_OK;
-        {
-            OperationEnd end(session);
-            if (session.resultBuffer.empty()) {
-                answer = encrypt(state, session, {pData, ulDataLen});
+    return operationEntryPoint(
+        "C_Encrypt", hSession, ActiveOperation::Encrypt, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+            if (pData == nullptr || ulDataLen == 0) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pData is NULL or ulDataLen<=0, ulDataLen=", ulDataLen);
             }
-            if (answer == CKR_OK) {
-                answer = deliverResult("C_Encrypt", session.resultBuffer, pEncryptedData, pulEncryptedDataLen, end);
+            if (pulEncryptedDataLen == nullptr) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_Encrypt: pulEncryptedDataLen is NULL");
             }
-        }
-        if (session.activeOperation == ActiveOperation::None) {
-            session.cipherMechanism = 0;
-        }
-        return answer;
-    });
+            CK_RV answer = CKR_OK;
+            {
+                OperationEnd end(session);
+                if (session.resultBuffer.empty()) {
+                    answer = encrypt(state, session, {pData, ulDataLen});
+                }
+                if (answer == CKR_OK) {
+                    answer = deliverResult("C_Encrypt", session.resultBuffer, pEncryptedData, pulEncryptedDataLen, end);
+                }
+            }
+            if (session.activeOperation == ActiveOperation::None) {
+                session.cipherMechanism = 0;
+            }
+            return answer;
+        });
 }
 
 CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
@@ -211,29 +177,26 @@ CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_
 
 CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG ulEncryptedDataLen, CK_BYTE_PTR pData,
                 CK_ULONG_PTR pulDataLen) {
-    return sessionEntryPoint("C_Decrypt", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
-        if (session.activeOperation != ActiveOperation::Decrypt) {
-            return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                          "C_Decrypt: operation not initialized, activeOperation=", session.activeOperation);
-        }
-        if (pEncryptedData == nullptr) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: pEncryptedData is NULL");
-        }
-        if (ulEncryptedDataLen == 0) {
-            return refuse(CKR_ARGUMENTS_BAD,
-                          "C_Decrypt: ulEncryptedDataLen<=0, ulEncryptedDataLen=", ulEncryptedDataLen);
-        }
-        if (pulDataLen == nullptr) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: pulDataLen is NULL");
-        }
-        OperationEnd end(session);
-        // An empty plaintext is no waiting result: it is computed again.
-        if (session.resultBuffer.empty()) {
-            const CK_RV decrypted = decrypt(state, session, {pEncryptedData, ulEncryptedDataLen});
-            if (decrypted != CKR_OK) {
-                return decrypted;
+    return operationEntryPoint(
+        "C_Decrypt", hSession, ActiveOperation::Decrypt, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+            if (pEncryptedData == nullptr) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: pEncryptedData is NULL");
             }
-        }
-        return deliverResult("C_Decrypt", session.resultBuffer, pData, pulDataLen, end);
-    });
+            if (ulEncryptedDataLen == 0) {
+                return refuse(CKR_ARGUMENTS_BAD,
+                              "C_Decrypt: ulEncryptedDataLen<=0, ulEncryptedDataLen=", ulEncryptedDataLen);
+            }
+            if (pulDataLen == nullptr) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_Decrypt: pulDataLen is NULL");
+            }
+            OperationEnd end(session);
+            // An empty plaintext is no waiting result: it is computed again.
+            if (session.resultBuffer.empty()) {
+                const CK_RV decrypted = decrypt(state, session, {pEncryptedData, ulEncryptedDataLen});
+                if (decrypted != CKR_OK) {
+                    return decrypted;
+                }
+            }
+            return deliverResult("C_Decrypt", session.resultBuffer, pData, pulDataLen, end);
+        });
 }

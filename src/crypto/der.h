@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "device/records.h"
+#include "base/byte_view.h"
 
 namespace zentak {
 

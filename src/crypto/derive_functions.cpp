@@ -4,8 +4,8 @@
 #include <optional>
 
 #include "base/secrets.h"
-#include "crypto/hashing.h"
-#include "device/library_buffer.h"
+#include "device/codes.h"
+#include "module/byte_trace.h"
 #include "module/entry_frame.h"
 #include "module/lookup.h"
 #include "module/object_handles.h"
@@ -31,43 +31,35 @@ std::optional<CK_ECDH1_DERIVE_PARAMS> readParameters(const CK_MECHANISM& mechani
     return parameters;
 }
 
-/// Replaces `secret` by its hash, with the code and the area that devices know for this purpose. A step that fails is
-/// passed over, by a result in silence, by an exception with a line in the log; after a failed last step the whole area
-/// becomes the secret, with what it then holds.
-void hashSecret(const ModuleState& state, const SessionRecord& session, int hashCode, std::size_t areaLength,
-                std::vector<unsigned char>& secret) {
+/// Replaces `secret` by its hash, with the area that devices know for this purpose. A step that fails is passed over, a
+/// refusal in silence, an exception with a line in the log; after a failed last step the whole area becomes the secret,
+/// with what it then holds.
+void hashSecret(const device::Token& token, int hashCode, std::size_t areaLength, std::vector<unsigned char>& secret) {
     void* context = nullptr;
     withoutExceptions("C_DeriveKey: zentak_initHash", [&]() -> CK_RV {
-        zentak_initHash(session.deviceId(), hashCode, &context, state.instance);
+        static_cast<void>(token.initHash(hashCode, context));
         return CKR_OK;
     });
     withoutExceptions("C_DeriveKey: zentak_updateHash", [&]() -> CK_RV {
-        updateHash(context, secret.data(), secret.size(), state.instance);
+        static_cast<void>(token.updateHash(context, secret));
         return CKR_OK;
     });
-    std::vector<unsigned char> digest(areaLength);
-    const WipedAtEnd wipeLast(digest);
-    int length = static_cast<int>(areaLength);
+    device::OutputArea area(areaLength);
     bool finished = false;
     withoutExceptions("C_DeriveKey: zentak_finalHash", [&]() -> CK_RV {
-        finished = zentak_finalHash(context, digest.data(), &length, state.instance) == 0;
+        finished = static_cast<bool>(token.finalHash(context, area));
         return CKR_OK;
     });
-    if (finished) {
-        cutToReportedLength(digest, length);
-    }
-    // The agreed secret goes with `digest`.
+    std::vector<unsigned char> digest = finished ? area.takeFilled() : area.takeWhole();
+    const WipedAtEnd wipeAgreedSecret(digest);
     secret.swap(digest);
 }
 
-void applyKeyDerivationFunction(const ModuleState& state, const SessionRecord& session, CK_EC_KDF_TYPE kdf,
-                                std::vector<unsigned char>& secret) {
-    constexpr int deviceSha1 = 1;
-    constexpr int deviceSha256 = 4;
+void applyKeyDerivationFunction(const device::Token& token, CK_EC_KDF_TYPE kdf, std::vector<unsigned char>& secret) {
     if (kdf == kdfSha1) {
-        hashSecret(state, session, deviceSha1, 20, secret);
+        hashSecret(token, derivationHashSha1, 20, secret);
     } else if (kdf == kdfSha256) {
-        hashSecret(state, session, deviceSha256, 32, secret);
+        hashSecret(token, derivationHashSha256, 32, secret);
     }
 }
 
@@ -90,29 +82,26 @@ CK_RV deriveKey(ModuleState& state, const SessionRecord& session, const CK_ECDH1
                 CK_OBJECT_HANDLE_PTR phKey) {
     const CK_ULONG id = hBaseKey - privateKeyBase;
     logDebug("key id :: ", id);
-    const ZentakKeyPair* keyPair = findKeyPair(state, session.deviceId(), id);
+    const ZentakKeyPair* keyPair = findKeyPair(state, session, id);
     if (keyPair == nullptr) {
         return CKR_KEY_HANDLE_INVALID;
     }
     const ByteView publicData(parameters.pPublicData, parameters.ulPublicDataLen);
-    logDebug("base key id :: ", Hexadecimal{keyPair->keyId});
-    if (publicData.size() > longestArgument) {
+    traceBytes("base key id :: ", keyPair->keyId);
+    traceBytes("public key :: ", publicData);
+
+    const device::Token token = tokenOf(state, session);
+    std::vector<unsigned char> secret;
+    const WipedAtEnd wipeSecret(secret);
+    const device::Result agreed = token.agreeSecret(*keyPair, publicData, secret);
+    if (agreed.isInputTooLong()) {
         return refuse(CKR_DATA_LEN_RANGE,
                       "C_DeriveKey: public data too long for the device library, ulPublicDataLen=", publicData.size());
     }
-    logDebug("public key :: ", Hexadecimal{publicData});
-
-    LibraryBuffer shared;
-    int length = 0;
-    const int result =
-        zentak_ecdhDerive(session.deviceId(), keyPair->keyId, state.cachedUserPassword.c_str(), publicData.data(),
-                          static_cast<int>(publicData.size()), shared.address(), &length, state.instance);
-    if (result != 0 || shared.isNull() || length < 1) {
-        return refuse(CKR_FUNCTION_FAILED, "C_DeriveKey: zentak_ecdhDerive failed: ", result);
+    if (!agreed) {
+        return refuse(CKR_FUNCTION_FAILED, "C_DeriveKey: zentak_ecdhDerive failed: ", agreed.number());
     }
-    std::vector<unsigned char> secret = shared.copy(length);
-    const WipedAtEnd wipeSecret(secret);
-    applyKeyDerivationFunction(state, session, parameters.kdf, secret);
+    applyKeyDerivationFunction(token, parameters.kdf, secret);
     const CK_ULONG wanted = requestedLength(pTemplate, ulAttributeCount);
     if (wanted > 0 && wanted < secret.size()) {
         wipe(secret.data() + wanted, secret.size() - wanted);

@@ -3,11 +3,12 @@
 #include <array>
 #include <optional>
 
-#include "device/library_results.h"
+#include "device/codes.h"
+#include "device/record_views.h"
 #include "module/entry_frame.h"
+#include "module/key_types.h"
 #include "module/object_handles.h"
 #include "module/template_reader.h"
-#include "objects/attribute_values.h"
 
 using namespace zentak;
 
@@ -107,13 +108,12 @@ CK_RV readPublicTemplate(CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount, CK_KEY_TY
 
 /// Lets the token make the pair and complete its record.
 CK_RV generateOnToken(const ModuleState& state, const SessionRecord& session, ZentakKeyPair& keyPair) {
-    const int result =
-        zentak_generateKeyPair(session.deviceId(), state.cachedUserPassword.c_str(), &keyPair, state.instance);
-    if (result == 0) {
+    const device::Result generated = tokenOf(state, session).generateKeyPair(keyPair);
+    if (generated) {
         return CKR_OK;
     }
-    return refuse(isDeviceFull(result) ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED,
-                  "Generate key pair failed : ", result);
+    return refuse(generated.isDeviceFull() ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED,
+                  "Generate key pair failed : ", generated.number());
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
-/// The key of an operation: the lookup and the usage check that every Init function makes.
+/// The key and the mechanism of an operation: what the Init functions select and the others rely on.
 
 #ifndef ZENTAK_CRYPTO_KEY_SELECTION_H
 #define ZENTAK_CRYPTO_KEY_SELECTION_H
 
-#include "device/records.h"
 #include "module/entry_frame.h"
 #include "module/lookup.h"
+#include "module/mechanisms.h"
 
 namespace zentak {
 
@@ -13,12 +13,17 @@ namespace zentak {
 /// handle in the log and the session's key as it was.
 inline CK_RV selectKeyPair(ModuleState& state, SessionRecord& session, CK_ULONG id, const char* refusal,
                            CK_OBJECT_HANDLE hKey) {
-    ZentakKeyPair* keyPair = findKeyPair(state, session.deviceId(), id);
+    ZentakKeyPair* keyPair = findKeyPair(state, session, id);
     if (keyPair == nullptr) {
         return refuse(CKR_OBJECT_HANDLE_INVALID, refusal, hKey);
     }
     session.keyPair = keyPair;
     return CKR_OK;
+}
+
+/// The mechanism of the session's signature or verification: its Init function has let no other in.
+inline const Mechanism& activeMechanism(const SessionRecord& session) {
+    return *findMechanism(session.mechanism);
 }
 
 /// CKR_OK when the session's key has the usage bit; otherwise the key is dropped and `refusal` logged with the bits.

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string_view>
 
-#include "device/records.h"
+#include "base/byte_view.h"
 #include "module/cryptoki.h"
 
 namespace zentak {
@@ -15,7 +15,7 @@ namespace zentak {
 /// it may.
 ///
 /// For CKM_RSA_PKCS this is a byte search for the object identifiers of SHA-1 and MD5 anywhere in input that looks like
-/// a DigestInfo, for the others a test of the length alone.
+/// a DigestInfo, for the others only a test of the length.
 std::optional<std::string_view> fipsObjectionToRawInput(CK_MECHANISM_TYPE mechanism, ByteView data);
 
 }  // namespace zentak

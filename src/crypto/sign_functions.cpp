@@ -2,14 +2,14 @@
 
 #include <utility>
 
-#include "crypto/hashing.h"
 #include "crypto/key_selection.h"
 #include "crypto/multi_part_input.h"
 #include "crypto/operation_end.h"
 #include "crypto/raw_input_policy.h"
-#include "crypto/signature_mechanisms.h"
+#include "crypto/session_hash.h"
 #include "crypto/two_call_output.h"
-#include "device/records.h"
+#include "device/codes.h"
+#include "module/byte_trace.h"
 #include "module/entry_frame.h"
 #include "module/object_handles.h"
 #include "module/slot_table.h"
@@ -18,33 +18,12 @@ using namespace zentak;
 
 namespace {
 
-constexpr std::size_t signatureCapacity = 1024;
-
-/// The mechanism of the session's operation: C_SignInit has let no other in.
-const SignatureMechanism& activeMechanism(const SessionRecord& session) {
-    return *findSignatureMechanism(session.mechanism);
-}
-
-/// Signs `input` with the session's key. 0 with the signature in `resultBuffer`, or the device library's result.
-int signHash(const ModuleState& state, SessionRecord& session, ByteView input) {
-    std::vector<unsigned char> signature(signatureCapacity);
-    int length = static_cast<int>(signatureCapacity);
-    const int result = zentak_signHash(session.deviceId(), session.keyPair->keyId, state.cachedUserPassword.c_str(),
-                                       input.data(), static_cast<int>(input.size()), signature.data(), &length, false,
-                                       state.instance, session.isPss);
-    if (result == 0) {
-        cutToReportedLength(signature, length);
-        session.resultBuffer = std::move(signature);
-    }
-    return result;
-}
-
 /// The bytes that C_Sign gives to the token: the digest (kept in `digest`) or, for a raw mechanism, the data itself.
 CK_RV prepareInput(const ModuleState& state, const SessionRecord& session, ByteView data,
                    std::vector<unsigned char>& digest, ByteView& input) {
-    const SignatureMechanism& mechanism = activeMechanism(session);
+    const Mechanism& mechanism = activeMechanism(session);
     if (!mechanism.isRaw()) {
-        const CK_RV hashed = hashInOnePass(session.deviceId(), mechanism.hashCode, data, digest, state.instance,
+        const CK_RV hashed = hashInOnePass(tokenOf(state, session), mechanism.hashCode, data, digest,
                                            {"init hash failed ", "update hash failed ", "final hash failed "});
         input = digest;
         return hashed;
@@ -68,37 +47,34 @@ CK_RV computeSignature(const ModuleState& state, SessionRecord& session, ByteVie
     }
     logDebug("Sign: password empty=", state.cachedUserPassword.empty() ? 1 : 0, " hashLen=", input.size(),
              " session state=", session.state);
-    if (input.size() > longestArgument) {
-        // Without the bytes in hexadecimal: the line would need twice the memory, only for the refusal to follow.
-        return refuse(CKR_DATA_LEN_RANGE, "C_Sign: data too long for the device library, ulDataLen=", input.size());
-    }
     if (input.empty()) {
         logDebug("Sign input hash : NULL or empty");
     } else {
-        logDebug("Sign input hash : ", Hexadecimal{input});
+        traceBytes("Sign input hash : ", input);
     }
-    if (const int result = signHash(state, session, input); result != 0) {
-        return refuse(CKR_FUNCTION_FAILED, "Sign hash failed : ", result);
+    const device::Result made =
+        tokenOf(state, session).sign(*session.keyPair, input, session.isPss, session.resultBuffer);
+    if (made.isInputTooLong()) {
+        return refuse(CKR_DATA_LEN_RANGE, "C_Sign: data too long for the device library, ulDataLen=", input.size());
     }
-    return CKR_OK;
+    return made ? CKR_OK : refuse(CKR_FUNCTION_FAILED, "Sign hash failed : ", made.number());
 }
 
 /// Computes the signature of a multi-part operation into `resultBuffer`. Whatever happens, the input is used up.
 CK_RV computeFinalSignature(const ModuleState& state, SessionRecord& session) {
+    const device::Token token = tokenOf(state, session);
     std::vector<unsigned char> input = std::exchange(session.dataBuffer, {});
     if (!activeMechanism(session).isRaw()) {
         void* const context = std::exchange(session.hashContext, nullptr);
-        if (const int result = finalHash(context, digestCapacity, input, state.instance); result != 0) {
-            return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed ", result);
+        if (const device::Result finished = token.finalHash(context, digestCapacity, input); !finished) {
+            return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed ", finished.number());
         }
     }
-    if (input.size() > longestArgument) {
+    const device::Result made = token.sign(*session.keyPair, input, session.isPss, session.resultBuffer);
+    if (made.isInputTooLong()) {
         return refuse(CKR_DATA_LEN_RANGE, "C_SignFinal: data too long for the device library, length=", input.size());
     }
-    if (const int result = signHash(state, session, input); result != 0) {
-        return refuse(CKR_FUNCTION_FAILED, "C_SignFinal: signHash failed ", result);
-    }
-    return CKR_OK;
+    return made ? CKR_OK : refuse(CKR_FUNCTION_FAILED, "C_SignFinal: signHash failed ", made.number());
 }
 
 }  // namespace
@@ -115,12 +91,12 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
         if (pMechanism == nullptr) {
             return refuse(CKR_ARGUMENTS_BAD, "C_SignInit: pMechanism is NULL");
         }
-        const SignatureMechanism* mechanism = findSignatureMechanism(pMechanism->mechanism);
-        if (mechanism != nullptr && mechanism->signingRefusedOnFips && isFips140Token(session.tokenInfo)) {
-            return refuse(CKR_MECHANISM_INVALID, "C_SignInit: mechanism not allowed on FIPS 140-3 token");
-        }
+        const Mechanism* mechanism = findMechanism(pMechanism->mechanism, CKF_SIGN);
         if (mechanism == nullptr) {
             return refuse(CKR_MECHANISM_INVALID, "C_SignInit: unsupported mechanism=", pMechanism->mechanism);
+        }
+        if (mechanism->refusedOnFips && isFips140Token(session.tokenInfo)) {
+            return refuse(CKR_MECHANISM_INVALID, "C_SignInit: mechanism not allowed on FIPS 140-3 token");
         }
         // PSS parameters are never read: the device library chooses the details itself.
         if (!mechanism->isPss && (pMechanism->pParameter != nullptr || pMechanism->ulParameterLen != 0)) {
@@ -156,74 +132,59 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
 
 CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
              CK_ULONG_PTR pulSignatureLen) {
-    return sessionEntryPoint("C_Sign", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
-        if (session.activeOperation != ActiveOperation::Sign) {
-            return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                          "C_Sign: operation not initialized, activeOperation=", session.activeOperation);
-        }
-        if (pData == nullptr) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pData is NULL");
-        }
-        if (ulDataLen == 0) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_Sign: ulDataLen<=0, ulDataLen=", ulDataLen);
-        }
-        if (pulSignatureLen == nullptr) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pulSignatureLen is NULL");
-        }
-        logDebug("sign echanism : ", session.mechanism);
-
-        OperationEnd end(session);
-        // A signature that a size query has computed is delivered whatever the data is now.
-        if (session.resultBuffer.empty()) {
-            const CK_RV computed = computeSignature(state, session, {pData, ulDataLen});
-            if (computed != CKR_OK) {
-                return computed;
+    return operationEntryPoint(
+        "C_Sign", hSession, ActiveOperation::Sign, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+            if (pData == nullptr) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pData is NULL");
             }
-        }
-        return deliverResult("C_Sign", session.resultBuffer, pSignature, pulSignatureLen, end);
-    });
+            if (ulDataLen == 0) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_Sign: ulDataLen<=0, ulDataLen=", ulDataLen);
+            }
+            if (pulSignatureLen == nullptr) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_Sign: pulSignatureLen is NULL");
+            }
+            logDebug("sign echanism : ", session.mechanism);
+
+            OperationEnd end(session);
+            // A signature that a size query has computed is delivered whatever the data is now.
+            if (session.resultBuffer.empty()) {
+                const CK_RV computed = computeSignature(state, session, {pData, ulDataLen});
+                if (computed != CKR_OK) {
+                    return computed;
+                }
+            }
+            return deliverResult("C_Sign", session.resultBuffer, pSignature, pulSignatureLen, end);
+        });
 }
 
 CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
-    return sessionEntryPoint("C_SignUpdate", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
-        if (session.activeOperation != ActiveOperation::Sign) {
-            return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                          "C_SignUpdate: operation not initialized, activeOperation=", session.activeOperation);
-        }
-        if (pPart == nullptr || ulPartLen == 0) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
-        }
-        const SignatureMechanism& mechanism = activeMechanism(session);
-        if (mechanism.isRaw()) {
-            return collectPart("C_SignUpdate", session, {pPart, ulPartLen});
-        }
-        OperationEnd end(session);
-        const CK_RV updated =
-            updateSessionHash(session, mechanism.hashCode, {pPart, ulPartLen}, state.instance,
-                              {"C_SignUpdate: initHash failed ", "C_SignUpdate: updateHash failed ", ""});
-        if (updated == CKR_OK) {
-            end.keepOperation();
-        }
-        return updated;
-    });
+    return operationEntryPoint(
+        "C_SignUpdate", hSession, ActiveOperation::Sign, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+            if (pPart == nullptr || ulPartLen == 0) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
+            }
+            const Mechanism& mechanism = activeMechanism(session);
+            if (mechanism.isRaw()) {
+                return collectPart("C_SignUpdate", session, {pPart, ulPartLen});
+            }
+            return updateSessionHash(tokenOf(state, session), session, mechanism.hashCode, {pPart, ulPartLen},
+                                     {"C_SignUpdate: initHash failed ", "C_SignUpdate: updateHash failed ", ""});
+        });
 }
 
 CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
-    return sessionEntryPoint("C_SignFinal", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
-        if (session.activeOperation != ActiveOperation::Sign) {
-            return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                          "C_SignFinal: operation not initialized, activeOperation=", session.activeOperation);
-        }
-        if (pulSignatureLen == nullptr) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_SignFinal: pulSignatureLen is NULL");
-        }
-        OperationEnd end(session);
-        if (session.resultBuffer.empty()) {
-            const CK_RV computed = computeFinalSignature(state, session);
-            if (computed != CKR_OK) {
-                return computed;
+    return operationEntryPoint(
+        "C_SignFinal", hSession, ActiveOperation::Sign, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+            if (pulSignatureLen == nullptr) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_SignFinal: pulSignatureLen is NULL");
             }
-        }
-        return deliverResult("C_SignFinal", session.resultBuffer, pSignature, pulSignatureLen, end);
-    });
+            OperationEnd end(session);
+            if (session.resultBuffer.empty()) {
+                const CK_RV computed = computeFinalSignature(state, session);
+                if (computed != CKR_OK) {
+                    return computed;
+                }
+            }
+            return deliverResult("C_SignFinal", session.resultBuffer, pSignature, pulSignatureLen, end);
+        });
 }

@@ -1,57 +1,23 @@
 /// C_VerifyInit, C_Verify, C_VerifyUpdate and C_VerifyFinal. The single-part and the multi-part way differ in their
-/// hash table, the form of the key, the PSS flag and the reading of a DigestInfo. Hosts have met both; they stay as
+/// hash, the form of the key, the PSS flag and the reading of a DigestInfo. Applications have met both; they stay as
 /// they are.
 
 #include <algorithm>
 #include <utility>
 
 #include "crypto/der.h"
-#include "crypto/hashing.h"
 #include "crypto/key_selection.h"
 #include "crypto/multi_part_input.h"
 #include "crypto/operation_end.h"
-#include "crypto/signature_mechanisms.h"
+#include "crypto/session_hash.h"
+#include "device/codes.h"
+#include "device/record_views.h"
 #include "module/entry_frame.h"
 #include "module/object_handles.h"
 
 using namespace zentak;
 
 namespace {
-
-/// Multi-part input of these two is collected; everything else is hashed, CKM_RSA_PKCS_PSS included.
-bool isCollected(CK_MECHANISM_TYPE type) {
-    return type == CKM_RSA_PKCS || type == CKM_ECDSA;
-}
-
-/// The hash of multi-part input. PSS mechanisms other than SHA-224's are hashed with SHA-256.
-int multiPartHashCode(CK_MECHANISM_TYPE type) {
-    switch (type) {
-        case CKM_SHA1_RSA_PKCS:
-        case CKM_ECDSA_SHA1:
-            return hashSha1;
-        case CKM_SHA384_RSA_PKCS:
-        case CKM_ECDSA_SHA384:
-            return hashSha384;
-        case CKM_SHA512_RSA_PKCS:
-        case CKM_ECDSA_SHA512:
-            return hashSha512;
-        case CKM_SHA224_RSA_PKCS:
-        case CKM_SHA224_RSA_PKCS_PSS:
-        case CKM_ECDSA_SHA224:
-            return hashSha224;
-        default:
-            return hashSha256;
-    }
-}
-
-/// The device library's verdict: 0 for a valid signature.
-int verifyHash(const ModuleState& state, const SessionRecord& session, ByteView hash, ByteView publicKey,
-               ByteView signature, bool pss) {
-    return zentak_verifySignatureHash(static_cast<unsigned int>(session.keyPair->keyType), session.deviceId(),
-                                      hash.data(), static_cast<int>(hash.size()), publicKey.data(),
-                                      static_cast<int>(publicKey.size()), signature.data(),
-                                      static_cast<int>(signature.size()), state.instance, pss);
-}
 
 /// The key of a single-part verification: a bare RSA modulus is wrapped (into `storage`), everything else goes as it
 /// is.
@@ -67,53 +33,48 @@ ByteView preparePublicKey(const ZentakKeyPair& keyPair, std::vector<unsigned cha
 }
 
 CK_RV verifySinglePart(const ModuleState& state, const SessionRecord& session, ByteView data, ByteView signature) {
-    const SignatureMechanism* mechanism = findSignatureMechanism(session.mechanism);
-    if (mechanism == nullptr) {
-        return CKR_MECHANISM_INVALID;
-    }
+    const device::Token token = tokenOf(state, session);
+    const Mechanism& mechanism = activeMechanism(session);
     std::vector<unsigned char> digest;
     ByteView hash = data;
-    if (!mechanism->isRaw()) {
+    if (!mechanism.isRaw()) {
         const CK_RV hashed = hashInOnePass(
-            session.deviceId(), mechanism->hashCode, data, digest, state.instance,
+            token, mechanism.hashCode, data, digest,
             {"C_Verify: initHash failed ret=", "C_Verify: updateHash failed ret=", "C_Verify: finalHash failed ret="});
         if (hashed != CKR_OK) {
             return hashed;
         }
         hash = digest;
-    } else if (mechanism->type == CKM_RSA_PKCS) {
+    } else if (mechanism.type == CKM_RSA_PKCS) {
         hash = hashInDigestInfo(data);
     }
     std::vector<unsigned char> encodedKey;
     const ByteView publicKey = preparePublicKey(*session.keyPair, encodedKey);
-    if (hash.size() > longestArgument || signature.size() > longestArgument) {
+    const device::Result verified = token.verify(*session.keyPair, publicKey, hash, signature, session.isPss);
+    if (verified.isInputTooLong()) {
         return refuse(CKR_DATA_LEN_RANGE, "C_Verify: input too long for the device library, length=",
                       std::max(hash.size(), signature.size()));
     }
-    if (const int result = verifyHash(state, session, hash, publicKey, signature, session.isPss); result != 0) {
-        return refuse(CKR_SIGNATURE_INVALID, "Verify signature failed : ", result);
-    }
-    return CKR_OK;
+    return verified ? CKR_OK : refuse(CKR_SIGNATURE_INVALID, "Verify signature failed : ", verified.number());
 }
 
 /// Whatever happens, the input is used up.
 CK_RV verifyMultiPart(const ModuleState& state, SessionRecord& session, ByteView signature) {
+    const device::Token token = tokenOf(state, session);
     std::vector<unsigned char> hash = std::exchange(session.dataBuffer, {});
-    if (!isCollected(session.mechanism)) {
+    if (activeMechanism(session).multiPartVerificationHash != 0) {
         void* const context = std::exchange(session.hashContext, nullptr);
-        if (const int result = finalHash(context, digestCapacity, hash, state.instance); result != 0) {
-            return refuse(CKR_FUNCTION_FAILED, "C_VerifyFinal: finalHash failed ", result);
+        if (const device::Result finished = token.finalHash(context, digestCapacity, hash); !finished) {
+            return refuse(CKR_FUNCTION_FAILED, "C_VerifyFinal: finalHash failed ", finished.number());
         }
     }
-    if (hash.size() > longestArgument || signature.size() > longestArgument) {
+    const device::Result verified =
+        token.verify(*session.keyPair, publicKeyOf(*session.keyPair), hash, signature, false);
+    if (verified.isInputTooLong()) {
         return refuse(CKR_DATA_LEN_RANGE, "C_VerifyFinal: input too long for the device library, length=",
                       std::max(hash.size(), signature.size()));
     }
-    if (const int result = verifyHash(state, session, hash, publicKeyOf(*session.keyPair), signature, false);
-        result != 0) {
-        return refuse(CKR_SIGNATURE_INVALID, "C_VerifyFinal: verify failed ", result);
-    }
-    return CKR_OK;
+    return verified ? CKR_OK : refuse(CKR_SIGNATURE_INVALID, "C_VerifyFinal: verify failed ", verified.number());
 }
 
 }  // namespace
@@ -128,7 +89,7 @@ CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_O
         if (pMechanism == nullptr) {
             return refuse(CKR_ARGUMENTS_BAD, "C_VerifyInit: pMechanism is NULL");
         }
-        const SignatureMechanism* mechanism = findSignatureMechanism(pMechanism->mechanism);
+        const Mechanism* mechanism = findMechanism(pMechanism->mechanism, CKF_VERIFY);
         if (mechanism == nullptr) {
             return refuse(CKR_MECHANISM_INVALID, "C_VerifyInit: unsupported mechanism=", pMechanism->mechanism);
         }
@@ -154,57 +115,45 @@ CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_O
 
 CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
                CK_ULONG ulSignatureLen) {
-    return sessionEntryPoint("C_Verify", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
-        if (session.activeOperation != ActiveOperation::Verify) {
-            return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                          "C_Verify: operation not initialized, activeOperation=", session.activeOperation);
-        }
-        if (pData == nullptr || pSignature == nullptr) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_Verify: pData or pSignature is NULL");
-        }
-        if (ulDataLen == 0 || ulSignatureLen == 0) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_Verify: ulDataLen or ulSignatureLen <= 0, ulDataLen=", ulDataLen,
-                          " ulSignatureLen=", ulSignatureLen);
-        }
-        const OperationEnd end(session);
-        return verifySinglePart(state, session, {pData, ulDataLen}, {pSignature, ulSignatureLen});
-    });
+    return operationEntryPoint(
+        "C_Verify", hSession, ActiveOperation::Verify, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+            if (pData == nullptr || pSignature == nullptr) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_Verify: pData or pSignature is NULL");
+            }
+            if (ulDataLen == 0 || ulSignatureLen == 0) {
+                return refuse(CKR_ARGUMENTS_BAD, "C_Verify: ulDataLen or ulSignatureLen <= 0, ulDataLen=", ulDataLen,
+                              " ulSignatureLen=", ulSignatureLen);
+            }
+            const OperationEnd end(session);
+            return verifySinglePart(state, session, {pData, ulDataLen}, {pSignature, ulSignatureLen});
+        });
 }
 
 CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
-    return sessionEntryPoint("C_VerifyUpdate", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
-        if (session.activeOperation != ActiveOperation::Verify) {
-            return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                          "C_VerifyUpdate: operation not initialized, activeOperation=", session.activeOperation);
-        }
-        if (pPart == nullptr || ulPartLen == 0) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_VerifyUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
-        }
-        if (isCollected(session.mechanism)) {
-            return collectPart("C_VerifyUpdate", session, {pPart, ulPartLen});
-        }
-        OperationEnd end(session);
-        const CK_RV updated =
-            updateSessionHash(session, multiPartHashCode(session.mechanism), {pPart, ulPartLen}, state.instance,
-                              {"C_VerifyUpdate: initHash failed ", "C_VerifyUpdate: updateHash failed ", ""});
-        if (updated == CKR_OK) {
-            end.keepOperation();
-        }
-        return updated;
-    });
+    return operationEntryPoint(
+        "C_VerifyUpdate", hSession, ActiveOperation::Verify, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+            if (pPart == nullptr || ulPartLen == 0) {
+                return refuse(CKR_ARGUMENTS_BAD,
+                              "C_VerifyUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", ulPartLen);
+            }
+            const int hashCode = activeMechanism(session).multiPartVerificationHash;
+            if (hashCode == 0) {
+                return collectPart("C_VerifyUpdate", session, {pPart, ulPartLen});
+            }
+            return updateSessionHash(tokenOf(state, session), session, hashCode, {pPart, ulPartLen},
+                                     {"C_VerifyUpdate: initHash failed ", "C_VerifyUpdate: updateHash failed ", ""});
+        });
 }
 
 CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen) {
-    return sessionEntryPoint("C_VerifyFinal", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
-        if (session.activeOperation != ActiveOperation::Verify) {
-            return refuse(CKR_OPERATION_NOT_INITIALIZED,
-                          "C_VerifyFinal: operation not initialized, activeOperation=", session.activeOperation);
-        }
-        if (pSignature == nullptr || ulSignatureLen == 0) {
-            return refuse(CKR_ARGUMENTS_BAD,
-                          "C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=", ulSignatureLen);
-        }
-        const OperationEnd end(session);
-        return verifyMultiPart(state, session, {pSignature, ulSignatureLen});
-    });
+    return operationEntryPoint(
+        "C_VerifyFinal", hSession, ActiveOperation::Verify, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+            if (pSignature == nullptr || ulSignatureLen == 0) {
+                return refuse(
+                    CKR_ARGUMENTS_BAD,
+                    "C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=", ulSignatureLen);
+            }
+            const OperationEnd end(session);
+            return verifyMultiPart(state, session, {pSignature, ulSignatureLen});
+        });
 }

@@ -87,13 +87,13 @@ static_assert(offsetof(ZentakCertificate, objectIdLength) == 3224 && offsetof(Ze
 /// What zentak_getCertificateDetails reads from a certificate. The fields without a name are the library's own.
 struct CertificateDetails {
     std::string text1;
-    std::string text2;  ///< first half of a default label
-    std::string text3;  ///< second half of a default label; the issuer by which chains are followed
+    std::string subjectCommonName;  ///< first half of a default label
+    std::string issuer;             ///< distinguished name: second half of a default label; chains are followed by it
     std::string text4;
     std::string text5;
     unsigned char data[16] = {};
     std::string text6;
-    std::string text7;  ///< subject distinguished name
+    std::string subject;  ///< distinguished name
     std::string text8;
     std::vector<unsigned char> publicKey;  ///< in the form of ZentakKeyPair::publicKey
 };

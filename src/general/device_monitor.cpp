@@ -3,38 +3,31 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "base/mutex.h"
 #include "base/no_destructor.h"
+#include "device/library.h"
 #include "module/entry_frame.h"
-#include "module/slot_table.h"
-#include "platform/platform.h"
+#include "module/slot_events.h"
+#include "platform/operating_system.h"
 
-using namespace zentak;
+namespace zentak {
 
 namespace {
 
-struct MonitorState {
+struct Monitor {
     std::thread thread;
     std::atomic<bool> running{false};
-    std::atomic<bool> stopRequested{false};
     /// Held around one poll of the devices and the walk over the sessions.
-    Mutex monitorMutex;
-
-    /// Guards, with the condition, what follows and the stop request against waiting past them.
-    std::mutex eventMutex;
-    std::condition_variable slotEvent;
-    std::atomic<bool> eventPending{false};
-    std::atomic<CK_SLOT_ID> eventSlot{firstSlotId};
-    /// Counts the stops, for those who wait while the host stops the module and starts it again.
-    unsigned stops = 0;
+    Mutex polling;
 };
 
-MonitorState& monitor() {
-    return lasting<MonitorState>();
+NoDestructor<Monitor>& monitor() {
+    static NoDestructor<Monitor> place;
+    return place;
 }
 
 /// Drops the login of sessions whose device isn't in the list. The sessions stay open.
@@ -50,163 +43,97 @@ void dropLoginsOfMissingDevices(ModuleState& state, const std::vector<std::strin
     }
 }
 
-/// One poll; the number of devices connected.
+/// One poll. Returns the number of connected devices.
 std::size_t pollDevices() {
-    const MutexLock polling(monitor().monitorMutex);
+    const MutexLock polling(monitor()->polling);
     Module& module = theModule();
-    const std::vector<std::string> devices = zentak_getConnectedDeviceList(false, module.instanceWithoutLock());
-    // The module isn't locked before here: a slow device must not hold up the host's calls.
+    const std::vector<std::string> devices = device::connectedDevices(module.instanceWithoutLock());
+    // The module isn't locked before here: a slow device must not hold up the application's calls.
     const MutexLock lock(module.mutex);
     dropLoginsOfMissingDevices(module.state, devices);
     return devices.size();
 }
 
-void raiseSlotEvent() {
-    MonitorState& state = monitor();
-    {
-        const std::scoped_lock lock(state.eventMutex);
-        state.eventSlot = firstSlotId;
-        state.eventPending = true;
-    }
-    state.slotEvent.notify_all();
-}
-
-/// The second between two polls, cut short by a stop.
-void sleepUntilNextPoll() {
-    MonitorState& state = monitor();
-    std::unique_lock lock(state.eventMutex);
-    state.slotEvent.wait_for(lock, std::chrono::milliseconds(1000), [&] { return state.stopRequested.load(); });
-}
-
-void watchDevices() {
-    const MonitorState& state = monitor();
+/// Polls until `events` is closed. These are the events of the process that started the thread: a thread that forks in
+/// the middle of its poll ends in the child.
+void watchDevices(SlotEvents& events) {
     std::size_t lastCount = 0;
-    while (!state.stopRequested) {
+    while (!events.isClosed()) {
         // A poll that throws tells nothing about the devices; the next one may.
         withoutExceptions("Session monitor", [&]() -> CK_RV {
             const std::size_t count = pollDevices();
             if (count != lastCount) {
                 logDebug("Slot event: device count changed from ", lastCount, " to ", count);
                 lastCount = count;
-                raiseSlotEvent();
+                events.raise(firstSlotId);
             }
             return CKR_OK;
         });
-        sleepUntilNextPoll();
+        events.sleepUnlessClosed(std::chrono::seconds(1));
     }
 }
 
 void runMonitor() noexcept {
     logDebug("Session monitor thread started.");
     withoutExceptions("Session monitor", []() -> CK_RV {
-        watchDevices();
+        watchDevices(slotEvents());
         return CKR_OK;
     });
     logDebug("Session monitor thread stopped.");
-    monitor().running = false;
-}
-
-CK_RV takeEventWithoutWaiting(CK_SLOT_ID_PTR pSlot) {
-    MonitorState& state = monitor();
-    if (!state.eventPending.exchange(false)) {
-        return refuse(CKR_NO_EVENT, "C_WaitForSlotEvent: no event pending (non-blocking)");
-    }
-    const CK_SLOT_ID slot = state.eventSlot;
-    *pSlot = slot;
-    logDebug("C_WaitForSlotEvent: non-blocking, returning slot ", slot);
-    return CKR_OK;
-}
-
-CK_RV waitForEvent(CK_SLOT_ID_PTR pSlot) {
-    MonitorState& state = monitor();
-    std::unique_lock lock(state.eventMutex);
-    const unsigned stopsBefore = state.stops;
-    const auto stopped = [&] { return state.stopRequested || state.stops != stopsBefore; };
-    state.slotEvent.wait(lock, [&] { return state.eventPending || stopped(); });
-    if (stopped()) {
-        return refuse(CKR_CRYPTOKI_NOT_INITIALIZED,
-                      "C_WaitForSlotEvent: monitor stopped, returning CKR_CRYPTOKI_NOT_INITIALIZED");
-    }
-    state.eventPending = false;
-    const CK_SLOT_ID slot = state.eventSlot;
-    *pSlot = slot;
-    logDebug("C_WaitForSlotEvent: blocking, returning slot ", slot);
-    return CKR_OK;
+    monitor()->running = false;
 }
 
 }  // namespace
 
-namespace zentak {
-
 bool isDeviceMonitorRunning() {
-    return monitor().running;
+    return monitor()->running;
 }
 
 void startDeviceMonitor() {
-    MonitorState& state = monitor();
-    if (state.thread.joinable()) {
+    Monitor& started = *monitor();
+    if (started.thread.joinable()) {
         // It has ended by itself; assigning over it would end the process.
-        state.thread.join();
+        started.thread.join();
     }
     platform::keepModuleLoaded();
-    state.stopRequested = false;
-    // Before the thread gets to run, so that a host that initialises again at once finds it.
-    state.running = true;
+    slotEvents().open();
+    // Before the thread gets to run, so that an application that initialises again at once finds it.
+    started.running = true;
     try {
-        state.thread = std::thread(runMonitor);
+        started.thread = std::thread(runMonitor);
     } catch (...) {
-        state.running = false;
+        started.running = false;
         throw;
     }
 }
 
 void stopDeviceMonitor() {
-    MonitorState& state = monitor();
-    {
-        // Under the mutex, so that nobody who has just looked at the request goes on to wait.
-        const std::scoped_lock lock(state.eventMutex);
-        state.stopRequested = true;
-        ++state.stops;
-    }
-    state.slotEvent.notify_all();
-    if (state.thread.joinable() && state.thread.get_id() != std::this_thread::get_id()) {
-        state.thread.join();
+    Monitor& stopped = *monitor();
+    slotEvents().close();
+    if (stopped.thread.joinable() && stopped.thread.get_id() != std::this_thread::get_id()) {
+        stopped.thread.join();
         logDebug("Monitor thread joined (stopDeviceMonitor).");
     }
-    state.running = false;
+    stopped.running = false;
 }
 
 void holdDeviceMonitor() {
-    monitor().monitorMutex.holdForFork();
+    monitor()->polling.holdForFork();
 }
 
 void releaseDeviceMonitor() {
-    monitor().monitorMutex.releaseAfterFork();
+    monitor()->polling.releaseAfterFork();
 }
 
 void prepareToForgetDeviceMonitor() {
-    prepareToReplaceLasting<MonitorState>();
+    monitor().prepareReplacement();
+    prepareToReplaceSlotEvents();
 }
 
-void forgetDeviceMonitor() {
-    // A thread that has forked in the middle of its look ends in the child.
-    monitor().stopRequested = true;
-    replaceLasting<MonitorState>();
+void forgetDeviceMonitor() noexcept {
+    slotEvents().closeWithoutWaking();
+    monitor().replace();
+    replaceSlotEvents();
 }
 
 }  // namespace zentak
-
-CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR /*pReserved*/) {
-    constexpr auto name = "C_WaitForSlotEvent";
-    logDebug(name);
-    // Without the module's lock: a host may wait here for hours.
-    return withoutExceptions(name, [&]() -> CK_RV {
-        if (theModule().instanceWithoutLock() == nullptr) {
-            return refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name, ": not initialized");
-        }
-        if (pSlot == nullptr) {
-            return refuse(CKR_ARGUMENTS_BAD, "C_WaitForSlotEvent: pSlot is NULL");
-        }
-        return (flags & CKF_DONT_BLOCK) != 0 ? takeEventWithoutWaiting(pSlot) : waitForEvent(pSlot);
-    });
-}

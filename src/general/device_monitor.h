@@ -21,10 +21,12 @@ void stopDeviceMonitor();
 /// hold.
 void holdDeviceMonitor();
 void releaseDeviceMonitor();
+
+/// Before a fork: what `forgetDeviceMonitor` needs. Throws std::bad_alloc.
 void prepareToForgetDeviceMonitor();
 
-/// In a forked child, which hasn't got the thread: there is no monitor and no event.
-void forgetDeviceMonitor();
+/// In a forked child, which doesn't have the thread: there is no monitor and no event.
+void forgetDeviceMonitor() noexcept;
 
 }  // namespace zentak
 

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "base/no_destructor.h"
+#include "device/library.h"
 #include "general/device_monitor.h"
 #include "general/lifecycle.h"
 #include "module/entry_frame.h"
@@ -14,15 +14,14 @@ CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/) {
     logDebug(name);
     std::unique_lock<std::mutex> lifecycle;
     const CK_RV prepared = withoutExceptions(name, [&]() -> CK_RV {
-        lifecycle = std::unique_lock<std::mutex>(lasting<LifecycleMutex>());
+        lifecycle = std::unique_lock<std::mutex>(lifecycleMutex());
         followForks();
         if (theModule().instanceWithoutLock() != nullptr) {
             return refuse(CKR_CRYPTOKI_ALREADY_INITIALIZED, name, ": already initialized");
         }
-        void* instance = nullptr;
-        zentak_createInstance(&instance);
+        void* const instance = device::createInstance();
         {
-            // Looked for only now: where the library has forked, this is the child's own, as the instance is.
+            // Looked for only now: if the library has forked, this is the child's own, as the instance is.
             Module& module = theModule();
             const MutexLock lock(module.mutex);
             module.state.instance = instance;
@@ -37,10 +36,10 @@ CK_RV C_Initialize(CK_VOID_PTR /*pInitArgs*/) {
     if (prepared != CKR_OK) {
         return prepared;
     }
-    // The one exception that reaches a host: the system has no thread for the monitor.
+    // The one exception that reaches an application: the system has no thread for the monitor.
     startDeviceMonitor();
     if (theModule().instanceWithoutLock() == nullptr) {
-        // The host learns of it from its next call, which finds the module uninitialised.
+        // The application learns of it from its next call, which finds the module uninitialised.
         logError("Init pkcs11 library failed failed");
     }
     return CKR_OK;
@@ -50,7 +49,7 @@ CK_RV C_Finalize(CK_VOID_PTR /*pReserved*/) {
     constexpr auto name = "C_Finalize";
     logDebug(name);
     return withoutExceptions(name, []() -> CK_RV {
-        const std::scoped_lock<std::mutex> lifecycle(lasting<LifecycleMutex>());
+        const std::scoped_lock<std::mutex> lifecycle(lifecycleMutex());
         Module& module = theModule();
         if (module.instanceWithoutLock() == nullptr) {
             return refuse(CKR_CRYPTOKI_NOT_INITIALIZED, name, ": not initialized");
@@ -58,7 +57,7 @@ CK_RV C_Finalize(CK_VOID_PTR /*pReserved*/) {
         stopDeviceMonitor();
         const MutexLock lock(module.mutex);
         ModuleState& state = module.state;
-        zentak_releaseInstance(state.instance);
+        device::releaseInstance(state.instance);
         state.instance = nullptr;
         state.slotTable.clear();
         state.sessionTable.clear();
@@ -70,7 +69,7 @@ CK_RV C_Finalize(CK_VOID_PTR /*pReserved*/) {
 
 namespace {
 
-/// Writes `text` with its terminator and leaves the rest of the field as the host had it.
+/// Writes `text` with its terminator and leaves the rest of the field as the application had it.
 template <std::size_t FieldSize, std::size_t TextSize>
 void writeTerminated(CK_UTF8CHAR (&field)[FieldSize], const char (&text)[TextSize]) {
     static_assert(TextSize <= FieldSize);

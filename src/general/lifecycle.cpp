@@ -4,16 +4,21 @@
 #include "general/device_monitor.h"
 #include "log/diagnostic_log.h"
 #include "module/module_state.h"
-#include "platform/platform.h"
+#include "platform/operating_system.h"
 
 namespace zentak {
 
 namespace {
 
+NoDestructor<std::mutex>& lifecycle() {
+    static NoDestructor<std::mutex> place;
+    return place;
+}
+
 /// The child may find no memory, and it can't do without these.
 void prepareForChild() {
-    prepareToReplaceLasting<LifecycleMutex>();
-    prepareToReplaceLasting<Module>();
+    lifecycle().prepareReplacement();
+    prepareToReplaceModule();
     prepareToForgetDeviceMonitor();
 }
 
@@ -41,12 +46,16 @@ void inParent() {
 /// in the child with the copies, whose locks it has or can take.
 void inChild() {
     inParent();
-    replaceLasting<LifecycleMutex>();
-    replaceLasting<Module>();
+    lifecycle().replace();
+    replaceModule();
     forgetDeviceMonitor();
 }
 
 }  // namespace
+
+std::mutex& lifecycleMutex() {
+    return *lifecycle();
+}
 
 void followForks() {
     static std::once_flag once;

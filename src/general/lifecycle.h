@@ -8,8 +8,8 @@
 namespace zentak {
 
 /// Held by C_Initialize and C_Finalize from end to end. Not the module lock: stopping the monitor takes as long as its
-/// poll, and the monitor needs that lock itself. See base/no_destructor.h.
-struct LifecycleMutex : std::mutex {};
+/// poll, and the monitor needs that lock itself.
+std::mutex& lifecycleMutex();
 
 /// From the first call on, a forked child of this process starts with a module that isn't initialised, whatever the
 /// parent's threads were doing, and the parent's goes on undisturbed. A fork waits for calls that are under way, but

@@ -8,7 +8,7 @@
 
 #include "base/mutex.h"
 #include "base/no_destructor.h"
-#include "platform/platform.h"
+#include "platform/operating_system.h"
 
 namespace zentak {
 
@@ -16,7 +16,10 @@ namespace {
 
 /// Serialises the writers of this process, and keeps it from being forked while one of them asks for the time: the
 /// system's lock of its time zone would stay locked in the child.
-struct LogMutex : Mutex {};
+Mutex& logMutex() {
+    static NoDestructor<Mutex> mutex;
+    return *mutex;
+}
 
 std::string_view levelTag(int level) {
     switch (level) {
@@ -44,12 +47,12 @@ void printException(const char* where, const char* what, const char* lineEnd) no
 }
 
 platform::LocalTime timeWhileNobodyForks() {
-    const MutexLock lock(lasting<LogMutex>());
+    const MutexLock lock(logMutex());
     return platform::localTime();
 }
 
 void appendLine(const char* path, int level, std::string_view message) {
-    const MutexLock lock(lasting<LogMutex>());
+    const MutexLock lock(logMutex());
     std::FILE* file = platform::openForAppending(path);
     if (file == nullptr) {
         std::printf("\nUnable to write log");
@@ -150,11 +153,11 @@ void writeLogLine(int level, std::string_view message) noexcept {
 }
 
 void holdLogWriters() {
-    lasting<LogMutex>().holdForFork();
+    logMutex().holdForFork();
 }
 
 void releaseLogWriters() {
-    lasting<LogMutex>().releaseAfterFork();
+    logMutex().releaseAfterFork();
 }
 
 }  // namespace zentak

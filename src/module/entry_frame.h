@@ -1,5 +1,5 @@
 /// The frame that every exported function runs in: its name in the log, the refusal of an uninitialised module, the
-/// session lookup, the module lock, and the promise that no exception reaches the host.
+/// session lookup, the module lock, and the promise that no exception reaches the application.
 
 #ifndef ZENTAK_MODULE_ENTRY_FRAME_H
 #define ZENTAK_MODULE_ENTRY_FRAME_H
@@ -56,6 +56,19 @@ CK_RV sessionEntryPoint(const char* name, CK_SESSION_HANDLE hSession, const Body
             return refuse(CKR_SESSION_HANDLE_INVALID, name, ": invalid hSession=", hSession);
         }
         return body(state, found->second);
+    });
+}
+
+/// A function that continues the session's `operation`; every other state of the session is refused.
+template <typename Body>
+CK_RV operationEntryPoint(const char* name, CK_SESSION_HANDLE hSession, ActiveOperation operation,
+                          const Body& body) noexcept {
+    return sessionEntryPoint(name, hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
+        if (session.activeOperation != operation) {
+            return refuse(CKR_OPERATION_NOT_INITIALIZED, name,
+                          ": operation not initialized, activeOperation=", session.activeOperation);
+        }
+        return body(state, session);
     });
 }
 

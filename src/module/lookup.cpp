@@ -22,12 +22,12 @@ Record* keepRecord(const std::vector<Record>& records, CK_ULONG id, Record& buff
 
 }  // namespace
 
-ZentakKeyPair* findKeyPair(ModuleState& state, const char* deviceId, CK_ULONG id) {
-    return keepRecord(zentak_getKeyPairList(deviceId, state.instance), id, state.keyPairBuffer);
+ZentakKeyPair* findKeyPair(ModuleState& state, const SessionRecord& session, CK_ULONG id) {
+    return keepRecord(tokenOf(state, session).keyPairs(), id, state.keyPairBuffer);
 }
 
-ZentakCertificate* findCertificate(ModuleState& state, const char* deviceId, CK_ULONG id) {
-    return keepRecord(zentak_getCertificateList(deviceId, state.instance), id, state.certificateBuffer);
+ZentakCertificate* findCertificate(ModuleState& state, const SessionRecord& session, CK_ULONG id) {
+    return keepRecord(tokenOf(state, session).certificates(), id, state.certificateBuffer);
 }
 
 }  // namespace zentak

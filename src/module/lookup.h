@@ -7,12 +7,12 @@
 
 namespace zentak {
 
-/// The token's key pair with this identifier, null when there is none. The record lies in the module's one buffer for
-/// key pairs: it stays until the next lookup of a key pair, by any session.
-ZentakKeyPair* findKeyPair(ModuleState& state, const char* deviceId, CK_ULONG id);
+/// The key pair with this identifier on the session's token, null if there is none. The record is in the module's one
+/// buffer for key pairs: it stays until the next lookup of a key pair, by any session.
+ZentakKeyPair* findKeyPair(ModuleState& state, const SessionRecord& session, CK_ULONG id);
 
 /// The same for certificates, with a buffer of their own.
-ZentakCertificate* findCertificate(ModuleState& state, const char* deviceId, CK_ULONG id);
+ZentakCertificate* findCertificate(ModuleState& state, const SessionRecord& session, CK_ULONG id);
 
 }  // namespace zentak
 

@@ -4,6 +4,15 @@
 
 namespace zentak {
 
+namespace {
+
+NoDestructor<Module>& modulePlace() {
+    static NoDestructor<Module> place;
+    return place;
+}
+
+}  // namespace
+
 void rememberPassword(ModuleState& state, const std::string& pin) {
     // A text of its own first: the old one's memory would be given back unwiped where it is too small for the new one.
     std::string fresh = pin;
@@ -17,7 +26,15 @@ void forgetPassword(ModuleState& state) noexcept {
 }
 
 Module& theModule() {
-    return lasting<Module>();
+    return *modulePlace();
+}
+
+void prepareToReplaceModule() {
+    modulePlace().prepareReplacement();
+}
+
+void replaceModule() noexcept {
+    modulePlace().replace();
 }
 
 }  // namespace zentak

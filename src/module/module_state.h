@@ -11,6 +11,7 @@
 
 #include "base/mutex.h"
 #include "base/secrets.h"
+#include "device/token.h"
 #include "device/zentak_dsc_library.h"
 #include "module/cryptoki.h"
 
@@ -55,8 +56,6 @@ struct SessionRecord {
     bool isPss = false;
     CK_MECHANISM_TYPE cipherMechanism = 0;
 
-    /// What the device library calls the token: its serial number.
-    const char* deviceId() const { return tokenInfo.serialNumber.c_str(); }
     /// Whether operations that need more than a read-only public session may begin.
     bool permitsOperations() const { return state >= CKS_RO_USER_FUNCTIONS && state <= CKS_RW_SO_FUNCTIONS; }
     bool isReadWrite() const { return state >= CKS_RW_PUBLIC_SESSION && state <= CKS_RW_SO_FUNCTIONS; }
@@ -85,6 +84,11 @@ struct ModuleState {
     std::uint32_t nextDerivedSecret = 0x70003000;
 };
 
+/// The session's token, to be spoken to with the PIN that is remembered now. Good for as long as the module is locked.
+inline device::Token tokenOf(const ModuleState& state, const SessionRecord& session) {
+    return {state.instance, session.tokenInfo.serialNumber, state.cachedUserPassword};
+}
+
 /// Makes `pin` the remembered PIN and wipes the one before. Throws std::bad_alloc, with that one still remembered.
 void rememberPassword(ModuleState& state, const std::string& pin);
 
@@ -100,8 +104,14 @@ struct Module {
     void* instanceWithoutLock() const ZENTAK_THREAD_SAFETY(no_thread_safety_analysis) { return state.instance; }
 };
 
-/// The one module of this process; see base/no_destructor.h.
+/// The one module of this process. It is never destroyed.
 Module& theModule();
+
+/// Before a fork: what `replaceModule` needs. Throws std::bad_alloc.
+void prepareToReplaceModule();
+
+/// In a forked child: another module, which isn't initialised, takes the place of the parent's.
+void replaceModule() noexcept;
 
 }  // namespace zentak
 

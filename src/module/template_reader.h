@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <cstring>
 #include <initializer_list>
-#include <string_view>
 
-#include "device/records.h"
+#include "base/byte_view.h"
+#include "device/result.h"
 #include "module/entry_frame.h"
 
 namespace zentak {
@@ -31,11 +31,11 @@ struct NamedValue {
 };
 
 /// CKR_OK for values that may be copied whole. No value is as long as CK_UNAVAILABLE_INFORMATION, which reading of
-/// attributes leaves in templates that hosts use again: CKR_DATA_LEN_RANGE, with the attribute's name in the log.
-/// Numbers and truth values need no such look: of them no more is read than they have.
+/// attributes leaves in templates that applications use again: CKR_DATA_LEN_RANGE, with the attribute's name in the
+/// log. Numbers and truth values need no such look: of them no more is read than they have.
 [[nodiscard]] inline CK_RV requireReadable(const char* function, std::initializer_list<NamedValue> values) noexcept {
     for (const auto& [attribute, value] : values) {
-        if (value.size() > longestArgument) {
+        if (value.size() > device::longestInput) {
             return refuse(CKR_DATA_LEN_RANGE, function, ": ", attribute,
                           " too long for the device library, length=", value.size());
         }
@@ -50,24 +50,10 @@ inline CK_ULONG numberIn(ByteView value) {
     return number;
 }
 
-/// A value as text that needs no terminator.
-inline std::string_view textIn(ByteView value) {
-    return {reinterpret_cast<const char*>(value.data()), value.size()};
-}
-
 /// The usage bits that CKA_SIGN and CKA_DECRYPT of a template set: a non-zero first byte sets the bit, anything else
 /// clears it.
 inline void setUsage(std::uint32_t& usage, std::uint32_t bit, ByteView value) {
     usage = value[0] != 0 ? usage | bit : usage & ~bit;
-}
-
-/// Makes at most `limit` bytes the content of a field and fills the rest with zeros; how many it were.
-template <typename Byte, std::size_t FieldSize>
-std::int32_t replaceField(Byte (&field)[FieldSize], std::string_view bytes, std::size_t limit) {
-    const std::size_t count = std::min({bytes.size(), limit, FieldSize});
-    std::memset(field, 0, FieldSize);
-    std::copy_n(bytes.begin(), count, field);
-    return static_cast<std::int32_t>(count);
 }
 
 }  // namespace zentak

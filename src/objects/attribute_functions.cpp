@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "device/record_views.h"
 #include "module/entry_frame.h"
 #include "module/lookup.h"
 #include "module/object_handles.h"
@@ -31,7 +32,8 @@ void completeLabel(ReadableObject& object, const ModuleState& state, const Sessi
         return;
     }
     // A copy: the library's own list is good until the library is called again.
-    const std::vector<ZentakCertificate> list = zentak_getCertificateList(session.deviceId(), state.instance);
+    const device::Token token = tokenOf(state, session);
+    const std::vector<ZentakCertificate> list = token.certificates();
     ParsedCertificates certificates(list);
     const CertificateDetails* details = certificates.detailsOfKey(object.value);
     if (details == nullptr) {
@@ -42,8 +44,7 @@ void completeLabel(ReadableObject& object, const ModuleState& state, const Sessi
     if (!state.cachedUserPassword.empty()) {
         // Reading goes on whether or not the token takes the label.
         withoutExceptions("C_GetAttributeValue: zentak_updateKeyPairDetails", [&]() -> CK_RV {
-            zentak_updateKeyPairDetails(session.deviceId(), keyPair.keyId, state.cachedUserPassword.c_str(),
-                                        object.label.c_str(), nullptr, 0, state.instance);
+            static_cast<void>(token.updateKeyPair(keyPair, object.label, {}));
             return CKR_OK;
         });
     }
@@ -100,7 +101,7 @@ CK_RV readDerivedSecret(const ModuleState& state, CK_OBJECT_HANDLE hObject, CK_A
 
 CK_RV readCertificate(ModuleState& state, const SessionRecord& session, CK_OBJECT_HANDLE hObject,
                       CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
-    const ZentakCertificate* certificate = findCertificate(state, session.deviceId(), hObject - certificateBase);
+    const ZentakCertificate* certificate = findCertificate(state, session, hObject - certificateBase);
     if (certificate == nullptr) {
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Certificate not found in get attribute : ", hObject);
     }
@@ -112,8 +113,7 @@ CK_RV readCertificate(ModuleState& state, const SessionRecord& session, CK_OBJEC
 CK_RV readKey(ModuleState& state, const SessionRecord& session, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
               CK_ULONG ulCount) {
     const bool isPrivate = isPrivateKeyHandle(hObject);
-    const ZentakKeyPair* keyPair =
-        findKeyPair(state, session.deviceId(), hObject - (isPrivate ? privateKeyBase : publicKeyBase));
+    const ZentakKeyPair* keyPair = findKeyPair(state, session, hObject - (isPrivate ? privateKeyBase : publicKeyBase));
     if (keyPair == nullptr) {
         return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in get attribute : ", hObject);
     }
@@ -154,7 +154,7 @@ CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_U
             return refuse(CKR_ARGUMENTS_BAD, "C_GetObjectSize: pulSize is NULL");
         }
         if (isPrivateKeyHandle(hObject)) {
-            const ZentakKeyPair* keyPair = findKeyPair(state, session.deviceId(), hObject - privateKeyBase);
+            const ZentakKeyPair* keyPair = findKeyPair(state, session, hObject - privateKeyBase);
             if (keyPair == nullptr) {
                 return refuse(CKR_OBJECT_HANDLE_INVALID, "Private key not found in get object size : ", hObject);
             }
@@ -162,7 +162,7 @@ CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_U
             return CKR_OK;
         }
         if (isPublicKeyHandle(hObject)) {
-            const ZentakKeyPair* keyPair = findKeyPair(state, session.deviceId(), hObject - publicKeyBase);
+            const ZentakKeyPair* keyPair = findKeyPair(state, session, hObject - publicKeyBase);
             if (keyPair == nullptr) {
                 return refuse(CKR_OBJECT_HANDLE_INVALID, "Public key not found in get object size : ", hObject);
             }
@@ -171,7 +171,7 @@ CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_U
         }
         // Everything else counts as a certificate, by 32-bit arithmetic also where handles are wider.
         const auto id = static_cast<std::uint32_t>(hObject - certificateBase);
-        const ZentakCertificate* certificate = findCertificate(state, session.deviceId(), id);
+        const ZentakCertificate* certificate = findCertificate(state, session, id);
         if (certificate == nullptr) {
             return refuse(CKR_OBJECT_HANDLE_INVALID, "Certificate not found in get object size : ", hObject);
         }

@@ -2,26 +2,15 @@
 
 #include <array>
 
+#include "device/codes.h"
+#include "device/library.h"
+#include "device/record_views.h"
+
 namespace zentak {
 
 namespace {
 
-constexpr std::array<unsigned char, 10> p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
-constexpr std::array<unsigned char, 7> p384 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22};
-constexpr std::array<unsigned char, 7> p521 = {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23};
 constexpr std::array<unsigned char, 3> publicExponent = {0x01, 0x00, 0x01};
-
-/// By key type code less 1.
-constexpr std::array<KeyTypeProperties, 7> keyTypes = {{
-    {CKK_RSA, 1024, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
-    {CKK_RSA, 2048, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
-    {CKK_RSA, 3072, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
-    {CKK_RSA, 4096, CKM_RSA_PKCS_KEY_PAIR_GEN, {}},
-    {CKK_EC, 256, CKM_EC_KEY_PAIR_GEN, p256},
-    {CKK_EC, 384, CKM_EC_KEY_PAIR_GEN, p384},
-    {CKK_EC, 521, CKM_EC_KEY_PAIR_GEN, p521},
-}};
-constexpr const KeyTypeProperties& rsa2048 = keyTypes[1];
 
 /// DER OCTET STRING with a length of one byte, which is what EC points need.
 void encodeOctetString(ByteView bytes, std::vector<unsigned char>& storage) {
@@ -35,13 +24,6 @@ void encodeOctetString(ByteView bytes, std::vector<unsigned char>& storage) {
 
 }  // namespace
 
-const KeyTypeProperties& keyTypeProperties(std::int32_t keyTypeCode) {
-    const auto count = static_cast<std::int32_t>(keyTypes.size());
-    // Both are constants.
-    // cppcheck-suppress returnTempReference
-    return keyTypeCode >= 1 && keyTypeCode <= count ? keyTypes[static_cast<std::size_t>(keyTypeCode - 1)] : rsa2048;
-}
-
 ReadableObject readableKey(CK_OBJECT_HANDLE handle, CK_OBJECT_CLASS objectClass, const ZentakKeyPair& keyPair) {
     return {handle,
             objectClass,
@@ -53,8 +35,13 @@ ReadableObject readableKey(CK_OBJECT_HANDLE handle, CK_OBJECT_CLASS objectClass,
 }
 
 ReadableObject readableCertificate(CK_OBJECT_HANDLE handle, const ZentakCertificate& certificate) {
-    return {handle, CKO_CERTIFICATE, std::string(storedLabel(certificate)), objectIdOf(certificate), derOf(certificate),
-            0,      rsa2048};
+    return {handle,
+            CKO_CERTIFICATE,
+            std::string(storedLabel(certificate)),
+            objectIdOf(certificate),
+            derOf(certificate),
+            0,
+            keyTypeProperties(keyTypeRsa2048)};
 }
 
 std::optional<ByteView> attributeValue(const ReadableObject& object, CK_ATTRIBUTE_TYPE type,
@@ -69,10 +56,10 @@ std::optional<ByteView> attributeValue(const ReadableObject& object, CK_ATTRIBUT
         return storage;
     };
     /// What the device library reads from a certificate; a key has no such value.
-    const auto fromCertificate = [&](auto& operation) -> ByteView {
+    const auto fromCertificate = [&](auto& read) -> ByteView {
         storage.clear();
         if (object.isCertificate()) {
-            storage = operation(object.value.data(), static_cast<int>(object.value.size()), nullptr);
+            storage = read(object.value);
         }
         return storage;
     };
@@ -100,11 +87,11 @@ std::optional<ByteView> attributeValue(const ReadableObject& object, CK_ATTRIBUT
         case CKA_CERTIFICATE_TYPE:
             return number(CKC_X_509);
         case CKA_ISSUER:
-            return fromCertificate(zentak_getCertificateIssuer);
+            return fromCertificate(device::certificateIssuer);
         case CKA_SERIAL_NUMBER:
-            return fromCertificate(zentak_getCertificateSerialDER);
+            return fromCertificate(device::certificateSerialNumber);
         case CKA_SUBJECT:
-            return fromCertificate(zentak_getCertificateSubject);
+            return fromCertificate(device::certificateSubject);
         case CKA_KEY_TYPE:
             return number(object.key.keyType);
         case CKA_ID:

@@ -7,21 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "device/records.h"
+#include "base/byte_view.h"
+#include "device/zentak_dsc_library.h"
 #include "module/cryptoki.h"
+#include "module/key_types.h"
 
 namespace zentak {
-
-/// What a key type code of the device library means.
-struct KeyTypeProperties {
-    CK_KEY_TYPE keyType;
-    CK_ULONG bits;
-    CK_MECHANISM_TYPE generationMechanism;
-    ByteView ecParameters;  ///< DER of the curve's object identifier; empty for RSA
-};
-
-/// Codes outside 1 to 7 count as RSA 2048.
-const KeyTypeProperties& keyTypeProperties(std::int32_t keyTypeCode);
 
 /// One object, prepared for reading its attributes. The views point into the lookup buffer of its kind.
 struct ReadableObject {

@@ -21,7 +21,7 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
         if (!isPrivateKeyHandle(hObject) && !isPublicKeyHandle(hObject)) {
             return refuse(CKR_OBJECT_HANDLE_INVALID, "C_SetAttributeValue: invalid hObject=", hObject);
         }
-        const ZentakKeyPair* keyPair = findKeyPair(state, session.deviceId(), keyPairIdentifier(hObject));
+        const ZentakKeyPair* keyPair = findKeyPair(state, session, keyPairIdentifier(hObject));
         if (keyPair == nullptr) {
             return refuse(CKR_OBJECT_HANDLE_INVALID, "Key pair not found in Set attribute : ", hObject);
         }
@@ -41,12 +41,10 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, 
             return readable;
         }
         if (!label.empty() || !id.empty()) {
-            const std::string terminatedLabel(textIn(label));
-            const int result = zentak_updateKeyPairDetails(session.deviceId(), keyPair->keyId,
-                                                           state.cachedUserPassword.c_str(), terminatedLabel.c_str(),
-                                                           id.data(), static_cast<int>(id.size()), state.instance);
-            if (result != 0) {
-                return refuse(CKR_FUNCTION_FAILED, "Update key pair details failed : ", result);
+            const device::Result updated =
+                tokenOf(state, session).updateKeyPair(*keyPair, std::string(textIn(label)), id);
+            if (!updated) {
+                return refuse(CKR_FUNCTION_FAILED, "Update key pair details failed : ", updated.number());
             }
         }
         logDebug("Set attribute end");
@@ -71,19 +69,17 @@ CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
         if (hObject < privateKeyBase) {
             return refuse(CKR_OBJECT_HANDLE_INVALID, "C_DestroyObject: invalid hObject=", hObject);
         }
-        // Hosts clean up public keys and certificates as a matter of course; there is nothing to do for them.
+        // Applications clean up public keys and certificates as a matter of course; there is nothing to do for them.
         if (!isPrivateKeyHandle(hObject)) {
             return CKR_OK;
         }
-        const ZentakKeyPair* keyPair = findKeyPair(state, session.deviceId(), hObject - privateKeyBase);
+        const ZentakKeyPair* keyPair = findKeyPair(state, session, hObject - privateKeyBase);
         if (keyPair == nullptr) {
             logDebug("Input keypair not found in destroy : ", hObject);
             return CKR_OK;
         }
-        const int result = zentak_deleteKeyPair(session.deviceId(), keyPair->keyId, state.cachedUserPassword.c_str(),
-                                                keyPair->keyFlag, state.instance);
-        if (result != 0) {
-            return refuse(CKR_FUNCTION_FAILED, "Delete keypair in destroy object failed : ", result);
+        if (const device::Result deleted = tokenOf(state, session).deleteKeyPair(*keyPair); !deleted) {
+            return refuse(CKR_FUNCTION_FAILED, "Delete keypair in destroy object failed : ", deleted.number());
         }
         return CKR_OK;
     });

@@ -5,13 +5,14 @@
 #include <string>
 
 #include "base/secrets.h"
-#include "device/library_results.h"
+#include "device/library.h"
+#include "device/record_views.h"
 #include "module/entry_frame.h"
 #include "module/object_handles.h"
 #include "objects/creation_template.h"
 #include "objects/default_label.h"
 #include "objects/issuer_chain.h"
-#include "platform/platform.h"
+#include "platform/operating_system.h"
 
 using namespace zentak;
 
@@ -20,11 +21,11 @@ namespace {
 /// Whether the authorities of an imported certificate are imported with it.
 constexpr bool chainImport = true;
 
-CK_RV storageFailure(int result) {
-    return isDeviceFull(result) ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED;
+CK_RV storageFailure(const device::Result& result) {
+    return result.isDeviceFull() ? CKR_DEVICE_MEMORY : CKR_FUNCTION_FAILED;
 }
 
-/// Where the Zentak software is installed: the environment's word, a usual folder, or the host program's own.
+/// Where the Zentak software is installed: the environment's word, a usual folder, or the application's own.
 std::string installationFolder() {
     const std::optional<std::string> configured = platform::environmentVariable("ZENTAK_HOME");
     if (configured.has_value() && !configured->empty()) {
@@ -46,25 +47,23 @@ std::string installationFolder() {
 std::vector<ZentakCertificate> issuingChain(const ZentakCertificate& leaf, const CertificateDetails& details) {
     const std::string folder = installationFolder() + "\\ZentakDSC" + "\\Certificates";
     logDebug("CA Folder: ", std::string_view(folder));
-    const auto files =
-        zentak_getFilesWithExtensionsAndConvertDER(folder.c_str(), {".cer", ".der", ".pem", ".crt"}, nullptr);
+    const std::vector<device::CertificateFile> files = device::certificateFiles(folder);
     if (files.empty()) {
         return {};
     }
-    return IssuerTable(files).chainOf(leaf, details.text3);
+    return IssuerTable(files).chainOf(leaf, details.issuer);
 }
 
 /// Stores one certificate and fills its `certId`.
-CK_RV importOne(const ModuleState& state, const SessionRecord& session, ZentakCertificate& certificate) {
-    const int result =
-        zentak_importCertificate(session.deviceId(), state.cachedUserPassword.c_str(), &certificate, state.instance);
-    return result == 0 ? CKR_OK : refuse(storageFailure(result), "Leaf import failed: ", result);
+CK_RV importOne(const device::Token& token, ZentakCertificate& certificate) {
+    const device::Result imported = token.importCertificate(certificate);
+    return imported ? CKR_OK : refuse(storageFailure(imported), "Leaf import failed: ", imported.number());
 }
 
 /// Stores the chain as far as it goes: what is on the token stays there when a later certificate fails.
-CK_RV importChain(const ModuleState& state, const SessionRecord& session, std::vector<ZentakCertificate>& chain) {
+CK_RV importChain(const device::Token& token, std::vector<ZentakCertificate>& chain) {
     for (ZentakCertificate& certificate : chain) {
-        const CK_RV imported = importOne(state, session, certificate);
+        const CK_RV imported = importOne(token, certificate);
         if (imported != CKR_OK) {
             return imported;
         }
@@ -73,15 +72,14 @@ CK_RV importChain(const ModuleState& state, const SessionRecord& session, std::v
     return CKR_OK;
 }
 
-/// Stores the certificate alone and tells the host its handle, where the token lists it.
-CK_RV importLeaf(const ModuleState& state, const SessionRecord& session, ZentakCertificate& leaf,
-                 CK_OBJECT_HANDLE_PTR phObject) {
+/// Stores only the certificate and tells the application its handle, if the token lists it.
+CK_RV importLeaf(const device::Token& token, ZentakCertificate& leaf, CK_OBJECT_HANDLE_PTR phObject) {
     logDebug("Chain import skipped or failed \u2014 Performing normal leaf import");
-    const CK_RV imported = importOne(state, session, leaf);
+    const CK_RV imported = importOne(token, leaf);
     if (imported != CKR_OK) {
         return imported;
     }
-    const std::vector<ZentakCertificate>& certificates = zentak_getCertificateList(session.deviceId(), state.instance);
+    const std::vector<ZentakCertificate>& certificates = token.certificates();
     const auto found = std::find_if(certificates.begin(), certificates.end(), [&](const ZentakCertificate& entry) {
         return sameBytes(entry.certId, leaf.certId);
     });
@@ -92,8 +90,8 @@ CK_RV importLeaf(const ModuleState& state, const SessionRecord& session, ZentakC
 }
 
 /// Gives the certificate's key pair its label, unless it has one.
-void nameKeyPair(const ModuleState& state, const SessionRecord& session, ByteView publicKey, const std::string& label) {
-    const std::vector<ZentakKeyPair> keyPairs = zentak_getKeyPairList(session.deviceId(), state.instance);
+void nameKeyPair(const ModuleState& state, const device::Token& token, ByteView publicKey, const std::string& label) {
+    const std::vector<ZentakKeyPair> keyPairs = token.keyPairs();
     const auto found = std::find_if(keyPairs.begin(), keyPairs.end(), [&](const ZentakKeyPair& keyPair) {
         return sameBytes(publicKeyOf(keyPair), publicKey);
     });
@@ -104,8 +102,7 @@ void nameKeyPair(const ModuleState& state, const SessionRecord& session, ByteVie
     if (!state.cachedUserPassword.empty()) {
         // The certificate is stored; a label that the token refuses is no reason to call the import failed.
         withoutExceptions("C_CreateObject: zentak_updateKeyPairDetails", [&]() -> CK_RV {
-            zentak_updateKeyPairDetails(session.deviceId(), found->keyId, state.cachedUserPassword.c_str(),
-                                        label.c_str(), nullptr, 0, state.instance);
+            static_cast<void>(token.updateKeyPair(*found, label, {}));
             return CKR_OK;
         });
     }
@@ -141,12 +138,12 @@ CK_RV importCertificate(const ModuleState& state, const SessionRecord& session, 
     if (chainImport) {
         chain = issuingChain(leaf, *details);
     }
-    const CK_RV imported =
-        chain.empty() ? importLeaf(state, session, leaf, phObject) : importChain(state, session, chain);
+    const device::Token token = tokenOf(state, session);
+    const CK_RV imported = chain.empty() ? importLeaf(token, leaf, phObject) : importChain(token, chain);
     if (imported != CKR_OK) {
         return imported;
     }
-    nameKeyPair(state, session, details->publicKey, label);
+    nameKeyPair(state, token, details->publicKey, label);
     return CKR_OK;
 }
 
@@ -181,11 +178,12 @@ CK_RV importPrivateKey(const ModuleState& state, const SessionRecord& session, c
     details.keyUsage = wanted.usage;
     details.label = textIn(wanted.label);
     details.objectId.assign(wanted.id.begin(), wanted.id.end());
-    const int result = zentak_importPfx(session.deviceId(), state.cachedUserPassword.c_str(), &details, state.instance);
-    if (result != 0) {
-        return refuse(storageFailure(result), "Import private key into device failed : ", result);
+    const device::Token token = tokenOf(state, session);
+    const device::Result stored = token.importPrivateKey(details);
+    if (!stored) {
+        return refuse(storageFailure(stored), "Import private key into device failed : ", stored.number());
     }
-    const std::vector<ZentakKeyPair>& keyPairs = zentak_getKeyPairList(session.deviceId(), state.instance);
+    const std::vector<ZentakKeyPair>& keyPairs = token.keyPairs();
     const auto found = std::find_if(keyPairs.begin(), keyPairs.end(), [&](const ZentakKeyPair& keyPair) {
         return sameBytes(keyPair.keyId, details.keyId);
     });
@@ -216,7 +214,8 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
             case CKO_PRIVATE_KEY:
                 return importPrivateKey(state, session, wanted, phObject);
             case CKO_PUBLIC_KEY:
-                // The token has the public key of every pair; hosts that store one more are told that all is well.
+                // The token has the public key of every pair; applications that store one more are told that all is
+                // well.
                 return CKR_OK;
             default:
                 return refuse(CKR_FUNCTION_NOT_SUPPORTED, "Provided object class not supported : ", wanted.objectClass);

@@ -1,5 +1,6 @@
 #include "objects/creation_template.h"
 
+#include "device/codes.h"
 #include "log/diagnostic_log.h"
 
 namespace zentak {

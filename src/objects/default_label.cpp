@@ -1,19 +1,17 @@
 #include "objects/default_label.h"
 
+#include "device/library.h"
+#include "device/record_views.h"
+
 namespace zentak {
 
 std::optional<CertificateDetails> detailsOf(const ZentakCertificate& certificate) {
-    const ByteView der = derOf(certificate);
-    CertificateDetails details;
-    if (zentak_getCertificateDetails(der.data(), static_cast<int>(der.size()), &details, nullptr) != 0) {
-        return std::nullopt;
-    }
-    return details;
+    return device::certificateDetails(derOf(certificate));
 }
 
 std::string defaultLabel(const CertificateDetails& details) {
     constexpr std::size_t longestLabel = 128;
-    std::string label = details.text2 + "_" + details.text3;
+    std::string label = details.subjectCommonName + "_" + details.issuer;
     if (label.size() > longestLabel) {
         label.resize(longestLabel);
     }

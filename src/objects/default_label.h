@@ -8,14 +8,15 @@
 #include <string>
 #include <vector>
 
-#include "device/records.h"
+#include "base/byte_view.h"
+#include "device/zentak_dsc_library.h"
 
 namespace zentak {
 
 /// What the device library reads from a certificate, nothing when it can't.
 std::optional<CertificateDetails> detailsOf(const ZentakCertificate& certificate);
 
-/// Text fields 2 and 3 of the details joined by "_", at most 128 bytes.
+/// The subject's common name and the issuer, joined by "_", at most 128 bytes.
 std::string defaultLabel(const CertificateDetails& details);
 
 /// The same, or an empty label without details.

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <set>
 
+#include "device/record_views.h"
 #include "log/diagnostic_log.h"
-#include "module/template_reader.h"
 
 namespace zentak {
 
@@ -29,18 +29,18 @@ ZentakCertificate certificateRecord(ByteView der, std::string_view label) {
     return record;
 }
 
-IssuerTable::IssuerTable(const std::vector<File>& files) {
+IssuerTable::IssuerTable(const std::vector<device::CertificateFile>& files) {
     for (const auto& [fileName, der] : files) {
         if (der.empty() || der.size() > sizeof(ZentakCertificate::der)) {
             continue;
         }
-        CertificateDetails details;
-        if (zentak_getCertificateDetails(der.data(), static_cast<int>(der.size()), &details, nullptr) != 0) {
+        std::optional<CertificateDetails> details = device::certificateDetails(der);
+        if (!details.has_value()) {
             continue;
         }
-        const std::string name(commonNameIn(details.text7));
+        const std::string name(commonNameIn(details->subject));
         certificates_.try_emplace(name, certificateRecord(der, name));
-        details_.insert_or_assign(name, std::move(details));
+        details_.insert_or_assign(name, *std::move(details));
     }
 }
 
@@ -55,8 +55,8 @@ std::vector<ZentakCertificate> IssuerTable::chainOf(const ZentakCertificate& lea
         }
         chain.push_back(found->second);
         const CertificateDetails& details = details_.find(wanted)->second;
-        const std::string_view issuerName = commonNameIn(details.text3);
-        if (issuerName == commonNameIn(details.text7)) {
+        const std::string_view issuerName = commonNameIn(details.issuer);
+        if (issuerName == commonNameIn(details.subject)) {
             break;
         }
         wanted = issuerName;

@@ -6,15 +6,15 @@
 #include <map>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "device/records.h"
+#include "base/byte_view.h"
+#include "device/library.h"
 
 namespace zentak {
 
-/// The common name in the text of a distinguished name: what stands between the first "CN=" with something behind it
-/// and the next comma or line end; the whole text where there is none.
+/// The common name in the text of a distinguished name: what is between the first "CN=" with something behind it
+/// and the next comma or line end; the whole text if there is none.
 std::string_view commonNameIn(std::string_view distinguishedName);
 
 /// The longest label that is given to a certificate, in bytes.
@@ -26,10 +26,8 @@ ZentakCertificate certificateRecord(ByteView der, std::string_view label);
 /// The authorities of one folder by common name.
 class IssuerTable {
 public:
-    using File = std::pair<std::string, std::vector<unsigned char>>;  ///< name and DER
-
     /// Files that can't be read or stored as a certificate are passed over.
-    explicit IssuerTable(const std::vector<File>& files);
+    explicit IssuerTable(const std::vector<device::CertificateFile>& files);
 
     /// `leaf` with its issuers, root first and leaf last; empty when one of them isn't in the table or they go round in
     /// a circle. `issuer` is the leaf's issuer as a distinguished name; without one the leaf stands alone.

@@ -10,7 +10,7 @@
 #include <array>
 #include <cstdlib>
 
-#include "platform/platform.h"
+#include "platform/operating_system.h"
 
 namespace zentak::platform {
 

@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "device/library_results.h"
 #include "module/entry_frame.h"
 
 using namespace zentak;
@@ -21,17 +20,15 @@ std::string pinText(CK_UTF8CHAR_PTR pin, CK_ULONG length) {
     return {reinterpret_cast<const char*>(pin), length};
 }
 
-/// Asks the device library for its word on a PIN.
-CK_RV validatePin(const ModuleState& state, const SessionRecord& session, CK_USER_TYPE userType,
-                  const std::string& pin) {
-    int attemptsLeft = 0;
-    const int result = zentak_validatePassword(session.deviceId(), pin.c_str(), userType == CKU_USER ? 1 : 2,
-                                               &attemptsLeft, state.instance);
-    if (result == 0) {
+/// Asks the token whether a PIN is right.
+CK_RV validatePin(const device::Token& token, CK_USER_TYPE userType, const std::string& pin) {
+    const auto [result, attemptsLeft] =
+        token.validatePin(userType == CKU_USER ? device::PinOwner::user : device::PinOwner::securityOfficer, pin);
+    if (result) {
         return CKR_OK;
     }
-    logError("Token password validation failed : ", result);
-    if (result == deviceDoesNotAnswer) {
+    logError("Token password validation failed : ", result.number());
+    if (result.isDeviceSilent()) {
         return CKR_FUNCTION_FAILED;
     }
     return refuse(attemptsLeft == 0 ? CKR_PIN_LOCKED : CKR_PIN_INCORRECT,
@@ -87,7 +84,7 @@ void forEachSessionOfToken(ModuleState& state, const SessionRecord& session, con
 CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen) {
     return sessionEntryPoint("C_Login", hSession, [&](ModuleState& state, SessionRecord& session) -> CK_RV {
         if (userType == CKU_USER && session.isUserSession()) {
-            // Hosts ask again as a matter of course, so this is no error line.
+            // Applications ask again as a matter of course, so this is no error line.
             logDebug("C_Login: User already logged in");
             return CKR_USER_ALREADY_LOGGED_IN;
         }
@@ -105,7 +102,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
         const WipedAtEnd wipePin(pin);
         const bool knownPin = userType == CKU_USER && pin == state.cachedUserPassword;
         if (!knownPin) {
-            const CK_RV verdict = validatePin(state, session, userType, pin);
+            const CK_RV verdict = validatePin(tokenOf(state, session), userType, pin);
             if (verdict != CKR_OK) {
                 return verdict;
             }
@@ -164,11 +161,10 @@ CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pOldPin, CK_ULONG ulO
         const WipedAtEnd wipeOldPin(oldPin);
         std::string newPin = pinText(pNewPin, ulNewLen);
         const WipedAtEnd wipeNewPin(newPin);
-        int failureCount = 0;
-        if (!zentak_changeUserPassword(session.deviceId(), oldPin.c_str(), newPin.c_str(), &failureCount, false, false,
-                                       state.instance)) {
+        const device::Token::PinChange change = tokenOf(state, session).changeUserPin(oldPin, newPin);
+        if (!change.succeeded) {
             return refuse(CKR_FUNCTION_FAILED,
-                          "C_SetPIN: zentak_changeUserPassword failed, failureCount=", failureCount);
+                          "C_SetPIN: zentak_changeUserPassword failed, failureCount=", change.failureCount);
         }
         if (!state.cachedUserPassword.empty()) {
             rememberPassword(state, newPin);

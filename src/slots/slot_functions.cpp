@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "device/library.h"
 #include "module/entry_frame.h"
 #include "module/slot_table.h"
 
@@ -58,7 +59,7 @@ CK_RV C_GetSlotList(CK_BBOOL /*tokenPresent*/, CK_SLOT_ID_PTR pSlotList, CK_ULON
         if (pulCount == nullptr) {
             return refuse(CKR_ARGUMENTS_BAD, "C_GetSlotList: pulCount is NULL");
         }
-        const std::vector<std::string> devices = zentak_getConnectedDeviceList(false, state.instance);
+        const std::vector<std::string> devices = device::connectedDevices(state.instance);
         const auto deviceCount = static_cast<CK_ULONG>(devices.size());
         if (devices.empty()) {
             state.slotTable.clear();
@@ -77,7 +78,7 @@ CK_RV C_GetSlotList(CK_BBOOL /*tokenPresent*/, CK_SLOT_ID_PTR pSlotList, CK_ULON
         state.slotTable.clear();
         CK_ULONG slotCount = 0;
         for (const std::string& device : devices) {
-            TokenInfo token = zentak_getTokenInfo(device.c_str(), state.instance);
+            TokenInfo token = device::tokenInfo(device, state.instance);
             if (token.serialNumber.empty()) {
                 continue;
             }
@@ -120,8 +121,8 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
             return refuse(CKR_ARGUMENTS_BAD, "C_GetTokenInfo: pInfo is NULL");
         }
         *pInfo = {};
-        // A label that fills the field or less is cut to 30, a longer one to the whole field: hosts compare with what
-        // they have stored.
+        // A label that fills the field or less is cut to 30, a longer one to the whole field: applications compare
+        // with what they have stored.
         const std::string_view label = token->label;
         writeField(pInfo->label, label.size() <= sizeof(pInfo->label) ? label.substr(0, 30) : label);
         writeField(pInfo->manufacturerID, manufacturer);

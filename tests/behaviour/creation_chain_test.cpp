@@ -131,7 +131,7 @@ TEST_F(CreationChainTest, WithoutFilesNoIssuerIsLookedFor) {
 TEST_F(CreationChainTest, EmptyAndUnreadableFilesArePassedOver) {
     world.files.emplace_back("empty.cer", Bytes{});
     world.certificateDetails[Bytes{}] = makeDetails("nothing", "CN=Root");
-    world.certificateDetails[Bytes{}].text7 = "CN=Root";
+    world.certificateDetails[Bytes{}].subject = "CN=Root";
     world.files.emplace_back("unreadable.cer", other);
     addAuthority(root, "CN=Root", "CN=Root");
     EXPECT_EQ(createMail(), chainOf({importedRoot, importedLeaf}));

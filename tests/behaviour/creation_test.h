@@ -77,16 +77,17 @@ protected:
         return create(wanted);
     }
 
-    void leafDetails(const std::string& text2, const std::string& issuer, const Bytes& publicKey = {1, 2, 3}) {
-        world.certificateDetails[leaf] = makeDetails(text2, issuer, publicKey);
-        world.certificateDetails[leaf].text7 = "CN=Alice";
+    void leafDetails(const std::string& subjectCommonName, const std::string& issuer,
+                     const Bytes& publicKey = {1, 2, 3}) {
+        world.certificateDetails[leaf] = makeDetails(subjectCommonName, issuer, publicKey);
+        world.certificateDetails[leaf].subject = "CN=Alice";
     }
 
     /// A file in the folder, whose certificate the device library can read.
     void addAuthority(const Bytes& der, const std::string& subject, const std::string& issuer) {
         world.files.emplace_back("file.cer", der);
         CertificateDetails details = makeDetails("unused", issuer);
-        details.text7 = subject;
+        details.subject = subject;
         world.certificateDetails[der] = details;
     }
 

@@ -44,7 +44,7 @@ protected:
         const Bytes root = {0x30, 5, 5};
         world.certificateDetails[leaf] = makeDetails("Bob", "CN=Root", publicKeyOf(makeKeyPair(1)));
         CertificateDetails rootDetails = makeDetails("Root", "CN=Root");
-        rootDetails.text7 = "CN=Root";
+        rootDetails.subject = "CN=Root";
         world.certificateDetails[root] = rootDetails;
         world.files = {{"root.der", root}};
         world.subjects[der] = world.issuers[der] = world.serials[der] = {0x30, 0};

@@ -109,13 +109,13 @@ TEST_F(SearchLabelTest, ComputedLabelsAreCutTo128Characters) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     const std::string half(100, 'a');
     CertificateDetails& details = world.certificateDetails[derOf(certificateOne)];
-    details.text2 = half;
+    details.subjectCommonName = half;
 
-    details.text3 = std::string(27, 'b');  // 128 with the line between
+    details.issuer = std::string(27, 'b');  // 128 with the line between
     EXPECT_EQ(publicKeysNamed(session, half + "_" + std::string(27, 'b')), (Handles{publicKey(1)}));
     EXPECT_EQ(certificatesNamed(session, half + "_" + std::string(27, 'b')), (Handles{certificate(1)}));
 
-    details.text3 = std::string(27, 'b') + "c";
+    details.issuer = std::string(27, 'b') + "c";
     EXPECT_EQ(publicKeysNamed(session, half + "_" + std::string(27, 'b')), (Handles{publicKey(1)}));
     EXPECT_EQ(certificatesNamed(session, half + "_" + std::string(27, 'b')), (Handles{certificate(1)}));
     EXPECT_EQ(publicKeysNamed(session, half + "_" + std::string(27, 'b') + "c"), Handles{});
@@ -123,8 +123,8 @@ TEST_F(SearchLabelTest, ComputedLabelsAreCutTo128Characters) {
 }
 
 TEST_F(SearchLabelTest, ComputedLabelsAreNotTrimmed) {
-    world.certificateDetails[derOf(certificateOne)].text2 = " Alice";
-    world.certificateDetails[derOf(certificateOne)].text3 = "1234 ";
+    world.certificateDetails[derOf(certificateOne)].subjectCommonName = " Alice";
+    world.certificateDetails[derOf(certificateOne)].issuer = "1234 ";
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(publicKeysNamed(session, " Alice_1234 "), (Handles{publicKey(1)}));
     EXPECT_EQ(publicKeysNamed(session, "Alice_1234"), Handles{});

@@ -24,12 +24,12 @@ CertificateDetails detailsOf(const Bytes& der) {
 TEST(CertificateParsing, NamesAndValidity) {
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5)));
     EXPECT_EQ(details.text1, "1234");
-    EXPECT_EQ(details.text2, "Alice");
-    EXPECT_EQ(details.text3, "CN=Root,O=Org,C=XX");
+    EXPECT_EQ(details.subjectCommonName, "Alice");
+    EXPECT_EQ(details.issuer, "CN=Root,O=Org,C=XX");
     EXPECT_EQ(details.text4, "2026-01-02T03:04:05Z");
     EXPECT_EQ(details.text5, "2036-01-02T03:04:05Z");
     EXPECT_EQ(details.text6, "Root");
-    EXPECT_EQ(details.text7, "CN=Alice,O=Org,C=XX");
+    EXPECT_EQ(details.subject, "CN=Alice,O=Org,C=XX");
     EXPECT_EQ(details.text8, "");
 }
 
@@ -37,16 +37,16 @@ TEST(CertificateParsing, NamesBeyondAsciiAreUtf8) {
     CertificateSettings settings;
     settings.subject = {{"O", "B\xC3\xBCro, GmbH"}, {"CN", "\xC3\x85lice"}};
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
-    EXPECT_EQ(details.text2, "\xC3\x85lice");
-    EXPECT_EQ(details.text7, "CN=\xC3\x85lice,O=B\xC3\xBCro\\, GmbH");
+    EXPECT_EQ(details.subjectCommonName, "\xC3\x85lice");
+    EXPECT_EQ(details.subject, "CN=\xC3\x85lice,O=B\xC3\xBCro\\, GmbH");
 }
 
 TEST(CertificateParsing, NameWithoutCommonNameStandsForItself) {
     CertificateSettings settings;
     settings.issuer = {{"C", "XX"}, {"O", "Old Authority"}};
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
-    EXPECT_EQ(details.text3, "O=Old Authority,C=XX");
-    EXPECT_EQ(details.text6, details.text3);
+    EXPECT_EQ(details.issuer, "O=Old Authority,C=XX");
+    EXPECT_EQ(details.text6, details.issuer);
 }
 
 /// By these two a chain is followed: what one certificate calls its issuer, the other calls itself.
@@ -55,8 +55,8 @@ TEST(CertificateParsing, IssuerAndSubjectAreWrittenAlike) {
     settings.issuer = {{"C", "XX"}, {"O", "B\xC3\xBCro, GmbH"}, {"CN", "Root, first"}};
     settings.subject = settings.issuer;
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
-    EXPECT_EQ(details.text3, "CN=Root\\, first,O=B\xC3\xBCro\\, GmbH,C=XX");
-    EXPECT_EQ(details.text3, details.text7);
+    EXPECT_EQ(details.issuer, "CN=Root\\, first,O=B\xC3\xBCro\\, GmbH,C=XX");
+    EXPECT_EQ(details.issuer, details.subject);
 }
 
 TEST(CertificateParsing, EmptyNames) {
@@ -64,24 +64,24 @@ TEST(CertificateParsing, EmptyNames) {
     settings.subject.clear();
     settings.issuer.clear();
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
-    EXPECT_EQ(details.text2, "");
-    EXPECT_EQ(details.text3, "");
-    EXPECT_EQ(details.text7, "");
+    EXPECT_EQ(details.subjectCommonName, "");
+    EXPECT_EQ(details.issuer, "");
+    EXPECT_EQ(details.subject, "");
 }
 
 TEST(CertificateParsing, LastCommonNameCounts) {
     CertificateSettings settings;
     settings.subject = {{"CN", "Users"}, {"CN", "Alice"}};
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
-    EXPECT_EQ(details.text2, "Alice");
-    EXPECT_EQ(details.text7, "CN=Alice,CN=Users");
+    EXPECT_EQ(details.subjectCommonName, "Alice");
+    EXPECT_EQ(details.subject, "CN=Alice,CN=Users");
 }
 
 TEST(CertificateParsing, CommonNameWithAZeroByteIsNotTakenAsText) {
     CertificateSettings settings;
     settings.subject = {{"CN", std::string("good\0evil", 9)}};
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
-    EXPECT_EQ(details.text2, "CN=good\\00evil");
+    EXPECT_EQ(details.subjectCommonName, "CN=good\\00evil");
 }
 
 TEST(CertificateParsing, PublicKeyIsInTheFormOfKeyPairs) {
@@ -136,7 +136,7 @@ TEST(CertificateParsing, GarbageIsRefusedAndLeavesTheDetailsEmpty) {
         const int length = static_cast<int>(der.size());
         EXPECT_EQ(zentak_getCertificateDetails(der.data(), length, &details, nullptr),
                   number(Error::certificateInvalid));
-        EXPECT_TRUE(details.text2.empty() && details.text7.empty() && details.publicKey.empty());
+        EXPECT_TRUE(details.subjectCommonName.empty() && details.subject.empty() && details.publicKey.empty());
         EXPECT_TRUE(zentak_getCertificateSubject(der.data(), length, nullptr).empty());
         EXPECT_TRUE(zentak_getCertificateIssuer(der.data(), length, nullptr).empty());
         EXPECT_TRUE(zentak_getCertificateSerialDER(der.data(), length, nullptr).empty());

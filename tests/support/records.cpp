@@ -128,11 +128,12 @@ void setLabel(ZentakCertificate& certificate, std::string_view label) {
     copyIntoField(certificate.label, bytesIn(label), label.size());
 }
 
-CertificateDetails makeDetails(const std::string& text2, const std::string& text3, const Bytes& publicKey) {
+CertificateDetails makeDetails(const std::string& subjectCommonName, const std::string& issuer,
+                               const Bytes& publicKey) {
     CertificateDetails details;
     details.text1 = "first text";
-    details.text2 = text2;
-    details.text3 = text3;
+    details.subjectCommonName = subjectCommonName;
+    details.issuer = issuer;
     details.publicKey = publicKey;
     return details;
 }

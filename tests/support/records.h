@@ -51,7 +51,8 @@ void setObjectId(ZentakCertificate& certificate, const Bytes& bytes);
 void setLabel(ZentakCertificate& certificate, std::string_view label);  ///< at most 152 bytes
 
 /// Details with the two halves of the default label and the public key.
-CertificateDetails makeDetails(const std::string& text2, const std::string& text3, const Bytes& publicKey = {});
+CertificateDetails makeDetails(const std::string& subjectCommonName, const std::string& issuer,
+                               const Bytes& publicKey = {});
 
 /// A template that owns its values.
 ///

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "device/record_views.h"
+
 namespace zentak {
 namespace {
 

@@ -1,11 +1,10 @@
 /// What the system is asked, where a host can't make the difference seen.
 
-#include "platform/platform.h"
-
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
 
+#include "platform/operating_system.h"
 #include "run_folder.h"
 
 #if !defined(_WIN32)

@@ -1,7 +1,7 @@
 /// The few things that an operating system must provide. One implementation per system: windows.cpp and posix.cpp.
 
-#ifndef ZENTAK_PLATFORM_PLATFORM_H
-#define ZENTAK_PLATFORM_PLATFORM_H
+#ifndef ZENTAK_PLATFORM_OPERATING_SYSTEM_H
+#define ZENTAK_PLATFORM_OPERATING_SYSTEM_H
 
 #include <cstdio>
 #include <optional>

@@ -1,4 +1,4 @@
-#include "device/records.h"
+#include "device/record_views.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
