@@ -5,7 +5,7 @@
 #include "boundary/boundary.h"
 #include "device/zentak_dsc_library.h"
 #include "keys/key_operations.h"
-#include "token/instance.h"
+#include "token/instance_handles.h"
 #include "token/token_changes.h"
 
 using namespace softtoken;
@@ -67,7 +67,7 @@ int zentak_verifySignatureHash(unsigned int keyType, const char* /*deviceId*/, c
         const auto found = findInstance(instance);
         const ByteView input = bytesOf(hash, hashLength);
         const ByteView signatureBytes = bytesOf(signature, signatureLength);
-        const Key key = found->publicKey(static_cast<int>(keyType), bytesOf(publicKey, publicKeyLength));
+        const Key key = found->publicKeys.find(static_cast<int>(keyType), bytesOf(publicKey, publicKeyLength));
         if (!key) {
             throw Failure(Error::unsupportedKey, "not a public key");
         }
@@ -86,7 +86,7 @@ int zentak_encrypt(EncryptionType /*type*/, PaddingMode padding, const unsigned 
         const ByteView der = bytesOf(publicKeyDer, publicKeyDerLength);
         requireArgument(output != nullptr && outputLength != nullptr && !der.empty() && der[0] == 0x30);
         requireArgument(padding == PaddingMode::pkcs1 || padding == PaddingMode::oaep);
-        const Key key = found->publicKey(0, der);
+        const Key key = found->publicKeys.find(0, der);
         if (!key) {
             throw Failure(Error::unsupportedKey, "not a public key");
         }

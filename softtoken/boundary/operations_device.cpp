@@ -2,7 +2,7 @@
 
 #include "boundary/boundary.h"
 #include "device/zentak_dsc_library.h"
-#include "token/instance.h"
+#include "token/instance_handles.h"
 
 using namespace softtoken;
 
@@ -25,7 +25,7 @@ TokenInfo zentak_getTokenInfo(const char* device, void* instance) {
     return valueOf([&] {
         const auto found = findInstance(instance);
         const auto snapshot = found->snapshot(textOf(device));
-        const TokenData& token = snapshot->token;
+        const TokenData& token = *snapshot->token;
         TokenInfo info;
         info.userPinAttemptsLeft = found->attempts(token.serialNumber).user;
         info.serialNumber = token.serialNumber;
@@ -81,7 +81,7 @@ bool zentak_changeUserPassword(const char* deviceId, const char* oldPin, const c
                        *failureCount = 0;
                    }
                } catch (const PinFailure& failure) {
-                   const int maximum = found->snapshot(textOf(deviceId))->token.user.maximumAttempts;
+                   const int maximum = found->snapshot(textOf(deviceId))->token->user.maximumAttempts;
                    if (failureCount != nullptr) {
                        *failureCount = maximum - failure.attemptsLeft;
                    }

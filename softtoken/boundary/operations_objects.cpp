@@ -1,8 +1,9 @@
 // Operations on the key pairs and certificates that a token holds.
 
+#include "base/no_destructor.h"
 #include "boundary/boundary.h"
 #include "device/zentak_dsc_library.h"
-#include "token/instance.h"
+#include "token/instance_handles.h"
 #include "token/token_changes.h"
 
 using namespace softtoken;
@@ -12,12 +13,11 @@ namespace {
 /// A list of the token's present snapshot, or an empty one that nobody else writes to.
 template <typename Record>
 std::vector<Record>& listOf(const char* deviceId, void* instance, std::vector<Record> Snapshot::*list) {
-    static std::vector<Record>& none = *new std::vector<Record>;
     auto* const found = valueOf([&]() -> std::vector<Record>* {
         // The instance keeps the snapshot alive for a while after this reference is gone.
         return &(*findInstance(instance)->snapshot(textOf(deviceId)).*list);
     });
-    return found != nullptr ? *found : none;
+    return found != nullptr ? *found : zentak::lasting<std::vector<Record>>();
 }
 
 NewKeyPair settingsOf(const ZentakKeyPair& record) {
@@ -31,7 +31,7 @@ NewKeyPair settingsOf(const ZentakKeyPair& record) {
 
 void requireRoomForKeyPair(Instance& instance, std::string_view deviceId) {
     const auto snapshot = instance.snapshot(deviceId);
-    if (snapshot->token.keyPairs.size() >= snapshot->token.capacity) {
+    if (snapshot->token->keyPairs.size() >= snapshot->token->capacity) {
         throw Failure(Error::keyStorageFull, "the token is full");
     }
 }

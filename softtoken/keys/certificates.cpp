@@ -1,11 +1,12 @@
 #include "keys/certificates.h"
 
-#include <mutex>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <string>
 #include <unordered_map>
 
+#include "base/mutex.h"
+#include "base/no_destructor.h"
 #include "keys/keys.h"
 #include "platform/errors.h"
 #include "store/token_data.h"
@@ -98,6 +99,13 @@ CertificateFacts readFacts(const X509* certificate) {
     return facts;
 }
 
+constexpr std::size_t mostRememberedFacts = 512;
+
+struct RememberedFacts {
+    zentak::Mutex mutex;
+    std::unordered_map<std::string, std::shared_ptr<const CertificateFacts>> byCertificate;
+};
+
 }  // namespace
 
 Certificate parseCertificate(ByteView der) {
@@ -116,22 +124,19 @@ Certificate parseCertificate(ByteView der) {
 }
 
 std::shared_ptr<const CertificateFacts> certificateFacts(ByteView der) {
-    using Remembered = std::unordered_map<std::string, std::shared_ptr<const CertificateFacts>>;
-    constexpr std::size_t most = 512;
     // Never destroyed: threads may still ask while the process ends.
-    static std::mutex& mutex = *new std::mutex;
-    static Remembered& remembered = *new Remembered;
+    auto& [mutex, remembered] = zentak::lasting<RememberedFacts>();
     std::string name(reinterpret_cast<const char*>(der.data()), der.size());
     {
-        const std::lock_guard lock(mutex);
+        const zentak::MutexLock lock(mutex);
         const auto found = remembered.find(name);
         if (found != remembered.end()) {
             return found->second;
         }
     }
     auto facts = std::make_shared<const CertificateFacts>(readFacts(parseCertificate(der).get()));
-    const std::lock_guard lock(mutex);
-    if (remembered.size() >= most) {
+    const zentak::MutexLock lock(mutex);
+    if (remembered.size() >= mostRememberedFacts) {
         remembered.clear();
     }
     remembered.emplace(std::move(name), facts);

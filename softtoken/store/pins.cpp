@@ -58,24 +58,14 @@ void Store::refuseLockedPin(std::string_view serialNumber, Role role) const {
     }
 }
 
-OpenedToken Store::open(std::string_view serialNumber, Role role, std::string_view pin, const KnownToken* known) {
+OpenedToken Store::open(std::string_view serialNumber, Role role, std::string_view pin, const StoredToken* known) {
     requirePinLength(pin);
     for (int left = mostDerivations; left > 0; --left) {
-        TokenData read;
-        std::string checksum;
-        const bool present = isPresent(known, serialNumber);
-        if (present) {
-            checksum = known->version.checksum;
-        } else {
-            const std::string document = readDocument(serialNumber);
-            read = readTokenDataOf(serialNumber, document);
-            checksum = checksumOf(document);
-        }
-        const TokenData& token = present ? known->token : read;
-        const PinSection& section = pinSectionOf(token, role);
+        const StoredToken read = present(serialNumber, known);
+        const PinSection& section = pinSectionOf(*read.data, role);
         refuseLockedPin(serialNumber, role);
         const SecretBytes pinKey = derivePinKey(section, pin);
-        if (auto opened = openWith(serialNumber, role, pinKey, token, checksum)) {
+        if (auto opened = openWith(serialNumber, role, pinKey, read)) {
             return *std::move(opened);
         }
     }
@@ -84,14 +74,13 @@ OpenedToken Store::open(std::string_view serialNumber, Role role, std::string_vi
 
 /// Counts and looks. Nothing when the PIN section isn't the one any more that the key was derived for.
 std::optional<OpenedToken> Store::openWith(std::string_view serialNumber, Role role, ByteView pinKey,
-                                           const TokenData& read, const std::string& checksum) const {
+                                           const StoredToken& read) const {
     const FileLock lock = lockFor(serialNumber);
     const fs::path folder = folderOf(serialNumber);
-    const bool unchanged = readTokenChecksum(folder / tokenFileName) == checksum;
-    const TokenData reread = unchanged ? TokenData() : load(serialNumber);
-    const TokenData& token = unchanged ? read : reread;
+    const StoredToken now = present(serialNumber, &read);
+    const TokenData& token = *now.data;
     const PinSection& section = pinSectionOf(token, role);
-    if (section != pinSectionOf(read, role) || token.model != read.model) {
+    if (section != pinSectionOf(*read.data, role) || token.model != read.data->model) {
         return std::nullopt;
     }
     const Attempts before = loadAttempts(serialNumber);

@@ -11,9 +11,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* scratchFolderName = ".zentak-scratch";
-/// More than a full token takes.
-constexpr std::uint64_t largestTokenFile = 64 << 20;
-
 [[noreturn]] void notPresent(std::string_view serialNumber) {
     throw Failure(Error::deviceNotPresent, "there is no token " + std::string(serialNumber));
 }
@@ -50,26 +47,6 @@ fs::path clearedScratch(const fs::path& root) {
 }
 
 }  // namespace
-
-std::optional<std::string> readTokenFile(const fs::path& file) {
-    // A pipe in the file's place would keep the reader waiting, and a huge file would take the memory.
-    const auto stamp = fileStamp(file);
-    if (!stamp) {
-        return std::nullopt;
-    }
-    if (stamp->size > largestTokenFile) {
-        throw Failure(Error::tokenDamaged, "the token's file is damaged: its size");
-    }
-    return readFile(file, largestTokenFile, Links::refuse);
-}
-
-std::optional<std::string> readTokenChecksum(const fs::path& file) {
-    return readFileEnd(file, checksumLength);
-}
-
-std::string checksumOf(std::string_view document) {
-    return std::string(document.substr(document.size() - std::min(document.size(), checksumLength)));
-}
 
 std::vector<std::string> Store::list(const char* folder) const {
     std::vector<std::string> serialNumbers;
@@ -129,39 +106,40 @@ fs::path Store::folderOf(std::string_view serialNumber) const {
     notPresent(serialNumber);
 }
 
-std::optional<std::string> Store::readFileOf(std::string_view serialNumber, const char* name) const {
+/// What `read` finds in the token's folder. Nothing when it finds nothing.
+template <typename Read>
+auto Store::readInFolderOf(std::string_view serialNumber, Read&& read) const -> decltype(read(fs::path())) {
     // A token that is being plugged in or out may leave the folder between the two steps.
     for (int round = 0; round < 3; ++round) {
-        if (auto document = readTokenFile(folderOf(serialNumber) / name)) {
-            return document;
+        if (auto found = read(folderOf(serialNumber))) {
+            return found;
         }
     }
     return std::nullopt;
 }
 
-TokenData readTokenDataOf(std::string_view serialNumber, std::string_view document) {
-    TokenData token = readTokenData(document);
-    if (token.serialNumber != serialNumber) {
-        throw Failure(Error::tokenDamaged, "the token's file is that of another token");
-    }
-    return token;
-}
-
-std::string Store::readDocument(std::string_view serialNumber) const {
-    auto document = readFileOf(serialNumber, tokenFileName);
-    if (!document) {
+StoredToken Store::present(std::string_view serialNumber, const StoredToken* known) const {
+    auto token = readInFolderOf(serialNumber, [&](const fs::path& folder) -> std::optional<StoredToken> {
+        const fs::path file = folder / tokenFileName;
+        if (known != nullptr && known->version.isExactly(file)) {
+            return *known;
+        }
+        return readStoredToken(file, serialNumber);
+    });
+    if (!token) {
         throw Failure(Error::tokenDamaged, "the token's file is missing");
     }
-    return *std::move(document);
+    return *std::move(token);
 }
 
 TokenData Store::load(std::string_view serialNumber) const {
-    return readTokenDataOf(serialNumber, readDocument(serialNumber));
+    return *present(serialNumber).data;
 }
 
 Attempts Store::loadAttempts(std::string_view serialNumber) const {
     for (int left = 3;; --left) {
-        const auto document = readFileOf(serialNumber, attemptsFileName);
+        const auto document = readInFolderOf(
+            serialNumber, [](const fs::path& folder) { return readTokenFile(folder / attemptsFileName); });
         // Without the file nobody knows how often a PIN was guessed already.
         if (!document) {
             throw Failure(Error::tokenDamaged, "the token's PIN counters are missing");
@@ -202,33 +180,18 @@ void Store::add(const TokenData& token, const Attempts& attempts) {
     moveFolder(made, root_ / "plugged" / token.serialNumber);
 }
 
-bool Store::isPresent(const KnownToken* known, std::string_view serialNumber) const {
-    if (known == nullptr) {
-        return false;
-    }
-    const fs::path file = folderOf(serialNumber) / tokenFileName;
-    return fileStamp(file) == known->version.stamp && readTokenChecksum(file) == known->version.checksum;
-}
-
-ChangedToken Store::change(std::string_view serialNumber, const std::function<void(TokenData&)>& change,
-                           const KnownToken* known) {
+StoredToken Store::change(std::string_view serialNumber, const std::function<void(TokenData&)>& change,
+                          const StoredToken* known) {
     const FileLock lock = lockFor(serialNumber);
-    ChangedToken changed;
-    if (isPresent(known, serialNumber)) {
-        changed = {known->token, known->version};
-    } else {
-        const std::string before = readDocument(serialNumber);
-        changed.token = readTokenDataOf(serialNumber, before);
-        changed.version.checksum = checksumOf(before);
-    }
-    change(changed.token);
-    const std::string after = writeTokenData(changed.token);
+    const StoredToken before = present(serialNumber, known);
+    TokenData token = *before.data;
+    change(token);
+    const std::string document = writeTokenData(token);
     const fs::path file = folderOf(serialNumber) / tokenFileName;
-    if (checksumOf(after) != changed.version.checksum) {
-        replaceFile(file, after);
+    if (!before.version.hasContent(document)) {
+        replaceFile(file, document);
     }
-    changed.version = {fileStamp(file).value_or(FileStamp()), checksumOf(after)};
-    return changed;
+    return {std::make_shared<const TokenData>(std::move(token)), TokenVersion::ofWritten(file, document)};
 }
 
 void Store::remove(std::string_view serialNumber) {

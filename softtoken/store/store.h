@@ -17,27 +17,10 @@
 
 #include "platform/files.h"
 #include "store/token_data.h"
+#include "store/token_version.h"
 #include "store/vault.h"
 
 namespace softtoken {
-
-/// Tells the versions of a token's file apart: the stamp cheaply, the checksum with certainty.
-struct TokenVersion {
-    FileStamp stamp;
-    std::string checksum;
-};
-
-/// A token as it was read or written. Where its file is still the same, which the store makes sure of, it isn't read
-/// again.
-struct KnownToken {
-    const TokenData& token;
-    const TokenVersion& version;
-};
-
-struct ChangedToken {
-    TokenData token;
-    TokenVersion version;
-};
 
 /// What a right PIN opened: the token key, and the PIN sections that it was wrapped in then.
 struct OpenedToken {
@@ -86,9 +69,9 @@ public:
     void add(const TokenData& token, const Attempts& attempts);
 
     /// Changes a token under the store's lock: `change` gets the present state, and what it leaves is written unless it
-    /// throws. Answers what was left.
-    ChangedToken change(std::string_view serialNumber, const std::function<void(TokenData&)>& change,
-                        const KnownToken* known = nullptr);
+    /// throws. Answers what was left. What is `known` isn't read again when the file is still that version.
+    StoredToken change(std::string_view serialNumber, const std::function<void(TokenData&)>& change,
+                       const StoredToken* known = nullptr);
 
     void plug(std::string_view serialNumber) { move(serialNumber, "unplugged", "plugged"); }
     void unplug(std::string_view serialNumber) { move(serialNumber, "plugged", "unplugged"); }
@@ -97,7 +80,8 @@ public:
     /// The token key, when the PIN is right. An attempt is taken off, on disk, before the PIN is looked at, and all are
     /// given back when it is right. Throws PinFailure otherwise. The key derivation, which takes long, keeps nobody
     /// else waiting.
-    OpenedToken open(std::string_view serialNumber, Role role, std::string_view pin, const KnownToken* known = nullptr);
+    OpenedToken open(std::string_view serialNumber, Role role, std::string_view pin,
+                     const StoredToken* known = nullptr);
     /// The same, for whoever wants the key alone.
     SecretBytes checkPin(std::string_view serialNumber, Role role, std::string_view pin) {
         return open(serialNumber, role, pin).key;
@@ -118,30 +102,17 @@ public:
 
 private:
     [[nodiscard]] std::vector<std::string> list(const char* folder) const;
-    [[nodiscard]] std::optional<std::string> readFileOf(std::string_view serialNumber, const char* name) const;
-    /// The content of a token's main file.
-    [[nodiscard]] std::string readDocument(std::string_view serialNumber) const;
-    [[nodiscard]] bool isPresent(const KnownToken* known, std::string_view serialNumber) const;
+    template <typename Read>
+    auto readInFolderOf(std::string_view serialNumber, Read&& read) const -> decltype(read(std::filesystem::path()));
+    /// The token as its file has it now. Throws as load() does.
+    [[nodiscard]] StoredToken present(std::string_view serialNumber, const StoredToken* known = nullptr) const;
     void move(std::string_view serialNumber, const char* from, const char* to);
     void refuseLockedPin(std::string_view serialNumber, Role role) const;
     std::optional<OpenedToken> openWith(std::string_view serialNumber, Role role, ByteView pinKey,
-                                        const TokenData& read, const std::string& checksum) const;
+                                        const StoredToken& read) const;
 
     std::filesystem::path root_;
 };
-
-/// Reads a file of a token. Nothing when it isn't there or no regular file. Throws Error::tokenDamaged when it is too
-/// large to be a token's, and Error::storeFailed when it can't be read.
-std::optional<std::string> readTokenFile(const std::filesystem::path& file);
-
-/// The checksum at the end of a token's file; nothing when the file isn't there. Throws Error::storeFailed.
-std::optional<std::string> readTokenChecksum(const std::filesystem::path& file);
-/// The same of the file's content.
-std::string checksumOf(std::string_view document);
-
-/// A token from its file's content. Throws Error::tokenDamaged, also when it is another token's, and
-/// Error::unknownVersion.
-TokenData readTokenDataOf(std::string_view serialNumber, std::string_view document);
 
 }  // namespace softtoken
 

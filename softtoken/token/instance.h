@@ -9,27 +9,20 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <utility>
 
-#include "device/zentak_dsc_library.h"
+#include "base/mutex.h"
 #include "keys/hash_context.h"
 #include "keys/key_operations.h"
-#include "platform/files.h"
+#include "keys/public_key_cache.h"
 #include "store/store.h"
+#include "token/snapshot.h"
 
 namespace softtoken {
-
-/// A token as its file says, and the same as records of the boundary.
-struct Snapshot {
-    TokenData token;
-    std::vector<ZentakKeyPair> keyPairs;
-    std::vector<ZentakCertificate> certificates;
-};
 
 /// Thread-safe. All routines with a serial number throw Error::deviceNotPresent when no such token is plugged in, and
 /// Error::tokenDamaged or Error::unknownVersion when its file is unusable.
@@ -38,6 +31,7 @@ public:
     explicit Instance(Store store);
 
     HashTable hashes;
+    PublicKeyCache publicKeys;
 
     [[nodiscard]] const Store& store() const { return store_; }
 
@@ -45,7 +39,7 @@ public:
     /// caller keeps no more than a reference to one of its lists.
     std::shared_ptr<Snapshot> snapshot(std::string_view serialNumber);
 
-    [[nodiscard]] Attempts attempts(std::string_view serialNumber);
+    [[nodiscard]] Attempts attempts(std::string_view serialNumber) const;
 
     /// Checks a PIN as a login does. Throws PinFailure.
     void login(std::string_view serialNumber, Role role, std::string_view pin);
@@ -62,9 +56,6 @@ public:
 
     /// Changes the token. Without the token key it's what needs no PIN.
     void change(std::string_view serialNumber, const std::function<void(TokenData&)>& change);
-
-    /// A public key as verification is given it. The last ones are remembered. Null when the bytes are none.
-    Key publicKey(int keyType, ByteView bytes);
 
 private:
     using PinDigest = std::array<unsigned char, 32>;
@@ -85,21 +76,14 @@ private:
         std::shared_ptr<PrivateKey> key;
         std::uint32_t usage;
     };
+    /// A token that somebody works with. Never without a snapshot while nobody holds the mutex.
     struct Device {
-        std::filesystem::path file;
-        TokenVersion version;
-        std::int64_t checkedAt = 0;  ///< when the version was last compared by more than its stamp
-        std::shared_ptr<Snapshot> snapshot;
-        std::optional<VerifiedPin> verified;
-        std::optional<TriedPin> refused;
-        std::map<Reference, LoadedKey> keys;
-    };
-    /// A token as it was read last, kept for as long as somebody works with it.
-    struct Reading {
-        std::shared_ptr<Snapshot> snapshot;
-        TokenVersion version;
-
-        [[nodiscard]] KnownToken known() const { return {snapshot->token, version}; }
+        std::filesystem::path file{};
+        TokenVersion version{};
+        std::shared_ptr<Snapshot> snapshot{};
+        std::optional<VerifiedPin> verified{};
+        std::optional<TriedPin> refused{};
+        std::map<Reference, LoadedKey> keys{};
     };
     /// A check of a PIN. Whoever brings the same PIN to the same token meanwhile waits for its end, and finds what
     /// came of it; others don't.
@@ -114,18 +98,16 @@ private:
         Instance& instance_;
         const std::pair<std::string, PinDigest> pin_;
     };
-    struct PublicKeyEntry {
-        int keyType;
-        Bytes bytes;
-        Key key;
-    };
 
-    Reading readingOf(std::string_view serialNumber);
+    /// What is known of the token, to save reading it again.
+    StoredToken storedToken(std::string_view serialNumber);
 
-    // The caller of these holds the mutex.
-    Device& refreshed(std::string_view serialNumber);
-    void read(Device& device, std::string_view serialNumber);
-    void publish(Device& device, TokenData token);
+    /// The token as its file has it now. The file is read only when it has changed.
+    Device& present(std::string_view serialNumber) ZENTAK_THREAD_SAFETY(requires_capability(mutex_));
+    [[noreturn]] void failMissing(const Device& device, std::string_view serialNumber) const;
+    void read(Device& device, std::string_view serialNumber) ZENTAK_THREAD_SAFETY(requires_capability(mutex_));
+    void publish(Device& device, std::shared_ptr<const TokenData> token)
+        ZENTAK_THREAD_SAFETY(requires_capability(mutex_));
     static bool isVerified(const Device& device, const PinDigest& digest);
 
     [[nodiscard]] PinDigest digestOf(std::string_view pin) const;
@@ -133,20 +115,12 @@ private:
 
     Store store_;
     const SecretBytes digestKey_;
-    std::mutex mutex_;
-    std::set<std::pair<std::string, PinDigest>> pinsInCheck_;
-    std::condition_variable pinChecked_;
-    std::map<std::string, Device, std::less<>> devices_;
-    std::deque<std::shared_ptr<Snapshot>> retired_;
-    std::deque<PublicKeyEntry> publicKeys_;
+    zentak::Mutex mutex_;
+    std::set<std::pair<std::string, PinDigest>> pinsInCheck_ ZENTAK_THREAD_SAFETY(guarded_by(mutex_));
+    std::condition_variable_any pinChecked_;
+    std::map<std::string, Device, std::less<>> devices_ ZENTAK_THREAD_SAFETY(guarded_by(mutex_));
+    std::deque<std::shared_ptr<Snapshot>> retired_ ZENTAK_THREAD_SAFETY(guarded_by(mutex_));
 };
-
-/// Makes an instance for the user's store and answers its handle.
-void* openInstance();
-/// Throws Error::unknownInstance for null, a released handle and anything else.
-std::shared_ptr<Instance> findInstance(void* handle);
-/// Unknown handles are ignored.
-void closeInstance(void* handle);
 
 }  // namespace softtoken
 

@@ -96,17 +96,15 @@ TEST_F(StoreTest, ChangeOfAnotherProcessIsKeptByOnesOwn) {
 }
 
 TEST_F(StoreTest, OutdatedKnowledgeIsNotWritten) {
-    const TokenData before = store_.load(serialNumber_);
-    const TokenVersion version{*fileStamp(tokenFile()), checksumOf(fileContent(tokenFile()))};
-    const KnownToken known{before, version};
+    const StoredToken known = *readStoredToken(tokenFile(), serialNumber_);
+    const std::string before = fileContent(tokenFile());
     store_.change(serialNumber_, [](TokenData& token) { token.label = "first"; });
     store_.change(
         serialNumber_, [](TokenData& token) { token.model = "second"; }, &known);
     EXPECT_EQ(store_.load(serialNumber_).label, "first");
     EXPECT_EQ(store_.load(serialNumber_).model, "second");
     // The same stamp on another content, as a clock without resolution would have it.
-    const TokenVersion coincidence{*fileStamp(tokenFile()), version.checksum};
-    const KnownToken mistaken{before, coincidence};
+    const StoredToken mistaken{known.data, TokenVersion(*fileStamp(tokenFile()), fileClockNow(), before)};
     store_.change(
         serialNumber_, [](TokenData& token) { token.model = "third"; }, &mistaken);
     EXPECT_EQ(store_.load(serialNumber_).label, "first");
