@@ -13,11 +13,12 @@ namespace {
 /// A list of the token's present snapshot, or an empty one that nobody else writes to.
 template <typename Record>
 std::vector<Record>& listOf(const char* deviceId, void* instance, std::vector<Record> Snapshot::*list) {
+    static zentak::NoDestructor<std::vector<Record>> none;
     auto* const found = valueOf([&]() -> std::vector<Record>* {
         // The instance keeps the snapshot alive for a while after this reference is gone.
         return &(*findInstance(instance)->snapshot(textOf(deviceId)).*list);
     });
-    return found != nullptr ? *found : zentak::lasting<std::vector<Record>>();
+    return found != nullptr ? *found : *none;
 }
 
 NewKeyPair settingsOf(const ZentakKeyPair& record) {

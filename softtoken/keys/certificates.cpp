@@ -125,7 +125,8 @@ Certificate parseCertificate(ByteView der) {
 
 std::shared_ptr<const CertificateFacts> certificateFacts(ByteView der) {
     // Never destroyed: threads may still ask while the process ends.
-    auto& [mutex, remembered] = zentak::lasting<RememberedFacts>();
+    static zentak::NoDestructor<RememberedFacts> facts;
+    auto& [mutex, remembered] = *facts;
     std::string name(reinterpret_cast<const char*>(der.data()), der.size());
     {
         const zentak::MutexLock lock(mutex);
@@ -134,13 +135,13 @@ std::shared_ptr<const CertificateFacts> certificateFacts(ByteView der) {
             return found->second;
         }
     }
-    auto facts = std::make_shared<const CertificateFacts>(readFacts(parseCertificate(der).get()));
+    auto read = std::make_shared<const CertificateFacts>(readFacts(parseCertificate(der).get()));
     const zentak::MutexLock lock(mutex);
     if (remembered.size() >= mostRememberedFacts) {
         remembered.clear();
     }
-    remembered.emplace(std::move(name), facts);
-    return facts;
+    remembered.emplace(std::move(name), read);
+    return read;
 }
 
 std::vector<Bytes> certificatesOfFile(const std::string& content) {

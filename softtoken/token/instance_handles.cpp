@@ -20,7 +20,8 @@ struct Registry {
 
 /// Never destroyed: an application may end without releasing its instances while its threads still use them.
 Registry& registry() {
-    return zentak::lasting<Registry>();
+    static zentak::NoDestructor<Registry> only;
+    return *only;
 }
 
 }  // namespace
