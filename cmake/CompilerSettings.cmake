@@ -6,6 +6,10 @@ option(ZENTAK_COVERAGE "Let the module count which of its lines and branches are
 
 add_library(zentak_settings INTERFACE)
 target_compile_options(zentak_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(CMAKE_UNITY_BUILD)
+  # A local name may be another source's.
+  target_compile_options(zentak_settings INTERFACE -Wno-shadow)
+endif()
 target_include_directories(zentak_settings INTERFACE ${PROJECT_SOURCE_DIR}/src)
 
 # The last line of defence, in all that is built; scripts/check-hardening looks whether the files really have it.
