@@ -18,7 +18,7 @@ inline void wipe(void* memory, std::size_t length) noexcept {
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
-/// Overwrites all that a text or byte array has room for, also where longer content lay before, and empties it. The
+/// Overwrites all that a text or byte array has room for, also where longer content was before, and empties it. The
 /// room stays its own.
 template <typename Container>
 void wipe(Container& container) noexcept {

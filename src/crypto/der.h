@@ -13,7 +13,7 @@ namespace zentak {
 /// big-endian and kept as it is, leading zero bytes included.
 std::vector<unsigned char> rsaSubjectPublicKeyInfo(ByteView modulus);
 
-/// The hash inside a DigestInfo (RFC 8017), or `data` as it is where it doesn't look like one. A view into `data`;
+/// The hash inside a DigestInfo (RFC 8017), or `data` as it is if it doesn't look like one. A view into `data`;
 /// nothing beyond it is read.
 ByteView hashInDigestInfo(ByteView data);
 

@@ -18,7 +18,7 @@ namespace {
 constexpr CK_EC_KDF_TYPE kdfSha1 = CKD_SHA1_KDF;
 constexpr CK_EC_KDF_TYPE kdfSha256 = 6;  ///< of later versions of the standard
 
-/// The parameters, which may lie at any address; nothing where they are unusable.
+/// The parameters, which may be at any address; nothing if they are unusable.
 std::optional<CK_ECDH1_DERIVE_PARAMS> readParameters(const CK_MECHANISM& mechanism) {
     CK_ECDH1_DERIVE_PARAMS parameters;
     if (mechanism.pParameter == nullptr || mechanism.ulParameterLen < sizeof(parameters)) {

@@ -13,10 +13,10 @@
 namespace zentak {
 
 /// Writes the length of `result` to `*pulLength` and, into a non-null `output`, the whole of it, which wipes and
-/// empties `result` and ends the operation. A null `output` asks for the length alone and keeps both.
+/// empties `result` and ends the operation. A null `output` asks only for the length and keeps both.
 ///
 /// The caller's capacity is overwritten before it could be looked at, so CKR_BUFFER_TOO_SMALL needs a result of 4 GiB
-/// or more. Hosts must offer enough space.
+/// or more. Applications must offer enough space.
 inline CK_RV deliverResult(const char* name, std::vector<unsigned char>& result, CK_BYTE_PTR output,
                            CK_ULONG_PTR pulLength, OperationEnd& end) {
     *pulLength = static_cast<CK_ULONG>(result.size());

@@ -156,7 +156,7 @@ Result Token::encrypt(const ZentakKeyPair& keyPair, ByteView publicKeyInfo, Padd
     if (isTooLong(data) || isTooLong(publicKeyInfo)) {
         return Result::inputTooLong();
     }
-    // Here alone the library isn't told the area's size.
+    // The only operation that isn't told the area's size.
     OutputArea area(capacity, 0);
     const Result encrypted =
         Result::of(zentak_encrypt(encryptionTypeOf(keyPair.keyType), padding, data.data(), lengthOf(data), area.data(),

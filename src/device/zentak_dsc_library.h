@@ -1,7 +1,7 @@
 /// The boundary to the device library ZentakDSCLibrary: its records and its operations.
 ///
 /// The library is found by the loader under that name, so every operation has C linkage and the records below are an
-/// agreement between separately built files: field order, sizes and offsets can't change on one side alone. Lists and
+/// agreement between separately built files: field order, sizes and offsets can't change on one side only. Lists and
 /// texts are ordinary C++ values, so both sides need the same C++ runtime family and one C runtime heap.
 ///
 /// Rules that hold for all operations: status results are 0 for success and a library error number otherwise; byte
@@ -115,7 +115,7 @@ enum class EncryptionType : int { rsa1024 = 7, rsa2048 = 8, rsa3072 = 9, rsa4096
 /// RSA padding of an encryption: PKCS #1 v1.5 or OAEP.
 enum class PaddingMode : int { pkcs1 = 1, oaep = 4 };
 
-// C linkage is for the names alone; no C program calls these.
+// C linkage is only for the names; no C program calls these.
 #ifdef __clang__
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wreturn-type-c-linkage"

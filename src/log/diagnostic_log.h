@@ -1,7 +1,7 @@
 /// The diagnostic log: one text file per process name and day in the user's temporary folder. Logging never fails its
 /// caller: nothing here throws, and what can't be written is dropped with a word on standard output.
 ///
-/// The level is read afresh for every line, so that support can switch a running host to DEBUG and back.
+/// The level is read afresh for every line, so that support can switch a running application to DEBUG and back.
 
 #ifndef ZENTAK_LOG_DIAGNOSTIC_LOG_H
 #define ZENTAK_LOG_DIAGNOSTIC_LOG_H
@@ -22,7 +22,7 @@ inline constexpr int logLevelDebug = 3;
 /// Size of the buffers that paths are built in, terminator included; longer paths are cut.
 inline constexpr std::size_t logPathSize = 1024;
 
-/// The configured level, -128 to 3: the first byte of the configured value where that is at most 3, otherwise, and
+/// The configured level, -128 to 3: the first byte of the configured value if that is at most 3, otherwise, and
 /// without a value, 2.
 int readLogLevel() noexcept;
 

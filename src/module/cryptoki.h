@@ -1,6 +1,6 @@
 /// The types and constants of PKCS #11 (Cryptoki) 2.20, for C and C++.
 ///
-/// Two binary forms exist, and a host and a module must agree on one:
+/// Two binary forms exist, and an application and a module must agree on one:
 ///   - the Windows form: structures packed to one byte, CK_ULONG 32 bits wide;
 ///   - the platform's own form elsewhere: natural alignment, CK_ULONG as wide as `unsigned long`.
 /// Windows always has the first. Define ZENTAK_WINDOWS_CRYPTOKI to get it on another system.
@@ -229,5 +229,6 @@ typedef struct CK_FUNCTION_LIST CK_FUNCTION_LIST;
 #endif
 
 #include "cryptoki_constants.h"
+#include "cryptoki_mechanisms.h"
 
 #endif

@@ -21,7 +21,7 @@ struct Mechanism {
     /// The device library's code; 0 for a raw mechanism, whose input goes to the token as it is.
     int hashCode;
     bool isPss;
-    /// The hash of multi-part verification, 0 where the parts are collected. It differs from `hashCode` for PSS, whose
+    /// The hash of multi-part verification, 0 if the parts are collected. It differs from `hashCode` for PSS, whose
     /// parts are hashed with SHA-256 unless the mechanism is SHA-224's; signatures in the field were checked that way.
     int multiPartVerificationHash;
     /// Neither listed for a FIPS 140-3 token nor accepted for signing and digests there; verification goes on. Uneven

@@ -14,7 +14,7 @@ NoDestructor<Module>& modulePlace() {
 }  // namespace
 
 void rememberPassword(ModuleState& state, const std::string& pin) {
-    // A text of its own first: the old one's memory would be given back unwiped where it is too small for the new one.
+    // A text of its own first: the old one's memory would be given back unwiped if it is too small for the new one.
     std::string fresh = pin;
     const WipedAtEnd wipeFresh(fresh);
     forgetPassword(state);

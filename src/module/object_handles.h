@@ -20,7 +20,7 @@ inline bool isPublicKeyHandle(CK_OBJECT_HANDLE handle) {
     return handle >= publicKeyBase && handle < certificateBase;
 }
 
-/// Identifier of the key pair that either of its handles means; what lies above the two ranges counts as public.
+/// Identifier of the key pair that either of its handles means; what is above the two ranges counts as public.
 inline CK_ULONG keyPairIdentifier(CK_OBJECT_HANDLE handle) {
     return handle - (handle < publicKeyBase ? privateKeyBase : publicKeyBase);
 }

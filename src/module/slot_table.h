@@ -15,7 +15,8 @@ namespace zentak {
 inline constexpr CK_SLOT_ID firstSlotId = 0x50000001;
 
 /// The token of a slot, null for an ID that names none. IDs are handed out in the device library's order but resolved
-/// by position in the table's own order, so that they can name another token than the one listed; hosts depend on it.
+/// by position in the table's own order, so that they can name another token than the one listed; applications depend
+/// on it.
 const TokenInfo* findSlot(const std::map<std::string, TokenInfo>& slotTable, CK_SLOT_ID slotID);
 
 /// Whether the FIPS policy applies: to every token but those with a "1" as the third character of their model.

@@ -35,7 +35,7 @@ ReadableObject readableKey(CK_OBJECT_HANDLE handle, CK_OBJECT_CLASS objectClass,
 /// A certificate has no key properties of its own: it answers with those of RSA 2048.
 ReadableObject readableCertificate(CK_OBJECT_HANDLE handle, const ZentakCertificate& certificate);
 
-/// The value of one attribute; nothing where the object can't have it. A type that isn't known is an empty value. The
+/// The value of one attribute; nothing if the object can't have it. A type that isn't known is an empty value. The
 /// view points into the object or into `storage`, which is overwritten.
 std::optional<ByteView> attributeValue(const ReadableObject& object, CK_ATTRIBUTE_TYPE type,
                                        std::vector<unsigned char>& storage);

@@ -30,7 +30,7 @@ public:
     explicit IssuerTable(const std::vector<device::CertificateFile>& files);
 
     /// `leaf` with its issuers, root first and leaf last; empty when one of them isn't in the table or they go round in
-    /// a circle. `issuer` is the leaf's issuer as a distinguished name; without one the leaf stands alone.
+    /// a circle. `issuer` is the leaf's issuer as a distinguished name; without one the chain is only the leaf.
     std::vector<ZentakCertificate> chainOf(const ZentakCertificate& leaf, std::string_view issuer) const;
 
 private:

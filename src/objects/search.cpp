@@ -14,7 +14,7 @@ namespace zentak {
 
 namespace {
 
-// The first criterion that is given decides alone, a label before all others. Without a label in the template the
+// Only the first criterion that is given decides, a label before all others. Without a label in the template the
 // record itself tells whether it matches, but for a certificate's subject.
 
 bool matchesRecord(const SearchCriteria& criteria, const ZentakKeyPair& keyPair) {

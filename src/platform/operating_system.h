@@ -19,7 +19,7 @@ struct LocalTime {
     int millisecond;
 };
 
-/// The wall clock in the host's time zone.
+/// The wall clock in the process's time zone.
 LocalTime localTime();
 
 /// First byte of the configured log level as a signed number; 0 for a value without data. Nothing when there is no
@@ -33,7 +33,7 @@ std::string temporaryFolder(std::size_t limit);
 
 bool isDirectory(const char* path);
 
-/// True when the directory was newly made, for its owner alone; false also when it exists already.
+/// True when the directory was newly made, for its owner only; false also when it exists already.
 bool createDirectory(const char* path);
 
 /// File name of the process's main executable, without its folder, under which it was started, though another file may

@@ -32,8 +32,8 @@ std::optional<signed char> readLogLevelByte() {
         configured.append(folder).append("/logLevel");
         path = configured.c_str();
     }
-    // Mostly there is none, which a look tells in half the time that an attempt to open takes. Every call of a host
-    // comes here several times.
+    // Mostly there is none, which a look tells in half the time that an attempt to open takes. Every call of an
+    // application comes here several times.
     struct stat status {};
     if (stat(path, &status) != 0) {
         return std::nullopt;
@@ -120,7 +120,8 @@ void atFork(void (*before)(), void (*inParent)(), void (*inChild)()) {
 }
 
 std::FILE* openForAppending(const char* path) {
-    // A pipe that somebody has put there would keep the host waiting for its reader, and end it when the reader leaves.
+    // A pipe that somebody has put there would keep the application waiting for its reader, and end it when the reader
+    // leaves.
     const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR);
     if (file < 0) {
         return nullptr;

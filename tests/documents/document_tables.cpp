@@ -67,7 +67,7 @@ std::vector<std::string> itemsOf(const std::string& cell) {
 
 std::map<std::string, CK_ULONG> constantsWith(const std::string& prefix) {
     std::map<std::string, CK_ULONG> constants;
-    std::istringstream lines(textOf("src/module/cryptoki_constants.h"));
+    std::istringstream lines(textOf("src/module/cryptoki_constants.h") + textOf("src/module/cryptoki_mechanisms.h"));
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::string define;
