@@ -1,49 +1,121 @@
-/// A host of one PKCS #11 module, as a process of its own: module_comparison starts one for each module and lets them
-/// measure by turns. The environment tells the module where its token is.
+/// An application with one PKCS #11 module, as a process of its own: tools/compare_modules.py starts one for each
+/// module and lets them measure by turns. The environment tells the module where its token is.
 ///
-///   comparison_client MODULE fill KEYS.pem     makes the token (see peer_token.h)
-///   comparison_client MODULE measure PAIRS     logs in to a token with so many key pairs and answers each line
-///                                              "REPETITIONS OPERATION" with the microseconds that one of them took
+///   comparison_client MODULE fill KEYS.pem     makes a token in the first slot, with the usual PIN, and stores the
+///   keys
+///                                              and certificates of the file: pairs, in the order of `makeKeys`
+///   comparison_client MODULE measure PAIRS     logs in to a token with so many key pairs and serves the operations
+///                                              that are compared (see measuring_client.h)
 
-#include <ctime>
 #include <iostream>
-#include <map>
+#include <memory>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <stdexcept>
 
-#include "host_operations.h"
-#include "peer_token.h"
+#include "measurables.h"
+#include "records.h"
 
 namespace {
 
 using namespace bench;
 
-double microsecondsNow(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
+Bytes numberOf(const EVP_PKEY* key, const char* name) {
+    BIGNUM* number = nullptr;
+    if (EVP_PKEY_get_bn_param(key, name, &number) != 1) throw std::runtime_error(std::string("a key without ") + name);
+    Bytes bytes(static_cast<std::size_t>(BN_num_bytes(number)));
+    BN_bn2bin(number, bytes.data());
+    BN_clear_free(number);
+    return bytes;
 }
 
-/// The processor's time, which other programs don't lengthen; where the disk is waited for, the time that passes.
-double microsecondsOf(const std::function<void()>& work, Operation::Kind kind, int repetitions) {
-    const clockid_t clock = kind == Operation::Kind::changing ? CLOCK_MONOTONIC : CLOCK_THREAD_CPUTIME_ID;
-    const double start = microsecondsNow(clock);
-    for (int i = 0; i < repetitions; ++i) work();
-    return (microsecondsNow(clock) - start) / repetitions;
+template <typename Object>
+Bytes derOf(int (*encode)(const Object*, unsigned char**), const Object* object) {
+    Bytes der(static_cast<std::size_t>(encode(object, nullptr)));
+    unsigned char* position = der.data();
+    encode(object, &position);
+    return der;
+}
+
+/// The uncompressed point in its OCTET STRING.
+Bytes pointOf(const EVP_PKEY* key) {
+    Bytes point = derOf(i2d_PublicKey, key);
+    point.insert(point.begin(), {0x04, static_cast<unsigned char>(point.size())});
+    return point;
+}
+
+void addRsaNumbers(support::Template& privateKey, support::Template& publicKey, const EVP_PKEY* key) {
+    for (support::Template* half : {&privateKey, &publicKey}) {
+        half->addNumber(CKA_KEY_TYPE, CKK_RSA).add(CKA_MODULUS, numberOf(key, OSSL_PKEY_PARAM_RSA_N));
+        half->add(CKA_PUBLIC_EXPONENT, numberOf(key, OSSL_PKEY_PARAM_RSA_E));
+    }
+    for (const auto& [type, name] : {std::pair(CKA_PRIVATE_EXPONENT, OSSL_PKEY_PARAM_RSA_D),
+                                     {CKA_PRIME_1, OSSL_PKEY_PARAM_RSA_FACTOR1},
+                                     {CKA_PRIME_2, OSSL_PKEY_PARAM_RSA_FACTOR2},
+                                     {CKA_EXPONENT_1, OSSL_PKEY_PARAM_RSA_EXPONENT1},
+                                     {CKA_EXPONENT_2, OSSL_PKEY_PARAM_RSA_EXPONENT2},
+                                     {CKA_COEFFICIENT, OSSL_PKEY_PARAM_RSA_COEFFICIENT1}}) {
+        privateKey.add(type, numberOf(key, name));
+    }
+    privateKey.add(CKA_DECRYPT, true);
+    publicKey.add(CKA_ENCRYPT, true);
+}
+
+void addEcNumbers(support::Template& privateKey, support::Template& publicKey, const EVP_PKEY* key) {
+    for (support::Template* half : {&privateKey, &publicKey}) {
+        half->addNumber(CKA_KEY_TYPE, CKK_EC);
+        half->add(CKA_EC_PARAMS, {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07});
+    }
+    privateKey.add(CKA_VALUE, numberOf(key, OSSL_PKEY_PARAM_PRIV_KEY)).add(CKA_DERIVE, true);
+    publicKey.add(CKA_EC_POINT, pointOf(key));
+}
+
+void store(CK_SESSION_HANDLE session, const EVP_PKEY* key, const X509* certificate, const std::string& id) {
+    support::Template privateKey;
+    support::Template publicKey;
+    support::Template stored;
+    for (const auto& [object, objectClass] :
+         {std::pair(&privateKey, CKO_PRIVATE_KEY), {&publicKey, CKO_PUBLIC_KEY}, {&stored, CKO_CERTIFICATE}}) {
+        object->addNumber(CKA_CLASS, objectClass).add(CKA_TOKEN, true).add(CKA_PRIVATE, object == &privateKey);
+        object->add(CKA_ID, id.c_str()).add(CKA_LABEL, ("key " + id).c_str());
+    }
+    privateKey.add(CKA_SENSITIVE, true).add(CKA_SIGN, true);
+    publicKey.add(CKA_VERIFY, true);
+    (EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA ? addRsaNumbers : addEcNumbers)(privateKey, publicKey, key);
+    stored.addNumber(CKA_CERTIFICATE_TYPE, CKC_X_509).add(CKA_VALUE, derOf(i2d_X509, certificate));
+    stored.add(CKA_SUBJECT, derOf(i2d_X509_NAME, X509_get_subject_name(certificate)));
+    for (support::Template* object : {&privateKey, &publicKey, &stored}) {
+        CK_OBJECT_HANDLE made = CK_INVALID_HANDLE;
+        require(p11().C_CreateObject(session, object->data(), object->count(), &made), "C_CreateObject");
+    }
+}
+
+void fill(const std::string& pemFile) {
+    const UserSession session;
+    const std::unique_ptr<BIO, decltype(&BIO_free)> input(BIO_new_file(pemFile.c_str(), "r"), &BIO_free);
+    if (!input) throw std::runtime_error("cannot read " + pemFile);
+    for (int number = 1;; ++number) {
+        const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+            PEM_read_bio_PrivateKey(input.get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);
+        const std::unique_ptr<X509, decltype(&X509_free)> certificate(
+            PEM_read_bio_X509(input.get(), nullptr, nullptr, nullptr), &X509_free);
+        if (!key || !certificate) break;
+        store(session.handle(), key.get(), certificate.get(), std::to_string(number));
+    }
 }
 
 void measure(std::size_t keyPairs) {
     const UserSession session;
     const Subjects subjects(session, keyPairs, keyPairs);
-    std::map<std::string, std::function<void()>> prepared;
-    std::cout << "ready" << std::endl;
-    int repetitions = 0;
-    std::string name;
-    while (std::cin >> repetitions && std::getline(std::cin >> std::ws, name)) {
-        const Operation& operation = hostOperation(name);
-        auto& work = prepared[name];
-        if (!work) work = operation.prepare(subjects);
-        std::cout << microsecondsOf(work, operation.kind, repetitions) << std::endl;
+    std::vector<Measurable> compared;
+    for (const Operation& each : operations()) {
+        if (each.kind == Kind::stored || each.kind == Kind::changing || each.kind == Kind::other) {
+            compared.push_back({each.name, each.kind, {keyPairs, keyPairs}, [&] { return each.prepare(subjects); }});
+        }
     }
+    serve(compared);
 }
 
 }  // namespace
@@ -53,16 +125,12 @@ int main(int argc, char* argv[]) {
         std::cerr << "usage: comparison_client MODULE fill KEYS.pem | comparison_client MODULE measure PAIRS\n";
         return 2;
     }
-    try {
+    return runProgram("comparison_client", [&] {
         useModule(argv[1]);
         if (std::string(argv[2]) == "fill") {
-            makePeerToken(argv[3]);
+            fill(argv[3]);
         } else {
             measure(std::stoul(argv[3]));
         }
-    } catch (const std::exception& problem) {
-        std::cerr << "comparison_client, " << argv[1] << ": " << problem.what() << '\n';
-        return 1;
-    }
-    return 0;
+    });
 }

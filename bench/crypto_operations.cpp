@@ -2,11 +2,17 @@
 
 #include <memory>
 
-#include "operation_support.h"
+#include "operations.h"
 
 namespace bench {
 
 namespace {
+
+using Functions = CK_FUNCTION_LIST;
+using Init = CK_RV (*Functions::*)(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE);
+using InOnePart = CK_RV (*Functions::*)(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR);
+
+constexpr std::size_t hashLength = 32;
 
 Bytes sampleBytes(std::size_t count) {
     Bytes bytes(count);
@@ -14,176 +20,138 @@ Bytes sampleBytes(std::size_t count) {
     return bytes;
 }
 
-constexpr std::size_t hashLength = 32;
+CK_BYTE_PTR pointer(const Bytes& bytes) {
+    return const_cast<CK_BYTE_PTR>(bytes.data());
+}
 
-/// A mechanism that carries the parameters that it needs.
-struct Mechanism {
-    explicit Mechanism(CK_MECHANISM_TYPE wanted) : type(wanted) {}
+/// With the parameters that the mechanism needs.
+CK_MECHANISM mechanismOf(CK_MECHANISM_TYPE type) {
+    static CK_RSA_PKCS_OAEP_PARAMS oaep = {CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
+    static CK_RSA_PKCS_PSS_PARAMS pss = {CKM_SHA256, CKG_MGF1_SHA256, hashLength};
+    if (type == CKM_RSA_PKCS_OAEP) return {type, &oaep, sizeof oaep};
+    if (type == CKM_SHA256_RSA_PKCS_PSS) return {type, &pss, sizeof pss};
+    return {type, nullptr, 0};
+}
 
-    CK_MECHANISM* get() {
-        mechanism = {type, nullptr, 0};
-        if (type == CKM_RSA_PKCS_OAEP) mechanism = {type, &oaep, sizeof oaep};
-        if (type == CKM_SHA256_RSA_PKCS_PSS) mechanism = {type, &pss, sizeof pss};
-        return &mechanism;
-    }
+void start(Init init, CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key) {
+    CK_MECHANISM mechanism = mechanismOf(type);
+    require((p11().*init)(session, &mechanism, key), "the function that begins");
+}
 
-    CK_MECHANISM_TYPE type;
-    CK_MECHANISM mechanism = {};
-    CK_RSA_PKCS_OAEP_PARAMS oaep = {CKM_SHA_1, CKG_MGF1_SHA1, CKZ_DATA_SPECIFIED, nullptr, 0};
-    CK_RSA_PKCS_PSS_PARAMS pss = {CKM_SHA256, CKG_MGF1_SHA256, hashLength};
-};
-
-/// What a function with a key makes of the data in one part, its Init included.
-template <auto init, auto function>
-Bytes inOnePart(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key, Bytes& data,
-                const char* name) {
+Bytes inOnePart(Init init, InOnePart function, CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key,
+                const Bytes& data) {
+    start(init, session, type, key);
     Bytes result(1024);
     CK_ULONG length = sizeOf(result);
-    require((p11().*init)(session, mechanism, key), name);
-    require((p11().*function)(session, data.data(), sizeOf(data), result.data(), &length), name);
+    require((p11().*function)(session, pointer(data), sizeOf(data), result.data(), &length),
+            "the function in one part");
     result.resize(length);
     return result;
 }
 
-Bytes sign(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key, Bytes& data) {
-    return inOnePart<&CK_FUNCTION_LIST::C_SignInit, &CK_FUNCTION_LIST::C_Sign>(session, mechanism, key, data,
-                                                                               "C_SignInit or C_Sign");
-}
-
-Bytes encrypt(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key, Bytes& data) {
-    return inOnePart<&CK_FUNCTION_LIST::C_EncryptInit, &CK_FUNCTION_LIST::C_Encrypt>(session, mechanism, key, data,
-                                                                                     "C_EncryptInit or C_Encrypt");
-}
-
-Bytes decrypt(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key, Bytes& data) {
-    return inOnePart<&CK_FUNCTION_LIST::C_DecryptInit, &CK_FUNCTION_LIST::C_Decrypt>(session, mechanism, key, data,
-                                                                                     "C_DecryptInit or C_Decrypt");
-}
-
-template <CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE Subjects::*key, std::size_t length = hashLength>
-Work signature(const Subjects& subjects) {
-    return [&subjects, mechanism = Mechanism(type), data = sampleBytes(length)]() mutable {
-        sign(subjects.session, mechanism.get(), subjects.*key, data);
-    };
-}
-
-template <CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE Subjects::*privateKey, CK_OBJECT_HANDLE Subjects::*publicKey>
-Work verification(const Subjects& subjects) {
-    Mechanism mechanism(type);
-    Bytes data = sampleBytes(hashLength);
-    Bytes signature = sign(subjects.session, mechanism.get(), subjects.*privateKey, data);
-    return [&subjects, mechanism, data, signature]() mutable {
-        require(p11().C_VerifyInit(subjects.session, mechanism.get(), subjects.*publicKey), "C_VerifyInit");
-        require(p11().C_Verify(subjects.session, data.data(), sizeOf(data), signature.data(), sizeOf(signature)),
-                "C_Verify");
-    };
-}
-
 /// A session beside that of the subjects. What is hashed in parts needs one in which no digest was made: its finished
 /// hash would be in the way.
-class OwnSession {
-public:
-    explicit OwnSession(const Subjects& subjects) {
-        require(p11().C_OpenSession(slotOf(subjects), CKF_SERIAL_SESSION, nullptr, nullptr, &handle_), "C_OpenSession");
-    }
-    OwnSession(const OwnSession&) = delete;
-    OwnSession& operator=(const OwnSession&) = delete;
-    ~OwnSession() { p11().C_CloseSession(handle_); }
+std::shared_ptr<CK_SESSION_HANDLE> ownSession(const Subjects& subjects) {
+    CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
+    require(p11().C_OpenSession(subjects.slot, CKF_SERIAL_SESSION, nullptr, nullptr, &handle), "C_OpenSession");
+    return {new CK_SESSION_HANDLE(handle), [](const CK_SESSION_HANDLE* session) {
+                p11().C_CloseSession(*session);
+                delete session;
+            }};
+}
 
-    [[nodiscard]] CK_SESSION_HANDLE handle() const { return handle_; }
+using Key = CK_OBJECT_HANDLE Subjects::*;
 
-private:
-    CK_SESSION_HANDLE handle_ = CK_INVALID_HANDLE;
-};
+Operation signature(const char* name, CK_MECHANISM_TYPE type, Key key) {
+    return {name, Kind::other, [=](const Subjects& subjects) -> Work {
+                return [=, &subjects, data = sampleBytes(hashLength)] {
+                    sign(subjects.session, type, subjects.*key, data);
+                };
+            }};
+}
+
+Operation verification(const char* name, CK_MECHANISM_TYPE type, Key privateKey, Key publicKey) {
+    return {name, Kind::other, [=](const Subjects& subjects) -> Work {
+                const Bytes data = sampleBytes(hashLength);
+                const Bytes made = sign(subjects.session, type, subjects.*privateKey, data);
+                return [=, &subjects] { verify(subjects.session, type, subjects.*publicKey, data, made); };
+            }};
+}
+
+Operation decryption(const char* name, CK_MECHANISM_TYPE type) {
+    return {name, Kind::other, [=](const Subjects& subjects) -> Work {
+                const Bytes made = encrypt(subjects.session, type, subjects.rsaPublicKey, sampleBytes(hashLength));
+                return [=, &subjects] { decrypt(subjects.session, type, subjects.rsaPrivateKey, made); };
+            }};
+}
+
+Work encryption(const Subjects& subjects) {
+    return [&subjects, data = sampleBytes(hashLength)] {
+        encrypt(subjects.session, CKM_RSA_PKCS, subjects.rsaPublicKey, data);
+    };
+}
 
 Work signatureInParts(const Subjects& subjects) {
-    const auto session = std::make_shared<OwnSession>(subjects);
-    return [&subjects, session, mechanism = Mechanism(CKM_SHA256_RSA_PKCS), data = sampleBytes(hashLength)]() mutable {
-        CK_BYTE signature[1024];
-        CK_ULONG length = sizeof signature;
-        require(p11().C_SignInit(session->handle(), mechanism.get(), subjects.rsaPrivateKey), "C_SignInit");
-        require(p11().C_SignUpdate(session->handle(), data.data(), sizeOf(data)), "C_SignUpdate");
-        require(p11().C_SignFinal(session->handle(), signature, &length), "C_SignFinal");
+    return [&subjects, session = ownSession(subjects), data = sampleBytes(hashLength)] {
+        CK_BYTE made[1024];
+        CK_ULONG length = sizeof made;
+        start(&Functions::C_SignInit, *session, CKM_SHA256_RSA_PKCS, subjects.rsaPrivateKey);
+        require(p11().C_SignUpdate(*session, pointer(data), sizeOf(data)), "C_SignUpdate");
+        require(p11().C_SignFinal(*session, made, &length), "C_SignFinal");
     };
 }
 
 Work verificationInParts(const Subjects& subjects) {
-    Mechanism mechanism(CKM_SHA256_RSA_PKCS);
-    Bytes data = sampleBytes(hashLength);
-    Bytes signature = sign(subjects.session, mechanism.get(), subjects.rsaPrivateKey, data);
-    const auto session = std::make_shared<OwnSession>(subjects);
-    return [&subjects, session, mechanism, data, signature]() mutable {
-        require(p11().C_VerifyInit(session->handle(), mechanism.get(), subjects.rsaPublicKey), "C_VerifyInit");
-        require(p11().C_VerifyUpdate(session->handle(), data.data(), sizeOf(data)), "C_VerifyUpdate");
-        require(p11().C_VerifyFinal(session->handle(), signature.data(), sizeOf(signature)), "C_VerifyFinal");
+    const Bytes data = sampleBytes(hashLength);
+    const Bytes made = sign(subjects.session, CKM_SHA256_RSA_PKCS, subjects.rsaPrivateKey, data);
+    return [&subjects, session = ownSession(subjects), data, made] {
+        start(&Functions::C_VerifyInit, *session, CKM_SHA256_RSA_PKCS, subjects.rsaPublicKey);
+        require(p11().C_VerifyUpdate(*session, pointer(data), sizeOf(data)), "C_VerifyUpdate");
+        require(p11().C_VerifyFinal(*session, pointer(made), sizeOf(made)), "C_VerifyFinal");
     };
 }
 
-template <CK_MECHANISM_TYPE type>
-Work encryption(const Subjects& subjects) {
-    return [&subjects, mechanism = Mechanism(type), data = sampleBytes(hashLength)]() mutable {
-        encrypt(subjects.session, mechanism.get(), subjects.rsaPublicKey, data);
-    };
-}
-
-template <CK_MECHANISM_TYPE type>
-Work decryption(const Subjects& subjects) {
-    Mechanism mechanism(type);
-    Bytes data = sampleBytes(hashLength);
-    Bytes ciphertext = encrypt(subjects.session, mechanism.get(), subjects.rsaPublicKey, data);
-    return [&subjects, mechanism, ciphertext]() mutable {
-        decrypt(subjects.session, mechanism.get(), subjects.rsaPrivateKey, ciphertext);
-    };
-}
-
-/// The secret is read and destroyed, as a host does it that uses one.
+/// The secret is read and destroyed, as an application does it that uses one.
 Work keyAgreement(const Subjects& subjects) {
     Bytes encoded(256);
-    CK_ATTRIBUTE wanted = {CKA_EC_POINT, encoded.data(), sizeOf(encoded)};
+    CK_ATTRIBUTE wanted = entry(CKA_EC_POINT, encoded);
     require(p11().C_GetAttributeValue(subjects.session, subjects.ecPublicKey, &wanted, 1), "C_GetAttributeValue");
     // Without the head of its OCTET STRING: an uncompressed point of the curve.
-    Bytes point(encoded.begin() + 2, encoded.begin() + static_cast<std::ptrdiff_t>(wanted.ulValueLen));
-    return [&subjects, point]() mutable {
-        CK_ECDH1_DERIVE_PARAMS parameters = {CKD_NULL, 0, nullptr, sizeOf(point), point.data()};
+    const Bytes point(encoded.begin() + 2, encoded.begin() + static_cast<std::ptrdiff_t>(wanted.ulValueLen));
+    return [&subjects, point] {
+        CK_ECDH1_DERIVE_PARAMS parameters = {CKD_NULL, 0, nullptr, sizeOf(point), pointer(point)};
         CK_MECHANISM mechanism = {CKM_ECDH1_DERIVE, &parameters, sizeof parameters};
         CK_OBJECT_CLASS objectClass = CKO_SECRET_KEY;
         CK_KEY_TYPE type = CKK_GENERIC_SECRET;
         CK_BBOOL yes = CK_TRUE;
         CK_BBOOL no = CK_FALSE;
         CK_ULONG length = 32;
-        CK_ATTRIBUTE secretTemplate[] = {entry(CKA_CLASS, objectClass), entry(CKA_KEY_TYPE, type),
-                                         entry(CKA_TOKEN, no),          entry(CKA_SENSITIVE, no),
-                                         entry(CKA_EXTRACTABLE, yes),   entry(CKA_VALUE_LEN, length)};
+        Template wished = {entry(CKA_CLASS, objectClass), entry(CKA_KEY_TYPE, type),   entry(CKA_TOKEN, no),
+                           entry(CKA_SENSITIVE, no),      entry(CKA_EXTRACTABLE, yes), entry(CKA_VALUE_LEN, length)};
         CK_OBJECT_HANDLE secret = CK_INVALID_HANDLE;
-        require(p11().C_DeriveKey(subjects.session, &mechanism, subjects.ecPrivateKey, secretTemplate,
-                                  static_cast<CK_ULONG>(std::size(secretTemplate)), &secret),
+        require(p11().C_DeriveKey(subjects.session, &mechanism, subjects.ecPrivateKey, wished.data(),
+                                  static_cast<CK_ULONG>(wished.size()), &secret),
                 "C_DeriveKey");
         Bytes value(length);
-        CK_ATTRIBUTE read = {CKA_VALUE, value.data(), sizeOf(value)};
+        CK_ATTRIBUTE read = entry(CKA_VALUE, value);
         require(p11().C_GetAttributeValue(subjects.session, secret, &read, 1), "C_GetAttributeValue");
         require(p11().C_DestroyObject(subjects.session, secret), "C_DestroyObject");
     };
 }
 
-template <std::size_t length>
+template <std::size_t length, bool inParts = false>
 Work digest(const Subjects& subjects) {
-    return [&subjects, data = sampleBytes(length)]() mutable {
+    return [&subjects, data = sampleBytes(length)] {
         CK_MECHANISM mechanism = {CKM_SHA256, nullptr, 0};
         CK_BYTE hash[hashLength];
         CK_ULONG hashSize = sizeof hash;
         require(p11().C_DigestInit(subjects.session, &mechanism), "C_DigestInit");
-        require(p11().C_Digest(subjects.session, data.data(), sizeOf(data), hash, &hashSize), "C_Digest");
-    };
-}
-
-Work digestInParts(const Subjects& subjects) {
-    return [&subjects, data = sampleBytes(hashLength)]() mutable {
-        CK_MECHANISM mechanism = {CKM_SHA256, nullptr, 0};
-        CK_BYTE hash[hashLength];
-        CK_ULONG hashSize = sizeof hash;
-        require(p11().C_DigestInit(subjects.session, &mechanism), "C_DigestInit");
-        require(p11().C_DigestUpdate(subjects.session, data.data(), sizeOf(data)), "C_DigestUpdate");
-        require(p11().C_DigestFinal(subjects.session, hash, &hashSize), "C_DigestFinal");
+        if (inParts) {
+            require(p11().C_DigestUpdate(subjects.session, pointer(data), sizeOf(data)), "C_DigestUpdate");
+            require(p11().C_DigestFinal(subjects.session, hash, &hashSize), "C_DigestFinal");
+        } else {
+            require(p11().C_Digest(subjects.session, pointer(data), sizeOf(data), hash, &hashSize), "C_Digest");
+        }
     };
 }
 
@@ -196,25 +164,43 @@ Work randomNumber(const Subjects& subjects) {
 
 }  // namespace
 
+Bytes sign(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data) {
+    return inOnePart(&Functions::C_SignInit, &Functions::C_Sign, session, type, key, data);
+}
+
+Bytes encrypt(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data) {
+    return inOnePart(&Functions::C_EncryptInit, &Functions::C_Encrypt, session, type, key, data);
+}
+
+Bytes decrypt(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data) {
+    return inOnePart(&Functions::C_DecryptInit, &Functions::C_Decrypt, session, type, key, data);
+}
+
+void verify(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data,
+            const Bytes& signature) {
+    start(&Functions::C_VerifyInit, session, type, key);
+    require(p11().C_Verify(session, pointer(data), sizeOf(data), pointer(signature), sizeOf(signature)), "C_Verify");
+}
+
 std::vector<Operation> cryptoOperations() {
-    using Kind = Operation::Kind;
+    constexpr Key rsa = &Subjects::rsaPrivateKey;
+    constexpr Key ec = &Subjects::ecPrivateKey;
     return {
-        {"RSA-2048 signature", Kind::other, signature<CKM_RSA_PKCS, &Subjects::rsaPrivateKey>},
-        {"RSA-2048 SHA-256 signature", Kind::other, signature<CKM_SHA256_RSA_PKCS, &Subjects::rsaPrivateKey>},
-        {"RSA-2048 PSS signature", Kind::other, signature<CKM_SHA256_RSA_PKCS_PSS, &Subjects::rsaPrivateKey>},
-        {"P-256 signature", Kind::other, signature<CKM_ECDSA, &Subjects::ecPrivateKey>},
-        {"RSA-2048 verification", Kind::other,
-         verification<CKM_SHA256_RSA_PKCS, &Subjects::rsaPrivateKey, &Subjects::rsaPublicKey>},
-        {"P-256 verification", Kind::other, verification<CKM_ECDSA, &Subjects::ecPrivateKey, &Subjects::ecPublicKey>},
-        {"RSA-2048 encryption", Kind::other, encryption<CKM_RSA_PKCS>},
-        {"RSA-2048 decryption v1.5", Kind::other, decryption<CKM_RSA_PKCS>},
-        {"RSA-2048 decryption OAEP", Kind::other, decryption<CKM_RSA_PKCS_OAEP>},
+        signature("RSA-2048 signature", CKM_RSA_PKCS, rsa),
+        signature("RSA-2048 SHA-256 signature", CKM_SHA256_RSA_PKCS, rsa),
+        signature("RSA-2048 PSS signature", CKM_SHA256_RSA_PKCS_PSS, rsa),
+        signature("P-256 signature", CKM_ECDSA, ec),
+        verification("RSA-2048 verification", CKM_SHA256_RSA_PKCS, rsa, &Subjects::rsaPublicKey),
+        verification("P-256 verification", CKM_ECDSA, ec, &Subjects::ecPublicKey),
+        {"RSA-2048 encryption", Kind::other, encryption},
+        decryption("RSA-2048 decryption v1.5", CKM_RSA_PKCS),
+        decryption("RSA-2048 decryption OAEP", CKM_RSA_PKCS_OAEP),
         {"P-256 key agreement", Kind::other, keyAgreement},
         {"SHA-256 of 32 B", Kind::other, digest<32>},
         {"SHA-256 of 64 KiB", Kind::other, digest<65536>},
         {"random 32 B", Kind::other, randomNumber<32>},
         {"random 4 KiB", Kind::other, randomNumber<4096>},
-        {"SHA-256 of 32 B by C_DigestUpdate", Kind::uncompared, digestInParts},
+        {"SHA-256 of 32 B by C_DigestUpdate", Kind::uncompared, digest<32, true>},
         {"RSA-2048 SHA-256 signature by C_SignUpdate", Kind::uncompared, signatureInParts},
         {"RSA-2048 verification by C_VerifyUpdate", Kind::uncompared, verificationInParts},
     };

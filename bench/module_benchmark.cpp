@@ -1,14 +1,12 @@
-/// What the module itself costs a host: the scripted device library behind it answers at once. Its own part, a copy of
-/// a list for each question for it, is measured beside it, and so is the log.
+/// What the module itself costs an application: the scripted device library behind it answers at once. Its own part, a
+/// copy of a list for each question for it, is measured beside it, and so is the log.
 
 #include <algorithm>
-#include <iostream>
 #include <memory>
 
-#include "call_benchmarks.h"
 #include "log_level.h"
+#include "measurables.h"
 #include "module.h"
-#include "module_client.h"
 #include "platform/operating_system.h"
 #include "records.h"
 #include "run_folder.h"
@@ -69,60 +67,50 @@ void plugIn(const TokenSize& size) {
     device.unknownCertificateResult = 0;
 }
 
-void registerLibraryBenchmarks() {
+/// The library's own part of what the module does with its lists.
+void addLibraryMeasurables(std::vector<Measurable>& all) {
     for (const std::size_t count : {1U, 10U, 100U, 500U}) {
-        const std::string size = std::to_string(count);
-        registerBenchmark("library's list of key pairs/" + size + "/1", [count]() -> std::function<void()> {
-            enterToken({count, 1});
-            return [] { zentak_getKeyPairList(serialNumber, nullptr); };
-        });
-        registerBenchmark("library's list of certificates/1/" + size, [count]() -> std::function<void()> {
-            enterToken({1, count});
-            return [] { zentak_getCertificateList(serialNumber, nullptr); };
-        });
+        for (const bool ofKeys : {true, false}) {
+            const TokenSize size = ofKeys ? TokenSize{count, 1} : TokenSize{1, count};
+            all.push_back({ofKeys ? "library's list of key pairs" : "library's list of certificates", Kind::other, size,
+                           [=]() -> Work {
+                               enterToken(size);
+                               if (ofKeys) return [] { zentak_getKeyPairList(serialNumber, nullptr); };
+                               return [] { zentak_getCertificateList(serialNumber, nullptr); };
+                           }});
+        }
     }
 }
 
-/// The log level as long as it lives.
-struct LogLevel {
-    explicit LogLevel(int level) { support::setLogLevel(level); }
-    LogLevel(const LogLevel&) = delete;
-    LogLevel& operator=(const LogLevel&) = delete;
-    ~LogLevel() { support::removeLogLevel(); }
-
-    OwnConfiguration configuration;
-};
-
 /// One line of the log at DEBUG level, by what is configured: C_GetSessionInfo has one.
-void registerLogBenchmarks() {
-    registerBenchmark("look for the log level", []() -> std::function<void()> {
-        return [] { static_cast<void>(zentak::platform::readLogLevelByte()); };
-    });
-    const auto withLevel = [](int level) {
-        return [level]() -> std::function<void()> {
-            const Subjects& subjects = enterToken({10, 10});
-            return [work = hostOperation("C_GetSessionInfo").prepare(subjects),
-                    configured = std::make_shared<LogLevel>(level)] { work(); };
-        };
+void addLogMeasurables(std::vector<Measurable>& all) {
+    all.push_back({"look for the log level", Kind::other, ordinary,
+                   [] { return [] { static_cast<void>(zentak::platform::readLogLevelByte()); }; }});
+    const auto withLevel = [&all](const char* name, int level) {
+        all.push_back({name, Kind::other, ordinary, [level]() -> Work {
+                           return [work = operation("C_GetSessionInfo").prepare(enterToken(ordinary)),
+                                   configured = std::make_shared<LogLevel>(level)] { work(); };
+                       }});
     };
-    registerBenchmark("log line left out by level 2", withLevel(support::errorLevel));
-    registerBenchmark("log line written at level 3", withLevel(support::debugLevel));
+    withLevel("log line left out by level 2", support::errorLevel);
+    withLevel("log line written at level 3", support::debugLevel);
+}
+
+void run() {
+    const support::RunFolder folder;
+    useUsualConfiguration();
+    // The one that the program is beside is not the folder of the module, which is where it always is.
+    useModule(support::moduleFile().parent_path().parent_path() / support::moduleFile().filename());
+    usePlugIn(plugIn);
+    std::vector<Measurable> all = callMeasurables();
+    addLibraryMeasurables(all);
+    addLogMeasurables(all);
+    serve(all);
+    leaveToken();
 }
 
 }  // namespace
 
-int main(int argc, char* argv[]) {
-    try {
-        const support::RunFolder folder;
-        useUsualConfiguration();
-        // The one that the program is beside is not the folder of the module, which lies where it always does.
-        useModule(support::moduleFile().parent_path().parent_path() / support::moduleFile().filename());
-        registerCallBenchmarks(plugIn);
-        registerLibraryBenchmarks();
-        registerLogBenchmarks();
-        return runBenchmarks(argc, argv);
-    } catch (const std::exception& problem) {
-        std::cerr << "module_benchmark: " << problem.what() << '\n';
-        return 1;
-    }
+int main() {
+    return runProgram("module_benchmark", run);
 }

@@ -1,24 +1,23 @@
 // Searches, attributes, and changes of what is on a token.
 
-#include <array>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 
-#include "operation_support.h"
+#include "operations.h"
+#include "records.h"
 
 namespace bench {
 
 namespace {
-
-constexpr std::array<unsigned char, 10> p256 = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
 
 Work searchById(const Subjects& subjects) {
     return [&subjects] { findOne(subjects.session, CKO_PRIVATE_KEY, subjects.rsaId); };
 }
 
 Work searchByLabel(const Subjects& subjects) {
-    return [&subjects, label = subjects.rsaLabel]() mutable {
+    return [&subjects, label = "key " + subjects.rsaId]() mutable {
         CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
         const auto handles = find(subjects.session, {entry(CKA_CLASS, objectClass), entry(CKA_LABEL, label)}, 2);
         if (handles.size() != 1) throw std::runtime_error("not one key of that label");
@@ -30,9 +29,10 @@ Work findEverything(const Subjects& subjects) {
     return [&subjects] { find(subjects.session, {}, step); };
 }
 
+using Types = std::vector<CK_ATTRIBUTE_TYPE>;
+
 /// Reads into one area, large enough for any of the values.
-void readAttributes(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
-                    std::initializer_list<CK_ATTRIBUTE_TYPE> types) {
+void readAttributes(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, const Types& types) {
     constexpr CK_ULONG room = 4096;
     static Bytes area(room * 4);
     Template wanted;
@@ -41,30 +41,24 @@ void readAttributes(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
             "C_GetAttributeValue");
 }
 
-Work privateKeyAttributes(const Subjects& subjects) {
-    return [&subjects] {
-        readAttributes(subjects.session, subjects.rsaPrivateKey, {CKA_KEY_TYPE, CKA_ID, CKA_LABEL, CKA_MODULUS});
-    };
-}
-
-Work certificateAttributes(const Subjects& subjects) {
-    return [&subjects] {
-        readAttributes(subjects.session, subjects.certificate, {CKA_ID, CKA_LABEL, CKA_SUBJECT, CKA_VALUE});
-    };
+Operation attributes(const char* name, CK_OBJECT_HANDLE Subjects::*object, const Types& types) {
+    return {name, Kind::other, [=](const Subjects& subjects) -> Work {
+                return [=, &subjects] { readAttributes(subjects.session, subjects.*object, types); };
+            }};
 }
 
 Work listToken(const Subjects& subjects) {
-    return [&subjects] {
+    return [&subjects, types = Types{CKA_CLASS, CKA_ID, CKA_LABEL}] {
         for (const CK_OBJECT_HANDLE object : find(subjects.session, {}, 64)) {
-            readAttributes(subjects.session, object, {CKA_CLASS, CKA_ID, CKA_LABEL});
+            readAttributes(subjects.session, object, types);
         }
     };
 }
 
 Work changeLabel(const Subjects& subjects) {
-    return [&subjects] {
+    return [&subjects, label = "key " + subjects.rsaId] {
         // The label that is there already would be no change.
-        for (std::string changed : {subjects.rsaLabel + ", changed", subjects.rsaLabel}) {
+        for (std::string changed : {label + ", changed", label}) {
             CK_ATTRIBUTE change = entry(CKA_LABEL, changed);
             require(p11().C_SetAttributeValue(subjects.session, subjects.rsaPrivateKey, &change, 1),
                     "C_SetAttributeValue");
@@ -72,11 +66,27 @@ Work changeLabel(const Subjects& subjects) {
     };
 }
 
-Work objectSize(const Subjects& subjects) {
-    return [&subjects] {
-        CK_ULONG size = 0;
-        require(p11().C_GetObjectSize(subjects.session, subjects.certificate, &size), "C_GetObjectSize");
-    };
+/// The templates are for a pair that verifies and signs.
+Operation generateAndDestroy(const char* name, CK_MECHANISM_TYPE generation, CK_KEY_TYPE type,
+                             const std::function<void(support::Template&)>& addSize) {
+    const auto publicKey = std::make_shared<support::Template>();
+    const auto privateKey = std::make_shared<support::Template>();
+    addSize(*publicKey);
+    publicKey->add(CKA_TOKEN, true).add(CKA_VERIFY, true).add(CKA_ID, "generated").add(CKA_LABEL, "generated");
+    privateKey->add(CKA_TOKEN, true).add(CKA_PRIVATE, true).add(CKA_SENSITIVE, true).add(CKA_SIGN, true);
+    privateKey->add(CKA_ID, "generated").add(CKA_LABEL, "generated").addNumber(CKA_KEY_TYPE, type);
+    return {name, Kind::changing, [=](const Subjects& subjects) -> Work {
+                return [=, session = subjects.session] {
+                    CK_MECHANISM mechanism = {generation, nullptr, 0};
+                    CK_OBJECT_HANDLE made[2] = {};
+                    require(p11().C_GenerateKeyPair(session, &mechanism, publicKey->data(), publicKey->count(),
+                                                    privateKey->data(), privateKey->count(), &made[0], &made[1]),
+                            "C_GenerateKeyPair");
+                    for (const CK_OBJECT_HANDLE object : made) {
+                        require(p11().C_DestroyObject(session, object), "C_DestroyObject");
+                    }
+                };
+            }};
 }
 
 /// The last certificate with another signature each time: the same again would be no import. Nobody checks it.
@@ -89,73 +99,43 @@ Work importCertificate(const Subjects& subjects) {
         static std::uint32_t next = 0;
         ++next;
         std::memcpy(der.data() + der.size() - sizeof next, &next, sizeof next);
-        CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
-        CK_CERTIFICATE_TYPE type = CKC_X_509;
-        CK_BBOOL yes = CK_TRUE;
-        std::string id = "imported";
-        Template certificate = {entry(CKA_CLASS, objectClass),
-                                entry(CKA_CERTIFICATE_TYPE, type),
-                                entry(CKA_TOKEN, yes),
-                                entry(CKA_LABEL, id),
-                                entry(CKA_ID, id),
-                                entry(CKA_VALUE, der)};
+        support::Template certificate;
+        certificate.addNumber(CKA_CLASS, CKO_CERTIFICATE).addNumber(CKA_CERTIFICATE_TYPE, CKC_X_509);
+        certificate.add(CKA_TOKEN, true).add(CKA_LABEL, "imported").add(CKA_ID, "imported").add(CKA_VALUE, der);
         CK_OBJECT_HANDLE imported = CK_INVALID_HANDLE;
-        require(p11().C_CreateObject(subjects.session, certificate.data(), static_cast<CK_ULONG>(certificate.size()),
-                                     &imported),
+        require(p11().C_CreateObject(subjects.session, certificate.data(), certificate.count(), &imported),
                 "C_CreateObject");
     };
 }
 
-void generateAndDestroy(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE generation, Template publicTemplate,
-                        CK_KEY_TYPE type) {
-    CK_MECHANISM mechanism = {generation, nullptr, 0};
-    CK_BBOOL yes = CK_TRUE;
-    std::string id = "generated";
-    publicTemplate.insert(publicTemplate.end(),
-                          {entry(CKA_TOKEN, yes), entry(CKA_VERIFY, yes), entry(CKA_ID, id), entry(CKA_LABEL, id)});
-    Template privateTemplate = {entry(CKA_TOKEN, yes),    entry(CKA_PRIVATE, yes), entry(CKA_SENSITIVE, yes),
-                                entry(CKA_SIGN, yes),     entry(CKA_ID, id),       entry(CKA_LABEL, id),
-                                entry(CKA_KEY_TYPE, type)};
-    CK_OBJECT_HANDLE publicKey = CK_INVALID_HANDLE;
-    CK_OBJECT_HANDLE privateKey = CK_INVALID_HANDLE;
-    require(p11().C_GenerateKeyPair(session, &mechanism, publicTemplate.data(),
-                                    static_cast<CK_ULONG>(publicTemplate.size()), privateTemplate.data(),
-                                    static_cast<CK_ULONG>(privateTemplate.size()), &publicKey, &privateKey),
-            "C_GenerateKeyPair");
-    require(p11().C_DestroyObject(session, publicKey), "C_DestroyObject");
-    require(p11().C_DestroyObject(session, privateKey), "C_DestroyObject");
-}
-
-Work generateEc(const Subjects& subjects) {
-    return [&subjects, curve = p256]() mutable {
-        generateAndDestroy(subjects.session, CKM_EC_KEY_PAIR_GEN, {entry(CKA_EC_PARAMS, curve)}, CKK_EC);
-    };
-}
-
-Work generateRsa(const Subjects& subjects) {
+Work objectSize(const Subjects& subjects) {
     return [&subjects] {
-        CK_ULONG bits = 2048;
-        std::array<unsigned char, 3> exponent = {1, 0, 1};
-        generateAndDestroy(subjects.session, CKM_RSA_PKCS_KEY_PAIR_GEN,
-                           {entry(CKA_MODULUS_BITS, bits), entry(CKA_PUBLIC_EXPONENT, exponent)}, CKK_RSA);
+        CK_ULONG size = 0;
+        require(p11().C_GetObjectSize(subjects.session, subjects.certificate, &size), "C_GetObjectSize");
     };
 }
 
 }  // namespace
 
 std::vector<Operation> objectOperations() {
-    using Kind = Operation::Kind;
     return {
         {"search by id", Kind::other, searchById},
         {"search by label", Kind::other, searchByLabel},
-        {"find everything", Kind::wholeToken, findEverything<4096>},
-        {"find everything, 10 at a time", Kind::wholeToken, findEverything<10>},
-        {"4 attributes, private key", Kind::other, privateKeyAttributes},
-        {"4 attributes, certificate", Kind::other, certificateAttributes},
-        {"list with 3 attributes each", Kind::wholeToken, listToken},
+        {"find everything", Kind::other, findEverything<4096>},
+        {"find everything, 10 at a time", Kind::other, findEverything<10>},
+        attributes("4 attributes, private key", &Subjects::rsaPrivateKey,
+                   {CKA_KEY_TYPE, CKA_ID, CKA_LABEL, CKA_MODULUS}),
+        attributes("4 attributes, certificate", &Subjects::certificate, {CKA_ID, CKA_LABEL, CKA_SUBJECT, CKA_VALUE}),
+        {"list with 3 attributes each", Kind::other, listToken},
         {"label changed, changed back", Kind::changing, changeLabel},
-        {"P-256 pair made, destroyed", Kind::changing, generateEc},
-        {"RSA-2048 pair made, destroyed", Kind::changing, generateRsa},
+        generateAndDestroy("P-256 pair made, destroyed", CKM_EC_KEY_PAIR_GEN, CKK_EC,
+                           [](support::Template& key) {
+                               key.add(CKA_EC_PARAMS, {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07});
+                           }),
+        generateAndDestroy("RSA-2048 pair made, destroyed", CKM_RSA_PKCS_KEY_PAIR_GEN, CKK_RSA,
+                           [](support::Template& key) {
+                               key.addNumber(CKA_MODULUS_BITS, 2048).add(CKA_PUBLIC_EXPONENT, {1, 0, 1});
+                           }),
         {"certificate imported", Kind::filling, importCertificate},
         {"C_GetObjectSize", Kind::uncompared, objectSize},
     };

@@ -1,132 +1,112 @@
 // Slots, sessions and logins.
 
-#include "operation_support.h"
+#include "operations.h"
 
 namespace bench {
 
 namespace {
 
-Work sessionInformation(const Subjects& subjects) {
-    return [&subjects] {
-        CK_SESSION_INFO information;
-        require(p11().C_GetSessionInfo(subjects.session, &information), "C_GetSessionInfo");
-    };
+/// An operation that needs nothing prepared: one or two calls. The other result that is as good counts, too.
+Operation calls(const char* name, Kind kind, CK_RV (*function)(const Subjects& subjects), CK_RV asGood = CKR_OK) {
+    return {name, kind, [=](const Subjects& subjects) -> Work {
+                return [=, &subjects] {
+                    const CK_RV result = function(subjects);
+                    if (result != asGood) require(result, name);
+                };
+            }};
 }
 
-Work libraryInformation(const Subjects& /*subjects*/) {
-    return [] {
-        CK_INFO information;
-        require(p11().C_GetInfo(&information), "C_GetInfo");
-    };
+/// An operation with the PIN.
+Operation callsWithPin(const char* name, Kind kind,
+                       CK_RV (*function)(const Subjects& subjects, CK_BYTE_PTR pin, CK_ULONG length)) {
+    return {name, kind, [=](const Subjects& subjects) -> Work {
+                return [=, &subjects, pin = std::string(userPin)]() mutable {
+                    auto* const text = reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data());
+                    require(function(subjects, text, static_cast<CK_ULONG>(pin.size())), name);
+                };
+            }};
 }
 
-Work slotList(const Subjects& /*subjects*/) {
-    return [] {
-        CK_SLOT_ID slots[16];
-        CK_ULONG count = 16;
-        require(p11().C_GetSlotList(CK_TRUE, slots, &count), "C_GetSlotList");
-    };
+CK_RV openAndCloseSession(const Subjects& subjects) {
+    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+    require(p11().C_OpenSession(subjects.slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session), "C_OpenSession");
+    return p11().C_CloseSession(session);
 }
 
-Work tokenInformation(const Subjects& subjects) {
-    return [slot = slotOf(subjects)] {
-        CK_TOKEN_INFO information;
-        require(p11().C_GetTokenInfo(slot, &information), "C_GetTokenInfo");
-    };
+CK_RV slotList(const Subjects& /*subjects*/) {
+    CK_SLOT_ID slots[16];
+    CK_ULONG count = 16;
+    return p11().C_GetSlotList(CK_TRUE, slots, &count);
 }
 
-Work mechanismList(const Subjects& subjects) {
-    return [slot = slotOf(subjects)] {
-        CK_MECHANISM_TYPE mechanisms[256];
-        CK_ULONG count = 256;
-        require(p11().C_GetMechanismList(slot, mechanisms, &count), "C_GetMechanismList");
-    };
+CK_RV mechanismList(const Subjects& subjects) {
+    CK_MECHANISM_TYPE mechanisms[256];
+    CK_ULONG count = 256;
+    return p11().C_GetMechanismList(subjects.slot, mechanisms, &count);
 }
 
-Work slotInformation(const Subjects& subjects) {
-    return [slot = slotOf(subjects)] {
-        CK_SLOT_INFO information;
-        require(p11().C_GetSlotInfo(slot, &information), "C_GetSlotInfo");
-    };
+template <auto function, auto subject, typename Information>
+CK_RV information(const Subjects& subjects) {
+    Information answer;
+    return (p11().*function)(subjects.*subject, &answer);
 }
 
-Work mechanismInformation(const Subjects& subjects) {
-    return [slot = slotOf(subjects)] {
-        CK_MECHANISM_INFO information;
-        require(p11().C_GetMechanismInfo(slot, CKM_ECDSA, &information), "C_GetMechanismInfo");
-    };
+CK_RV libraryInformation(const Subjects& /*subjects*/) {
+    CK_INFO information;
+    return p11().C_GetInfo(&information);
 }
 
-Work functionList(const Subjects& /*subjects*/) {
-    return [] {
-        CK_FUNCTION_LIST* list = nullptr;
-        require(p11().C_GetFunctionList(&list), "C_GetFunctionList");
-    };
+CK_RV functionList(const Subjects& /*subjects*/) {
+    CK_FUNCTION_LIST* list = nullptr;
+    return p11().C_GetFunctionList(&list);
 }
 
-/// Nothing has happened since the first question.
-Work slotEvent(const Subjects& /*subjects*/) {
-    CK_SLOT_ID slot = 0;
-    p11().C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
-    return [] {
-        CK_SLOT_ID changed = 0;
-        const CK_RV result = p11().C_WaitForSlotEvent(CKF_DONT_BLOCK, &changed, nullptr);
-        if (result != CKR_NO_EVENT) require(result, "C_WaitForSlotEvent");
-    };
+CK_RV mechanismInformation(const Subjects& subjects) {
+    CK_MECHANISM_INFO information;
+    return p11().C_GetMechanismInfo(subjects.slot, CKM_ECDSA, &information);
 }
 
-Work logoutAndLogin(const Subjects& subjects) {
-    return [&subjects, pin = std::string(userPin)]() mutable {
-        require(p11().C_Logout(subjects.session), "C_Logout");
-        require(p11().C_Login(subjects.session, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()),
-                              static_cast<CK_ULONG>(pin.size())),
-                "C_Login");
-    };
-}
-
-/// The PIN stays the same, which is a change all the same.
-Work changePin(const Subjects& subjects) {
-    return [&subjects, pin = std::string(userPin)]() mutable {
-        auto* const text = reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data());
-        const auto length = static_cast<CK_ULONG>(pin.size());
-        require(p11().C_SetPIN(subjects.session, text, length, text, length), "C_SetPIN");
-    };
+/// Only the first question finds that something has happened: the token was there.
+CK_RV slotEvent(const Subjects& /*subjects*/) {
+    CK_SLOT_ID changed = 0;
+    return p11().C_WaitForSlotEvent(CKF_DONT_BLOCK, &changed, nullptr);
 }
 
 /// Any of those that the module has for completeness only.
-Work unsupportedFunction(const Subjects& subjects) {
-    return [&subjects] {
-        const CK_RV result = p11().C_SeedRandom(subjects.session, nullptr, 0);
-        if (result != CKR_FUNCTION_NOT_SUPPORTED) require(result, "C_SeedRandom");
-    };
+CK_RV seedRandom(const Subjects& subjects) {
+    return p11().C_SeedRandom(subjects.session, nullptr, 0);
 }
 
-Work openAndCloseSession(const Subjects& subjects) {
-    return [slot = slotOf(subjects)] {
-        CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
-        require(p11().C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session), "C_OpenSession");
-        require(p11().C_CloseSession(session), "C_CloseSession");
-    };
+CK_RV logoutAndLogin(const Subjects& subjects, CK_BYTE_PTR pin, CK_ULONG length) {
+    require(p11().C_Logout(subjects.session), "C_Logout");
+    return p11().C_Login(subjects.session, CKU_USER, pin, length);
+}
+
+/// The PIN stays the same, which is a change all the same: the next login costs what an ordinary token's does.
+CK_RV changePin(const Subjects& subjects, CK_BYTE_PTR pin, CK_ULONG length) {
+    return p11().C_SetPIN(subjects.session, pin, length, pin, length);
 }
 
 }  // namespace
 
 std::vector<Operation> sessionOperations() {
-    using Kind = Operation::Kind;
     return {
-        {"C_OpenSession, C_CloseSession", Kind::other, openAndCloseSession},
-        {"C_GetSlotList", Kind::stored, slotList},
-        {"C_GetTokenInfo", Kind::stored, tokenInformation},
-        {"C_GetMechanismList", Kind::stored, mechanismList},
-        {"C_GetSessionInfo", Kind::stored, sessionInformation},
-        {"C_GetInfo", Kind::stored, libraryInformation},
-        {"C_GetFunctionList", Kind::uncompared, functionList},
-        {"C_GetSlotInfo", Kind::uncompared, slotInformation},
-        {"C_GetMechanismInfo", Kind::uncompared, mechanismInformation},
-        {"C_WaitForSlotEvent, no event", Kind::uncompared, slotEvent},
-        {"C_Logout, C_Login", Kind::uncompared, logoutAndLogin},
-        {"C_SetPIN", Kind::uncompared, changePin},
-        {"C_SeedRandom, not supported", Kind::uncompared, unsupportedFunction},
+        calls("C_OpenSession, C_CloseSession", Kind::other, openAndCloseSession),
+        calls("C_GetSlotList", Kind::stored, slotList),
+        calls("C_GetTokenInfo", Kind::stored,
+              information<&CK_FUNCTION_LIST::C_GetTokenInfo, &Subjects::slot, CK_TOKEN_INFO>),
+        calls("C_GetMechanismList", Kind::stored, mechanismList),
+        calls("C_GetSessionInfo", Kind::stored,
+              information<&CK_FUNCTION_LIST::C_GetSessionInfo, &Subjects::session, CK_SESSION_INFO>),
+        calls("C_GetInfo", Kind::stored, libraryInformation),
+        calls("C_GetFunctionList", Kind::uncompared, functionList),
+        calls("C_GetSlotInfo", Kind::uncompared,
+              information<&CK_FUNCTION_LIST::C_GetSlotInfo, &Subjects::slot, CK_SLOT_INFO>),
+        calls("C_GetMechanismInfo", Kind::uncompared, mechanismInformation),
+        calls("C_WaitForSlotEvent, no event", Kind::uncompared, slotEvent, CKR_NO_EVENT),
+        callsWithPin("C_Logout, C_Login", Kind::waiting, logoutAndLogin),
+        callsWithPin("C_SetPIN", Kind::filling, changePin),
+        calls("C_SeedRandom, not supported", Kind::uncompared, seedRandom, CKR_FUNCTION_NOT_SUPPORTED),
     };
 }
 

@@ -1,10 +1,11 @@
 #include "token_stores.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <stdexcept>
 
-#include "module_client.h"
 #include "platform/files.h"
 #include "run_folder.h"
 #include "test_certificates.h"
@@ -53,15 +54,15 @@ std::vector<softtoken::Bytes> makeCertificates(const Keys& keys) {
     return certificates;
 }
 
-TokenStore::TokenStore(const Keys& keys, std::size_t count, std::span<const softtoken::Bytes> certificates)
-    : root(support::runFolder() / ("tokens-" + std::to_string(count) + "-" + std::to_string(certificates.size()))) {
-    softtoken::Store store(root);
+void makeStore(const std::filesystem::path& folder, const Keys& keys, std::size_t count,
+               std::span<const softtoken::Bytes> certificates) {
+    softtoken::Store store(folder);
     softtoken::NewToken settings;
     settings.label = "Benchmark";
     settings.model = "ZS1 Software";
     settings.userPin = userPin;
     settings.derivation = softtoken::KeyDerivation::scrypt(1);
-    serialNumber = softtoken::createToken(store, settings);
+    const std::string serialNumber = softtoken::createToken(store, settings);
     const softtoken::SecretBytes tokenKey = store.checkPin(serialNumber, softtoken::Role::user, userPin);
     store.change(serialNumber, [&](softtoken::TokenData& token) {
         for (std::size_t i = 0; i < std::max(count, certificates.size()); ++i) {
@@ -75,12 +76,27 @@ TokenStore::TokenStore(const Keys& keys, std::size_t count, std::span<const soft
     });
 }
 
-void TokenStore::use() const {
-    support::setEnvironment("ZENTAK_TOKENS", root.string());
+const Keys& allKeys() {
+    static const Keys keys = makeKeys(500);
+    return keys;
 }
 
-std::size_t TokenStore::fileSize() const {
-    return std::filesystem::file_size(softtoken::Store(root).pluggedTokenFile(serialNumber));
+void plugInSoftwareToken(const TokenSize& size) {
+    static const std::vector<softtoken::Bytes> certificates = makeCertificates(allKeys());
+    const std::filesystem::path folder =
+        support::runFolder() / ("tokens-" + std::to_string(size.keyPairs) + "-" + std::to_string(size.certificates));
+    if (size == fillable) std::filesystem::remove_all(folder);
+    if (!std::filesystem::exists(folder)) {
+        makeStore(folder, allKeys(), size.keyPairs, std::span(certificates).first(size.certificates));
+    }
+    support::setEnvironment("ZENTAK_TOKENS", folder.string());
+}
+
+std::size_t tokenFileSize() {
+    for (const auto& file : std::filesystem::recursive_directory_iterator(std::getenv("ZENTAK_TOKENS"))) {
+        if (file.path().filename() == "token") return file.file_size();
+    }
+    throw std::runtime_error("no token is plugged in");
 }
 
 }  // namespace bench

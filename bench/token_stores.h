@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "keys/keys.h"
+#include "measurables.h"
 
 namespace bench {
 
@@ -22,19 +23,20 @@ Keys makeKeys(std::size_t count);
 /// A certificate for each key, in DER.
 std::vector<softtoken::Bytes> makeCertificates(const Keys& keys);
 
-/// A store in the program's run folder, with one token that holds the first `count` of the keys, and the certificates
-/// under the CKA_ID and label of their keys. A PIN's key derivation costs next to nothing.
-struct TokenStore {
-    TokenStore(const Keys& keys, std::size_t count, std::span<const softtoken::Bytes> certificates = {});
+/// Makes a store in a folder, with one token that holds the first `count` of the keys, and the certificates under the
+/// CKA_ID and label of their keys. A PIN's key derivation costs next to nothing.
+void makeStore(const std::filesystem::path& folder, const Keys& keys, std::size_t count,
+               std::span<const softtoken::Bytes> certificates);
 
-    /// Makes it the store of modules that are initialised from now on, and of processes started from now on.
-    void use() const;
-    /// Of the token's file, in bytes.
-    [[nodiscard]] std::size_t fileSize() const;
+/// The keys of all tokens that `plugInSoftwareToken` makes.
+const Keys& allKeys();
 
-    std::filesystem::path root;
-    std::string serialNumber;
-};
+/// Makes a token of that size in the program's run folder the one of modules that are initialised from now on. Each is
+/// made once, but for the one that is filled.
+void plugInSoftwareToken(const TokenSize& size);
+
+/// The file of the token that is plugged in, in bytes.
+std::size_t tokenFileSize();
 
 }  // namespace bench
 

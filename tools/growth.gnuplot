@@ -13,7 +13,7 @@ set key top left
 array names[4] = ["search by id", "find everything", "4 attributes, private key", "RSA-2048 signature"]
 do for [part in "module token"] {
     set title (part eq "module" ? "The module alone" : "With the software token")
-    plot for [i = 0:3] results."/growth-".part.".tsv" index i using 1:2:3:4 with yerrorlines pt 7 ps 0.5 lc i + 1 \
+    plot for [i = 0:3] results."/growth-".part.".points" index i using 1:2:3:4 with yerrorlines pt 7 ps 0.5 lc i + 1 \
          title names[i + 1]
 }
 unset multiplot
