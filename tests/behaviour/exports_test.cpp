@@ -14,7 +14,7 @@ using namespace support;
 using behaviour::AnyFunction;
 using behaviour::everyFunction;
 
-TEST(Exports, theListPointsAtTheExportedFunctions) {
+TEST(ExportsTest, TheListPointsAtTheExportedFunctions) {
     std::set<void*> different;
     for (const AnyFunction& function : everyFunction()) {
         EXPECT_EQ(moduleSymbol(function.name), function.listed) << function.name;
@@ -25,7 +25,7 @@ TEST(Exports, theListPointsAtTheExportedFunctions) {
 }
 
 /// Hosts read the list by offset: the version, then the pointers, in the order of the standard.
-TEST(Exports, theListHasTheStandardLayout) {
+TEST(ExportsTest, TheListHasTheStandardLayout) {
     const auto* const begin = reinterpret_cast<const unsigned char*>(&functions());
     std::size_t offset = sizeof(CK_FUNCTION_LIST) - 68 * sizeof(void*);
 #if defined(ZENTAK_WINDOWS_CRYPTOKI)
@@ -42,7 +42,7 @@ TEST(Exports, theListHasTheStandardLayout) {
 }
 
 #if !defined(_WIN32)
-TEST(Exports, aHostWithFunctionsOfTheSameNamesChangesNothing) {
+TEST(ExportsTest, AHostWithFunctionsOfTheSameNamesChangesNothing) {
 #if defined(ZENTAK_WINDOWS_CRYPTOKI)
     const ChildResult result = runChild(programFile().parent_path() / "interposing_host_windows_form", {});
 #else

@@ -29,7 +29,7 @@ struct Scenario {
     std::function<CK_RV()> act;
 };
 
-class FailingWorld : public ModuleTest {
+class FailingWorldTest : public ModuleTest {
 protected:
     void plugInTokens() override {
         plugIn(makeTokenInfo("SN1"));
@@ -92,7 +92,7 @@ private:
     CK_ECDH1_DERIVE_PARAMS parameters_ = {CKD_SHA1_KDF, 0, nullptr, sizeof point_, point_};
 };
 
-std::vector<Scenario> FailingWorld::scenarios() {
+std::vector<Scenario> FailingWorldTest::scenarios() {
     const auto nothing = [] {};
     std::vector<Scenario> all = {
         {"C_Initialize", [&] { expectOk(api.C_Finalize(nullptr)); },
@@ -206,7 +206,7 @@ std::vector<Scenario> FailingWorld::scenarios() {
     return all;
 }
 
-std::vector<Scenario> FailingWorld::cryptographicScenarios() {
+std::vector<Scenario> FailingWorldTest::cryptographicScenarios() {
     const auto nothing = [] {};
     constexpr CK_OBJECT_HANDLE key = privateKeyBase + 1;
     const auto signInit = [&] { expectOk(api.C_SignInit(session, mechanism(CKM_SHA256_RSA_PKCS), key)); };
@@ -286,7 +286,7 @@ bool isIgnored(const std::string& scenario, const std::string& operation) {
     return scenario == "C_DeriveKey" && operation.find("Hash") != std::string::npos;
 }
 
-TEST_F(FailingWorld, everyDeviceCall) {
+TEST_F(FailingWorldTest, EveryDeviceCall) {
     struct Failure {
         int result;
         Throw thrown;
@@ -360,7 +360,7 @@ private:
 
 /// No memory for the name of the program, which is too long for a text without an allocation: the line is written under
 /// the fixed name, and the host goes on.
-TEST_F(FailingWorld, noMemoryForTheProcessName) {
+TEST_F(FailingWorldTest, NoMemoryForTheProcessName) {
     ASSERT_GT(processName().size(), std::string().capacity());
     const ShortTemporaryFolder folder;
     std::filesystem::create_directory(logFolder("ZentakKey Interface"));
@@ -390,7 +390,7 @@ TEST_F(FailingWorld, noMemoryForTheProcessName) {
 }
 
 /// Neither the parent nor the child nor the child's child has any: the module begins anew all the same.
-TEST_F(FailingWorld, aForkWithoutMemory) {
+TEST_F(FailingWorldTest, AForkWithoutMemory) {
     const ShortTemporaryFolder folder;
     beginAgain();
     CK_INFO info;
@@ -421,7 +421,7 @@ TEST_F(FailingWorld, aForkWithoutMemory) {
 }
 
 /// Where the libraries share their memory with the host; a Windows build has its own inside.
-TEST_F(FailingWorld, everyAllocation) {
+TEST_F(FailingWorldTest, EveryAllocation) {
     const ShortTemporaryFolder folder;
     constexpr int mostAllocations = 2000;
     int failures = 0;

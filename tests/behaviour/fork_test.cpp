@@ -17,7 +17,7 @@ namespace {
 
 using namespace support;
 
-class Fork : public ModuleTest {
+class ForkTest : public ModuleTest {
 protected:
     /// Runs `child` in a forked process; its answer is the exit code, 255 for a child that didn't come to it.
     template <typename Child>
@@ -33,7 +33,7 @@ protected:
     }
 };
 
-TEST_F(Fork, theChildIsUninitialised) {
+TEST_F(ForkTest, TheChildIsUninitialised) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session);
     EXPECT_EQ(exitCodeOf([&] {
@@ -50,7 +50,7 @@ TEST_F(Fork, theChildIsUninitialised) {
     EXPECT_EQ(stateOf(session), CKS_RW_USER_FUNCTIONS);
 }
 
-TEST_F(Fork, theChildStartsAModuleOfItsOwn) {
+TEST_F(ForkTest, TheChildStartsAModuleOfItsOwn) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session);
     EXPECT_EQ(exitCodeOf([] {
@@ -79,7 +79,7 @@ TEST_F(Fork, theChildStartsAModuleOfItsOwn) {
 }
 
 /// A fork waits for what other threads have under way in the device library: the child doesn't get half of it.
-class ForkBesideACall : public Fork {
+class ForkBesideACallTest : public ForkTest {
 protected:
     /// Lets the next call of the operation take half a second; gives back whether one is in the middle of it.
     static const std::atomic<bool>& slowDown(const std::string& operation) {
@@ -101,13 +101,13 @@ protected:
     }
 };
 
-TEST_F(ForkBesideACall, waitsForTheMonitor) {
+TEST_F(ForkBesideACallTest, WaitsForTheMonitor) {
     const std::atomic<bool>& inside = slowDown("poll");
     waitFor(inside);
     EXPECT_EQ(exitCodeOf([&] { return inside ? 1 : 0; }), 0);
 }
 
-TEST_F(ForkBesideACall, waitsForAnotherThread) {
+TEST_F(ForkBesideACallTest, WaitsForAnotherThread) {
     const CK_SESSION_HANDLE session = openSession();
     const std::atomic<bool>& inside = slowDown("zentak_generateRamdomNumber");
     std::thread caller([session] {
@@ -121,7 +121,7 @@ TEST_F(ForkBesideACall, waitsForAnotherThread) {
 
 /// A device library that forks while it is called, to start a helper perhaps. Everything happens in a child of the
 /// tests, which can be given up when it hangs.
-class ForkInside : public Fork {
+class ForkInsideTest : public ForkTest {
 protected:
     /// The process that the library has forked: 0 there, -1 before.
     static pid_t& forked() {
@@ -196,7 +196,7 @@ protected:
     }
 };
 
-TEST_F(ForkInside, aCall) {
+TEST_F(ForkInsideTest, ACall) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     for (const char* operation : {"zentak_createInstance", "zentak_getConnectedDeviceList", "zentak_getTokenInfo",
                                   "zentak_validatePassword", "zentak_releaseInstance"}) {
@@ -208,7 +208,7 @@ TEST_F(ForkInside, aCall) {
 }
 
 /// While the monitor is in the middle of its look, and will want the lock of the call that forks.
-TEST_F(ForkInside, aCallBesideTheMonitorsLook) {
+TEST_F(ForkInsideTest, ACallBesideTheMonitorsLook) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     EXPECT_EQ(exitCodeOf([&] {
                   static std::atomic<bool> looking = false;
@@ -228,7 +228,7 @@ TEST_F(ForkInside, aCallBesideTheMonitorsLook) {
               0);
 }
 
-TEST_F(ForkInside, theMonitorsLook) {
+TEST_F(ForkInsideTest, TheMonitorsLook) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     for (const bool childReturns : {false, true}) {
         EXPECT_EQ(exitCodeOf([&] {
@@ -260,7 +260,7 @@ TEST_F(ForkInside, theMonitorsLook) {
 #if !defined(ZENTAK_SANITIZED)
 /// Whatever the parent's threads are doing at that moment. Not with a sanitizer, whose own allocator a thread may have
 /// locked then: in the child it stays locked.
-TEST_F(Fork, whileOtherThreadsUseTheModule) {
+TEST_F(ForkTest, WhileOtherThreadsUseTheModule) {
     std::atomic<bool> done = false;
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {

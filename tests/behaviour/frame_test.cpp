@@ -15,7 +15,7 @@ using behaviour::everyVendorExtension;
 using behaviour::VendorExtension;
 
 /// The module before C_Initialize.
-class Uninitialised : public ModuleTest {
+class UninitialisedTest : public ModuleTest {
 protected:
     void SetUp() override {
         device().reset();
@@ -26,7 +26,7 @@ protected:
     }
 };
 
-class Frame : public ModuleTest {};
+class FrameTest : public ModuleTest {};
 
 CK_SLOT_INFO slotInfoPattern() {
     return filledWith<CK_SLOT_INFO>(0xA5);
@@ -34,13 +34,13 @@ CK_SLOT_INFO slotInfoPattern() {
 
 // --- Starting -------------------------------------------------------------------------------------------------------
 
-TEST_F(Uninitialised, initializeCreatesAnInstance) {
+TEST_F(UninitialisedTest, InitializeCreatesAnInstance) {
     EXPECT_EQ(functions().C_Initialize(nullptr), CKR_OK);
     EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize"}));
     EXPECT_EQ(calls(), (Lines{"zentak_createInstance(out)"}));
 }
 
-TEST_F(Uninitialised, initializeIgnoresApplicationLockingAndReservedFields) {
+TEST_F(UninitialisedTest, InitializeIgnoresApplicationLockingAndReservedFields) {
     CK_C_INITIALIZE_ARGS arguments = {};
     arguments.flags = CKF_LIBRARY_CANT_CREATE_OS_THREADS;
     arguments.pReserved = &arguments;
@@ -48,12 +48,12 @@ TEST_F(Uninitialised, initializeIgnoresApplicationLockingAndReservedFields) {
     EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize"}));
 }
 
-TEST_F(Uninitialised, initializeNeverReadsItsArgument) {
+TEST_F(UninitialisedTest, InitializeNeverReadsItsArgument) {
     EXPECT_EQ(functions().C_Initialize(reinterpret_cast<CK_VOID_PTR>(std::uintptr_t{1})), CKR_OK);
     EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize"}));
 }
 
-TEST_F(Frame, initializeTwiceIsRefusedAndKeepsTheFirstInstance) {
+TEST_F(FrameTest, InitializeTwiceIsRefusedAndKeepsTheFirstInstance) {
     const CK_SESSION_HANDLE session = openSession();
     EXPECT_EQ(functions().C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
     EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize", "ERROR C_Initialize: already initialized"}));
@@ -65,7 +65,7 @@ TEST_F(Frame, initializeTwiceIsRefusedAndKeepsTheFirstInstance) {
     EXPECT_EQ(calls(), (Lines{"zentak_getConnectedDeviceList(false, instance)"}));
 }
 
-TEST_F(Uninitialised, initializeWithoutAnInstanceSaysOkAndStaysUninitialised) {
+TEST_F(UninitialisedTest, InitializeWithoutAnInstanceSaysOkAndStaysUninitialised) {
     device().givesInstance = false;
     EXPECT_EQ(functions().C_Initialize(nullptr), CKR_OK);
     EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize", "ERROR Init pkcs11 library failed failed"}));
@@ -87,13 +87,13 @@ TEST_F(Uninitialised, initializeWithoutAnInstanceSaysOkAndStaysUninitialised) {
 
 // --- Stopping -------------------------------------------------------------------------------------------------------
 
-TEST_F(Uninitialised, finalizeIsRefused) {
+TEST_F(UninitialisedTest, FinalizeIsRefused) {
     EXPECT_EQ(functions().C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
     EXPECT_EQ(log(), (Lines{"DEBUG C_Finalize", "ERROR C_Finalize: not initialized"}));
     EXPECT_EQ(calls(), Lines{});
 }
 
-TEST_F(Frame, finalizeReleasesTheInstance) {
+TEST_F(FrameTest, FinalizeReleasesTheInstance) {
     EXPECT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     EXPECT_EQ(log(), (Lines{"DEBUG C_Finalize", "DEBUG Monitor thread joined (stopDeviceMonitor).",
                             "DEBUG C_Finalize completed successfully."}));
@@ -102,13 +102,13 @@ TEST_F(Frame, finalizeReleasesTheInstance) {
     EXPECT_EQ(functions().C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
-TEST_F(Frame, finalizeIgnoresItsArgument) {
+TEST_F(FrameTest, FinalizeIgnoresItsArgument) {
     EXPECT_EQ(functions().C_Finalize(reinterpret_cast<CK_VOID_PTR>(std::uintptr_t{1})), CKR_OK);
     EXPECT_EQ(log(), (Lines{"DEBUG C_Finalize", "DEBUG Monitor thread joined (stopDeviceMonitor).",
                             "DEBUG C_Finalize completed successfully."}));
 }
 
-TEST_F(Frame, finalizeForgetsSlotsSessionsAndThePassword) {
+TEST_F(FrameTest, FinalizeForgetsSlotsSessionsAndThePassword) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     openSession();
     login(session);
@@ -130,7 +130,7 @@ TEST_F(Frame, finalizeForgetsSlotsSessionsAndThePassword) {
     EXPECT_EQ(calls(), (Lines{"zentak_validatePassword(\"SN1\", \"1234\", 1, *0, instance)"}));
 }
 
-TEST_F(Frame, aNewInstanceIsUsedAfterARestart) {
+TEST_F(FrameTest, ANewInstanceIsUsedAfterARestart) {
     for (int i = 0; i < 3; ++i) {
         ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
         ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
@@ -143,7 +143,7 @@ TEST_F(Frame, aNewInstanceIsUsedAfterARestart) {
 
 // --- Identity -------------------------------------------------------------------------------------------------------
 
-TEST_F(Frame, getInfoWritesItsFieldsAndNothingElse) {
+TEST_F(FrameTest, GetInfoWritesItsFieldsAndNothingElse) {
     CK_INFO info = filledWith<CK_INFO>(0xFF);
     CK_INFO expected = filledWith<CK_INFO>(0xFF);
     expected.cryptokiVersion = {2, 20};
@@ -158,12 +158,12 @@ TEST_F(Frame, getInfoWritesItsFieldsAndNothingElse) {
     EXPECT_EQ(calls(), Lines{});
 }
 
-TEST_F(Frame, getInfoRefusesANullPointer) {
+TEST_F(FrameTest, GetInfoRefusesANullPointer) {
     EXPECT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
     EXPECT_EQ(log(), (Lines{"DEBUG C_GetInfo", "ERROR C_GetInfo: pInfo is NULL"}));
 }
 
-TEST_F(Frame, errorLevelLeavesTheRefusalsAlone) {
+TEST_F(FrameTest, ErrorLevelLeavesTheRefusalsAlone) {
     setLogLevel(errorLevel);
     EXPECT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
     CK_INFO info;
@@ -171,7 +171,7 @@ TEST_F(Frame, errorLevelLeavesTheRefusalsAlone) {
     EXPECT_EQ(log(), (Lines{"ERROR C_GetInfo: pInfo is NULL"}));
 }
 
-TEST_F(Uninitialised, getInfoLeavesTheCallersBufferAlone) {
+TEST_F(UninitialisedTest, GetInfoLeavesTheCallersBufferAlone) {
     CK_INFO info = filledWith<CK_INFO>(0xFF);
     EXPECT_EQ(functions().C_GetInfo(&info), CKR_CRYPTOKI_NOT_INITIALIZED);
     EXPECT_EQ(bytesOf(info), Bytes(sizeof info, 0xFF));
@@ -180,7 +180,7 @@ TEST_F(Uninitialised, getInfoLeavesTheCallersBufferAlone) {
 
 // --- The function list ----------------------------------------------------------------------------------------------
 
-TEST_F(Uninitialised, getFunctionListNeedsNoInitialisation) {
+TEST_F(UninitialisedTest, GetFunctionListNeedsNoInitialisation) {
     CK_FUNCTION_LIST_PTR list = nullptr;
     const CK_C_GetFunctionList getFunctionList = functions().C_GetFunctionList;
     clear();
@@ -191,12 +191,12 @@ TEST_F(Uninitialised, getFunctionListNeedsNoInitialisation) {
     EXPECT_EQ(+list->version.minor, 20);
 }
 
-TEST_F(Uninitialised, getFunctionListRefusesANullPointer) {
+TEST_F(UninitialisedTest, GetFunctionListRefusesANullPointer) {
     EXPECT_EQ(functions().C_GetFunctionList(nullptr), CKR_ARGUMENTS_BAD);
     EXPECT_EQ(log(), (Lines{"DEBUG C_GetFunctionList", "ERROR C_GetFunctionList: ppFunctionList is NULL"}));
 }
 
-TEST_F(Frame, getFunctionListAnswersTheSameWhenInitialised) {
+TEST_F(FrameTest, GetFunctionListAnswersTheSameWhenInitialised) {
     CK_FUNCTION_LIST_PTR list = nullptr;
     EXPECT_EQ(functions().C_GetFunctionList(&list), CKR_OK);
     EXPECT_EQ(list, &functions());
@@ -207,7 +207,7 @@ TEST_F(Frame, getFunctionListAnswersTheSameWhenInitialised) {
 
 // --- What all have in common ----------------------------------------------------------------------------------------
 
-TEST_F(Uninitialised, everySupportedFunctionSaysSoBeforeAnythingElse) {
+TEST_F(UninitialisedTest, EverySupportedFunctionSaysSoBeforeAnythingElse) {
     for (const AnyFunction& function : everyFunction()) {
         if (!function.supported || function.name == "C_Initialize" || function.name == "C_GetFunctionList") {
             continue;
@@ -246,15 +246,15 @@ void expectUnsupported() {
     EXPECT_EQ(unsupported, std::set<std::string>{});
 }
 
-TEST_F(Uninitialised, unsupportedFunctionsOnlyLogTheirName) {
+TEST_F(UninitialisedTest, UnsupportedFunctionsOnlyLogTheirName) {
     expectUnsupported();
 }
 
-TEST_F(Frame, unsupportedFunctionsOnlyLogTheirName) {
+TEST_F(FrameTest, UnsupportedFunctionsOnlyLogTheirName) {
     expectUnsupported();
 }
 
-TEST_F(Frame, vendorExtensionsAreUnsupported) {
+TEST_F(FrameTest, VendorExtensionsAreUnsupported) {
     CK_ULONG first = 0x11;
     CK_ULONG second = 0x22;
     for (const VendorExtension& extension : everyVendorExtension()) {
@@ -278,7 +278,7 @@ TEST_F(Frame, vendorExtensionsAreUnsupported) {
     EXPECT_EQ(second, 0x22U);
 }
 
-TEST_F(Uninitialised, vendorExtensionsNeedNoInitialisation) {
+TEST_F(UninitialisedTest, VendorExtensionsNeedNoInitialisation) {
     for (const VendorExtension& extension : everyVendorExtension()) {
         void* const symbol = moduleSymbol(extension.symbol);
         ASSERT_NE(symbol, nullptr) << extension.symbol;
@@ -292,7 +292,7 @@ TEST_F(Uninitialised, vendorExtensionsNeedNoInitialisation) {
 }
 
 /// A refused call leaves what the caller handed in as it was.
-TEST_F(Uninitialised, outParametersAreUntouched) {
+TEST_F(UninitialisedTest, OutParametersAreUntouched) {
     CK_ULONG count = 0x77;
     CK_SLOT_ID slot = 0x77;
     EXPECT_EQ(functions().C_GetSlotList(CK_TRUE, &slot, &count), CKR_CRYPTOKI_NOT_INITIALIZED);

@@ -21,7 +21,7 @@ namespace {
 using namespace support;
 namespace fs = std::filesystem;
 
-class LogFailure : public LogTest {
+class LogFailureTest : public LogTest {
 protected:
     void plugInTokens() override {
         plugIn(makeTokenInfo("SN1"));
@@ -155,12 +155,12 @@ protected:
     }
 };
 
-TEST_F(LogFailure, theFoldersAreDeleted) {
+TEST_F(LogFailureTest, TheFoldersAreDeleted) {
     expectUnharmed([] { fs::remove_all(vendorFolder()); }, [] {});
     expectUnharmed([] { fs::remove_all(logFolder()); }, [] {});  // the lines make them again
 }
 
-TEST_F(LogFailure, aFileIsInTheWayOfAFolder) {
+TEST_F(LogFailureTest, AFileIsInTheWayOfAFolder) {
     for (const fs::path& folder : {vendorFolder(), logFolder()}) {
         expectUnharmed(
             [&] {
@@ -175,12 +175,12 @@ TEST_F(LogFailure, aFileIsInTheWayOfAFolder) {
     }
 }
 
-TEST_F(LogFailure, aFolderIsInTheWayOfTheFile) {
+TEST_F(LogFailureTest, AFolderIsInTheWayOfTheFile) {
     expectUnharmedByFilesLike([](const fs::path& file) { fs::create_directory(file); });
 }
 
 /// Wherever in a call the level changes, from every level to every other.
-TEST_F(LogFailure, theLevelChangesUnderWay) {
+TEST_F(LogFailureTest, TheLevelChangesUnderWay) {
     expectUnharmed([] {}, [] {});
     device().takeCalls();
     ASSERT_EQ(work(), codesOfWork);
@@ -202,7 +202,7 @@ TEST_F(LogFailure, theLevelChangesUnderWay) {
 }
 
 #if !defined(_WIN32)
-TEST_F(LogFailure, aLinkIsInThePlaceOfTheFile) {
+TEST_F(LogFailureTest, ALinkIsInThePlaceOfTheFile) {
     const fs::path target = runFolder() / "elsewhere";
     std::ofstream(target).close();
     expectUnharmedByFilesLike([&](const fs::path& file) { fs::create_symlink(target, file); });
@@ -213,7 +213,7 @@ TEST_F(LogFailure, aLinkIsInThePlaceOfTheFile) {
 }
 
 /// Whether somebody reads from it or not: the host neither waits nor is ended by a signal.
-TEST_F(LogFailure, aPipeIsInThePlaceOfTheFile) {
+TEST_F(LogFailureTest, APipeIsInThePlaceOfTheFile) {
     const auto makePipe = [](const fs::path& file) { ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); };
     expectUnharmedByFilesLike(makePipe);
 
@@ -229,7 +229,7 @@ TEST_F(LogFailure, aPipeIsInThePlaceOfTheFile) {
     fs::remove(pipe);
 }
 
-TEST_F(LogFailure, aPipeIsInThePlaceOfTheLevel) {
+TEST_F(LogFailureTest, APipeIsInThePlaceOfTheLevel) {
     removeLogLevel();
     const fs::path level = runFolder() / "config" / "logLevel";
     ASSERT_EQ(mkfifo(level.c_str(), 0600), 0);
@@ -239,7 +239,7 @@ TEST_F(LogFailure, aPipeIsInThePlaceOfTheLevel) {
 }
 
 /// Rights that keep the host's user from writing, from the temporary folder down to the file.
-TEST_F(LogFailure, theUserMayNotWrite) {
+TEST_F(LogFailureTest, TheUserMayNotWrite) {
     const fs::path base = temporaryFolder();
     inChild([&] {
         for (const fs::path& closed : {base, vendorFolder(), logFolder(), logFiles()[0]}) {
@@ -267,7 +267,7 @@ TEST_F(LogFailure, theUserMayNotWrite) {
 }
 
 /// The log would go to the root of the file system, where the user may not write.
-TEST_F(LogFailure, theTemporaryFolderIsMissing) {
+TEST_F(LogFailureTest, TheTemporaryFolderIsMissing) {
     inChild([&] {
         const fs::path before = temporaryFolder();
         std::optional<OrdinaryUser> user;
@@ -283,7 +283,7 @@ TEST_F(LogFailure, theTemporaryFolderIsMissing) {
     });
 }
 
-TEST_F(LogFailure, theDiskIsFull) {
+TEST_F(LogFailureTest, TheDiskIsFull) {
     inChild([&] {
         FullDisk disk(runFolder() / "small disk");
         setTemporaryFolder(disk.folder());

@@ -19,7 +19,7 @@ namespace {
 using namespace support;
 namespace fs = std::filesystem;
 
-class LogFolder : public LogTest {};
+class LogFolderTest : public LogTest {};
 
 constexpr const char* unableToWrite = "\nUnable to write log";
 constexpr const char* unableToGetFolder = "\nUnable to getLogBaseFolderPath";
@@ -27,7 +27,7 @@ constexpr const char* unableToGetFolder = "\nUnable to getLogBaseFolderPath";
 // --- The folder -----------------------------------------------------------------------------------------------------
 
 /// Each line makes only the first level that is missing.
-TEST_F(LogFolder, theFolderGrowsByOneLevelALine) {
+TEST_F(LogFolderTest, TheFolderGrowsByOneLevelALine) {
     useEmptyTemporaryFolder();
     const fs::path vendorFolder = temporaryFolder() / "Dravenko Sentronics";
 
@@ -44,21 +44,21 @@ TEST_F(LogFolder, theFolderGrowsByOneLevelALine) {
     EXPECT_EQ(std::distance(fs::directory_iterator(vendorFolder), fs::directory_iterator()), 1);
 }
 
-TEST_F(LogFolder, aLineThatIsNotWrittenMakesNoFolder) {
+TEST_F(LogFolderTest, ALineThatIsNotWrittenMakesNoFolder) {
     useEmptyTemporaryFolder();
     setLogLevel(0);
     EXPECT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
     EXPECT_TRUE(fs::is_empty(temporaryFolder()));
 }
 
-TEST_F(LogFolder, theVendorFolderIsThereAlready) {
+TEST_F(LogFolderTest, TheVendorFolderIsThereAlready) {
     useEmptyTemporaryFolder();
     fs::create_directory(temporaryFolder() / "Dravenko Sentronics");
     EXPECT_EQ(outputOfAnErrorLine(), "");
     EXPECT_EQ(parseLog(readLogFiles(logFolder())), onlyError);
 }
 
-TEST_F(LogFolder, aFileInPlaceOfTheFolder) {
+TEST_F(LogFolderTest, AFileInPlaceOfTheFolder) {
     useEmptyTemporaryFolder();
     std::ofstream(temporaryFolder() / "Dravenko Sentronics") << "in the way";
     EXPECT_EQ(outputOfAnErrorLine(), unableToWrite);
@@ -71,7 +71,7 @@ TEST_F(LogFolder, aFileInPlaceOfTheFolder) {
 }
 
 /// Every filtered-in line of a call that can't be written prints once, and the call goes on.
-TEST_F(LogFolder, aCallThatCantLogGoesOn) {
+TEST_F(LogFolderTest, ACallThatCantLogGoesOn) {
     useEmptyTemporaryFolder();
     std::ofstream(temporaryFolder() / "Dravenko Sentronics") << "in the way";
     setLogLevel(debugLevel);
@@ -122,7 +122,7 @@ void withOwnRoot(const std::function<void()>& body) {
 
 /// Without a temporary folder the log hangs from the root of the current drive. Only one line is written: it makes no
 /// more than the first level, or nothing where the root can't be written.
-TEST_F(LogFolder, aMissingTemporaryFolderIsReported) {
+TEST_F(LogFolderTest, AMissingTemporaryFolderIsReported) {
     withOwnRoot([] {
         setTemporaryFolder(runFolder() / "missing");
         EXPECT_EQ(outputOfAnErrorLine(), std::string(unableToGetFolder) + unableToWrite);
@@ -130,7 +130,7 @@ TEST_F(LogFolder, aMissingTemporaryFolderIsReported) {
     });
 }
 
-TEST_F(LogFolder, aFileInPlaceOfTheTemporaryFolder) {
+TEST_F(LogFolderTest, AFileInPlaceOfTheTemporaryFolder) {
     withOwnRoot([] {
         std::ofstream(runFolder() / "file") << "no folder";
         setTemporaryFolder(runFolder() / "file");
@@ -140,7 +140,7 @@ TEST_F(LogFolder, aFileInPlaceOfTheTemporaryFolder) {
 
 #if !defined(_WIN32)
 /// The temporary folder may be everybody's; the log is for its user alone, whatever the host lets others do with files.
-TEST_F(LogFolder, isForTheUserAlone) {
+TEST_F(LogFolderTest, IsForTheUserAlone) {
     useEmptyTemporaryFolder();
     const mode_t before = umask(0);
     outputOfAnErrorLine();
@@ -156,7 +156,7 @@ TEST_F(LogFolder, isForTheUserAlone) {
     }
 }
 
-TEST_F(LogFolder, aTemporaryFolderWithASlashAtItsEnd) {
+TEST_F(LogFolderTest, ATemporaryFolderWithASlashAtItsEnd) {
     useEmptyTemporaryFolder();
     createLogFolder();
     setEnvironment("TMPDIR", temporaryFolder().string() + "/");
@@ -165,7 +165,7 @@ TEST_F(LogFolder, aTemporaryFolderWithASlashAtItsEnd) {
 }
 
 /// Without the variable it is /tmp.
-TEST_F(LogFolder, noTemporaryFolderIsNamed) {
+TEST_F(LogFolderTest, NoTemporaryFolderIsNamed) {
     withOwnRoot([] {
         const fs::path folder = fs::path("/tmp/Dravenko Sentronics") / processName();
         fs::create_directories(folder);
@@ -180,7 +180,7 @@ TEST_F(LogFolder, noTemporaryFolderIsNamed) {
 }
 
 /// A path that doesn't fit the room for it is cut; where that leads isn't the point, but nothing may break.
-TEST_F(LogFolder, aVeryLongTemporaryFolder) {
+TEST_F(LogFolderTest, AVeryLongTemporaryFolder) {
     fs::path folder = runFolder();
     while (folder.string().size() < 990) {
         folder /= std::string(30, 'd');
@@ -196,7 +196,7 @@ TEST_F(LogFolder, aVeryLongTemporaryFolder) {
 
 // --- The process name -----------------------------------------------------------------------------------------------
 
-class ProcessName : public LogTest {
+class ProcessNameTest : public LogTest {
 protected:
     /// Runs the probe under that file name and gives the lines that it logged under `process`.
     static Lines linesOfProbe(const std::string& fileName, const std::string& process,
@@ -220,34 +220,34 @@ protected:
     const Lines expected = {"DEBUG C_GetFunctionList", "DEBUG C_GetInfo", "ERROR C_GetInfo: not initialized"};
 };
 
-TEST_F(ProcessName, isCutAtTheFirstFullStop) {
+TEST_F(ProcessNameTest, IsCutAtTheFirstFullStop) {
     const std::string name = processName() + "-setup";
     EXPECT_EQ(linesOfProbe(name + ".2.exe", name), expected);
 }
 
-TEST_F(ProcessName, mayHaveBlanks) {
+TEST_F(ProcessNameTest, MayHaveBlanks) {
     const std::string name = processName() + " with blanks";
     EXPECT_EQ(linesOfProbe(name + ".exe", name), expected);
 }
 
 /// Nothing is left before the full stop: the path has two slashes in a row, and the file lies one level up.
-TEST_F(ProcessName, mayBeEmpty) {
+TEST_F(ProcessNameTest, MayBeEmpty) {
     EXPECT_EQ(linesOfProbe("." + processName() + ".exe", ""), expected);
 }
 
 #if !defined(_WIN32)
-TEST_F(ProcessName, mayHaveNoFullStop) {
+TEST_F(ProcessNameTest, MayHaveNoFullStop) {
     const std::string name = processName() + "-probe";
     EXPECT_EQ(linesOfProbe(name, name), expected);
 }
 
 /// The system then tells the path with a mark behind it.
-TEST_F(ProcessName, isKeptWhenTheFileIsReplaced) {
+TEST_F(ProcessNameTest, IsKeptWhenTheFileIsReplaced) {
     const std::string name = processName() + "-updated";
     EXPECT_EQ(linesOfProbe(name, name, {"replaced"}), expected);
 }
 
-TEST_F(ProcessName, mayEndLikeThatOfADeletedFile) {
+TEST_F(ProcessNameTest, MayEndLikeThatOfADeletedFile) {
     const std::string name = processName() + " (deleted)";
     EXPECT_EQ(linesOfProbe(name, name), expected);
     EXPECT_EQ(linesOfProbe(name, name, {"replaced"}), expected);
@@ -255,7 +255,7 @@ TEST_F(ProcessName, mayEndLikeThatOfADeletedFile) {
 #endif
 
 /// Programs of one name share the day's file.
-TEST_F(ProcessName, processesOfOneNameShareAFile) {
+TEST_F(ProcessNameTest, ProcessesOfOneNameShareAFile) {
 #if defined(_WIN32)
     const fs::path probe = programFile().parent_path() / "log_probe.exe";
 #else

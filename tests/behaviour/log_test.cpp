@@ -18,11 +18,9 @@ namespace {
 using namespace support;
 namespace fs = std::filesystem;
 
-class Log : public LogTest {};
-
 // --- The level ------------------------------------------------------------------------------------------------------
 
-TEST_F(Log, levels) {
+TEST_F(LogTest, Levels) {
     const std::pair<int, Lines> linesOfLevel[] = {{0, noLines},    {1, noLines},    {2, onlyError},   {3, both},
                                                   {4, onlyError},  {5, onlyError},  {127, onlyError}, {'3', onlyError},
                                                   {0x80, noLines}, {0xFE, noLines}, {0xFF, noLines}};
@@ -32,7 +30,7 @@ TEST_F(Log, levels) {
     }
 }
 
-TEST_F(Log, onlyTheFirstByteCounts) {
+TEST_F(LogTest, OnlyTheFirstByteCounts) {
     setLogLevelBytes(std::string("\3\xFF\xFF\xFF", 4));
     EXPECT_EQ(linesOfARefusal(), both);
     setLogLevelBytes(std::string("\0\3\3\3", 4));
@@ -43,18 +41,18 @@ TEST_F(Log, onlyTheFirstByteCounts) {
     EXPECT_EQ(linesOfARefusal(), onlyError);
 }
 
-TEST_F(Log, noValueMeansErrors) {
+TEST_F(LogTest, NoValueMeansErrors) {
     removeLogLevel();
     EXPECT_EQ(linesOfARefusal(), onlyError);
 }
 
 /// What is read goes over a zeroed buffer.
-TEST_F(Log, anEmptyValueMeansZero) {
+TEST_F(LogTest, AnEmptyValueMeansZero) {
     setLogLevelBytes("");
     EXPECT_EQ(linesOfARefusal(), noLines);
 }
 
-TEST_F(Log, aValueOfMoreThan32BytesMeansErrors) {
+TEST_F(LogTest, AValueOfMoreThan32BytesMeansErrors) {
     for (const char first : {'\0', '\3'}) {
         setLogLevelBytes(std::string(32, first));
         EXPECT_EQ(linesOfARefusal(), first == 3 ? both : noLines);
@@ -65,7 +63,7 @@ TEST_F(Log, aValueOfMoreThan32BytesMeansErrors) {
     }
 }
 
-TEST_F(Log, theLevelIsReadForEveryLine) {
+TEST_F(LogTest, TheLevelIsReadForEveryLine) {
     // The device library changes it between the name of the function and the line about the result.
     const auto changeTo = [](int level) {
         scripted::Fault fault{"zentak_getConnectedDeviceList"};
@@ -92,7 +90,7 @@ std::string littleEndian(unsigned long long number, std::size_t size) {
     return std::string(reinterpret_cast<const char*>(&number), size);
 }
 
-TEST_F(Log, registryValuesOfEveryType) {
+TEST_F(LogTest, RegistryValuesOfEveryType) {
     struct Value {
         unsigned long type;
         std::string bytes;
@@ -126,19 +124,19 @@ TEST_F(Log, registryValuesOfEveryType) {
     }
 }
 
-TEST_F(Log, noRegistryKeyMeansErrors) {
+TEST_F(LogTest, NoRegistryKeyMeansErrors) {
     removeLogLevelKey();
     EXPECT_EQ(linesOfARefusal(), onlyError);
 }
 #else
-TEST_F(Log, noConfigurationFolderMeansErrors) {
+TEST_F(LogTest, NoConfigurationFolderMeansErrors) {
     setEnvironment("ZENTAK_CONFIG", (runFolder() / "nowhere").string());
     EXPECT_EQ(linesOfARefusal(), onlyError);
     setEnvironment("ZENTAK_CONFIG", (runFolder() / "config").string());
     EXPECT_EQ(linesOfARefusal(), both);
 }
 
-TEST_F(Log, aLevelFileThatIsAFolderMeansErrors) {
+TEST_F(LogTest, ALevelFileThatIsAFolderMeansErrors) {
     removeLogLevel();
     fs::create_directory(runFolder() / "config" / "logLevel");
     EXPECT_EQ(linesOfARefusal(), onlyError);
@@ -165,7 +163,7 @@ int milliseconds(std::chrono::system_clock::time_point time) {
 }
 
 /// The line's time as the clock says it: day before month, two digits each, three for the milliseconds.
-TEST_F(Log, theLineToTheByte) {
+TEST_F(LogTest, TheLineToTheByte) {
     useEmptyTemporaryFolder();
     createLogFolder();
     setLogLevel(debugLevel);
@@ -192,7 +190,7 @@ TEST_F(Log, theLineToTheByte) {
     }
 }
 
-TEST_F(Log, theFileIsNamedByTheDate) {
+TEST_F(LogTest, TheFileIsNamedByTheDate) {
     useEmptyTemporaryFolder();
     createLogFolder();
     const auto before = std::chrono::system_clock::now();
@@ -210,7 +208,7 @@ TEST_F(Log, theFileIsNamedByTheDate) {
 
 #if defined(_WIN32)
 /// Under Wine these tests are started in a zone that is nobody's, so that the two above compare local times.
-TEST_F(Log, theZoneIsNotThatOfGreenwich) {
+TEST_F(LogTest, TheZoneIsNotThatOfGreenwich) {
     const char* const zone = std::getenv("TZ");
     if (zone == nullptr || std::string(zone) != "XYZ-5:45") return;  // started by hand
     TIME_ZONE_INFORMATION information = {};
@@ -219,7 +217,7 @@ TEST_F(Log, theZoneIsNotThatOfGreenwich) {
 }
 #else
 /// In a zone so far away that it has another date: the line and the file tell the time there.
-TEST_F(Log, theTimeIsThatOfTheHostsZone) {
+TEST_F(LogTest, TheTimeIsThatOfTheHostsZone) {
     constexpr std::time_t away = 12 * 3600 + 45 * 60;
     const std::time_t before = std::time(nullptr);
     const bool isMorning = std::gmtime(&before)->tm_hour < 12;
@@ -249,7 +247,7 @@ TEST_F(Log, theTimeIsThatOfTheHostsZone) {
 }
 #endif
 
-TEST_F(Log, linesAreAppended) {
+TEST_F(LogTest, LinesAreAppended) {
     const Lines first = linesOfARefusal();
     EXPECT_EQ(first, both);
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
@@ -262,7 +260,7 @@ TEST_F(Log, linesAreAppended) {
 }
 
 /// The file is opened anew for every line, so it can be deleted under a running host.
-TEST_F(Log, aDeletedFileComesBack) {
+TEST_F(LogTest, ADeletedFileComesBack) {
     useEmptyTemporaryFolder();
     createLogFolder();
     ASSERT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
@@ -274,7 +272,7 @@ TEST_F(Log, aDeletedFileComesBack) {
 }
 
 /// Others may have the file open, for reading and for writing.
-TEST_F(Log, theFileIsShared) {
+TEST_F(LogTest, TheFileIsShared) {
     linesOfARefusal();
     std::vector<std::fstream> open;
     for (const auto& entry : fs::directory_iterator(logFolder())) {

@@ -6,7 +6,7 @@ namespace {
 
 using namespace support;
 
-class LoginStates : public LoginTest {};
+class LoginStatesTest : public LoginTest {};
 
 const char* const stateNames[] = {"RO public", "RO user", "RW public", "RW user", "RW SO"};
 
@@ -34,7 +34,7 @@ const Transition transitions[] = {
     {CKS_RW_SO_FUNCTIONS, CKU_SO, CKR_USER_ALREADY_LOGGED_IN, CKS_RW_SO_FUNCTIONS, nullptr},
 };
 
-TEST_F(LoginStates, aSingleSessionInEveryState) {
+TEST_F(LoginStatesTest, ASingleSessionInEveryState) {
     for (const Transition& transition : transitions) {
         SCOPED_TRACE(std::string(stateNames[transition.before]) +
                      (transition.userType == CKU_USER ? ", user" : ", security officer"));
@@ -57,7 +57,7 @@ TEST_F(LoginStates, aSingleSessionInEveryState) {
     }
 }
 
-TEST_F(LoginStates, aUsersLoginWalksOverSessionsInEveryState) {
+TEST_F(LoginStatesTest, AUsersLoginWalksOverSessionsInEveryState) {
     for (const std::size_t caller : {0U, 3U, 4U}) {
         const std::vector<CK_SESSION_HANDLE> sessions = sessionsInEveryState();
         const CK_SESSION_HANDLE otherToken = openSession(CKF_RW_SESSION, secondSlot);
@@ -74,7 +74,7 @@ TEST_F(LoginStates, aUsersLoginWalksOverSessionsInEveryState) {
     }
 }
 
-TEST_F(LoginStates, anOfficersLoginWalksOverSessionsInEveryState) {
+TEST_F(LoginStatesTest, AnOfficersLoginWalksOverSessionsInEveryState) {
     for (const std::size_t caller : {0U, 1U, 2U, 3U, 4U}) {
         const std::vector<CK_SESSION_HANDLE> sessions = sessionsInEveryState();
         const CK_SESSION_HANDLE otherToken = openSession(CKF_RW_SESSION, secondSlot);
@@ -91,7 +91,7 @@ TEST_F(LoginStates, anOfficersLoginWalksOverSessionsInEveryState) {
     }
 }
 
-TEST_F(LoginStates, theLastRefusalMetIsTheAnswer) {
+TEST_F(LoginStatesTest, TheLastRefusalMetIsTheAnswer) {
     openSession();
     const CK_SESSION_HANDLE officer = openSession(CKF_RW_SESSION);
     EXPECT_EQ(tryLogin(officer, CKU_SO, "officer pin"), CKR_SESSION_READ_ONLY_EXISTS);
@@ -101,7 +101,7 @@ TEST_F(LoginStates, theLastRefusalMetIsTheAnswer) {
                             "DEBUG Login end result : " + decimal(CKR_USER_ALREADY_LOGGED_IN)}));
 }
 
-TEST_F(LoginStates, aUsersLoginReachesEverySessionOfTheTokenOnly) {
+TEST_F(LoginStatesTest, AUsersLoginReachesEverySessionOfTheTokenOnly) {
     const std::vector<CK_SESSION_HANDLE> sessions = {
         openSession(), openSession(CKF_RW_SESSION), openSession(0, secondSlot), openSession(CKF_RW_SESSION, secondSlot),
         openSession(), openSession(CKF_RW_SESSION)};
@@ -111,7 +111,7 @@ TEST_F(LoginStates, aUsersLoginReachesEverySessionOfTheTokenOnly) {
 }
 
 /// The token is its serial number, whatever the slot.
-TEST_F(LoginStates, sessionsOfOneSerialNumberAreOfOneToken) {
+TEST_F(LoginStatesTest, SessionsOfOneSerialNumberAreOfOneToken) {
     device().connectedDevices = {"reader A", "reader B", "SN2"};
     device().tokenInfo["reader A"] = makeTokenInfo("SN1");
     device().tokenInfo["reader B"] = makeTokenInfo("SN1");
@@ -128,7 +128,7 @@ TEST_F(LoginStates, sessionsOfOneSerialNumberAreOfOneToken) {
 
 // --- C_Logout -------------------------------------------------------------------------------------------------------
 
-TEST_F(LoginStates, logoutRefusesWhatIsNoSession) {
+TEST_F(LoginStatesTest, LogoutRefusesWhatIsNoSession) {
     login(openSession());
     for (const CK_SESSION_HANDLE session : noSessions()) {
         EXPECT_EQ(functions().C_Logout(session), CKR_SESSION_HANDLE_INVALID);
@@ -137,7 +137,7 @@ TEST_F(LoginStates, logoutRefusesWhatIsNoSession) {
     EXPECT_EQ(stateOf(firstSession), CKS_RO_USER_FUNCTIONS);
 }
 
-TEST_F(LoginStates, logoutRefusesAPublicSession) {
+TEST_F(LoginStatesTest, LogoutRefusesAPublicSession) {
     for (const CK_STATE state : std::vector<CK_STATE>{CKS_RO_PUBLIC_SESSION, CKS_RW_PUBLIC_SESSION}) {
         const CK_SESSION_HANDLE session = sessionInState(state);
         EXPECT_EQ(functions().C_Logout(session), CKR_USER_NOT_LOGGED_IN);
@@ -148,14 +148,14 @@ TEST_F(LoginStates, logoutRefusesAPublicSession) {
 }
 
 /// A public session of the token can't log out what its other sessions are, nor empty the kept password.
-TEST_F(LoginStates, aRefusedLogoutChangesNothing) {
+TEST_F(LoginStatesTest, ARefusedLogoutChangesNothing) {
     const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
     login(openSession());
     EXPECT_EQ(functions().C_Logout(other), CKR_USER_NOT_LOGGED_IN);
     EXPECT_TRUE(keeps("1234", other));
 }
 
-TEST_F(LoginStates, logoutFromEveryState) {
+TEST_F(LoginStatesTest, LogoutFromEveryState) {
     const std::pair<std::size_t, const char*> callers[] = {{0, "4"}, {1, "1"}, {2, "3"}};
     for (const auto& [caller, state] : callers) {
         SCOPED_TRACE(state);
@@ -170,7 +170,7 @@ TEST_F(LoginStates, logoutFromEveryState) {
     }
 }
 
-TEST_F(LoginStates, logoutEmptiesTheKeptPasswordAndLeavesOtherTokens) {
+TEST_F(LoginStatesTest, LogoutEmptiesTheKeptPasswordAndLeavesOtherTokens) {
     const CK_SESSION_HANDLE first = openSession();
     const CK_SESSION_HANDLE second = openSession(CKF_RW_SESSION, secondSlot);
     login(first);
@@ -182,7 +182,7 @@ TEST_F(LoginStates, logoutEmptiesTheKeptPasswordAndLeavesOtherTokens) {
     EXPECT_EQ(calls(), (Lines{validateCall("SN1", "1234", 1)}));  // asked again
 }
 
-TEST_F(LoginStates, anOfficersLogoutEmptiesTheKeptPasswordToo) {
+TEST_F(LoginStatesTest, AnOfficersLogoutEmptiesTheKeptPasswordToo) {
     const CK_SESSION_HANDLE user = openSession();
     const CK_SESSION_HANDLE officer = openSession(CKF_RW_SESSION, secondSlot);
     login(officer, "officer pin", CKU_SO);

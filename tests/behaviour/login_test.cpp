@@ -6,11 +6,9 @@ namespace {
 
 using namespace support;
 
-class Login : public LoginTest {};
-
 // --- C_Login: refusals in their order -------------------------------------------------------------------------------
 
-TEST_F(Login, refusesWhatIsNoSessionFirst) {
+TEST_F(LoginTest, RefusesWhatIsNoSessionFirst) {
     openSession();
     for (const CK_SESSION_HANDLE session : noSessions()) {
         for (const CK_USER_TYPE userType : std::vector<CK_USER_TYPE>{CKU_USER, CKU_SO, CKU_CONTEXT_SPECIFIC}) {
@@ -21,7 +19,7 @@ TEST_F(Login, refusesWhatIsNoSessionFirst) {
     EXPECT_EQ(calls(), Lines{});
 }
 
-TEST_F(Login, refusesASecondUserLoginWithADebugLine) {
+TEST_F(LoginTest, RefusesASecondUserLoginWithADebugLine) {
     for (const CK_STATE state : std::vector<CK_STATE>{CKS_RO_USER_FUNCTIONS, CKS_RW_USER_FUNCTIONS}) {
         const CK_SESSION_HANDLE session = sessionInState(state);
         const Lines refusal = {"DEBUG C_Login", "DEBUG C_Login: User already logged in"};
@@ -36,7 +34,7 @@ TEST_F(Login, refusesASecondUserLoginWithADebugLine) {
 }
 
 /// The check before it is of the user's login only: another user type gets as far as its own check.
-TEST_F(Login, refusesOtherUserTypesBeforeTheNullPointer) {
+TEST_F(LoginTest, RefusesOtherUserTypesBeforeTheNullPointer) {
     std::vector<CK_USER_TYPE> types = {CKU_CONTEXT_SPECIFIC, 3, CK_UNAVAILABLE_INFORMATION};
     if constexpr (sizeof(CK_USER_TYPE) > 4) {
         types.push_back(static_cast<CK_USER_TYPE>(0x100000001ULL));
@@ -53,7 +51,7 @@ TEST_F(Login, refusesOtherUserTypesBeforeTheNullPointer) {
     }
 }
 
-TEST_F(Login, refusesANullPinBeforeItsLength) {
+TEST_F(LoginTest, RefusesANullPinBeforeItsLength) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     for (const CK_USER_TYPE userType : bothUserTypes) {
         for (const CK_ULONG length : std::vector<CK_ULONG>{0, 3, 4, 64}) {
@@ -65,7 +63,7 @@ TEST_F(Login, refusesANullPinBeforeItsLength) {
     EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
 }
 
-TEST_F(Login, refusesPinsOutOfRange) {
+TEST_F(LoginTest, RefusesPinsOutOfRange) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     const std::string password(100, 'p');
     std::vector<CK_ULONG> lengths = {0, 1, 3, 64, 65, 0x80000004UL, CK_UNAVAILABLE_INFORMATION};
@@ -83,7 +81,7 @@ TEST_F(Login, refusesPinsOutOfRange) {
     EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
 }
 
-TEST_F(Login, asksTheDeviceForPinsWithinRange) {
+TEST_F(LoginTest, AsksTheDeviceForPinsWithinRange) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     for (const std::size_t length : {4U, 5U, 62U, 63U}) {
         const std::string password(length, 'p');
@@ -111,7 +109,7 @@ constexpr DeviceRefusal deviceRefusals[] = {
     {-5, 3, CKR_PIN_INCORRECT}, {40, 2, CKR_PIN_INCORRECT}, {242, 0, CKR_PIN_LOCKED}, {1, 0, CKR_PIN_LOCKED},
     {47, 0, CKR_PIN_LOCKED},    {49, 2, CKR_PIN_INCORRECT}};
 
-TEST_F(Login, refusalsOfTheDevice) {
+TEST_F(LoginTest, RefusalsOfTheDevice) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     const CK_SESSION_HANDLE readOnly = openSession();
     for (const CK_USER_TYPE userType : bothUserTypes) {
@@ -130,7 +128,7 @@ TEST_F(Login, refusalsOfTheDevice) {
     EXPECT_EQ(stateOf(openSession()), CKS_RO_PUBLIC_SESSION);  // no password was kept
 }
 
-TEST_F(Login, theDeviceResult48IsAFailureWithOneLine) {
+TEST_F(LoginTest, TheDeviceResult48IsAFailureWithOneLine) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     device().results["zentak_validatePassword"] = 48;
     for (const int attemptsLeft : {0, 2}) {
@@ -143,7 +141,7 @@ TEST_F(Login, theDeviceResult48IsAFailureWithOneLine) {
     }
 }
 
-TEST_F(Login, aFailedLoginLeavesTheKeptPassword) {
+TEST_F(LoginTest, AFailedLoginLeavesTheKeptPassword) {
     const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
     login(openSession(CKF_RW_SESSION));
     EXPECT_FALSE(keeps("9999", other));
@@ -153,7 +151,7 @@ TEST_F(Login, aFailedLoginLeavesTheKeptPassword) {
 
 // --- C_Login: the kept password -------------------------------------------------------------------------------------
 
-TEST_F(Login, theKeptPasswordSpareTheDeviceAQuestion) {
+TEST_F(LoginTest, TheKeptPasswordSpareTheDeviceAQuestion) {
     const CK_SESSION_HANDLE other = openSession(0, secondSlot);
     login(openSession(CKF_RW_SESSION));
     EXPECT_EQ(tryLogin(other, CKU_USER, "1234"), CKR_OK);
@@ -162,7 +160,7 @@ TEST_F(Login, theKeptPasswordSpareTheDeviceAQuestion) {
     EXPECT_EQ(stateOf(other), CKS_RO_USER_FUNCTIONS);
 }
 
-TEST_F(Login, aPinThatOnlyBeginsLikeTheKeptOneIsAsked) {
+TEST_F(LoginTest, APinThatOnlyBeginsLikeTheKeptOneIsAsked) {
     for (const char* const password : {"12345", "1235", "123456789", "0234"}) {
         const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
         login(openSession(CKF_RW_SESSION));
@@ -174,7 +172,7 @@ TEST_F(Login, aPinThatOnlyBeginsLikeTheKeptOneIsAsked) {
     }
 }
 
-TEST_F(Login, aLaterLoginReplacesTheKeptPassword) {
+TEST_F(LoginTest, ALaterLoginReplacesTheKeptPassword) {
     const CK_SESSION_HANDLE second = openSession(CKF_RW_SESSION, secondSlot);
     login(openSession(CKF_RW_SESSION), "1234");
     login(second, "5678");  // another token, another PIN: there is one kept password for all
@@ -188,7 +186,7 @@ TEST_F(Login, aLaterLoginReplacesTheKeptPassword) {
     EXPECT_EQ(calls(), (Lines{validateCall("SN2", "1234", 1)}));
 }
 
-TEST_F(Login, theSecurityOfficerIsAlwaysAskedAndNeverKept) {
+TEST_F(LoginTest, TheSecurityOfficerIsAlwaysAskedAndNeverKept) {
     const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session, "1234");
@@ -200,7 +198,7 @@ TEST_F(Login, theSecurityOfficerIsAlwaysAskedAndNeverKept) {
     EXPECT_TRUE(keeps("1234", other));  // the user's password is still there
 }
 
-TEST_F(Login, aFirstOfficersLoginKeepsNothing) {
+TEST_F(LoginTest, AFirstOfficersLoginKeepsNothing) {
     login(openSession(CKF_RW_SESSION), "officer pin", CKU_SO);
     const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
     EXPECT_EQ(stateOf(other), CKS_RW_PUBLIC_SESSION);
@@ -208,7 +206,7 @@ TEST_F(Login, aFirstOfficersLoginKeepsNothing) {
 }
 
 /// The device sees text up to the zero; what is kept are all bytes.
-TEST_F(Login, aPinWithAZeroByte) {
+TEST_F(LoginTest, APinWithAZeroByte) {
     const std::string password("1234\0005678", 9);
     const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
     EXPECT_EQ(tryLogin(openSession(CKF_RW_SESSION), CKU_USER, password), CKR_OK);
@@ -218,13 +216,13 @@ TEST_F(Login, aPinWithAZeroByte) {
     EXPECT_TRUE(keeps(password, other));
 }
 
-TEST_F(Login, aPinOfOtherThanLetters) {
+TEST_F(LoginTest, APinOfOtherThanLetters) {
     const std::string password = "\xC3\xA4\xFF\x01 \n";
     EXPECT_EQ(tryLogin(openSession(CKF_RW_SESSION), CKU_USER, password), CKR_OK);
     EXPECT_EQ(calls(), (Lines{validateCall("SN1", password, 1)}));
 }
 
-TEST_F(Login, noPinIsEverLogged) {
+TEST_F(LoginTest, NoPinIsEverLogged) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     device().addFault({"zentak_validatePassword", 1, 7});
     tryLogin(session, CKU_USER, "unmistakable");

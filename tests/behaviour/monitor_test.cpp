@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 constexpr CK_SLOT_ID untouched = 0x77;
 
 /// Starts with no event pending.
-class Monitor : public ModuleTest {
+class MonitorTest : public ModuleTest {
 protected:
     /// The devices that the monitor sees from its first poll on.
     virtual std::vector<std::string> atStart() { return {}; }
@@ -138,7 +138,7 @@ private:
 
 // --- The thread -----------------------------------------------------------------------------------------------------
 
-TEST_F(Monitor, pollsAtOnceAndThenEverySecond) {
+TEST_F(MonitorTest, PollsAtOnceAndThenEverySecond) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     clear();
     const Clock::time_point begin = Clock::now();
@@ -158,7 +158,7 @@ TEST_F(Monitor, pollsAtOnceAndThenEverySecond) {
     EXPECT_EQ(monitorLog(), (Lines{"DEBUG Session monitor thread started."}));
 }
 
-TEST_F(Monitor, startsWithInitializeAndEndsWithFinalize) {
+TEST_F(MonitorTest, StartsWithInitializeAndEndsWithFinalize) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     EXPECT_EQ(log(), (Lines{"DEBUG C_Finalize", "DEBUG Monitor thread joined (stopDeviceMonitor).",
                             "DEBUG C_Finalize completed successfully."}));
@@ -174,7 +174,7 @@ TEST_F(Monitor, startsWithInitializeAndEndsWithFinalize) {
 }
 
 /// The last lines of the thread come before the line of the one who waited for it.
-TEST_F(Monitor, finalizeWaitsForTheThread) {
+TEST_F(MonitorTest, FinalizeWaitsForTheThread) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     Lines lines = parseLog(readLogFiles(logFolder()));
     lines.erase(lines.begin(), lines.end() - 4);
@@ -183,7 +183,7 @@ TEST_F(Monitor, finalizeWaitsForTheThread) {
                      "DEBUG Monitor thread joined (stopDeviceMonitor).", "DEBUG C_Finalize completed successfully."}));
 }
 
-TEST_F(Monitor, finalizeCutsTheSecondShort) {
+TEST_F(MonitorTest, FinalizeCutsTheSecondShort) {
     for (int i = 0; i < 5; ++i) {
         const Clock::time_point begin = Clock::now();
         ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
@@ -192,7 +192,7 @@ TEST_F(Monitor, finalizeCutsTheSecondShort) {
     }
 }
 
-TEST_F(Monitor, aSlowDeviceDoesNotHoldUpTheHost) {
+TEST_F(MonitorTest, ASlowDeviceDoesNotHoldUpTheHost) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     clear();
     device().addFault({.operation = "poll", .delay = milliseconds(1500)});
@@ -207,7 +207,7 @@ TEST_F(Monitor, aSlowDeviceDoesNotHoldUpTheHost) {
     EXPECT_GE(Clock::now() - begin, milliseconds(1000));
 }
 
-TEST_F(Monitor, aPollThatThrowsIsFollowedByAnother) {
+TEST_F(MonitorTest, APollThatThrowsIsFollowedByAnother) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     clear();
     device().addFault({.operation = "poll", .thrown = scripted::Throw::exception});
@@ -224,7 +224,7 @@ TEST_F(Monitor, aPollThatThrowsIsFollowedByAnother) {
     EXPECT_EQ(lines[3], "DEBUG Slot event: device count changed from 0 to 1");
 }
 
-TEST_F(Monitor, runsWithoutAnInstanceUntilTheNextInitialize) {
+TEST_F(MonitorTest, RunsWithoutAnInstanceUntilTheNextInitialize) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     device().change([](scripted::Device& world) { world.givesInstance = false; });
     clear();
@@ -247,7 +247,7 @@ TEST_F(Monitor, runsWithoutAnInstanceUntilTheNextInitialize) {
 
 // --- The login of a token that is gone ------------------------------------------------------------------------------
 
-class Unplugging : public Monitor {
+class UnpluggingTest : public MonitorTest {
 protected:
     void plugInTokens() override {
         plugIn(makeTokenInfo("SN1"));
@@ -258,7 +258,7 @@ protected:
     std::vector<std::string> atStart() override { return {"SN1", "SN2"}; }
 };
 
-TEST_F(Unplugging, dropsTheLoginAndKeepsTheSessions) {
+TEST_F(UnpluggingTest, DropsTheLoginAndKeepsTheSessions) {
     const CK_SESSION_HANDLE readOnly = openSession();
     const CK_SESSION_HANDLE readWrite = openSession(CKF_RW_SESSION);
     login(readOnly);
@@ -281,7 +281,7 @@ TEST_F(Unplugging, dropsTheLoginAndKeepsTheSessions) {
     EXPECT_EQ(stateOf(readOnly), CKS_RO_USER_FUNCTIONS);
 }
 
-TEST_F(Unplugging, leavesTheSessionsOfOtherTokensAlone) {
+TEST_F(UnpluggingTest, LeavesTheSessionsOfOtherTokensAlone) {
     const CK_SESSION_HANDLE gone = openSession(CKF_RW_SESSION, firstSlot);
     const CK_SESSION_HANDLE present = openSession(CKF_RW_SESSION, firstSlot + 1);
     login(gone);
@@ -291,7 +291,7 @@ TEST_F(Unplugging, leavesTheSessionsOfOtherTokensAlone) {
     EXPECT_EQ(stateOf(present), CKS_RW_USER_FUNCTIONS);
 }
 
-TEST_F(Unplugging, leavesSecurityOfficersAlone) {
+TEST_F(UnpluggingTest, LeavesSecurityOfficersAlone) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session, "12345678", CKU_SO);
     show({});
@@ -300,7 +300,7 @@ TEST_F(Unplugging, leavesSecurityOfficersAlone) {
 }
 
 /// The names are compared whole, and a token that is replaced by another one is gone though the count is the same.
-TEST_F(Unplugging, comparesWholeNames) {
+TEST_F(UnpluggingTest, ComparesWholeNames) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session);
     show({"SN1", "SN10", "SN100"});
@@ -315,7 +315,7 @@ TEST_F(Unplugging, comparesWholeNames) {
 
 // --- Slot events ----------------------------------------------------------------------------------------------------
 
-TEST_F(Monitor, waitIsRefusedBeforeInitialize) {
+TEST_F(MonitorTest, WaitIsRefusedBeforeInitialize) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     clear();
     for (const CK_FLAGS flags : {CK_FLAGS{0}, CK_FLAGS{CKF_DONT_BLOCK}}) {
@@ -328,7 +328,7 @@ TEST_F(Monitor, waitIsRefusedBeforeInitialize) {
     }
 }
 
-TEST_F(Monitor, waitRefusesANullPointerAndKeepsTheEvent) {
+TEST_F(MonitorTest, WaitRefusesANullPointerAndKeepsTheEvent) {
     show({"SN1"});
     clear();
     for (const CK_FLAGS flags : {CK_FLAGS{0}, CK_FLAGS{CKF_DONT_BLOCK}}) {
@@ -338,7 +338,7 @@ TEST_F(Monitor, waitRefusesANullPointerAndKeepsTheEvent) {
     expectEvent();
 }
 
-TEST_F(Monitor, withoutBlockingAnEventIsToldOnce) {
+TEST_F(MonitorTest, WithoutBlockingAnEventIsToldOnce) {
     CK_SLOT_ID slot = untouched;
     EXPECT_EQ(functions().C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr), CKR_NO_EVENT);
     EXPECT_EQ(log(), (Lines{"DEBUG C_WaitForSlotEvent", "ERROR C_WaitForSlotEvent: no event pending (non-blocking)"}));
@@ -360,7 +360,7 @@ TEST_F(Monitor, withoutBlockingAnEventIsToldOnce) {
     EXPECT_EQ(calls(), Lines{});
 }
 
-TEST_F(Monitor, aTokenThatIsThereAtTheStartIsAnEvent) {
+TEST_F(MonitorTest, ATokenThatIsThereAtTheStartIsAnEvent) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     device().showToMonitor({"SN1"});
     ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
@@ -376,7 +376,7 @@ TEST_F(Monitor, aTokenThatIsThereAtTheStartIsAnEvent) {
 }
 
 /// Whatever comes or goes, the event names the first slot, and changes between two looks are one event.
-TEST_F(Monitor, changesBetweenTwoLooksAreOneEvent) {
+TEST_F(MonitorTest, ChangesBetweenTwoLooksAreOneEvent) {
     show({"SN1", "SN2", "SN3"});
     show({"SN3"});
     EXPECT_EQ(monitorLog(), (Lines{"DEBUG Slot event: device count changed from 0 to 3",
@@ -385,7 +385,7 @@ TEST_F(Monitor, changesBetweenTwoLooksAreOneEvent) {
     EXPECT_EQ(takeEvent(), untouched);
 }
 
-TEST_F(Monitor, aBlockedWaiterGetsTheEvent) {
+TEST_F(MonitorTest, ABlockedWaiterGetsTheEvent) {
     Waiter waiter;
     EXPECT_TRUE(waiter.isBlocked());
     // The wait holds nothing that others need.
@@ -397,7 +397,7 @@ TEST_F(Monitor, aBlockedWaiterGetsTheEvent) {
     EXPECT_EQ(takeEvent(), untouched);
 }
 
-TEST_F(Monitor, oneOfSeveralWaitersGetsTheEvent) {
+TEST_F(MonitorTest, OneOfSeveralWaitersGetsTheEvent) {
     std::vector<Waiter> waiters(3);
     for (const Waiter& waiter : waiters) EXPECT_TRUE(waiter.isBlocked());
     show({"SN1"});
@@ -414,7 +414,7 @@ TEST_F(Monitor, oneOfSeveralWaitersGetsTheEvent) {
     EXPECT_EQ(events, 1);
 }
 
-TEST_F(Monitor, finalizeWakesABlockedWaiter) {
+TEST_F(MonitorTest, FinalizeWakesABlockedWaiter) {
     Waiter waiter;
     ASSERT_TRUE(waiter.isBlocked());
     clear();
@@ -428,7 +428,7 @@ TEST_F(Monitor, finalizeWakesABlockedWaiter) {
 }
 
 /// While C_Finalize waits for a slow device, the module counts as initialised and has an event to tell.
-TEST_F(Monitor, aStopGoesBeforeAPendingEvent) {
+TEST_F(MonitorTest, AStopGoesBeforeAPendingEvent) {
     show({"SN1"});
     device().addFault({.operation = "poll", .delay = milliseconds(2500)});
     device().takePolls();
@@ -443,7 +443,7 @@ TEST_F(Monitor, aStopGoesBeforeAPendingEvent) {
 }
 
 /// A host that starts again at once may be faster than the waiter wakes.
-TEST_F(Monitor, finalizeWakesABlockedWaiterThoughAnotherStartFollows) {
+TEST_F(MonitorTest, FinalizeWakesABlockedWaiterThoughAnotherStartFollows) {
     for (int i = 0; i < 20; ++i) {
         Waiter waiter;
         ASSERT_TRUE(i > 0 || waiter.isBlocked());
@@ -455,7 +455,7 @@ TEST_F(Monitor, finalizeWakesABlockedWaiterThoughAnotherStartFollows) {
 }
 
 /// An event that nobody has taken outlives the stop: the next start doesn't clear it.
-TEST_F(Monitor, aPendingEventOutlivesARestart) {
+TEST_F(MonitorTest, APendingEventOutlivesARestart) {
     show({"SN1"});
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     device().showToMonitor({});

@@ -1,5 +1,4 @@
-/// What the tests of objects and of signing share: a world of two tokens, and a whole call (return code, log lines,
-/// calls to the device library) observed as one value.
+/// What the tests of objects and of signing share: a world of two tokens, and texts for what is logged and called.
 
 #ifndef ZENTAK_TESTS_BEHAVIOUR_OBJECT_TEST_H
 #define ZENTAK_TESTS_BEHAVIOUR_OBJECT_TEST_H
@@ -21,21 +20,6 @@ namespace support {
 using Handles = std::vector<CK_OBJECT_HANDLE>;
 /// States, classes or types to go through; the constants themselves are wider than CK_ULONG in the Windows form.
 using Numbers = std::vector<CK_ULONG>;
-
-/// All that a call shows to the outside, its output parameters apart.
-struct Outcome {
-    CK_RV code = CKR_OK;
-    Lines log;          ///< whole log output at DEBUG level
-    Lines device = {};  ///< calls to the device library
-
-    bool operator==(const Outcome&) const = default;
-};
-
-inline void PrintTo(const Outcome& outcome, std::ostream* out) {
-    *out << "code " << outcome.code << "\n";
-    for (const std::string& line : outcome.log) *out << "  log    " << line << "\n";
-    for (const std::string& call : outcome.device) *out << "  device " << call << "\n";
-}
 
 template <typename Item>
 std::vector<Item> operator+(std::vector<Item> left, const std::vector<Item>& right) {
@@ -114,14 +98,6 @@ protected:
     static CK_SESSION_HANDLE openSessionIn(CK_STATE state, CK_SLOT_ID slot = firstSlot);
     /// Logs out if somebody is in, and closes every session.
     void closeEverything(CK_SESSION_HANDLE session);
-
-    /// Runs the call. What was logged and called before is dropped.
-    template <typename Function>
-    Outcome observe(Function call) {
-        clear();
-        const CK_RV code = call();
-        return {code, log(), calls()};
-    }
 
     Outcome findInit(CK_SESSION_HANDLE session, Template& wanted);
     /// The next handles, at most `count`.

@@ -16,7 +16,7 @@ using namespace support;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-class Restarts : public ModuleTest {
+class RestartsTest : public ModuleTest {
 protected:
     void plugInTokens() override { plugInTokensForCallers(); }
 
@@ -67,7 +67,7 @@ protected:
     std::atomic<bool> done_ = false;
 };
 
-TEST_F(Restarts, underEightThreadsAndWaiters) {
+TEST_F(RestartsTest, UnderEightThreadsAndWaiters) {
     device().records = false;
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     const auto before = threadsAndFiles();

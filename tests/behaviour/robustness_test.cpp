@@ -15,7 +15,7 @@ using behaviour::AnyFunction;
 using behaviour::everyFunction;
 using scripted::Throw;
 
-class Robustness : public ModuleTest {};
+class RobustnessTest : public ModuleTest {};
 
 // --- Exceptions from the device library -----------------------------------------------------------------------------
 
@@ -53,7 +53,7 @@ void expectUsable() {
     takeLog();
 }
 
-TEST_F(Robustness, createInstanceThrows) {
+TEST_F(RobustnessTest, CreateInstanceThrows) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     for (const Thrown& thrown : thrownCodes) {
         clear();
@@ -67,7 +67,7 @@ TEST_F(Robustness, createInstanceThrows) {
 }
 
 /// The instance goes only once it is released.
-TEST_F(Robustness, releaseInstanceThrows) {
+TEST_F(RobustnessTest, ReleaseInstanceThrows) {
     for (const Thrown& thrown : thrownCodes) {
         letThrow("zentak_releaseInstance", thrown.thrown);
         EXPECT_EQ(functions().C_Finalize(nullptr), thrown.code);
@@ -78,7 +78,7 @@ TEST_F(Robustness, releaseInstanceThrows) {
     expectUsable();
 }
 
-TEST_F(Robustness, theDeviceListThrows) {
+TEST_F(RobustnessTest, TheDeviceListThrows) {
     for (const Thrown& thrown : thrownCodes) {
         for (const bool fill : {false, true}) {
             CK_ULONG count = 1;
@@ -94,7 +94,7 @@ TEST_F(Robustness, theDeviceListThrows) {
     EXPECT_NE(openSession(), CK_INVALID_HANDLE);  // the table is as it was
 }
 
-TEST_F(Robustness, theTokenInformationThrows) {
+TEST_F(RobustnessTest, TheTokenInformationThrows) {
     plugIn(makeTokenInfo("SN2"));
     for (const Thrown& thrown : thrownCodes) {
         CK_SLOT_ID slots[2] = {};
@@ -112,7 +112,7 @@ TEST_F(Robustness, theTokenInformationThrows) {
     expectUsable();
 }
 
-TEST_F(Robustness, thePasswordCheckThrows) {
+TEST_F(RobustnessTest, ThePasswordCheckThrows) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     for (const Thrown& thrown : thrownCodes) {
         for (const CK_USER_TYPE userType : std::vector<CK_USER_TYPE>{CKU_USER, CKU_SO}) {
@@ -128,7 +128,7 @@ TEST_F(Robustness, thePasswordCheckThrows) {
     expectUsable();
 }
 
-TEST_F(Robustness, thePinChangeThrows) {
+TEST_F(RobustnessTest, ThePinChangeThrows) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session);
     for (const Thrown& thrown : thrownCodes) {
@@ -143,7 +143,7 @@ TEST_F(Robustness, thePinChangeThrows) {
 
 /// Searching, reading and signing: each operation of the library throws in turn under a whole journey, and the journey
 /// that follows succeeds. (Which call sees it, and what is left of that operation, is tested with those functions.)
-class Journey : public Robustness {
+class JourneyTest : public RobustnessTest {
 protected:
     void plugInTokens() override {
         const Bytes der = {0x30, 1, 2};
@@ -191,7 +191,7 @@ protected:
     }
 };
 
-TEST_F(Journey, everyOperationThrowsInTurn) {
+TEST_F(JourneyTest, EveryOperationThrowsInTurn) {
     ASSERT_EQ(travel(), CKR_OK);
     const char* const operations[] = {"zentak_validatePassword",
                                       "zentak_getKeyPairList",
@@ -245,7 +245,7 @@ std::vector<CK_ULONG> garbage() {
 }
 
 /// Null for every pointer, made-up numbers for the rest: whatever a function says, it says it.
-TEST_F(Robustness, everyFunctionSurvivesGarbage) {
+TEST_F(RobustnessTest, EveryFunctionSurvivesGarbage) {
     device().records = false;
     setLogLevel(0);
     device().keyPairs["SN1"] = {makeKeyPair(0), makeKeyPair(1, p256)};
@@ -273,7 +273,7 @@ TEST_F(Robustness, everyFunctionSurvivesGarbage) {
     expectUsable();
 }
 
-TEST_F(Robustness, argumentsBehindNullPointers) {
+TEST_F(RobustnessTest, ArgumentsBehindNullPointers) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     CK_ATTRIBUTE empty = {};
     CK_ATTRIBUTE wide = {};
@@ -292,22 +292,22 @@ TEST_F(Robustness, argumentsBehindNullPointers) {
 // --- Hosts that don't behave
 // ------------------------------------------------------------------------------------------
 
-class BadHost : public Robustness, public ::testing::WithParamInterface<const char*> {
+class BadHostTest : public RobustnessTest, public ::testing::WithParamInterface<const char*> {
 protected:
     void SetUp() override {
-        Robustness::SetUp();
+        RobustnessTest::SetUp();
         std::filesystem::create_directories(logFolder("host_probe"));
     }
 };
 
 /// See host_probe.cpp.
-TEST_P(BadHost, endsNormally) {
+TEST_P(BadHostTest, EndsNormally) {
     const ChildResult result = runChild(programFile().parent_path() / "host_probe", {GetParam()});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.output, "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Ways, BadHost,
+INSTANTIATE_TEST_SUITE_P(Ways, BadHostTest,
                          ::testing::Values("return", "exit", "unload", "reload", "waiting-return", "waiting-exit",
                                            "hundred-loads", "two-copies", "odd-path", "other-folder", "no-streams"));
 

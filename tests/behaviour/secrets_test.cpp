@@ -16,7 +16,7 @@ using namespace support;
 /// Short ones lie inside the module's state, long ones in memory of their own.
 const std::string pins[] = {"1357", "135792468", "a PIN of sixteen", std::string(40, 'p') + " the longest PIN is 63."};
 
-class Secrets : public ModuleTest {
+class SecretsTest : public ModuleTest {
 protected:
     void plugInTokens() override {
         plugIn(makeTokenInfo("SN1"));
@@ -47,7 +47,7 @@ protected:
     CK_SESSION_HANDLE session = 0;
 };
 
-TEST_F(Secrets, AForgottenPinIsOverwritten) {
+TEST_F(SecretsTest, AForgottenPinIsOverwritten) {
     struct Ending {
         const char* name;
         std::function<void()> end;
@@ -89,7 +89,7 @@ TEST_F(Secrets, AForgottenPinIsOverwritten) {
     }
 }
 
-TEST_F(Secrets, AReplacedPinIsOverwritten) {
+TEST_F(SecretsTest, AReplacedPinIsOverwritten) {
     const std::string next = "2468";
     for (const std::string& password : pins) {
         SCOPED_TRACE(password);
@@ -124,7 +124,7 @@ Bytes memoryAt(const unsigned char* address, std::size_t length) {
     return bytes;
 }
 
-TEST_F(Secrets, CopiesOfAPinAreOverwritten) {
+TEST_F(SecretsTest, CopiesOfAPinAreOverwritten) {
     const std::string& password = pins[3];
     const auto length = static_cast<CK_ULONG>(password.size());
     behaviour::watchFreedMemory(password);
@@ -158,10 +158,10 @@ std::string_view textOf(const Bytes& bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-class SecretResults : public Secrets {
+class SecretResultsTest : public SecretsTest {
 protected:
     void SetUp() override {
-        Secrets::SetUp();
+        SecretsTest::SetUp();
         loginWith("1234");
         device().plaintext = secret;
         device().sharedSecret = secret;
@@ -171,7 +171,7 @@ protected:
     void TearDown() override {
         behaviour::followAllocations(0);
         EXPECT_EQ(behaviour::patternsFreed(), 0);
-        Secrets::TearDown();
+        SecretsTest::TearDown();
     }
 
     void decryptInit() {
@@ -201,7 +201,7 @@ protected:
     CK_BYTE output[secretLength] = {};
 };
 
-TEST_F(SecretResults, ADeliveredPlaintextIsOverwritten) {
+TEST_F(SecretResultsTest, ADeliveredPlaintextIsOverwritten) {
     decryptInit();
     ASSERT_EQ(decrypt(nullptr), CKR_OK);
     const unsigned char* const kept = behaviour::lastAllocation();
@@ -214,7 +214,7 @@ TEST_F(SecretResults, ADeliveredPlaintextIsOverwritten) {
     ASSERT_EQ(api.C_CloseSession(session), CKR_OK);
 }
 
-TEST_F(SecretResults, APlaintextThatNobodyFetchesIsOverwritten) {
+TEST_F(SecretResultsTest, APlaintextThatNobodyFetchesIsOverwritten) {
     decryptInit();
     ASSERT_EQ(decrypt(nullptr), CKR_OK);
     // Abandoned, and replaced by the next one.
@@ -236,7 +236,7 @@ TEST_F(SecretResults, APlaintextThatNobodyFetchesIsOverwritten) {
     ASSERT_EQ(api.C_Initialize(nullptr), CKR_OK);
 }
 
-TEST_F(SecretResults, AnAgreedSecretIsOverwrittenButForWhatBecomesTheKey) {
+TEST_F(SecretResultsTest, AnAgreedSecretIsOverwrittenButForWhatBecomesTheKey) {
     ASSERT_EQ(derive(CKD_NULL, 40), CKR_OK);
     const unsigned char* const kept = behaviour::lastAllocation();
     ASSERT_NE(kept, nullptr);
@@ -252,7 +252,7 @@ TEST_F(SecretResults, AnAgreedSecretIsOverwrittenButForWhatBecomesTheKey) {
     expectLibraryBufferWiped();
 }
 
-TEST_F(SecretResults, AnImportedKeysPartsAreOverwritten) {
+TEST_F(SecretResultsTest, AnImportedKeysPartsAreOverwritten) {
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
         .add(CKA_MODULUS, Bytes(256, 0xC1))
@@ -269,7 +269,7 @@ TEST_F(SecretResults, AnImportedKeysPartsAreOverwritten) {
 
 // The library may give up its list whenever it is called, and the monitor calls it from its own thread, perhaps while
 // the search writes a line to the log. That of a long identifier is known by the memory that it takes.
-TEST_F(Secrets, ALogLineDoesNotDisturbASearchsKeyPairs) {
+TEST_F(SecretsTest, ALogLineDoesNotDisturbASearchsKeyPairs) {
     constexpr std::size_t length = 50'000;
     bool struck = false;
     const std::function<void()> overwrite = [&] {

@@ -9,7 +9,7 @@ using namespace support;
 constexpr CK_SESSION_HANDLE untouched = 0x7B;
 
 /// Two tokens, the second at `firstSlot + 1`.
-class Sessions : public ModuleTest {
+class SessionsTest : public ModuleTest {
 protected:
     void plugInTokens() override {
         plugIn(makeTokenInfo("SN1"));
@@ -54,7 +54,7 @@ std::vector<CK_SESSION_HANDLE> noSessions() {
 
 // --- C_OpenSession --------------------------------------------------------------------------------------------------
 
-TEST_F(Sessions, openReadOnly) {
+TEST_F(SessionsTest, OpenReadOnly) {
     CK_SESSION_HANDLE session = 0;
     EXPECT_EQ(open(firstSlot, CKF_SERIAL_SESSION, &session), CKR_OK);
     EXPECT_EQ(session, firstSession);
@@ -63,14 +63,14 @@ TEST_F(Sessions, openReadOnly) {
     expectInfo(session, firstSlot, CKS_RO_PUBLIC_SESSION, CKF_SERIAL_SESSION);
 }
 
-TEST_F(Sessions, openReadWrite) {
+TEST_F(SessionsTest, OpenReadWrite) {
     CK_SESSION_HANDLE session = 0;
     EXPECT_EQ(open(firstSlot + 1, CKF_SERIAL_SESSION | CKF_RW_SESSION, &session), CKR_OK);
     EXPECT_EQ(session, firstSession);
     expectInfo(session, firstSlot + 1, CKS_RW_PUBLIC_SESSION, CKF_SERIAL_SESSION | CKF_RW_SESSION);
 }
 
-TEST_F(Sessions, openRefusesAnUnknownSlotFirst) {
+TEST_F(SessionsTest, OpenRefusesAnUnknownSlotFirst) {
     std::vector<CK_SLOT_ID> ids = {0, firstSlot - 1, firstSlot + 2, firstSession, CK_UNAVAILABLE_INFORMATION};
     if constexpr (sizeof(CK_SLOT_ID) > 4) {
         ids.push_back(static_cast<CK_SLOT_ID>(0x150000001ULL));
@@ -89,7 +89,7 @@ TEST_F(Sessions, openRefusesAnUnknownSlotFirst) {
     EXPECT_EQ(openSession(), firstSession);  // nothing was opened
 }
 
-TEST_F(Sessions, openRefusesAParallelSessionBeforeTheNullPointer) {
+TEST_F(SessionsTest, OpenRefusesAParallelSessionBeforeTheNullPointer) {
     for (const CK_FLAGS flags : {CK_FLAGS{0}, static_cast<CK_FLAGS>(CKF_RW_SESSION), static_cast<CK_FLAGS>(~4UL)}) {
         CK_SESSION_HANDLE session = untouched;
         for (CK_SESSION_HANDLE* const pointer : {&session, static_cast<CK_SESSION_HANDLE*>(nullptr)}) {
@@ -102,7 +102,7 @@ TEST_F(Sessions, openRefusesAParallelSessionBeforeTheNullPointer) {
     EXPECT_EQ(openSession(), firstSession);
 }
 
-TEST_F(Sessions, openRefusesANullPointer) {
+TEST_F(SessionsTest, OpenRefusesANullPointer) {
     EXPECT_EQ(open(firstSlot, CKF_SERIAL_SESSION, nullptr), CKR_ARGUMENTS_BAD);
     EXPECT_EQ(log(), (Lines{"DEBUG C_OpenSession", "ERROR C_OpenSession: phSession is NULL"}));
     EXPECT_EQ(openSession(), firstSession);
@@ -112,7 +112,7 @@ CK_RV refusingNotify(CK_SESSION_HANDLE, CK_NOTIFICATION, CK_VOID_PTR) {
     return CKR_CANCEL;
 }
 
-TEST_F(Sessions, openIgnoresTheNotificationAndOtherFlags) {
+TEST_F(SessionsTest, OpenIgnoresTheNotificationAndOtherFlags) {
     CK_SESSION_HANDLE session = 0;
     int application = 0;
     EXPECT_EQ(functions().C_OpenSession(firstSlot, CK_UNAVAILABLE_INFORMATION, &application, refusingNotify, &session),
@@ -120,7 +120,7 @@ TEST_F(Sessions, openIgnoresTheNotificationAndOtherFlags) {
     expectInfo(session, firstSlot, CKS_RW_PUBLIC_SESSION, CKF_SERIAL_SESSION | CKF_RW_SESSION);
 }
 
-TEST_F(Sessions, handlesFollowTheLargestOpenOne) {
+TEST_F(SessionsTest, HandlesFollowTheLargestOpenOne) {
     EXPECT_EQ(openSession(), firstSession);
     EXPECT_EQ(openSession(), firstSession + 1);
     EXPECT_EQ(openSession(), firstSession + 2);
@@ -136,13 +136,13 @@ TEST_F(Sessions, handlesFollowTheLargestOpenOne) {
     EXPECT_EQ(openSession(), firstSession);  // the table was empty
 }
 
-TEST_F(Sessions, handlesAreSharedByTheSlots) {
+TEST_F(SessionsTest, HandlesAreSharedByTheSlots) {
     EXPECT_EQ(openSession(0, firstSlot), firstSession);
     EXPECT_EQ(openSession(0, firstSlot + 1), firstSession + 1);
     EXPECT_EQ(openSession(0, firstSlot), firstSession + 2);
 }
 
-TEST_F(Sessions, thereIsNoLimit) {
+TEST_F(SessionsTest, ThereIsNoLimit) {
     for (CK_SESSION_HANDLE i = 0; i < 300; ++i) {
         CK_SESSION_HANDLE session = 0;
         ASSERT_EQ(open(firstSlot, CKF_SERIAL_SESSION, &session), CKR_OK);
@@ -150,7 +150,7 @@ TEST_F(Sessions, thereIsNoLimit) {
     }
 }
 
-TEST_F(Sessions, aNewSessionIsAUsersWhileAPasswordIsKept) {
+TEST_F(SessionsTest, ANewSessionIsAUsersWhileAPasswordIsKept) {
     login(openSession(CKF_RW_SESSION));
     EXPECT_EQ(stateOf(openSession()), CKS_RO_USER_FUNCTIONS);
     EXPECT_EQ(stateOf(openSession(CKF_RW_SESSION)), CKS_RW_USER_FUNCTIONS);
@@ -159,7 +159,7 @@ TEST_F(Sessions, aNewSessionIsAUsersWhileAPasswordIsKept) {
     EXPECT_EQ(stateOf(openSession(CKF_RW_SESSION, firstSlot + 1)), CKS_RW_USER_FUNCTIONS);
 }
 
-TEST_F(Sessions, theUserOutlivesTheLastSession) {
+TEST_F(SessionsTest, TheUserOutlivesTheLastSession) {
     const CK_SESSION_HANDLE session = openSession();
     login(session);
     ASSERT_EQ(functions().C_CloseSession(session), CKR_OK);
@@ -169,13 +169,13 @@ TEST_F(Sessions, theUserOutlivesTheLastSession) {
     EXPECT_EQ(stateOf(openSession(CKF_RW_SESSION)), CKS_RW_USER_FUNCTIONS);
 }
 
-TEST_F(Sessions, aNewSessionIsNeverTheSecurityOfficers) {
+TEST_F(SessionsTest, ANewSessionIsNeverTheSecurityOfficers) {
     login(openSession(CKF_RW_SESSION), "officer pin", CKU_SO);
     EXPECT_EQ(stateOf(openSession(CKF_RW_SESSION)), CKS_RW_PUBLIC_SESSION);
     EXPECT_EQ(stateOf(openSession()), CKS_RO_PUBLIC_SESSION);
 }
 
-TEST_F(Sessions, aSessionOutlivesItsSlot) {
+TEST_F(SessionsTest, ASessionOutlivesItsSlot) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION, firstSlot + 1);
     device().connectedDevices = {"SN1"};
     listSlots();
@@ -186,7 +186,7 @@ TEST_F(Sessions, aSessionOutlivesItsSlot) {
 
 // --- C_CloseSession -------------------------------------------------------------------------------------------------
 
-TEST_F(Sessions, close) {
+TEST_F(SessionsTest, Close) {
     const CK_SESSION_HANDLE session = openSession();
     const CK_SESSION_HANDLE other = openSession();
     EXPECT_EQ(functions().C_CloseSession(session), CKR_OK);
@@ -199,7 +199,7 @@ TEST_F(Sessions, close) {
     EXPECT_EQ(log(), (Lines{"DEBUG C_CloseSession", "ERROR C_CloseSession: invalid hSession=1610612737"}));
 }
 
-TEST_F(Sessions, closeRefusesWhatIsNoSession) {
+TEST_F(SessionsTest, CloseRefusesWhatIsNoSession) {
     openSession();
     for (const CK_SESSION_HANDLE session : noSessions()) {
         EXPECT_EQ(functions().C_CloseSession(session), CKR_SESSION_HANDLE_INVALID);
@@ -208,7 +208,7 @@ TEST_F(Sessions, closeRefusesWhatIsNoSession) {
     EXPECT_EQ(resultFor(firstSession), CKR_OK);
 }
 
-TEST_F(Sessions, closingLogsNobodyOut) {
+TEST_F(SessionsTest, ClosingLogsNobodyOut) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     const CK_SESSION_HANDLE other = openSession();
     login(session);
@@ -218,7 +218,7 @@ TEST_F(Sessions, closingLogsNobodyOut) {
 
 // --- C_CloseAllSessions ---------------------------------------------------------------------------------------------
 
-TEST_F(Sessions, closeAllClosesThoseOfEverySlot) {
+TEST_F(SessionsTest, CloseAllClosesThoseOfEverySlot) {
     for (const CK_SLOT_ID slot : {firstSlot, firstSlot + 1}) {
         const CK_SESSION_HANDLE first = openSession(0, firstSlot);
         const CK_SESSION_HANDLE second = openSession(CKF_RW_SESSION, firstSlot + 1);
@@ -232,7 +232,7 @@ TEST_F(Sessions, closeAllClosesThoseOfEverySlot) {
     }
 }
 
-TEST_F(Sessions, closeAllRefusesAnUnknownSlot) {
+TEST_F(SessionsTest, CloseAllRefusesAnUnknownSlot) {
     const CK_SESSION_HANDLE session = openSession();
     std::vector<CK_SLOT_ID> ids = {0, firstSlot - 1, firstSlot + 2, firstSession, CK_UNAVAILABLE_INFORMATION};
     if constexpr (sizeof(CK_SLOT_ID) > 4) {
@@ -248,7 +248,7 @@ TEST_F(Sessions, closeAllRefusesAnUnknownSlot) {
 
 // --- C_GetSessionInfo -----------------------------------------------------------------------------------------------
 
-TEST_F(Sessions, infoRefusesWhatIsNoSessionFirst) {
+TEST_F(SessionsTest, InfoRefusesWhatIsNoSessionFirst) {
     openSession();
     for (const CK_SESSION_HANDLE session : noSessions()) {
         CK_SESSION_INFO info = filledWith<CK_SESSION_INFO>(0xFF);
@@ -261,12 +261,12 @@ TEST_F(Sessions, infoRefusesWhatIsNoSessionFirst) {
     }
 }
 
-TEST_F(Sessions, infoRefusesANullPointer) {
+TEST_F(SessionsTest, InfoRefusesANullPointer) {
     EXPECT_EQ(functions().C_GetSessionInfo(openSession(), nullptr), CKR_ARGUMENTS_BAD);
     EXPECT_EQ(log(), (Lines{"DEBUG C_GetSessionInfo", "ERROR C_GetSessionInfo: pInfo is NULL"}));
 }
 
-TEST_F(Sessions, infoInEveryState) {
+TEST_F(SessionsTest, InfoInEveryState) {
     const CK_SESSION_HANDLE readOnly = openSession(0, firstSlot);
     const CK_SESSION_HANDLE readWrite = openSession(CKF_RW_SESSION, firstSlot);
     const CK_SESSION_HANDLE officer = openSession(CKF_RW_SESSION, firstSlot + 1);

@@ -6,7 +6,7 @@ namespace {
 
 using namespace support;
 
-class SetPin : public LoginTest {
+class SetPinTest : public LoginTest {
 protected:
     static CK_RV setPin(CK_SESSION_HANDLE session, const std::string& oldPin, const std::string& newPin) {
         const auto oldBuffer = std::make_unique<CK_UTF8CHAR[]>(oldPin.size());
@@ -31,7 +31,7 @@ protected:
     }
 };
 
-TEST_F(SetPin, refusesWhatIsNoSessionFirst) {
+TEST_F(SetPinTest, RefusesWhatIsNoSessionFirst) {
     openSession();
     for (const CK_SESSION_HANDLE session : noSessions()) {
         expectRefusal(session, nullptr, 0, nullptr, 0, CKR_SESSION_HANDLE_INVALID,
@@ -39,7 +39,7 @@ TEST_F(SetPin, refusesWhatIsNoSessionFirst) {
     }
 }
 
-TEST_F(SetPin, refusesAReadOnlySessionBeforeThePins) {
+TEST_F(SetPinTest, RefusesAReadOnlySessionBeforeThePins) {
     for (const CK_STATE state : std::vector<CK_STATE>{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS}) {
         const CK_SESSION_HANDLE session = sessionInState(state);
         expectRefusal(session, nullptr, 0, nullptr, 0, CKR_SESSION_READ_ONLY,
@@ -49,7 +49,7 @@ TEST_F(SetPin, refusesAReadOnlySessionBeforeThePins) {
     }
 }
 
-TEST_F(SetPin, refusesThePinsInTheirOrder) {
+TEST_F(SetPinTest, RefusesThePinsInTheirOrder) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     const std::string text(100, 'p');
     CK_UTF8CHAR_PTR const some = pin(text.c_str());
@@ -71,7 +71,7 @@ TEST_F(SetPin, refusesThePinsInTheirOrder) {
     expectRefusal(session, some, 4, nullptr, 4, CKR_ARGUMENTS_BAD, "pNewPin is NULL");
 }
 
-TEST_F(SetPin, handsBothPinsToTheDevice) {
+TEST_F(SetPinTest, HandsBothPinsToTheDevice) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION, secondSlot);
     const std::string longest(63, 'p');
     EXPECT_EQ(setPin(session, "1234", longest), CKR_OK);
@@ -82,13 +82,13 @@ TEST_F(SetPin, handsBothPinsToTheDevice) {
     EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
 }
 
-TEST_F(SetPin, needsNoLoginAndKeepsNothingThen) {
+TEST_F(SetPinTest, NeedsNoLoginAndKeepsNothingThen) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     EXPECT_EQ(setPin(session, "1234", "5678"), CKR_OK);
     EXPECT_EQ(stateOf(openSession()), CKS_RO_PUBLIC_SESSION);
 }
 
-TEST_F(SetPin, replacesAKeptPassword) {
+TEST_F(SetPinTest, ReplacesAKeptPassword) {
     const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session);
@@ -98,7 +98,7 @@ TEST_F(SetPin, replacesAKeptPassword) {
     EXPECT_TRUE(keeps("56789", other));
 }
 
-TEST_F(SetPin, changesTheUsersPinFromAnOfficersSession) {
+TEST_F(SetPinTest, ChangesTheUsersPinFromAnOfficersSession) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session, "officer pin", CKU_SO);
     EXPECT_EQ(setPin(session, "1234", "5678"), CKR_OK);
@@ -107,7 +107,7 @@ TEST_F(SetPin, changesTheUsersPinFromAnOfficersSession) {
     EXPECT_EQ(stateOf(openSession()), CKS_RO_PUBLIC_SESSION);
 }
 
-TEST_F(SetPin, aRefusalOfTheDeviceKeepsThePassword) {
+TEST_F(SetPinTest, ARefusalOfTheDeviceKeepsThePassword) {
     const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session);
@@ -124,7 +124,7 @@ TEST_F(SetPin, aRefusalOfTheDeviceKeepsThePassword) {
     EXPECT_TRUE(keeps("1234", other));
 }
 
-TEST_F(SetPin, pinsWithAZeroByteEndThereForTheDevice) {
+TEST_F(SetPinTest, PinsWithAZeroByteEndThereForTheDevice) {
     const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session);

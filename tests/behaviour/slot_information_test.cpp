@@ -7,7 +7,7 @@ namespace {
 using namespace support;
 
 /// Slots with one token, whose `TokenInfo` the test changes before it calls `list`.
-class SlotInfo : public SlotsTest {
+class SlotInfoTest : public SlotsTest {
 protected:
     TokenInfo token = makeTokenInfo("SN1");
 
@@ -75,7 +75,7 @@ std::vector<CK_SLOT_ID> noSlots() {
     return ids;
 }
 
-TEST_F(SlotInfo, slotInfoRefusesAnUnknownSlotFirst) {
+TEST_F(SlotInfoTest, SlotInfoRefusesAnUnknownSlotFirst) {
     list();
     for (const CK_SLOT_ID slot : noSlots()) {
         CK_SLOT_INFO info = filledWith<CK_SLOT_INFO>(0xFF);
@@ -88,7 +88,7 @@ TEST_F(SlotInfo, slotInfoRefusesAnUnknownSlotFirst) {
     EXPECT_EQ(calls(), Lines{});
 }
 
-TEST_F(SlotInfo, tokenInfoRefusesAnUnknownSlotFirst) {
+TEST_F(SlotInfoTest, TokenInfoRefusesAnUnknownSlotFirst) {
     list();
     for (const CK_SLOT_ID slot : noSlots()) {
         CK_TOKEN_INFO info = filledWith<CK_TOKEN_INFO>(0xFF);
@@ -101,14 +101,14 @@ TEST_F(SlotInfo, tokenInfoRefusesAnUnknownSlotFirst) {
     EXPECT_EQ(calls(), Lines{});
 }
 
-TEST_F(SlotInfo, noSlotBeforeTheFirstListing) {
+TEST_F(SlotInfoTest, NoSlotBeforeTheFirstListing) {
     plugIn(token);
     CK_ULONG count = 0;
     EXPECT_EQ(functions().C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
     EXPECT_EQ(resultFor(firstSlot), CKR_SLOT_ID_INVALID);
 }
 
-TEST_F(SlotInfo, aNullPointerIsRefusedAfterTheSlot) {
+TEST_F(SlotInfoTest, ANullPointerIsRefusedAfterTheSlot) {
     list();
     EXPECT_EQ(functions().C_GetSlotInfo(firstSlot, nullptr), CKR_ARGUMENTS_BAD);
     EXPECT_EQ(log(), (Lines{"DEBUG C_GetSlotInfo", "ERROR C_GetSlotInfo: pInfo is NULL"}));
@@ -119,13 +119,13 @@ TEST_F(SlotInfo, aNullPointerIsRefusedAfterTheSlot) {
 
 // --- C_GetSlotInfo --------------------------------------------------------------------------------------------------
 
-TEST_F(SlotInfo, slotInfoIsWrittenWhole) {
+TEST_F(SlotInfoTest, SlotInfoIsWrittenWhole) {
     EXPECT_EQ(bytesOf(slotInfo()), bytesOf(expectedSlotInfo()));
     EXPECT_EQ(log(), (Lines{"DEBUG C_GetSlotInfo"}));
     EXPECT_EQ(calls(), Lines{});  // from the table, not from the device
 }
 
-TEST_F(SlotInfo, slotLabels) {
+TEST_F(SlotInfoTest, SlotLabels) {
     for (const std::size_t length : {0U, 1U, 32U, 33U, 62U, 63U, 64U}) {
         token.label = std::string(length, 'L');
         EXPECT_EQ(bytesOf(slotInfo()), bytesOf(expectedSlotInfo())) << length;
@@ -133,7 +133,7 @@ TEST_F(SlotInfo, slotLabels) {
 }
 
 /// What doesn't fit is cut, and the field behind isn't touched.
-TEST_F(SlotInfo, aLongerSlotLabelIsCut) {
+TEST_F(SlotInfoTest, ALongerSlotLabelIsCut) {
     for (const std::size_t length : {65U, 66U, 96U, 200U, 5000U}) {
         token.label = std::string(length, 'L');
         const CK_SLOT_INFO info = slotInfo();
@@ -143,7 +143,7 @@ TEST_F(SlotInfo, aLongerSlotLabelIsCut) {
 }
 
 /// The slot's description is a text and ends at its zero byte; the token's fields are counted bytes and don't.
-TEST_F(SlotInfo, zeroBytesInTexts) {
+TEST_F(SlotInfoTest, ZeroBytesInTexts) {
     using namespace std::string_literals;
     token.label = "La\0bel"s;
     token.model = "AB1\0model"s;
@@ -161,7 +161,7 @@ TEST_F(SlotInfo, zeroBytesInTexts) {
     EXPECT_EQ(bytesOf(tokenInfo()), bytesOf(cut));
 }
 
-TEST_F(SlotInfo, aSlotLabelMayHoldAnyBytes) {
+TEST_F(SlotInfoTest, ASlotLabelMayHoldAnyBytes) {
     token.label = "Schl\xC3\xBCssel \xE2\x80\x94 \xFF\x80";
     EXPECT_EQ(bytesOf(slotInfo()), bytesOf(expectedSlotInfo()));
 }
@@ -178,7 +178,7 @@ constexpr Firmware firmwares[] = {{"3", 3, 0},           {"3.6", 3, 6},    {"3.0
                                   {"255.255", 255, 255}, {"300.1", 44, 1},  // the low byte
                                   {"1..2", 1, 0}};
 
-TEST_F(SlotInfo, firmwareVersions) {
+TEST_F(SlotInfoTest, FirmwareVersions) {
     for (const Firmware& firmware : firmwares) {
         token.firmwareVersion = firmware.text;
         CK_SLOT_INFO expectedSlot = expectedSlotInfo();
@@ -190,7 +190,7 @@ TEST_F(SlotInfo, firmwareVersions) {
     }
 }
 
-TEST_F(SlotInfo, aFirmwareNumberOfAnyLengthDoesNoHarm) {
+TEST_F(SlotInfoTest, AFirmwareNumberOfAnyLengthDoesNoHarm) {
     for (const char* const text : {"99999999999.1", "-1.-1", "18446744073709551616.99999999999999999999999"}) {
         token.firmwareVersion = text;
         slotInfo();
@@ -202,13 +202,13 @@ TEST_F(SlotInfo, aFirmwareNumberOfAnyLengthDoesNoHarm) {
 
 // --- C_GetTokenInfo -------------------------------------------------------------------------------------------------
 
-TEST_F(SlotInfo, tokenInfoIsWrittenWhole) {
+TEST_F(SlotInfoTest, TokenInfoIsWrittenWhole) {
     EXPECT_EQ(bytesOf(tokenInfo()), bytesOf(expectedTokenInfo()));
     EXPECT_EQ(log(), (Lines{"DEBUG C_GetTokenInfo", "DEBUG C_GetTokenInfo -- exit"}));
     EXPECT_EQ(calls(), Lines{});
 }
 
-TEST_F(SlotInfo, tokenLabels) {
+TEST_F(SlotInfoTest, TokenLabels) {
     const std::string label = "abcdefghijklmnopqrstuvwxyz0123456789";
     const std::pair<std::size_t, std::size_t> shownOf[] = {{0, 0},   {1, 1},   {29, 29}, {30, 30},
                                                            {31, 30}, {32, 30}, {33, 32}, {36, 32}};
@@ -220,7 +220,7 @@ TEST_F(SlotInfo, tokenLabels) {
     }
 }
 
-TEST_F(SlotInfo, models) {
+TEST_F(SlotInfoTest, Models) {
     const std::string model = "AB1defghijklmnopqrst";
     for (const std::size_t length : {0U, 1U, 2U, 3U, 15U, 16U, 17U, 20U}) {
         token.model = model.substr(0, length);
@@ -233,7 +233,7 @@ TEST_F(SlotInfo, models) {
     }
 }
 
-TEST_F(SlotInfo, serialNumbers) {
+TEST_F(SlotInfoTest, SerialNumbers) {
     const std::string serial = "0123456789ABCDEFGHIJ";
     for (const std::size_t length : {1U, 15U, 16U, 17U, 20U}) {
         token = makeTokenInfo(serial.substr(0, length));
@@ -244,7 +244,7 @@ TEST_F(SlotInfo, serialNumbers) {
     }
 }
 
-TEST_F(SlotInfo, pinFlags) {
+TEST_F(SlotInfoTest, PinFlags) {
     const std::pair<int, CK_FLAGS> flagsOfAttempts[] = {{0, CKF_USER_PIN_LOCKED},
                                                         {1, CKF_USER_PIN_FINAL_TRY},
                                                         {2, CKF_USER_PIN_COUNT_LOW},
@@ -264,7 +264,7 @@ TEST_F(SlotInfo, pinFlags) {
 }
 
 /// Sessions of all slots count, but only while nobody is logged in to them.
-TEST_F(SlotInfo, sessionCountsAreOfPublicSessionsOnAllSlots) {
+TEST_F(SlotInfoTest, SessionCountsAreOfPublicSessionsOnAllSlots) {
     connect({"SN1", "SN2"});
     listSlots();
     const CK_SESSION_HANDLE first = openSession(0, firstSlot);
@@ -297,7 +297,7 @@ TEST_F(SlotInfo, sessionCountsAreOfPublicSessionsOnAllSlots) {
 }
 
 /// The table is read, not the device: what changed since the last listing isn't seen.
-TEST_F(SlotInfo, informationIsThatOfTheLastListing) {
+TEST_F(SlotInfoTest, InformationIsThatOfTheLastListing) {
     list();
     device().tokenInfo["SN1"].label = "renamed";
     device().tokenInfo["SN1"].userPinAttemptsLeft = 1;

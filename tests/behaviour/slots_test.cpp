@@ -13,11 +13,9 @@ std::string getTokenInfoCall(const std::string& deviceName) {
     return "zentak_getTokenInfo(\"" + deviceName + "\", instance)";
 }
 
-class Slots : public SlotsTest {};
-
 // --- C_GetSlotList --------------------------------------------------------------------------------------------------
 
-TEST_F(Slots, listRefusesANullCount) {
+TEST_F(SlotsTest, ListRefusesANullCount) {
     connect({"SN1"});
     CK_SLOT_ID slot = untouched;
     for (CK_SLOT_ID* const list : {static_cast<CK_SLOT_ID*>(nullptr), &slot}) {
@@ -28,7 +26,7 @@ TEST_F(Slots, listRefusesANullCount) {
     EXPECT_EQ(slot, untouched);
 }
 
-TEST_F(Slots, noDevice) {
+TEST_F(SlotsTest, NoDevice) {
     CK_ULONG count = untouched;
     EXPECT_EQ(functions().C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
     EXPECT_EQ(count, 0U);
@@ -44,7 +42,7 @@ TEST_F(Slots, noDevice) {
     EXPECT_EQ(calls(), (Lines{listDevices}));
 }
 
-TEST_F(Slots, noDeviceAndACountOfZero) {
+TEST_F(SlotsTest, NoDeviceAndACountOfZero) {
     CK_ULONG count = 0;
     CK_SLOT_ID slot = untouched;
     EXPECT_EQ(functions().C_GetSlotList(CK_TRUE, &slot, &count), CKR_OK);
@@ -52,7 +50,7 @@ TEST_F(Slots, noDeviceAndACountOfZero) {
     EXPECT_EQ(slot, untouched);
 }
 
-TEST_F(Slots, noDeviceEmptiesTheTable) {
+TEST_F(SlotsTest, NoDeviceEmptiesTheTable) {
     for (const bool askOnlyForTheCount : {true, false}) {
         connect({"SN1"});
         listSlots();
@@ -65,7 +63,7 @@ TEST_F(Slots, noDeviceEmptiesTheTable) {
     }
 }
 
-TEST_F(Slots, theCountAloneIsOfAllDevicesAndLeavesTheTable) {
+TEST_F(SlotsTest, TheCountAloneIsOfAllDevicesAndLeavesTheTable) {
     connect({"SN1"});
     listSlots();
     connect({"SN2", "SN3"});
@@ -79,7 +77,7 @@ TEST_F(Slots, theCountAloneIsOfAllDevicesAndLeavesTheTable) {
     EXPECT_EQ(resultFor(firstSlot + 1), CKR_SLOT_ID_INVALID);
 }
 
-TEST_F(Slots, listSkipsADeviceWithoutASerialNumber) {
+TEST_F(SlotsTest, ListSkipsADeviceWithoutASerialNumber) {
     connect({"SN1", "SN2"});
     device().tokenInfo["SN1"].serialNumber.clear();
     CK_SLOT_ID slots[3] = {untouched, untouched, untouched};
@@ -95,7 +93,7 @@ TEST_F(Slots, listSkipsADeviceWithoutASerialNumber) {
     EXPECT_EQ(resultFor(firstSlot + 1), CKR_SLOT_ID_INVALID);
 }
 
-TEST_F(Slots, listOfUnusableDevicesIsEmpty) {
+TEST_F(SlotsTest, ListOfUnusableDevicesIsEmpty) {
     connect({"SN1", "SN2"});
     device().tokenInfo.clear();
     CK_SLOT_ID slots[2] = {untouched, untouched};
@@ -106,7 +104,7 @@ TEST_F(Slots, listOfUnusableDevicesIsEmpty) {
     EXPECT_EQ(log(), (Lines{"DEBUG C_GetSlotList"}));  // devices there are, so no line about a missing token
 }
 
-TEST_F(Slots, tokenPresentIsIgnored) {
+TEST_F(SlotsTest, TokenPresentIsIgnored) {
     connect({"SN1", "SN2"});
     for (const int present : {CK_FALSE, CK_TRUE, 7}) {
         CK_SLOT_ID slots[2] = {untouched, untouched};
@@ -118,7 +116,7 @@ TEST_F(Slots, tokenPresentIsIgnored) {
     }
 }
 
-TEST_F(Slots, aSmallBufferIsRefusedAndLeavesTheTable) {
+TEST_F(SlotsTest, ASmallBufferIsRefusedAndLeavesTheTable) {
     connect({"SN1"});
     listSlots();
     connect({"SN2", "SN3", "SN4"});
@@ -137,7 +135,7 @@ TEST_F(Slots, aSmallBufferIsRefusedAndLeavesTheTable) {
 }
 
 /// The needed room is counted in devices, also when fewer of them turn out to be tokens.
-TEST_F(Slots, roomIsNeededForUnusableDevicesToo) {
+TEST_F(SlotsTest, RoomIsNeededForUnusableDevicesToo) {
     connect({"SN1", "SN2"});
     device().tokenInfo["SN2"].serialNumber.clear();
     CK_SLOT_ID slot = untouched;
@@ -147,7 +145,7 @@ TEST_F(Slots, roomIsNeededForUnusableDevicesToo) {
     EXPECT_EQ(slot, untouched);
 }
 
-TEST_F(Slots, anAmpleBufferIsWrittenAsFarAsNeeded) {
+TEST_F(SlotsTest, AnAmpleBufferIsWrittenAsFarAsNeeded) {
     connect({"SN1", "SN2"});
     std::vector<CK_SLOT_ID> slots(10, untouched);
     CK_ULONG count = 10;
@@ -159,7 +157,7 @@ TEST_F(Slots, anAmpleBufferIsWrittenAsFarAsNeeded) {
     EXPECT_EQ(slots, expected);
 }
 
-TEST_F(Slots, aCountBeyondTheRealBufferDecidesNothing) {
+TEST_F(SlotsTest, ACountBeyondTheRealBufferDecidesNothing) {
     connect({"SN1"});
     CK_SLOT_ID slot = untouched;
     CK_ULONG count = CK_UNAVAILABLE_INFORMATION;
@@ -168,7 +166,7 @@ TEST_F(Slots, aCountBeyondTheRealBufferDecidesNothing) {
     EXPECT_EQ(slot, firstSlot);
 }
 
-TEST_F(Slots, idsAreHandedOutInListOrderAndResolvedInNameOrder) {
+TEST_F(SlotsTest, IdsAreHandedOutInListOrderAndResolvedInNameOrder) {
     connect({"SN3", "SN1", "SN2"});
     EXPECT_EQ(listSlots(), (std::vector<CK_SLOT_ID>{firstSlot, firstSlot + 1, firstSlot + 2}));
     EXPECT_EQ(labelIn(firstSlot), "Token of SN1");
@@ -177,7 +175,7 @@ TEST_F(Slots, idsAreHandedOutInListOrderAndResolvedInNameOrder) {
 }
 
 /// The order is that of bytes: neither of a language nor of signed characters.
-TEST_F(Slots, namesAreOrderedByBytes) {
+TEST_F(SlotsTest, NamesAreOrderedByBytes) {
     connect({"\xC3\xA4", "a", "B", "a1", "~"});
     listSlots();
     EXPECT_EQ(labelIn(firstSlot), "Token of B");
@@ -187,7 +185,7 @@ TEST_F(Slots, namesAreOrderedByBytes) {
     EXPECT_EQ(labelIn(firstSlot + 4), "Token of \xC3\xA4");
 }
 
-TEST_F(Slots, aDeviceNamedTwiceGetsTwoIdsAndOneEntry) {
+TEST_F(SlotsTest, ADeviceNamedTwiceGetsTwoIdsAndOneEntry) {
     connect({"SN1", "SN1"});
     scripted::Fault relabel{"zentak_getTokenInfo", 2};
     relabel.action = [] { device().change([](scripted::Device& world) { world.tokenInfo["SN1"].label = "later"; }); };
@@ -203,7 +201,7 @@ TEST_F(Slots, aDeviceNamedTwiceGetsTwoIdsAndOneEntry) {
     EXPECT_EQ(resultFor(firstSlot + 1), CKR_SLOT_ID_INVALID);
 }
 
-TEST_F(Slots, everyListingBuildsTheTableAnew) {
+TEST_F(SlotsTest, EveryListingBuildsTheTableAnew) {
     connect({"SN1", "SN2"});
     listSlots();
     connect({"SN2"});
@@ -214,7 +212,7 @@ TEST_F(Slots, everyListingBuildsTheTableAnew) {
 }
 
 /// A slot is keyed by the device's name, which a library may choose otherwise than the serial number.
-TEST_F(Slots, theDeviceNameIsTheKey) {
+TEST_F(SlotsTest, TheDeviceNameIsTheKey) {
     device().connectedDevices = {"reader B", "reader A"};
     device().tokenInfo["reader A"] = makeTokenInfo("SN9");
     device().tokenInfo["reader B"] = makeTokenInfo("SN1");

@@ -15,7 +15,7 @@ namespace {
 using namespace support;
 using std::chrono::milliseconds;
 
-class Threads : public ModuleTest {
+class ThreadsTest : public ModuleTest {
 protected:
     void SetUp() override {
         ModuleTest::SetUp();
@@ -63,7 +63,7 @@ protected:
     }
 };
 
-TEST_F(Threads, useTheModuleWhileDevicesComeAndGo) {
+TEST_F(ThreadsTest, UseTheModuleWhileDevicesComeAndGo) {
     std::atomic<bool> done = false;
     std::vector<Answers> answers(9);
     std::vector<std::thread> threads;
@@ -112,7 +112,7 @@ TEST_F(Threads, useTheModuleWhileDevicesComeAndGo) {
 }
 
 /// A call that has had to wait for C_Finalize finds the module as that has left it.
-TEST_F(Threads, waitForTheEndAndFindTheModuleUninitialised) {
+TEST_F(ThreadsTest, WaitForTheEndAndFindTheModuleUninitialised) {
     setLogLevel(debugLevel);
     clear();
     CK_INFO info = filledWith<CK_INFO>(0xA5);
@@ -138,7 +138,7 @@ TEST_F(Threads, waitForTheEndAndFindTheModuleUninitialised) {
 }
 
 /// Handles are handed out once, states and lines stay whole.
-TEST_F(Threads, openManySessions) {
+TEST_F(ThreadsTest, OpenManySessions) {
     constexpr int threadCount = 8;
     constexpr int rounds = 40;
     setLogLevel(debugLevel);
@@ -186,7 +186,7 @@ TEST_F(Threads, openManySessions) {
     EXPECT_EQ(opened, all.size());
 }
 
-TEST_F(Threads, startAndStopTheModule) {
+TEST_F(ThreadsTest, StartAndStopTheModule) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([] {
@@ -210,7 +210,7 @@ TEST_F(Threads, startAndStopTheModule) {
     EXPECT_EQ(functions().C_GetInfo(&info), CKR_OK);
 }
 
-TEST_F(Threads, aThousandStartsLeaveNothingBehind) {
+TEST_F(ThreadsTest, AThousandStartsLeaveNothingBehind) {
     const auto startAndStop = [] {
         ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
         CK_ULONG count = 0;

@@ -23,9 +23,9 @@ std::vector<int> projectVersion() {
     return numbers;
 }
 
-class Version : public ModuleTest {};
+class VersionTest : public ModuleTest {};
 
-TEST_F(Version, theModuleTellsTheProjects) {
+TEST_F(VersionTest, TheModuleTellsTheProjects) {
     const std::vector<int> version = projectVersion();
     ASSERT_EQ(version.size(), 3U);
     CK_INFO info = {};
@@ -77,7 +77,7 @@ private:
     std::vector<char> area_;
 };
 
-TEST_F(Version, everyFileTellsTheProjects) {
+TEST_F(VersionTest, EveryFileTellsTheProjects) {
     const std::pair<std::string, std::string> descriptions[] = {
         {"ZentakPKCS11.dll", "Zentak PKCS11 Library"},      {"ZentakDSCLibrary.dll", "Zentak software token"},
         {"zentak-token.exe", "Zentak software token tool"}, {"zentak-example.exe", "Zentak example program"},

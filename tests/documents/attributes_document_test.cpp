@@ -35,7 +35,7 @@ std::string cellOf(const std::map<CK_ATTRIBUTE_TYPE, documents::Row>& rows, CK_A
     return found == rows.end() ? absent : found->second.at(column);
 }
 
-class AttributesDocument : public CreationTest {
+class AttributesDocumentTest : public CreationTest {
 protected:
     void SetUp() override {
         CreationTest::SetUp();
@@ -113,13 +113,13 @@ protected:
     Handles found(Template& wanted) { return search(session, wanted); }
 };
 
-TEST_F(AttributesDocument, NumbersAreTheHeaders) {
+TEST_F(AttributesDocumentTest, NumbersAreTheHeaders) {
     for (const auto& [type, row] : documentedAttributes("Derived secret")) {
         EXPECT_EQ(row.at("Number"), documents::hexadecimalNumber(type)) << row.at("Attribute");
     }
 }
 
-TEST_F(AttributesDocument, ReadingGivesWhatThePageSays) {
+TEST_F(AttributesDocumentTest, ReadingGivesWhatThePageSays) {
     addKeyPairs();
     world.sharedSecret = countingBytes(1, 32);
     Bytes peer = countingBytes(1, 65);
@@ -141,7 +141,7 @@ TEST_F(AttributesDocument, ReadingGivesWhatThePageSays) {
     }
 }
 
-TEST_F(AttributesDocument, SearchesLookAtWhatThePageSays) {
+TEST_F(AttributesDocumentTest, SearchesLookAtWhatThePageSays) {
     const auto searched = [this](CK_OBJECT_CLASS objectClass) {
         return [this, objectClass](CK_ATTRIBUTE_TYPE type) {
             Template every;
@@ -157,7 +157,7 @@ TEST_F(AttributesDocument, SearchesLookAtWhatThePageSays) {
     compare("Find a certificate", searched(CKO_CERTIFICATE));
 }
 
-TEST_F(AttributesDocument, OnlyKeysAreSetAsThePageSays) {
+TEST_F(AttributesDocumentTest, OnlyKeysAreSetAsThePageSays) {
     const auto set = [this](CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
         Template changed;
         changed.addNumber(type, 3);
@@ -175,7 +175,7 @@ TEST_F(AttributesDocument, OnlyKeysAreSetAsThePageSays) {
     }
 }
 
-TEST_F(AttributesDocument, CreationLooksAtWhatThePageSays) {
+TEST_F(AttributesDocumentTest, CreationLooksAtWhatThePageSays) {
     const Call creating = [this](Template& wanted) { return create(wanted); };
     const auto certificateTemplate = [this] {
         Template base;
@@ -193,7 +193,7 @@ TEST_F(AttributesDocument, CreationLooksAtWhatThePageSays) {
     compare("Create a key", [&](CK_ATTRIBUTE_TYPE type) { return counts(type, keyTemplate, creating); });
 }
 
-TEST_F(AttributesDocument, GenerationLooksAtWhatThePageSays) {
+TEST_F(AttributesDocumentTest, GenerationLooksAtWhatThePageSays) {
     const auto generate = [this](Template& ofPublic, Template& ofPrivate) {
         CK_MECHANISM mechanism = {CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
         CK_OBJECT_HANDLE keys[2];
@@ -226,7 +226,7 @@ TEST_F(AttributesDocument, GenerationLooksAtWhatThePageSays) {
     }
 }
 
-TEST_F(AttributesDocument, DerivationLooksAtWhatThePageSays) {
+TEST_F(AttributesDocumentTest, DerivationLooksAtWhatThePageSays) {
     world.sharedSecret = countingBytes(1, 32);
     Bytes peer = countingBytes(1, 65);
     CK_ECDH1_DERIVE_PARAMS parameters = {CKD_NULL, 0, nullptr, 65, peer.data()};

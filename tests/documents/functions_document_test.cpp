@@ -24,7 +24,7 @@ std::map<std::string, documents::Row> documentedFunctions() {
     return functions;
 }
 
-TEST(FunctionsDocument, HasEveryFunctionInItsState) {
+TEST(FunctionsDocumentTest, HasEveryFunctionInItsState) {
     std::map<std::string, std::string> states;
     int working = 0;
     for (const behaviour::AnyFunction& function : behaviour::everyFunction()) {
@@ -41,7 +41,7 @@ TEST(FunctionsDocument, HasEveryFunctionInItsState) {
     EXPECT_EQ(documented, states);
 }
 
-TEST(FunctionsDocument, NamesTheFileAndSaysWhatTheFunctionDoes) {
+TEST(FunctionsDocumentTest, NamesTheFileAndSaysWhatTheFunctionDoes) {
     for (const auto& [name, row] : documentedFunctions()) {
         SCOPED_TRACE(name);
         EXPECT_FALSE(row.at("What it does").empty());
@@ -55,7 +55,7 @@ TEST(FunctionsDocument, NamesTheFileAndSaysWhatTheFunctionDoes) {
 }
 
 /// Calls every function in a world where it does all that it can do, and notes the operations that this takes.
-class DeviceLibraryColumn : public ObjectTest {
+class DeviceLibraryColumnTest : public ObjectTest {
 protected:
     void SetUp() override {
         ObjectTest::SetUp();
@@ -113,7 +113,7 @@ protected:
     CK_ULONG outputLength = 2048;
 };
 
-void DeviceLibraryColumn::callGeneral() {
+void DeviceLibraryColumnTest::callGeneral() {
     calling("C_Finalize", [&] { return api->C_Finalize(nullptr); });
     calling("C_Initialize", [&] { return api->C_Initialize(nullptr); });
     CK_INFO info;
@@ -122,7 +122,7 @@ void DeviceLibraryColumn::callGeneral() {
     calling("C_GetFunctionList", [&] { return api->C_GetFunctionList(&list); });
 }
 
-void DeviceLibraryColumn::callSlots() {
+void DeviceLibraryColumnTest::callSlots() {
     CK_SLOT_ID slots[8];
     CK_ULONG count = 8;
     calling("C_GetSlotList", [&] { return api->C_GetSlotList(CK_TRUE, slots, &count); });
@@ -143,7 +143,7 @@ void DeviceLibraryColumn::callSlots() {
     });
 }
 
-void DeviceLibraryColumn::callSessions() {
+void DeviceLibraryColumnTest::callSessions() {
     const auto open = [&] {
         return api->C_OpenSession(firstSlot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session);
     };
@@ -160,7 +160,7 @@ void DeviceLibraryColumn::callSessions() {
     calling("C_SetPIN", [&] { return api->C_SetPIN(session, pin(userPin), 6, pin("135791"), 6); });
 }
 
-void DeviceLibraryColumn::callObjects() {
+void DeviceLibraryColumnTest::callObjects() {
     find(session, CKA_LABEL);
     find(session, CKA_SUBJECT);
     find(openSession(0, fipsSlot), CKA_LABEL);  // an empty token
@@ -193,7 +193,7 @@ void DeviceLibraryColumn::callObjects() {
     calling("C_DestroyObject", [&] { return api->C_DestroyObject(session, privateKey(6)); });
 }
 
-void DeviceLibraryColumn::callDigests() {
+void DeviceLibraryColumnTest::callDigests() {
     calling("C_DigestInit", [&] { return api->C_DigestInit(session, &digest); });
     calling("C_Digest", [&] { return api->C_Digest(session, data.data(), dataLength, output.data(), &outputLength); });
     calling("C_DigestInit", [&] { return api->C_DigestInit(session, &digest); });
@@ -204,7 +204,7 @@ void DeviceLibraryColumn::callDigests() {
     session = openSession(CKF_RW_SESSION);
 }
 
-void DeviceLibraryColumn::callSignatures() {
+void DeviceLibraryColumnTest::callSignatures() {
     calling("C_SignInit", [&] { return api->C_SignInit(session, &hashing, privateKey(5)); });
     calling("C_Sign", [&] { return api->C_Sign(session, data.data(), dataLength, output.data(), &outputLength); });
     calling("C_SignInit", [&] { return api->C_SignInit(session, &hashing, privateKey(5)); });
@@ -212,7 +212,7 @@ void DeviceLibraryColumn::callSignatures() {
     calling("C_SignFinal", [&] { return api->C_SignFinal(session, output.data(), &outputLength); });
 }
 
-void DeviceLibraryColumn::callVerification() {
+void DeviceLibraryColumnTest::callVerification() {
     calling("C_VerifyInit", [&] { return api->C_VerifyInit(session, &hashing, publicKey(5)); });
     calling("C_Verify", [&] { return api->C_Verify(session, data.data(), dataLength, output.data(), 256); });
     calling("C_VerifyInit", [&] { return api->C_VerifyInit(session, &hashing, publicKey(5)); });
@@ -220,7 +220,7 @@ void DeviceLibraryColumn::callVerification() {
     calling("C_VerifyFinal", [&] { return api->C_VerifyFinal(session, output.data(), 256); });
 }
 
-void DeviceLibraryColumn::callCiphers() {
+void DeviceLibraryColumnTest::callCiphers() {
     calling("C_EncryptInit", [&] { return api->C_EncryptInit(session, &cipher, publicKey(5)); });
     calling("C_Encrypt",
             [&] { return api->C_Encrypt(session, data.data(), dataLength, output.data(), &outputLength); });
@@ -229,7 +229,7 @@ void DeviceLibraryColumn::callCiphers() {
             [&] { return api->C_Decrypt(session, data.data(), dataLength, output.data(), &outputLength); });
 }
 
-void DeviceLibraryColumn::callKeys() {
+void DeviceLibraryColumnTest::callKeys() {
     Template anything;
     anything.add(CKA_TOKEN, true);
     CK_OBJECT_HANDLE made[2] = {};
@@ -245,7 +245,7 @@ void DeviceLibraryColumn::callKeys() {
     calling("C_GenerateRandom", [&] { return api->C_GenerateRandom(session, data.data(), dataLength); });
 }
 
-TEST_F(DeviceLibraryColumn, NamesWhatTheFunctionAsksFor) {
+TEST_F(DeviceLibraryColumnTest, NamesWhatTheFunctionAsksFor) {
     callGeneral();
     callSlots();
     callSessions();

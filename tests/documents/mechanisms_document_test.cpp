@@ -12,7 +12,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-class MechanismsDocument : public ObjectTest {
+class MechanismsDocumentTest : public ObjectTest {
 protected:
     void SetUp() override {
         ObjectTest::SetUp();
@@ -66,7 +66,7 @@ protected:
     const std::map<std::string, CK_ULONG> types = documents::constantsWith("CKM_");
 };
 
-TEST_F(MechanismsDocument, HasTheListInItsOrder) {
+TEST_F(MechanismsDocumentTest, HasTheListInItsOrder) {
     Numbers documented;
     Numbers onFips;
     for (const documents::Row& row : rows) {
@@ -80,7 +80,7 @@ TEST_F(MechanismsDocument, HasTheListInItsOrder) {
     EXPECT_EQ(onFips, listOf(fipsSlot));
 }
 
-TEST_F(MechanismsDocument, HasSizesAndFlags) {
+TEST_F(MechanismsDocumentTest, HasSizesAndFlags) {
     for (const documents::Row& row : rows) {
         SCOPED_TRACE(row.at("Mechanism"));
         CK_MECHANISM_INFO info;
@@ -92,7 +92,7 @@ TEST_F(MechanismsDocument, HasSizesAndFlags) {
 }
 
 /// For every mechanism of the standard, those without a row included: nothing begins with them.
-TEST_F(MechanismsDocument, HasTheFunctionsThatBeginWithIt) {
+TEST_F(MechanismsDocumentTest, HasTheFunctionsThatBeginWithIt) {
     std::map<CK_ULONG, Names> documented;
     for (const documents::Row& row : rows) {
         Names names = documents::itemsOf(row.at("Begun by"));
@@ -103,7 +103,7 @@ TEST_F(MechanismsDocument, HasTheFunctionsThatBeginWithIt) {
     for (const auto& [name, type] : types) EXPECT_EQ(documented[type], begunBy(type)) << name;
 }
 
-TEST_F(MechanismsDocument, SaysWhatAFipsTokenRefuses) {
+TEST_F(MechanismsDocumentTest, SaysWhatAFipsTokenRefuses) {
     world.keyPairs["SN2"] = {keyFive};
     for (const documents::Row& row : rows) {
         const CK_ULONG type = types.at(row.at("Mechanism"));

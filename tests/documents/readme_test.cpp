@@ -17,7 +17,7 @@ std::string between(const std::string& text, const std::string& first, const std
     return text.substr(content, end + 1 - content);
 }
 
-TEST(Readme, ShowsTheTenLinesOfTheFirstExample) {
+TEST(ReadmeTest, ShowsTheTenLinesOfTheFirstExample) {
     const std::string shown = between(documents::textOf("README.md"), "```cpp", "```");
     EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 10);
     const std::string built =
@@ -26,7 +26,7 @@ TEST(Readme, ShowsTheTenLinesOfTheFirstExample) {
 }
 
 /// Relative links of this page and of all pages in docs/ lead to files.
-TEST(Readme, LinksOfTheDocumentsLeadSomewhere) {
+TEST(ReadmeTest, LinksOfTheDocumentsLeadSomewhere) {
     namespace fs = std::filesystem;
     const fs::path folder = ZENTAK_SOURCE_FOLDER;
     std::vector<fs::path> pages;

@@ -21,7 +21,7 @@ CertificateDetails detailsOf(const Bytes& der) {
     return details;
 }
 
-TEST(CertificateParsing, NamesAndValidity) {
+TEST(CertificateParsingTest, NamesAndValidity) {
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5)));
     EXPECT_EQ(details.text1, "1234");
     EXPECT_EQ(details.subjectCommonName, "Alice");
@@ -33,7 +33,7 @@ TEST(CertificateParsing, NamesAndValidity) {
     EXPECT_EQ(details.text8, "");
 }
 
-TEST(CertificateParsing, NamesBeyondAsciiAreUtf8) {
+TEST(CertificateParsingTest, NamesBeyondAsciiAreUtf8) {
     CertificateSettings settings;
     settings.subject = {{"O", "B\xC3\xBCro, GmbH"}, {"CN", "\xC3\x85lice"}};
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
@@ -41,7 +41,7 @@ TEST(CertificateParsing, NamesBeyondAsciiAreUtf8) {
     EXPECT_EQ(details.subject, "CN=\xC3\x85lice,O=B\xC3\xBCro\\, GmbH");
 }
 
-TEST(CertificateParsing, NameWithoutCommonNameStandsForItself) {
+TEST(CertificateParsingTest, NameWithoutCommonNameStandsForItself) {
     CertificateSettings settings;
     settings.issuer = {{"C", "XX"}, {"O", "Old Authority"}};
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
@@ -50,7 +50,7 @@ TEST(CertificateParsing, NameWithoutCommonNameStandsForItself) {
 }
 
 /// By these two a chain is followed: what one certificate calls its issuer, the other calls itself.
-TEST(CertificateParsing, IssuerAndSubjectAreWrittenAlike) {
+TEST(CertificateParsingTest, IssuerAndSubjectAreWrittenAlike) {
     CertificateSettings settings;
     settings.issuer = {{"C", "XX"}, {"O", "B\xC3\xBCro, GmbH"}, {"CN", "Root, first"}};
     settings.subject = settings.issuer;
@@ -59,7 +59,7 @@ TEST(CertificateParsing, IssuerAndSubjectAreWrittenAlike) {
     EXPECT_EQ(details.issuer, details.subject);
 }
 
-TEST(CertificateParsing, EmptyNames) {
+TEST(CertificateParsingTest, EmptyNames) {
     CertificateSettings settings;
     settings.subject.clear();
     settings.issuer.clear();
@@ -69,7 +69,7 @@ TEST(CertificateParsing, EmptyNames) {
     EXPECT_EQ(details.subject, "");
 }
 
-TEST(CertificateParsing, LastCommonNameCounts) {
+TEST(CertificateParsingTest, LastCommonNameCounts) {
     CertificateSettings settings;
     settings.subject = {{"CN", "Users"}, {"CN", "Alice"}};
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
@@ -77,14 +77,14 @@ TEST(CertificateParsing, LastCommonNameCounts) {
     EXPECT_EQ(details.subject, "CN=Alice,CN=Users");
 }
 
-TEST(CertificateParsing, CommonNameWithAZeroByteIsNotTakenAsText) {
+TEST(CertificateParsingTest, CommonNameWithAZeroByteIsNotTakenAsText) {
     CertificateSettings settings;
     settings.subject = {{"CN", std::string("good\0evil", 9)}};
     const CertificateDetails details = detailsOf(makeCertificate(testKey(5), settings));
     EXPECT_EQ(details.subjectCommonName, "CN=good\\00evil");
 }
 
-TEST(CertificateParsing, PublicKeyIsInTheFormOfKeyPairs) {
+TEST(CertificateParsingTest, PublicKeyIsInTheFormOfKeyPairs) {
     for (int keyType = 1; keyType <= 7; ++keyType) {
         const Key& key = testKey(keyType);
         const CertificateDetails details = detailsOf(makeCertificate(key));
@@ -107,7 +107,7 @@ TEST(CertificateParsing, PublicKeyIsInTheFormOfKeyPairs) {
     }
 }
 
-TEST(CertificateParsing, NamesAndSerialNumberInDerAreThoseOfTheCertificate) {
+TEST(CertificateParsingTest, NamesAndSerialNumberInDerAreThoseOfTheCertificate) {
     CertificateSettings settings;
     settings.serialNumber = {0x80, 0x00, 0x01};
     const Bytes der = makeCertificate(testKey(5), settings);
@@ -125,7 +125,7 @@ TEST(CertificateParsing, NamesAndSerialNumberInDerAreThoseOfTheCertificate) {
               std::search(der.begin(), der.end(), subject.begin(), subject.end()));
 }
 
-TEST(CertificateParsing, GarbageIsRefusedAndLeavesTheDetailsEmpty) {
+TEST(CertificateParsingTest, GarbageIsRefusedAndLeavesTheDetailsEmpty) {
     const Bytes good = makeCertificate(testKey(5));
     Bytes longer = good;
     longer.push_back(0);
@@ -143,7 +143,7 @@ TEST(CertificateParsing, GarbageIsRefusedAndLeavesTheDetailsEmpty) {
     }
 }
 
-TEST(CertificateParsing, EveryFlippedByteIsReadOrRefused) {
+TEST(CertificateParsingTest, EveryFlippedByteIsReadOrRefused) {
     const Bytes good = makeCertificate(testKey(5));
     for (std::size_t position = 0; position < good.size(); ++position) {
         Bytes der = good;
@@ -154,7 +154,7 @@ TEST(CertificateParsing, EveryFlippedByteIsReadOrRefused) {
     }
 }
 
-TEST(CertificateParsing, NoBytesOrNegativeLengths) {
+TEST(CertificateParsingTest, NoBytesOrNegativeLengths) {
     const Bytes good = makeCertificate(testKey(5));
     CertificateDetails details;
     for (const int length : {0, -1, INT_MIN}) {
@@ -166,7 +166,7 @@ TEST(CertificateParsing, NoBytesOrNegativeLengths) {
     EXPECT_NE(zentak_getCertificateDetails(good.data(), static_cast<int>(good.size()), nullptr, nullptr), 0);
 }
 
-class CertificateStorage : public TokenTest {
+class CertificateStorageTest : public TokenTest {
 protected:
     static ZentakCertificate recordFor(const Bytes& der, const std::string& label = "", const Bytes& objectId = {}) {
         ZentakCertificate record{};
@@ -183,7 +183,7 @@ protected:
     const std::vector<ZentakCertificate>& list() { return zentak_getCertificateList(device(), instance_); }
 };
 
-TEST_F(CertificateStorage, ImportNeedsNoPin) {
+TEST_F(CertificateStorageTest, ImportNeedsNoPin) {
     const Bytes der = makeCertificate(testKey(5));
     ZentakCertificate record = recordFor(der, "Alice", {0xAB, 0xCD});
     ASSERT_EQ(import(record), 0);
@@ -198,13 +198,13 @@ TEST_F(CertificateStorage, ImportNeedsNoPin) {
                             [](unsigned char byte) { return byte == 0; }));
 }
 
-TEST_F(CertificateStorage, WrongPinIsIgnoredAndNotCounted) {
+TEST_F(CertificateStorageTest, WrongPinIsIgnoredAndNotCounted) {
     ZentakCertificate record = recordFor(makeCertificate(testKey(5)));
     EXPECT_EQ(import(record, "000000"), 0);
     EXPECT_EQ(attemptsLeft(), 5);
 }
 
-TEST_F(CertificateStorage, SameCertificateAgainTakesOverLabelAndId) {
+TEST_F(CertificateStorageTest, SameCertificateAgainTakesOverLabelAndId) {
     const Bytes der = makeCertificate(testKey(5));
     ZentakCertificate first = recordFor(der);
     ASSERT_EQ(import(first), 0);
@@ -232,7 +232,7 @@ TEST_F(CertificateStorage, SameCertificateAgainTakesOverLabelAndId) {
 }
 
 /// A CKA_ID that somebody chose is worth more than one that a program falls back to.
-TEST_F(CertificateStorage, IdForWantOfAnotherReplacesNone) {
+TEST_F(CertificateStorageTest, IdForWantOfAnotherReplacesNone) {
     const Bytes der = makeCertificate(testKey(5));
     TokenData token;
     token.capacity = 2;
@@ -245,7 +245,7 @@ TEST_F(CertificateStorage, IdForWantOfAnotherReplacesNone) {
     EXPECT_THROW(addCertificate(token, der, "", {}, Bytes(129)), Failure);
 }
 
-TEST_F(CertificateStorage, LargestCertificateFits) {
+TEST_F(CertificateStorageTest, LargestCertificateFits) {
     CertificateSettings settings;
     settings.paddingLength = 2000;
     const std::size_t base = makeCertificate(testKey(2), settings).size();
@@ -257,7 +257,7 @@ TEST_F(CertificateStorage, LargestCertificateFits) {
     EXPECT_EQ(list()[0].derLength, static_cast<int>(maximumCertificateLength));
 }
 
-TEST_F(CertificateStorage, RecordsWithImpossibleFieldsAreRefused) {
+TEST_F(CertificateStorageTest, RecordsWithImpossibleFieldsAreRefused) {
     const Bytes der = makeCertificate(testKey(5));
     const auto expectRefused = [&](const std::function<void(ZentakCertificate&)>& spoil) {
         ZentakCertificate record = recordFor(der);
@@ -275,7 +275,7 @@ TEST_F(CertificateStorage, RecordsWithImpossibleFieldsAreRefused) {
     expectRefused([](ZentakCertificate& record) { record.der[0] = 0; });
 }
 
-TEST_F(CertificateStorage, FullTokenSaysSo) {
+TEST_F(CertificateStorageTest, FullTokenSaysSo) {
     store_.change(serialNumber_, [](TokenData& token) { token.capacity = 1; });
     ZentakCertificate first = recordFor(makeCertificate(testKey(5)));
     ZentakCertificate second = recordFor(makeCertificate(testKey(6)));
@@ -285,7 +285,7 @@ TEST_F(CertificateStorage, FullTokenSaysSo) {
     EXPECT_EQ(import(first), 0);
 }
 
-class FolderScan : public testing::Test {
+class FolderScanTest : public testing::Test {
 protected:
     using Found = std::vector<std::pair<std::string, Bytes>>;
 
@@ -300,7 +300,7 @@ protected:
     const std::string derText_{der_.begin(), der_.end()};
 };
 
-TEST_F(FolderScan, FindsWantedFilesInOrderAndConvertsPem) {
+TEST_F(FolderScanTest, FindsWantedFilesInOrderAndConvertsPem) {
     write("b.der", derText_);
     write("a.PEM", "some text\n" + pemCertificate(der_));
     write("c.txt", derText_);
@@ -311,26 +311,26 @@ TEST_F(FolderScan, FindsWantedFilesInOrderAndConvertsPem) {
     EXPECT_TRUE(scan(folder_.path().string(), {}).empty());
 }
 
-TEST_F(FolderScan, BundleGivesEachOfItsCertificates) {
+TEST_F(FolderScanTest, BundleGivesEachOfItsCertificates) {
     const Bytes other = makeCertificate(testKey(6));
     write("bundle.pem", pemCertificate(der_) + pemPrivateKey(testKey(5)) + pemCertificate(other));
     EXPECT_EQ(scan(folder_.path().string()), (Found{{"bundle.pem", der_}, {"bundle.pem", other}}));
 }
 
-TEST_F(FolderScan, BothKindsOfSlashSeparate) {
+TEST_F(FolderScanTest, BothKindsOfSlashSeparate) {
     fs::create_directories(folder_.path() / "ZentakDSC" / "Certificates");
     writeFile(folder_.path() / "ZentakDSC" / "Certificates" / "a.cer", derText_);
     EXPECT_EQ(scan(folder_.path().string() + "\\ZentakDSC\\Certificates").size(), 1U);
     EXPECT_EQ(scan(folder_.path().string() + "/ZentakDSC/Certificates").size(), 1U);
 }
 
-TEST_F(FolderScan, MissingFolderHoldsNothing) {
+TEST_F(FolderScanTest, MissingFolderHoldsNothing) {
     EXPECT_TRUE(scan((folder_.path() / "none").string()).empty());
     EXPECT_TRUE(scan("").empty());
     EXPECT_TRUE(zentak_getFilesWithExtensionsAndConvertDER(nullptr, {".cer"}, nullptr).empty());
 }
 
-TEST_F(FolderScan, OrderIsThatOfTheNames) {
+TEST_F(FolderScanTest, OrderIsThatOfTheNames) {
     std::vector<std::string> names;
     for (int i = 0; i < 60; ++i) names.push_back(std::to_string(100 + i * 37 % 60) + ".cer");
     for (const std::string& name : names) write(name, derText_);
@@ -340,7 +340,7 @@ TEST_F(FolderScan, OrderIsThatOfTheNames) {
     EXPECT_EQ(scan(folder_.path().string()), expected);
 }
 
-TEST_F(FolderScan, OneMebibyteIsNotTooLarge) {
+TEST_F(FolderScanTest, OneMebibyteIsNotTooLarge) {
     std::string content = pemCertificate(der_);
     content.insert(0, std::string((1 << 20) - content.size() - 1, 'x') + "\n");
     ASSERT_EQ(content.size(), 1U << 20);
@@ -349,7 +349,7 @@ TEST_F(FolderScan, OneMebibyteIsNotTooLarge) {
     EXPECT_EQ(scan(folder_.path().string()), (Found{{"a.pem", der_}}));
 }
 
-TEST_F(FolderScan, HugeAndBrokenFilesDoNotHarm) {
+TEST_F(FolderScanTest, HugeAndBrokenFilesDoNotHarm) {
     write("huge.cer", std::string((1 << 20) + 1, 'x'));
     write("broken.pem", "-----BEGIN CERTIFICATE-----\n!!!\n-----END CERTIFICATE-----\n");
     write("good.cer", derText_);

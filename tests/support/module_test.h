@@ -1,14 +1,14 @@
 /// The fixture of the behaviour tests: the module, initialised, with one token plugged in and its slot listed, DEBUG
-/// lines on, and nothing logged or called yet. A test reads as: act, and compare the code, the log and the calls.
+/// lines on, and nothing logged or called yet. A test reads as: `observe` a call, and compare its `Outcome`.
 ///
-///     class Login : public support::ModuleTest {};
+///     class LoginTest : public support::ModuleTest {};
 ///
-///     TEST_F(Login, asksTheDevice) {
+///     TEST_F(LoginTest, AsksTheDevice) {
 ///         const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
-///         clear();
-///         EXPECT_EQ(functions().C_Login(session, CKU_USER, pin("1234"), 4), CKR_OK);
-///         EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "DEBUG Login state : 2", "DEBUG Login end result : 0"}));
-///         EXPECT_EQ(calls(), (Lines{"zentak_validatePassword(\"SN1\", \"1234\", 1, *0, instance)"}));
+///         EXPECT_EQ(observe([&] { return functions().C_Login(session, CKU_USER, pin("1234"), 4); }),
+///                   (Outcome{CKR_OK,
+///                            {"DEBUG C_Login", "DEBUG Login state : 2", "DEBUG Login end result : 0"},
+///                            {"zentak_validatePassword(\"SN1\", \"1234\", 1, *0, instance)"}}));
 ///     }
 ///
 /// `openSession`, `login` and `listSlots` fail the test themselves when the module refuses, and leave no log lines and
@@ -21,6 +21,7 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,21 @@ CK_UTF8CHAR_PTR pin(const char* text);
 /// A number as the log shows it.
 std::string decimal(CK_ULONG value);
 
+/// All that a call shows to the outside, its output parameters apart.
+struct Outcome {
+    CK_RV code = CKR_OK;
+    Lines log;          ///< whole log output at DEBUG level
+    Lines device = {};  ///< calls to the device library
+
+    bool operator==(const Outcome&) const = default;
+};
+
+inline void PrintTo(const Outcome& outcome, std::ostream* out) {
+    *out << "code " << outcome.code << "\n";
+    for (const std::string& line : outcome.log) *out << "  log    " << line << "\n";
+    for (const std::string& call : outcome.device) *out << "  device " << call << "\n";
+}
+
 class ModuleTest : public ::testing::Test {
 protected:
     /// One token "SN1" that isn't FIPS 140-3. A fixture with another world overrides this.
@@ -68,6 +84,14 @@ protected:
     static Lines log() { return takeLog(); }
     static Lines calls() { return device().takeCalls(); }
     static void clear();
+
+    /// Runs the call. What was logged and called before is dropped.
+    template <typename Function>
+    static Outcome observe(Function call) {
+        clear();
+        const CK_RV code = call();
+        return {code, log(), calls()};
+    }
 };
 
 }  // namespace support

@@ -21,7 +21,7 @@ std::set<std::string> everyName() {
 /// What the published header lacks, with the values that the standard's text gives.
 const Constants standardsOwn = {{"CKF_EC_F_2M", 0x00200000}, {"CKF_EC_ECPARAMETERS", 0x00400000}};
 
-TEST(CryptokiHeader, everyConstantIsInTheTables) {
+TEST(CryptokiHeaderTest, EveryConstantIsInTheTables) {
     const Constants ours = ourConstants();
     const Constants windowsForm = windowsFormConstants();
     for (const std::string& name : everyName()) {
@@ -31,7 +31,7 @@ TEST(CryptokiHeader, everyConstantIsInTheTables) {
     EXPECT_GT(ours.size(), 300U);
 }
 
-TEST(CryptokiHeader, constantsAreThePublishedOnes) {
+TEST(CryptokiHeaderTest, ConstantsAreThePublishedOnes) {
     const Constants theirs = theirConstants();
     std::set<std::string> lacking;
     for (const auto& [name, value] : ourConstants()) {
@@ -48,7 +48,7 @@ TEST(CryptokiHeader, constantsAreThePublishedOnes) {
     EXPECT_EQ(lacking.size(), standardsOwn.size());
 }
 
-TEST(CryptokiHeader, everyStructureIsInTheTables) {
+TEST(CryptokiHeaderTest, EveryStructureIsInTheTables) {
     const std::set<std::string> structures = {
 #include "structures.inc"
     };
@@ -61,7 +61,7 @@ TEST(CryptokiHeader, everyStructureIsInTheTables) {
     EXPECT_EQ(structures, compared);
 }
 
-TEST(CryptokiHeader, structuresAreThePublishedOnes) {
+TEST(CryptokiHeaderTest, StructuresAreThePublishedOnes) {
     const Layout ours = ourLayout();
     const Layout theirs = theirLayout();
     EXPECT_EQ(ours, theirs);
@@ -69,14 +69,14 @@ TEST(CryptokiHeader, structuresAreThePublishedOnes) {
 }
 
 /// Numbers are the same in both forms, but for the one that is as wide as CK_ULONG.
-TEST(CryptokiHeader, constantsAreTheSameInTheWindowsForm) {
+TEST(CryptokiHeaderTest, ConstantsAreTheSameInTheWindowsForm) {
     Constants expected = ourConstants();
     expected["CK_UNAVAILABLE_INFORMATION"] = 0xFFFFFFFF;
     EXPECT_EQ(windowsFormConstants(), expected);
 }
 
 /// Packed to one byte, with numbers of 4 bytes and pointers of 8.
-TEST(CryptokiHeader, structuresOfTheWindowsForm) {
+TEST(CryptokiHeaderTest, StructuresOfTheWindowsForm) {
     const Layout sizes = {{"CK_VERSION", 2},
                           {"CK_INFO", 2 + 32 + 4 + 32 + 2},
                           {"CK_SLOT_INFO", 64 + 32 + 4 + 2 + 2},
@@ -101,7 +101,7 @@ TEST(CryptokiHeader, structuresOfTheWindowsForm) {
 }
 
 /// The fields keep their order, and each begins where the one before ends.
-TEST(CryptokiHeader, fieldsOfTheWindowsFormLeaveNoGaps) {
+TEST(CryptokiHeaderTest, FieldsOfTheWindowsFormLeaveNoGaps) {
     const Layout ours = ourLayout();
     const Layout packed = windowsFormLayout();
     for (const auto& [field, offset] : ours) {

@@ -26,7 +26,7 @@ Bytes modulusOf(EVP_PKEY* key) {
     return bytes;
 }
 
-TEST(SubjectPublicKeyInfo, IsThatOfOpenSsl) {
+TEST(SubjectPublicKeyInfoTest, IsThatOfOpenSsl) {
     for (const unsigned int bits : {2048U, 3072U, 4096U}) {
         const Key key(EVP_RSA_gen(bits), &EVP_PKEY_free);
         ASSERT_NE(key, nullptr);
@@ -37,7 +37,7 @@ TEST(SubjectPublicKeyInfo, IsThatOfOpenSsl) {
     }
 }
 
-TEST(SubjectPublicKeyInfo, CanBeReadForEveryLengthOfTheModulus) {
+TEST(SubjectPublicKeyInfoTest, CanBeReadForEveryLengthOfTheModulus) {
     for (const unsigned char first : Bytes{0x01, 0x7F, 0x80, 0xFF}) {
         for (std::size_t length = 1; length <= 1024; ++length) {
             Bytes modulus(length, 0x5B);
@@ -52,7 +52,7 @@ TEST(SubjectPublicKeyInfo, CanBeReadForEveryLengthOfTheModulus) {
     }
 }
 
-TEST(SubjectPublicKeyInfo, KeepsLeadingZerosAndEmptiness) {
+TEST(SubjectPublicKeyInfoTest, KeepsLeadingZerosAndEmptiness) {
     const Bytes zeros = rsaSubjectPublicKeyInfo(Bytes{0x00, 0x00, 0x05});
     const Bytes integers = {0x02, 0x03, 0x00, 0x00, 0x05, 0x02, 0x03, 0x01, 0x00, 0x01};
     EXPECT_TRUE(std::equal(integers.rbegin(), integers.rend(), zeros.rbegin()));
@@ -80,7 +80,7 @@ Place unchanged(const Bytes& data) {
 
 const Bytes algorithm = {0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00};
 
-TEST(DigestInfo, GivesItsHash) {
+TEST(DigestInfoTest, GivesItsHash) {
     EXPECT_EQ(found(Bytes{0x30, 0x31} + algorithm + Bytes{0x04, 0x20} + Bytes(32, 7)), Place(19, 32));
     // The outer length in its longer form, and bytes behind the hash.
     EXPECT_EQ(found(Bytes{0x30, 0x81, 0x31} + algorithm + Bytes{0x04, 0x20} + Bytes(33, 7)), Place(20, 32));
@@ -90,7 +90,7 @@ TEST(DigestInfo, GivesItsHash) {
     EXPECT_EQ(found(Bytes{0x30, 0x0A, 0x04, 0x00} + Bytes(8, 7)), Place(4, 0));
 }
 
-TEST(DigestInfo, IsLeftAloneWhereItIsNone) {
+TEST(DigestInfoTest, IsLeftAloneWhereItIsNone) {
     const Bytes others[] = {
         {},
         Bytes(11, 0x30),

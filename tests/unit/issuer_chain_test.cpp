@@ -7,7 +7,7 @@
 namespace zentak {
 namespace {
 
-TEST(CommonName, EndsAtACommaOrALineEnd) {
+TEST(CommonNameTest, EndsAtACommaOrALineEnd) {
     EXPECT_EQ(commonNameIn("CN=Root,O=Org"), "Root");
     EXPECT_EQ(commonNameIn("O=Org,CN=Root"), "Root");
     EXPECT_EQ(commonNameIn("CN=Root CA\nO=Org"), "Root CA");
@@ -17,25 +17,25 @@ TEST(CommonName, EndsAtACommaOrALineEnd) {
     EXPECT_EQ(commonNameIn("CN=CN=x"), "CN=x");
 }
 
-TEST(CommonName, NeedsSomethingBehindItsKey) {
+TEST(CommonNameTest, NeedsSomethingBehindItsKey) {
     EXPECT_EQ(commonNameIn("CN=,CN=B"), "B");
     EXPECT_EQ(commonNameIn("CN="), "CN=");
     EXPECT_EQ(commonNameIn("CN=,O=Org"), "CN=,O=Org");
 }
 
-TEST(CommonName, IsTheWholeTextWithoutAKey) {
+TEST(CommonNameTest, IsTheWholeTextWithoutAKey) {
     EXPECT_EQ(commonNameIn(""), "");
     EXPECT_EQ(commonNameIn("Plain name"), "Plain name");
     EXPECT_EQ(commonNameIn("cn=Root"), "cn=Root");
 }
 
-TEST(CommonName, IsFoundInTextsOfAnyLength) {
+TEST(CommonNameTest, IsFoundInTextsOfAnyLength) {
     const std::string name(1'000'000, 'x');
     EXPECT_EQ(commonNameIn("CN=" + name + ",O=Org"), name);
     EXPECT_EQ(commonNameIn(std::string(1'000'000, ',') + "CN=Root"), "Root");
 }
 
-TEST(CertificateRecord, CutsItsLabelAndFillsTheRestWithZeros) {
+TEST(CertificateRecordTest, CutsItsLabelAndFillsTheRestWithZeros) {
     const std::vector<unsigned char> der(3072, 0xDE);
     const ZentakCertificate record = certificateRecord(der, std::string(200, 'l'));
     EXPECT_EQ(record.derLength, 3072);

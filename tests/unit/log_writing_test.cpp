@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class LogWriting : public ::testing::Test {
+class LogWritingTest : public ::testing::Test {
 protected:
     static fs::path logFolder() {
         char name[logPathSize];
@@ -36,7 +36,7 @@ protected:
     }
 };
 
-TEST_F(LogWriting, EveryLevelHasATag) {
+TEST_F(LogWritingTest, EveryLevelHasATag) {
     fs::create_directories(logFolder());
     for (const int level : {1, 2, 3, 0, 4, -1}) {
         writeLogLine(level, "line " + std::to_string(level));
@@ -45,7 +45,7 @@ TEST_F(LogWriting, EveryLevelHasATag) {
                                                  "INFO  ::=>line 0", "INFO  ::=>line 4", "INFO  ::=>line -1"}));
 }
 
-TEST_F(LogWriting, NoPathMakesNoFolder) {
+TEST_F(LogWritingTest, NoPathMakesNoFolder) {
     EXPECT_EQ(createLogFolder(""), 0);
     EXPECT_EQ(createLogFolder("/"), 0);
 }

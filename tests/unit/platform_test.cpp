@@ -15,7 +15,7 @@ namespace zentak::platform {
 namespace {
 
 /// Room for the folder with its separator and a terminator, and not a byte less.
-TEST(Platform, TheTemporaryFolderFitsOrThereIsNone) {
+TEST(PlatformTest, TheTemporaryFolderFitsOrThereIsNone) {
     const std::string folder = temporaryFolder(1024);
     ASSERT_GT(folder.size(), 1U);
     EXPECT_NE(std::string("/\\").find(folder.back()), std::string::npos) << folder;
@@ -27,7 +27,7 @@ TEST(Platform, TheTemporaryFolderFitsOrThereIsNone) {
 
 #if !defined(_WIN32)
 /// A program that the host starts while a line is written doesn't get the log.
-TEST(Platform, TheLogIsNotHandedOn) {
+TEST(PlatformTest, TheLogIsNotHandedOn) {
     const std::string path = temporaryFolder(1024) + "zentak-unit-log";
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(openForAppending(path.c_str()), &std::fclose);
     ASSERT_NE(file, nullptr);

@@ -19,7 +19,7 @@ Bytes digestInfo(std::size_t length, const Bytes& identifier, std::size_t offset
     return data;
 }
 
-TEST(RawInputPolicy, FindsIdentifiersAtEveryOffset) {
+TEST(RawInputPolicyTest, FindsIdentifiersAtEveryOffset) {
     for (std::size_t offset = 1; offset + sha1Identifier.size() <= 35; ++offset) {
         EXPECT_EQ(fipsObjectionToRawInput(CKM_RSA_PKCS, digestInfo(35, sha1Identifier, offset)),
                   "C_Sign: SHA1 DigestInfo signing not allowed on FIPS 140-3 token")
@@ -32,19 +32,19 @@ TEST(RawInputPolicy, FindsIdentifiersAtEveryOffset) {
     }
 }
 
-TEST(RawInputPolicy, DoesNotLookForMoreThanMemoryCanHold) {
+TEST(RawInputPolicyTest, DoesNotLookForMoreThanMemoryCanHold) {
     const unsigned char* const nowhere = nullptr;
     EXPECT_FALSE(fipsObjectionToRawInput(CKM_RSA_PKCS, {nowhere, ~std::size_t{0}}).has_value());
 }
 
-TEST(RawInputPolicy, NamesSha1WhenBothIdentifiersAreThere) {
+TEST(RawInputPolicyTest, NamesSha1WhenBothIdentifiersAreThere) {
     Bytes data = digestInfo(40, md5Identifier, 2);
     std::copy(sha1Identifier.begin(), sha1Identifier.end(), data.begin() + 30);
     EXPECT_EQ(fipsObjectionToRawInput(CKM_RSA_PKCS, data),
               "C_Sign: SHA1 DigestInfo signing not allowed on FIPS 140-3 token");
 }
 
-TEST(RawInputPolicy, LooksOnlyIntoWhatCouldBeADigestInfo) {
+TEST(RawInputPolicyTest, LooksOnlyIntoWhatCouldBeADigestInfo) {
     EXPECT_FALSE(fipsObjectionToRawInput(CKM_RSA_PKCS, digestInfo(10, sha1Identifier, 3)));
     EXPECT_TRUE(fipsObjectionToRawInput(CKM_RSA_PKCS, digestInfo(11, sha1Identifier, 6)));
     EXPECT_TRUE(fipsObjectionToRawInput(CKM_RSA_PKCS, digestInfo(11, md5Identifier, 3)));
@@ -53,13 +53,13 @@ TEST(RawInputPolicy, LooksOnlyIntoWhatCouldBeADigestInfo) {
     EXPECT_FALSE(fipsObjectionToRawInput(CKM_RSA_PKCS, other));
 }
 
-TEST(RawInputPolicy, LetsIncompleteAndOtherIdentifiersPass) {
+TEST(RawInputPolicyTest, LetsIncompleteAndOtherIdentifiersPass) {
     EXPECT_FALSE(fipsObjectionToRawInput(CKM_RSA_PKCS, digestInfo(35, {0x2B, 0x0E, 0x03, 0x02, 0x1B}, 5)));
     EXPECT_FALSE(fipsObjectionToRawInput(CKM_RSA_PKCS, digestInfo(35, {0x2B, 0x0E, 0x03, 0x02}, 31)));
     EXPECT_FALSE(fipsObjectionToRawInput(CKM_RSA_PKCS, digestInfo(34, {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02}, 27)));
 }
 
-TEST(RawInputPolicy, JudgesBareHashesByTheirLengthAlone) {
+TEST(RawInputPolicyTest, JudgesBareHashesByTheirLengthAlone) {
     for (std::size_t length = 1; length <= 64; ++length) {
         const Bytes hash(length, 0x77);
         const bool refused = length == 20 || length == 16;
@@ -77,7 +77,7 @@ TEST(RawInputPolicy, JudgesBareHashesByTheirLengthAlone) {
               "C_Sign: MD5 hash signing via CKM_RSA_PKCS_PSS not allowed on FIPS 140-3 token");
 }
 
-TEST(RawInputPolicy, ObjectsToNothingWhereTheModuleHashes) {
+TEST(RawInputPolicyTest, ObjectsToNothingWhereTheModuleHashes) {
     for (const CK_MECHANISM_TYPE mechanism : {CKM_SHA256_RSA_PKCS, CKM_SHA1_RSA_PKCS, CKM_ECDSA_SHA1}) {
         EXPECT_FALSE(fipsObjectionToRawInput(mechanism, Bytes(20, 0x30)));
         EXPECT_FALSE(fipsObjectionToRawInput(mechanism, digestInfo(35, sha1Identifier, 5)));

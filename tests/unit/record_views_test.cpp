@@ -8,22 +8,22 @@ namespace {
 
 using zentak::trimmed;
 
-TEST(Trimming, RemovesTheSixWhiteSpaceCharactersAtBothEnds) {
+TEST(TrimmingTest, RemovesTheSixWhiteSpaceCharactersAtBothEnds) {
     EXPECT_EQ(trimmed(" \t\n\r\f\vlabel \t\n\r\f\v"), "label");
     EXPECT_EQ(trimmed("a b"), "a b");
     EXPECT_EQ(trimmed("label"), "label");
 }
 
-TEST(Trimming, LeavesNothingOfBlankText) {
+TEST(TrimmingTest, LeavesNothingOfBlankText) {
     EXPECT_EQ(trimmed(""), "");
     EXPECT_EQ(trimmed(" \t\n\r\f\v"), "");
 }
 
-TEST(Trimming, LeavesOtherCharactersAlone) {
+TEST(TrimmingTest, LeavesOtherCharactersAlone) {
     EXPECT_EQ(trimmed("\xC2\xA0x\x01"), "\xC2\xA0x\x01");  // a no-break space in UTF-8, and a control character
 }
 
-TEST(Records, ShowAsManyBytesAsTheirLengthSays) {
+TEST(RecordsTest, ShowAsManyBytesAsTheirLengthSays) {
     ZentakKeyPair keyPair = {};
     keyPair.publicKeyLength = 256;
     keyPair.objectIdLength = 20;
@@ -33,7 +33,7 @@ TEST(Records, ShowAsManyBytesAsTheirLengthSays) {
     EXPECT_EQ(zentak::objectIdOf(keyPair).size(), 20U);
 }
 
-TEST(Records, AreNeverReadBeyondTheirFields) {
+TEST(RecordsTest, AreNeverReadBeyondTheirFields) {
     ZentakCertificate certificate = {};
     for (const std::int32_t length : {-1, std::numeric_limits<std::int32_t>::min()}) {
         certificate.derLength = length;
@@ -49,7 +49,7 @@ TEST(Records, AreNeverReadBeyondTheirFields) {
     EXPECT_EQ(zentak::objectIdOf(certificate).size(), 128U);
 }
 
-TEST(Records, TextWithoutTerminatorEndsWithItsField) {
+TEST(RecordsTest, TextWithoutTerminatorEndsWithItsField) {
     ZentakKeyPair keyPair = {};
     std::memset(keyPair.alias, 'a', sizeof(keyPair.alias));
     EXPECT_EQ(zentak::storedLabel(keyPair).size(), sizeof(keyPair.alias));
@@ -58,7 +58,7 @@ TEST(Records, TextWithoutTerminatorEndsWithItsField) {
     EXPECT_EQ(zentak::storedLabel(certificate).size(), sizeof(certificate.label));
 }
 
-TEST(Records, ComparingBytesLooksAtLengthAndContent) {
+TEST(RecordsTest, ComparingBytesLooksAtLengthAndContent) {
     constexpr unsigned char bytes[] = {1, 2, 3};
     const zentak::ByteView view(bytes);
     EXPECT_TRUE(zentak::sameBytes(view, view));

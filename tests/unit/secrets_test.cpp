@@ -18,13 +18,13 @@ bool roomIsZero(const Container& container) {
     return isZero(reinterpret_cast<const unsigned char*>(container.data()), container.capacity());
 }
 
-TEST(Wiping, OverwritesThePartThatIsNamed) {
+TEST(WipingTest, OverwritesThePartThatIsNamed) {
     unsigned char memory[] = {1, 2, 3, 4};
     zentak::wipe(memory + 1, 2);
     EXPECT_EQ(std::vector<unsigned char>(memory, memory + 4), (std::vector<unsigned char>{1, 0, 0, 4}));
 }
 
-TEST(Wiping, ReachesWhatLongerTextsHaveLeft) {
+TEST(WipingTest, ReachesWhatLongerTextsHaveLeft) {
     for (const std::size_t length : {4U, 15U, 16U, 63U}) {
         std::string text(length, 'p');
         text.resize(2);
@@ -34,7 +34,7 @@ TEST(Wiping, ReachesWhatLongerTextsHaveLeft) {
     }
 }
 
-TEST(Wiping, ReachesTheWholeRoomOfABuffer) {
+TEST(WipingTest, ReachesTheWholeRoomOfABuffer) {
     std::vector<unsigned char> bytes(40, 0xAA);
     bytes.reserve(100);
     bytes.resize(3);
@@ -47,7 +47,7 @@ TEST(Wiping, ReachesTheWholeRoomOfABuffer) {
     EXPECT_TRUE(nothing.empty());
 }
 
-TEST(Wiping, ComesWithTheEndOfAScope) {
+TEST(WipingTest, ComesWithTheEndOfAScope) {
     std::string text(63, 'p');
     try {
         const zentak::WipedAtEnd wipeText(text);

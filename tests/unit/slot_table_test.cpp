@@ -11,7 +11,7 @@ TokenInfo tokenWithModel(const std::string& model) {
     return token;
 }
 
-TEST(FipsRecognition, ExemptsModelsWithAOneInThirdPlace) {
+TEST(FipsRecognitionTest, ExemptsModelsWithAOneInThirdPlace) {
     for (const char* model : {"AB1X", "AB1", "111", "A11X"}) {
         EXPECT_FALSE(isFips140Token(tokenWithModel(model))) << model;
     }
@@ -20,7 +20,7 @@ TEST(FipsRecognition, ExemptsModelsWithAOneInThirdPlace) {
     }
 }
 
-TEST(SlotLookup, ResolvesByPositionInDeviceStringOrder) {
+TEST(SlotLookupTest, ResolvesByPositionInDeviceStringOrder) {
     std::map<std::string, TokenInfo> table;
     table["b"].label = "second";
     table["a"].label = "first";
@@ -29,7 +29,7 @@ TEST(SlotLookup, ResolvesByPositionInDeviceStringOrder) {
     EXPECT_EQ(findSlot(table, firstSlotId + 1)->label, "second");
 }
 
-TEST(SlotLookup, FindsNothingOutsideTheTable) {
+TEST(SlotLookupTest, FindsNothingOutsideTheTable) {
     std::map<std::string, TokenInfo> table;
     EXPECT_EQ(findSlot(table, firstSlotId), nullptr);
     table["a"];
