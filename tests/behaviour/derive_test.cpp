@@ -494,9 +494,8 @@ TEST_F(DerivedSecretTest, TheNextHandleIsNotThereYet) {
 TEST_F(DerivedSecretTest, ItHasNoSizeAndIsNeverFound) {
     CK_ULONG size = 0x5A5A5A5A;
     EXPECT_EQ(observe([&] { return api->C_GetObjectSize(session, handle, &size); }),
-              (Outcome{CKR_OBJECT_HANDLE_INVALID,
-                       {"DEBUG C_GetObjectSize", text("ERROR Certificate not found in get object size : ", handle)},
-                       {listCertificates}}));
+              failed(CKR_OBJECT_HANDLE_INVALID, "C_GetObjectSize",
+                     text("Certificate not found in get object size : ", handle), {listCertificates}));
     EXPECT_EQ(size, 0x5A5A5A5AU);
     Template everything;
     const Handles found = search(session, everything);

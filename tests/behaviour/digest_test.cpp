@@ -57,36 +57,32 @@ private:
 TEST_F(DigestTest, InitChecksInItsOrder) {
     CK_MECHANISM sha1 = {CKM_SHA_1, nullptr, 0};
     EXPECT_EQ(observe([&] { return api->C_DigestInit(7, nullptr); }),
-              (Outcome{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_DigestInit", "ERROR C_DigestInit: invalid hSession=7"}}));
+              refused(CKR_SESSION_HANDLE_INVALID, "C_DigestInit: invalid hSession=7"));
     EXPECT_EQ(api->C_Logout(session), CKR_OK);
     api->C_FindObjectsInit(session, nullptr, 0);
-    EXPECT_EQ(
-        observe([&] { return api->C_DigestInit(session, nullptr); }),
-        (Outcome{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_DigestInit", "ERROR C_DigestInit: invalid session state=0"}}));
+    EXPECT_EQ(observe([&] { return api->C_DigestInit(session, nullptr); }),
+              refused(CKR_SESSION_HANDLE_INVALID, "C_DigestInit: invalid session state=0"));
     login(session, userPin);
     EXPECT_EQ(observe([&] { return api->C_DigestInit(session, nullptr); }),
-              (Outcome{CKR_OPERATION_ACTIVE,
-                       {"DEBUG C_DigestInit", "ERROR C_DigestInit: operation already active, activeOperation=1"}}));
+              refused(CKR_OPERATION_ACTIVE, "C_DigestInit: operation already active, activeOperation=1"));
     api->C_FindObjectsFinal(session);
     EXPECT_EQ(observe([&] { return api->C_DigestInit(session, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_DigestInit", "ERROR C_DigestInit mechanism pointer in NULL"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_DigestInit mechanism pointer in NULL"));
     EXPECT_EQ(observe([&] { return api->C_DigestInit(session, &sha1); }).code, CKR_OK);
 }
 
 TEST_F(DigestTest, Sha1IsRefusedOnAFipsToken) {
     session = openSession(CKF_RW_SESSION, fipsSlot);
     EXPECT_EQ(digestInit(CKM_SHA_1),
-              (Outcome{CKR_MECHANISM_INVALID,
-                       {"DEBUG C_DigestInit", "ERROR C_DigestInit: SHA-1 not allowed on FIPS 140-3 token"}}));
-    EXPECT_EQ(digestInit(CKM_SHA224), (Outcome{CKR_OK, {"DEBUG C_DigestInit"}, {initHash(6, "SN2")}}));
+              refused(CKR_MECHANISM_INVALID, "C_DigestInit: SHA-1 not allowed on FIPS 140-3 token"));
+    EXPECT_EQ(digestInit(CKM_SHA224), succeeded("C_DigestInit", {initHash(6, "SN2")}));
 }
 
 TEST_F(DigestTest, OtherMechanismsAreUnknown) {
     Numbers others = {CKM_MD5, CKM_SHA256_RSA_PKCS, CKM_SHA256_HMAC, 0, CK_UNAVAILABLE_INFORMATION};
     if constexpr (sizeof(CK_ULONG) == 8) others.push_back(static_cast<CK_ULONG>(0x100000250ULL));
     for (const CK_MECHANISM_TYPE type : others) {
-        EXPECT_EQ(digestInit(type), (Outcome{CKR_MECHANISM_INVALID,
-                                             {"DEBUG C_DigestInit", "ERROR C_DigestInit mechanism not supported"}}));
+        EXPECT_EQ(digestInit(type), refused(CKR_MECHANISM_INVALID, "C_DigestInit mechanism not supported"));
     }
 }
 
@@ -95,8 +91,7 @@ TEST_F(DigestTest, EachMechanismHashesWithItsCode) {
     int context = 0;
     for (const DigestMechanism& mechanism : digestMechanisms) {
         ++context;
-        EXPECT_EQ(digestInit(mechanism.type),
-                  (Outcome{CKR_OK, {"DEBUG C_DigestInit"}, {initHash(mechanism.hashCode)}}));
+        EXPECT_EQ(digestInit(mechanism.type), succeeded("C_DigestInit", {initHash(mechanism.hashCode)}));
         EXPECT_EQ(digestData(data), (Outcome{CKR_OK,
                                              {"DEBUG C_Digest", "DEBUG C_Digest Success"},
                                              {updateHash(context, data), finalDigest(context)}}));
@@ -115,9 +110,8 @@ TEST_F(DigestTest, ParametersAreIgnored) {
 
 TEST_F(DigestTest, AFailedInitLeavesNoOperation) {
     setResult("zentak_initHash", 9);
-    EXPECT_EQ(digestInit(CKM_SHA256), (Outcome{CKR_FUNCTION_FAILED,
-                                               {"DEBUG C_DigestInit", "ERROR Init hash in diges init failed : 9"},
-                                               {initHash(3)}}));
+    EXPECT_EQ(digestInit(CKM_SHA256),
+              failed(CKR_FUNCTION_FAILED, "C_DigestInit", "Init hash in diges init failed : 9", {initHash(3)}));
     EXPECT_EQ(digestData({1}), notInitialised("C_Digest"));
 }
 
@@ -126,19 +120,17 @@ TEST_F(DigestTest, ArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
               notInitialised("C_Digest"));
     digestInit(CKM_SHA256);
     EXPECT_EQ(observe([&] { return api->C_Digest(session, nullptr, 4, nullptr, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_Digest", "ERROR C_Digest: pData is NULL with ulDataLen=4"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_Digest: pData is NULL with ulDataLen=4"));
     EXPECT_EQ(observe([&] { return api->C_Digest(session, nullptr, 0, nullptr, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_Digest", "ERROR C_Digest: pulDigestLen is NULL"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_Digest: pulDigestLen is NULL"));
     unsigned char part = 1;
     for (const auto& [address, count] : {std::pair<CK_BYTE_PTR, CK_ULONG>{nullptr, 3}, {&part, 0}}) {
         EXPECT_EQ(
             observe([&, address = address, count = count] { return api->C_DigestUpdate(session, address, count); }),
-            (Outcome{CKR_ARGUMENTS_BAD,
-                     {"DEBUG C_DigestUpdate",
-                      text("ERROR C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", count)}}));
+            refused(CKR_ARGUMENTS_BAD, text("C_DigestUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", count)));
     }
     EXPECT_EQ(observe([&] { return api->C_DigestFinal(session, nullptr, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_DigestFinal", "ERROR C_DigestFinal: pulDigestLen is NULL"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_DigestFinal: pulDigestLen is NULL"));
     EXPECT_EQ(digestData({1}).code, CKR_OK);
 }
 
@@ -179,7 +171,7 @@ TEST_F(DigestTest, APartAfterASizeQueryDoesNotChangeTheDigest) {
     ASSERT_EQ(digestUpdate({1}).code, CKR_OK);
     ASSERT_EQ(api->C_DigestFinal(session, nullptr, &length), CKR_OK);
     world.digest = {9, 9};
-    EXPECT_EQ(digestUpdate({2}), (Outcome{CKR_OK, {"DEBUG C_DigestUpdate"}, {updateHash(1, {2})}}));
+    EXPECT_EQ(digestUpdate({2}), succeeded("C_DigestUpdate", {updateHash(1, {2})}));
     EXPECT_EQ(digestFinal(), (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}}));
     EXPECT_EQ(length, 32U);
     EXPECT_EQ(room.first(32), digest);
@@ -220,8 +212,8 @@ TEST_F(DigestTest, ADeliveredDigestDoesNotJoinTheNextSignature) {
 
 TEST_F(DigestTest, PartsAreFedAsTheyCome) {
     digestInit(CKM_SHA512);
-    EXPECT_EQ(digestUpdate({1, 2}), (Outcome{CKR_OK, {"DEBUG C_DigestUpdate"}, {updateHash(1, {1, 2})}}));
-    EXPECT_EQ(digestUpdate({3}), (Outcome{CKR_OK, {"DEBUG C_DigestUpdate"}, {updateHash(1, {3})}}));
+    EXPECT_EQ(digestUpdate({1, 2}), succeeded("C_DigestUpdate", {updateHash(1, {1, 2})}));
+    EXPECT_EQ(digestUpdate({3}), succeeded("C_DigestUpdate", {updateHash(1, {3})}));
     EXPECT_EQ(digestFinal(),
               (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}, {finalDigest(1)}}));
     EXPECT_EQ(room.first(32), digest);
@@ -233,10 +225,8 @@ TEST_F(DigestTest, FailuresEndTheOperation) {
     EXPECT_EQ(digestData({1}).log, (Lines{"DEBUG C_Digest", "ERROR Update hash data in diget failed : 5"}));
     EXPECT_EQ(digestData({1}), notInitialised("C_Digest"));
     digestInit(CKM_SHA256);
-    EXPECT_EQ(digestUpdate({1}),
-              (Outcome{CKR_FUNCTION_FAILED,
-                       {"DEBUG C_DigestUpdate", "ERROR Update hash data in digest update failed : 5"},
-                       {updateHash(2, {1})}}));
+    EXPECT_EQ(digestUpdate({1}), failed(CKR_FUNCTION_FAILED, "C_DigestUpdate",
+                                        "Update hash data in digest update failed : 5", {updateHash(2, {1})}));
     EXPECT_EQ(digestUpdate({1}), notInitialised("C_DigestUpdate"));
     setResult("zentak_updateHash", 0);
     setResult("zentak_finalHash", -6);
@@ -244,9 +234,8 @@ TEST_F(DigestTest, FailuresEndTheOperation) {
     EXPECT_EQ(digestData({1}).log, (Lines{"DEBUG C_Digest", "ERROR Final hash data in diget failed : -6"}));
     EXPECT_EQ(digestData({1}), notInitialised("C_Digest"));
     digestInit(CKM_SHA256);
-    EXPECT_EQ(digestFinal(), (Outcome{CKR_FUNCTION_FAILED,
-                                      {"DEBUG C_DigestFinal", "ERROR Final hash data in diget failed : -6"},
-                                      {finalDigest(4)}}));
+    EXPECT_EQ(digestFinal(),
+              failed(CKR_FUNCTION_FAILED, "C_DigestFinal", "Final hash data in diget failed : -6", {finalDigest(4)}));
     EXPECT_EQ(digestFinal(), notInitialised("C_DigestFinal"));
 }
 
@@ -283,7 +272,7 @@ TEST_F(DigestTest, AFinishedContextStaysAndIsUsedByALaterMultiPartSignature) {
     digestInit(CKM_SHA256);
     ASSERT_EQ(digestData({1}).code, CKR_OK);
     begin(CKM_SHA512_RSA_PKCS);
-    EXPECT_EQ(update({7}), (Outcome{CKR_OK, {"DEBUG C_SignUpdate"}, {updateHash(1, {7})}}));
+    EXPECT_EQ(update({7}), succeeded("C_SignUpdate", {updateHash(1, {7})}));
 }
 
 }  // namespace

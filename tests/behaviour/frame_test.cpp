@@ -35,29 +35,26 @@ CK_SLOT_INFO slotInfoPattern() {
 // --- Starting -------------------------------------------------------------------------------------------------------
 
 TEST_F(UninitialisedTest, InitializeCreatesAnInstance) {
-    EXPECT_EQ(functions().C_Initialize(nullptr), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize"}));
-    EXPECT_EQ(calls(), (Lines{"zentak_createInstance(out)"}));
+    EXPECT_EQ(observe([&] { return functions().C_Initialize(nullptr); }),
+              succeeded("C_Initialize", {"zentak_createInstance(out)"}));
 }
 
 TEST_F(UninitialisedTest, InitializeIgnoresApplicationLockingAndReservedFields) {
     CK_C_INITIALIZE_ARGS arguments = {};
     arguments.flags = CKF_LIBRARY_CANT_CREATE_OS_THREADS;
     arguments.pReserved = &arguments;
-    EXPECT_EQ(functions().C_Initialize(&arguments), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize"}));
+    EXPECT_EQ(observe([&] { return functions().C_Initialize(&arguments); }), succeeded("C_Initialize"));
 }
 
 TEST_F(UninitialisedTest, InitializeNeverReadsItsArgument) {
-    EXPECT_EQ(functions().C_Initialize(reinterpret_cast<CK_VOID_PTR>(std::uintptr_t{1})), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize"}));
+    EXPECT_EQ(observe([&] { return functions().C_Initialize(reinterpret_cast<CK_VOID_PTR>(std::uintptr_t{1})); }),
+              succeeded("C_Initialize"));
 }
 
 TEST_F(FrameTest, InitializeTwiceIsRefusedAndKeepsTheFirstInstance) {
     const CK_SESSION_HANDLE session = openSession();
-    EXPECT_EQ(functions().C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize", "ERROR C_Initialize: already initialized"}));
-    EXPECT_EQ(calls(), Lines{});
+    EXPECT_EQ(observe([&] { return functions().C_Initialize(nullptr); }),
+              refused(CKR_CRYPTOKI_ALREADY_INITIALIZED, "C_Initialize: already initialized"));
     EXPECT_EQ(stateOf(session), CKS_RO_PUBLIC_SESSION);
 
     CK_ULONG count = 0;
@@ -67,9 +64,8 @@ TEST_F(FrameTest, InitializeTwiceIsRefusedAndKeepsTheFirstInstance) {
 
 TEST_F(UninitialisedTest, InitializeWithoutAnInstanceSaysOkAndStaysUninitialised) {
     device().givesInstance = false;
-    EXPECT_EQ(functions().C_Initialize(nullptr), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize", "ERROR Init pkcs11 library failed failed"}));
-    EXPECT_EQ(calls(), (Lines{"zentak_createInstance(out)"}));
+    EXPECT_EQ(observe([&] { return functions().C_Initialize(nullptr); }),
+              failed(CKR_OK, "C_Initialize", "Init pkcs11 library failed failed", {"zentak_createInstance(out)"}));
 
     CK_INFO info;
     EXPECT_EQ(functions().C_GetInfo(&info), CKR_CRYPTOKI_NOT_INITIALIZED);
@@ -88,24 +84,25 @@ TEST_F(UninitialisedTest, InitializeWithoutAnInstanceSaysOkAndStaysUninitialised
 // --- Stopping -------------------------------------------------------------------------------------------------------
 
 TEST_F(UninitialisedTest, FinalizeIsRefused) {
-    EXPECT_EQ(functions().C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Finalize", "ERROR C_Finalize: not initialized"}));
-    EXPECT_EQ(calls(), Lines{});
+    EXPECT_EQ(observe([&] { return functions().C_Finalize(nullptr); }),
+              refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_Finalize: not initialized"));
 }
 
 TEST_F(FrameTest, FinalizeReleasesTheInstance) {
-    EXPECT_EQ(functions().C_Finalize(nullptr), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Finalize", "DEBUG Monitor thread joined (stopDeviceMonitor).",
-                            "DEBUG C_Finalize completed successfully."}));
-    EXPECT_EQ(calls(), (Lines{"zentak_releaseInstance(instance)"}));
+    EXPECT_EQ(observe([&] { return functions().C_Finalize(nullptr); }),
+              (Outcome{CKR_OK,
+                       {"DEBUG C_Finalize", "DEBUG Monitor thread joined (stopDeviceMonitor).",
+                        "DEBUG C_Finalize completed successfully."},
+                       {"zentak_releaseInstance(instance)"}}));
     EXPECT_FALSE(device().hasInstance());
     EXPECT_EQ(functions().C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
 TEST_F(FrameTest, FinalizeIgnoresItsArgument) {
-    EXPECT_EQ(functions().C_Finalize(reinterpret_cast<CK_VOID_PTR>(std::uintptr_t{1})), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Finalize", "DEBUG Monitor thread joined (stopDeviceMonitor).",
-                            "DEBUG C_Finalize completed successfully."}));
+    EXPECT_EQ(observe([&] { return functions().C_Finalize(reinterpret_cast<CK_VOID_PTR>(std::uintptr_t{1})); }),
+              (Outcome{CKR_OK,
+                       {"DEBUG C_Finalize", "DEBUG Monitor thread joined (stopDeviceMonitor).",
+                        "DEBUG C_Finalize completed successfully."}}));
 }
 
 TEST_F(FrameTest, FinalizeForgetsSlotsSessionsAndThePassword) {
@@ -159,16 +156,16 @@ TEST_F(FrameTest, GetInfoWritesItsFieldsAndNothingElse) {
 }
 
 TEST_F(FrameTest, GetInfoRefusesANullPointer) {
-    EXPECT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_GetInfo", "ERROR C_GetInfo: pInfo is NULL"}));
+    EXPECT_EQ(observe([&] { return functions().C_GetInfo(nullptr); }),
+              refused(CKR_ARGUMENTS_BAD, "C_GetInfo: pInfo is NULL"));
 }
 
 TEST_F(FrameTest, ErrorLevelLeavesTheRefusalsAlone) {
     setLogLevel(errorLevel);
     EXPECT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
     CK_INFO info;
-    EXPECT_EQ(functions().C_GetInfo(&info), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"ERROR C_GetInfo: pInfo is NULL"}));
+    EXPECT_EQ(observe([&] { return functions().C_GetInfo(&info); }),
+              (Outcome{CKR_OK, {"ERROR C_GetInfo: pInfo is NULL"}}));
 }
 
 TEST_F(UninitialisedTest, GetInfoLeavesTheCallersBufferAlone) {
@@ -184,25 +181,25 @@ TEST_F(UninitialisedTest, GetFunctionListNeedsNoInitialisation) {
     CK_FUNCTION_LIST_PTR list = nullptr;
     const CK_C_GetFunctionList getFunctionList = functions().C_GetFunctionList;
     clear();
-    EXPECT_EQ(getFunctionList(&list), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_GetFunctionList"}));
+    EXPECT_EQ(observe([&] { return getFunctionList(&list); }), succeeded("C_GetFunctionList"));
     EXPECT_EQ(list, &functions());  // one static list
     EXPECT_EQ(+list->version.major, 2);
     EXPECT_EQ(+list->version.minor, 20);
 }
 
 TEST_F(UninitialisedTest, GetFunctionListRefusesANullPointer) {
-    EXPECT_EQ(functions().C_GetFunctionList(nullptr), CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_GetFunctionList", "ERROR C_GetFunctionList: ppFunctionList is NULL"}));
+    EXPECT_EQ(observe([&] { return functions().C_GetFunctionList(nullptr); }),
+              refused(CKR_ARGUMENTS_BAD, "C_GetFunctionList: ppFunctionList is NULL"));
 }
 
 TEST_F(FrameTest, GetFunctionListAnswersTheSameWhenInitialised) {
     CK_FUNCTION_LIST_PTR list = nullptr;
     EXPECT_EQ(functions().C_GetFunctionList(&list), CKR_OK);
     EXPECT_EQ(list, &functions());
-    EXPECT_EQ(functions().C_GetFunctionList(nullptr), CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_GetFunctionList", "DEBUG C_GetFunctionList",
-                            "ERROR C_GetFunctionList: ppFunctionList is NULL"}));
+    EXPECT_EQ(observe([&] { return functions().C_GetFunctionList(nullptr); }),
+              (Outcome{CKR_ARGUMENTS_BAD,
+                       {"DEBUG C_GetFunctionList", "DEBUG C_GetFunctionList",
+                        "ERROR C_GetFunctionList: ppFunctionList is NULL"}}));
 }
 
 // --- What all have in common ----------------------------------------------------------------------------------------

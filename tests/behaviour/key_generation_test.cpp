@@ -61,9 +61,6 @@ protected:
     static Lines start(CK_ULONG keyType) {
         return {"DEBUG C_GenerateKeyPair", text("DEBUG C_GenerateKeyPair - keytype : ", keyType)};
     }
-    static Outcome refused(CK_RV code, const std::string& reason) {
-        return {code, {"DEBUG C_GenerateKeyPair", "ERROR C_GenerateKeyPair: " + reason}};
-    }
     bool handlesUntouched() const { return publicHandle == untouched && privateHandle == untouched; }
 
     CK_MECHANISM mechanism = {CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
@@ -106,41 +103,41 @@ TEST_F(KeyGenerationTest, ChecksInTheirOrder) {
     };
 
     session = 7;
-    EXPECT_EQ(callWithNothing(nullptr), refused(CKR_SESSION_HANDLE_INVALID, "invalid hSession=7"));
+    EXPECT_EQ(callWithNothing(nullptr), refused(CKR_SESSION_HANDLE_INVALID, "C_GenerateKeyPair: invalid hSession=7"));
     session = openSession(0, fipsSlot);
     EXPECT_EQ(callWithNothing(nullptr),
-              refused(CKR_SESSION_HANDLE_INVALID, text("invalid session state=", stateOf(session))));
+              refused(CKR_SESSION_HANDLE_INVALID, text("C_GenerateKeyPair: invalid session state=", stateOf(session))));
     session = good;
-    EXPECT_EQ(callWithNothing(nullptr), refused(CKR_ARGUMENTS_BAD, "pMechanism is NULL"));
+    EXPECT_EQ(callWithNothing(nullptr), refused(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: pMechanism is NULL"));
     EXPECT_EQ(callWithNothing(&parameterised),
-              refused(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=0"));
-    EXPECT_EQ(callWithNothing(&mechanism), refused(CKR_ARGUMENTS_BAD, "pPublicKeyTemplate is NULL"));
+              refused(CKR_MECHANISM_PARAM_INVALID, "C_GenerateKeyPair: mechanism param invalid for mechanism=0"));
+    EXPECT_EQ(callWithNothing(&mechanism), refused(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: pPublicKeyTemplate is NULL"));
     EXPECT_EQ(call(&mechanism, nullptr, 1, nullptr, 0, nullptr, nullptr),
-              refused(CKR_ARGUMENTS_BAD, "pPublicKeyTemplate is NULL"));
+              refused(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: pPublicKeyTemplate is NULL"));
     EXPECT_EQ(call(&mechanism, publicEntries, 0, nullptr, 0, nullptr, nullptr),
-              refused(CKR_ARGUMENTS_BAD, "ulPublicKeyAttributeCount<=0"));
+              refused(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: ulPublicKeyAttributeCount<=0"));
     EXPECT_EQ(call(&mechanism, publicEntries, 1, nullptr, 0, nullptr, nullptr),
-              refused(CKR_ARGUMENTS_BAD, "pPrivateKeyTemplate is NULL"));
+              refused(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: pPrivateKeyTemplate is NULL"));
     EXPECT_EQ(call(&mechanism, publicEntries, 1, privateEntries, 0, nullptr, nullptr),
-              refused(CKR_ARGUMENTS_BAD, "ulPrivateKeyAttributeCount<=0"));
+              refused(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: ulPrivateKeyAttributeCount<=0"));
     EXPECT_EQ(call(&mechanism, publicEntries, 1, privateEntries, 1, nullptr, nullptr),
-              refused(CKR_ARGUMENTS_BAD, "phPublicKey is NULL"));
+              refused(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: phPublicKey is NULL"));
     EXPECT_EQ(call(&mechanism, publicEntries, 1, privateEntries, 1, &publicHandle, nullptr),
-              refused(CKR_ARGUMENTS_BAD, "phPrivateKey is NULL"));
+              refused(CKR_ARGUMENTS_BAD, "C_GenerateKeyPair: phPrivateKey is NULL"));
     EXPECT_TRUE(handlesUntouched());
 
     api->C_Finalize(nullptr);
     session = 7;
-    EXPECT_EQ(callWithNothing(nullptr), refused(CKR_CRYPTOKI_NOT_INITIALIZED, "not initialized"));
+    EXPECT_EQ(callWithNothing(nullptr), refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_GenerateKeyPair: not initialized"));
 }
 
 TEST_F(KeyGenerationTest, AReadOnlySessionIsAnInvalidHandle) {
     closeEverything(session);
     session = openSessionIn(CKS_RO_USER_FUNCTIONS);
-    EXPECT_EQ(generate(), refused(CKR_SESSION_HANDLE_INVALID, "invalid session state=1"));
+    EXPECT_EQ(generate(), refused(CKR_SESSION_HANDLE_INVALID, "C_GenerateKeyPair: invalid session state=1"));
     closeEverything(session);
     session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(generate(), refused(CKR_SESSION_HANDLE_INVALID, "invalid session state=0"));
+    EXPECT_EQ(generate(), refused(CKR_SESSION_HANDLE_INVALID, "C_GenerateKeyPair: invalid session state=0"));
     EXPECT_TRUE(handlesUntouched());
 }
 
@@ -164,9 +161,11 @@ TEST_F(KeyGenerationTest, TheSecurityOfficersSessionIsAccepted) {
 TEST_F(KeyGenerationTest, AnyParameterIsRefusedAndAnyMechanismTypeAccepted) {
     unsigned char parameter = 0;
     mechanism = {CKM_EC_KEY_PAIR_GEN, &parameter, 0};
-    EXPECT_EQ(generate(), refused(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=4160"));
+    EXPECT_EQ(generate(),
+              refused(CKR_MECHANISM_PARAM_INVALID, "C_GenerateKeyPair: mechanism param invalid for mechanism=4160"));
     mechanism = {CKM_MD5, nullptr, 1};
-    EXPECT_EQ(generate(), refused(CKR_MECHANISM_PARAM_INVALID, "mechanism param invalid for mechanism=528"));
+    EXPECT_EQ(generate(),
+              refused(CKR_MECHANISM_PARAM_INVALID, "C_GenerateKeyPair: mechanism param invalid for mechanism=528"));
     EXPECT_TRUE(handlesUntouched());
     // The private template's key type decides, so an EC mechanism makes an RSA key pair.
     for (const CK_MECHANISM_TYPE type : Numbers{CKM_EC_KEY_PAIR_GEN, CKM_MD5}) {

@@ -62,10 +62,11 @@ TEST_F(LoginStatesTest, AUsersLoginWalksOverSessionsInEveryState) {
         const std::vector<CK_SESSION_HANDLE> sessions = sessionsInEveryState();
         const CK_SESSION_HANDLE otherToken = openSession(CKF_RW_SESSION, secondSlot);
         const CK_STATE before = stateOf(sessions[caller]);
-        EXPECT_EQ(tryLogin(sessions[caller], CKU_USER, "5678"), CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
-        EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "DEBUG Login state : " + decimal(before), officerOnAnotherSession,
-                                "DEBUG Login end result : " + decimal(CKR_USER_ANOTHER_ALREADY_LOGGED_IN)}));
-        EXPECT_EQ(calls(), (Lines{validateCall("SN1", "5678", 1)}));
+        EXPECT_EQ(observe([&] { return tryLogin(sessions[caller], CKU_USER, "5678"); }),
+                  (Outcome{CKR_USER_ANOTHER_ALREADY_LOGGED_IN,
+                           {"DEBUG C_Login", "DEBUG Login state : " + decimal(before), officerOnAnotherSession,
+                            "DEBUG Login end result : " + decimal(CKR_USER_ANOTHER_ALREADY_LOGGED_IN)},
+                           {validateCall("SN1", "5678", 1)}}));
         EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{4, 1, 3, 1, 3}));
         EXPECT_EQ(stateOf(otherToken), CKS_RW_PUBLIC_SESSION);
         EXPECT_TRUE(keeps("5678", otherToken));
@@ -96,17 +97,18 @@ TEST_F(LoginStatesTest, TheLastRefusalMetIsTheAnswer) {
     const CK_SESSION_HANDLE officer = openSession(CKF_RW_SESSION);
     EXPECT_EQ(tryLogin(officer, CKU_SO, "officer pin"), CKR_SESSION_READ_ONLY_EXISTS);
     EXPECT_EQ(stateOf(officer), CKS_RW_SO_FUNCTIONS);
-    EXPECT_EQ(tryLogin(officer, CKU_SO, "officer pin"), CKR_USER_ALREADY_LOGGED_IN);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "DEBUG Login state : 4", readOnlySessionExists,
-                            "DEBUG Login end result : " + decimal(CKR_USER_ALREADY_LOGGED_IN)}));
+    EXPECT_EQ(observe([&] { return tryLogin(officer, CKU_SO, "officer pin"); }),
+              (Outcome{CKR_USER_ALREADY_LOGGED_IN,
+                       {"DEBUG C_Login", "DEBUG Login state : 4", readOnlySessionExists,
+                        "DEBUG Login end result : " + decimal(CKR_USER_ALREADY_LOGGED_IN)}}));
 }
 
 TEST_F(LoginStatesTest, AUsersLoginReachesEverySessionOfTheTokenOnly) {
     const std::vector<CK_SESSION_HANDLE> sessions = {
         openSession(), openSession(CKF_RW_SESSION), openSession(0, secondSlot), openSession(CKF_RW_SESSION, secondSlot),
         openSession(), openSession(CKF_RW_SESSION)};
-    EXPECT_EQ(tryLogin(sessions[4], CKU_USER, "1234"), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "DEBUG Login state : 0", "DEBUG Login end result : 0"}));
+    EXPECT_EQ(observe([&] { return tryLogin(sessions[4], CKU_USER, "1234"); }),
+              (Outcome{CKR_OK, {"DEBUG C_Login", "DEBUG Login state : 0", "DEBUG Login end result : 0"}}));
     EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{1, 3, 0, 2, 1, 3}));
 }
 
@@ -131,8 +133,8 @@ TEST_F(LoginStatesTest, SessionsOfOneSerialNumberAreOfOneToken) {
 TEST_F(LoginStatesTest, LogoutRefusesWhatIsNoSession) {
     login(openSession());
     for (const CK_SESSION_HANDLE session : noSessions()) {
-        EXPECT_EQ(functions().C_Logout(session), CKR_SESSION_HANDLE_INVALID);
-        EXPECT_EQ(log(), (Lines{"DEBUG C_Logout", "ERROR C_Logout: invalid hSession=" + decimal(session)}));
+        EXPECT_EQ(observe([&] { return functions().C_Logout(session); }),
+                  refused(CKR_SESSION_HANDLE_INVALID, "C_Logout: invalid hSession=" + decimal(session)));
     }
     EXPECT_EQ(stateOf(firstSession), CKS_RO_USER_FUNCTIONS);
 }
@@ -160,9 +162,8 @@ TEST_F(LoginStatesTest, LogoutFromEveryState) {
     for (const auto& [caller, state] : callers) {
         SCOPED_TRACE(state);
         const std::vector<CK_SESSION_HANDLE> sessions = sessionsInEveryState();
-        EXPECT_EQ(functions().C_Logout(sessions[caller]), CKR_OK);
-        EXPECT_EQ(log(), (Lines{"DEBUG C_Logout", "DEBUG C_Logout end"}));
-        EXPECT_EQ(calls(), Lines{});
+        EXPECT_EQ(observe([&] { return functions().C_Logout(sessions[caller]); }),
+                  (Outcome{CKR_OK, {"DEBUG C_Logout", "DEBUG C_Logout end"}}));
         EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{2, 0, 2, 0, 2}));
         EXPECT_EQ(functions().C_Logout(sessions[caller]), CKR_USER_NOT_LOGGED_IN);
         ASSERT_EQ(functions().C_CloseAllSessions(firstSlot), CKR_OK);

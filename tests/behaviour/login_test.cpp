@@ -12,8 +12,8 @@ TEST_F(LoginTest, RefusesWhatIsNoSessionFirst) {
     openSession();
     for (const CK_SESSION_HANDLE session : noSessions()) {
         for (const CK_USER_TYPE userType : std::vector<CK_USER_TYPE>{CKU_USER, CKU_SO, CKU_CONTEXT_SPECIFIC}) {
-            EXPECT_EQ(functions().C_Login(session, userType, nullptr, 0), CKR_SESSION_HANDLE_INVALID);
-            EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "ERROR C_Login: invalid hSession=" + decimal(session)}));
+            EXPECT_EQ(observe([&] { return functions().C_Login(session, userType, nullptr, 0); }),
+                      refused(CKR_SESSION_HANDLE_INVALID, "C_Login: invalid hSession=" + decimal(session)));
         }
     }
     EXPECT_EQ(calls(), Lines{});
@@ -23,11 +23,10 @@ TEST_F(LoginTest, RefusesASecondUserLoginWithADebugLine) {
     for (const CK_STATE state : std::vector<CK_STATE>{CKS_RO_USER_FUNCTIONS, CKS_RW_USER_FUNCTIONS}) {
         const CK_SESSION_HANDLE session = sessionInState(state);
         const Lines refusal = {"DEBUG C_Login", "DEBUG C_Login: User already logged in"};
-        EXPECT_EQ(functions().C_Login(session, CKU_USER, nullptr, 0), CKR_USER_ALREADY_LOGGED_IN);
-        EXPECT_EQ(log(), refusal);
-        EXPECT_EQ(functions().C_Login(session, CKU_USER, pin("1234"), 4), CKR_USER_ALREADY_LOGGED_IN);
-        EXPECT_EQ(log(), refusal);
-        EXPECT_EQ(calls(), Lines{});
+        EXPECT_EQ(observe([&] { return functions().C_Login(session, CKU_USER, nullptr, 0); }),
+                  (Outcome{CKR_USER_ALREADY_LOGGED_IN, refusal}));
+        EXPECT_EQ(observe([&] { return functions().C_Login(session, CKU_USER, pin("1234"), 4); }),
+                  (Outcome{CKR_USER_ALREADY_LOGGED_IN, refusal}));
         EXPECT_EQ(stateOf(session), state);
         ASSERT_EQ(functions().C_CloseAllSessions(firstSlot), CKR_OK);
     }
@@ -43,8 +42,8 @@ TEST_F(LoginTest, RefusesOtherUserTypesBeforeTheNullPointer) {
     for (const CK_STATE state : std::vector<CK_STATE>{CKS_RO_PUBLIC_SESSION, CKS_RW_USER_FUNCTIONS}) {
         const CK_SESSION_HANDLE session = sessionInState(state);
         for (const CK_USER_TYPE type : types) {
-            EXPECT_EQ(functions().C_Login(session, type, nullptr, 0), CKR_USER_TYPE_INVALID);
-            EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "ERROR C_Login: unsupported userType=" + decimal(type)}));
+            EXPECT_EQ(observe([&] { return functions().C_Login(session, type, nullptr, 0); }),
+                      refused(CKR_USER_TYPE_INVALID, "C_Login: unsupported userType=" + decimal(type)));
         }
         EXPECT_EQ(calls(), Lines{});
         EXPECT_EQ(stateOf(session), state);
@@ -55,8 +54,8 @@ TEST_F(LoginTest, RefusesANullPinBeforeItsLength) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     for (const CK_USER_TYPE userType : bothUserTypes) {
         for (const CK_ULONG length : std::vector<CK_ULONG>{0, 3, 4, 64}) {
-            EXPECT_EQ(functions().C_Login(session, userType, nullptr, length), CKR_ARGUMENTS_BAD);
-            EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "ERROR C_Login: pPin is NULL"}));
+            EXPECT_EQ(observe([&] { return functions().C_Login(session, userType, nullptr, length); }),
+                      refused(CKR_ARGUMENTS_BAD, "C_Login: pPin is NULL"));
         }
     }
     EXPECT_EQ(calls(), Lines{});
@@ -116,12 +115,13 @@ TEST_F(LoginTest, RefusalsOfTheDevice) {
         for (const DeviceRefusal& refusal : deviceRefusals) {
             device().results["zentak_validatePassword"] = refusal.result;
             device().attemptsLeft = refusal.attemptsLeft;
-            EXPECT_EQ(tryLogin(session, userType, "1234"), refusal.code);
-            EXPECT_EQ(log(), (Lines{"DEBUG C_Login",
-                                    "ERROR Token password validation failed : " + std::to_string(refusal.result),
-                                    "ERROR Token password validation failed, retry count : " +
-                                        std::to_string(refusal.attemptsLeft)}));
-            EXPECT_EQ(calls(), (Lines{validateCall("SN1", "1234", userType == CKU_USER ? 1 : 2)}));
+            EXPECT_EQ(
+                observe([&] { return tryLogin(session, userType, "1234"); }),
+                (Outcome{
+                    refusal.code,
+                    {"DEBUG C_Login", "ERROR Token password validation failed : " + std::to_string(refusal.result),
+                     "ERROR Token password validation failed, retry count : " + std::to_string(refusal.attemptsLeft)},
+                    {validateCall("SN1", "1234", userType == CKU_USER ? 1 : 2)}}));
             EXPECT_EQ(states({session, readOnly}), (std::vector<CK_STATE>{2, 0}));
         }
     }
@@ -134,8 +134,8 @@ TEST_F(LoginTest, TheDeviceResult48IsAFailureWithOneLine) {
     for (const int attemptsLeft : {0, 2}) {
         device().attemptsLeft = attemptsLeft;
         for (const CK_USER_TYPE userType : bothUserTypes) {
-            EXPECT_EQ(tryLogin(session, userType, "1234"), CKR_FUNCTION_FAILED);
-            EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "ERROR Token password validation failed : 48"}));
+            EXPECT_EQ(observe([&] { return tryLogin(session, userType, "1234"); }),
+                      failed(CKR_FUNCTION_FAILED, "C_Login", "Token password validation failed : 48"));
             EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
         }
     }
@@ -154,9 +154,8 @@ TEST_F(LoginTest, AFailedLoginLeavesTheKeptPassword) {
 TEST_F(LoginTest, TheKeptPasswordSpareTheDeviceAQuestion) {
     const CK_SESSION_HANDLE other = openSession(0, secondSlot);
     login(openSession(CKF_RW_SESSION));
-    EXPECT_EQ(tryLogin(other, CKU_USER, "1234"), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "DEBUG Login state : 0", "DEBUG Login end result : 0"}));
-    EXPECT_EQ(calls(), Lines{});
+    EXPECT_EQ(observe([&] { return tryLogin(other, CKU_USER, "1234"); }),
+              (Outcome{CKR_OK, {"DEBUG C_Login", "DEBUG Login state : 0", "DEBUG Login end result : 0"}}));
     EXPECT_EQ(stateOf(other), CKS_RO_USER_FUNCTIONS);
 }
 
@@ -190,9 +189,10 @@ TEST_F(LoginTest, TheSecurityOfficerIsAlwaysAskedAndNeverKept) {
     const CK_SESSION_HANDLE other = openSession(CKF_RW_SESSION, secondSlot);
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     login(session, "1234");
-    EXPECT_EQ(tryLogin(session, CKU_SO, "1234"), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "DEBUG Login state : 3", "DEBUG Login end result : 0"}));
-    EXPECT_EQ(calls(), (Lines{validateCall("SN1", "1234", 2)}));
+    EXPECT_EQ(observe([&] { return tryLogin(session, CKU_SO, "1234"); }),
+              (Outcome{CKR_OK,
+                       {"DEBUG C_Login", "DEBUG Login state : 3", "DEBUG Login end result : 0"},
+                       {validateCall("SN1", "1234", 2)}}));
     EXPECT_EQ(tryLogin(session, CKU_SO, "officer pin"), CKR_USER_ALREADY_LOGGED_IN);
     EXPECT_EQ(calls(), (Lines{validateCall("SN1", "officer pin", 2)}));
     EXPECT_TRUE(keeps("1234", other));  // the user's password is still there

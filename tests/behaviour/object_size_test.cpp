@@ -19,17 +19,15 @@ protected:
 TEST_F(ObjectSizeTest, AnUninitialisedModuleComesBeforeTheSession) {
     ASSERT_EQ(api->C_Finalize(nullptr), CKR_OK);
     CK_ULONG size = 77;
-    EXPECT_EQ(
-        observe([&] { return api->C_GetObjectSize(1, 0, &size); }),
-        (Outcome{CKR_CRYPTOKI_NOT_INITIALIZED, {"DEBUG C_GetObjectSize", "ERROR C_GetObjectSize: not initialized"}}));
+    EXPECT_EQ(observe([&] { return api->C_GetObjectSize(1, 0, &size); }),
+              refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_GetObjectSize: not initialized"));
     EXPECT_EQ(size, 77U);
 }
 
 TEST_F(ObjectSizeTest, TheSessionComesBeforeTheObject) {
     CK_ULONG size = 77;
     EXPECT_EQ(observe([&] { return api->C_GetObjectSize(1610612889, 0, &size); }),
-              (Outcome{CKR_SESSION_HANDLE_INVALID,
-                       {"DEBUG C_GetObjectSize", "ERROR C_GetObjectSize: invalid hSession=1610612889"}}));
+              refused(CKR_SESSION_HANDLE_INVALID, "C_GetObjectSize: invalid hSession=1610612889"));
     EXPECT_EQ(size, 77U);
 }
 
@@ -62,7 +60,7 @@ TEST_F(ObjectSizeTest, SizesComeFromTheRecords) {
         SCOPED_TRACE(row.handle);
         CK_ULONG size = 0xEEEEEEEE;
         EXPECT_EQ(observe([&] { return api->C_GetObjectSize(session, row.handle, &size); }),
-                  (Outcome{CKR_OK, {"DEBUG C_GetObjectSize"}, {row.list}}));
+                  succeeded("C_GetObjectSize", {row.list}));
         EXPECT_EQ(size, row.size);
     }
 }
@@ -84,10 +82,8 @@ TEST_F(ObjectSizeTest, ObjectsThatAreNotThereAreRefused) {
     for (const Row& row : rows) {
         CK_ULONG size = 77;
         EXPECT_EQ(observe([&] { return api->C_GetObjectSize(session, row.handle, &size); }),
-                  (Outcome{CKR_OBJECT_HANDLE_INVALID,
-                           {"DEBUG C_GetObjectSize",
-                            text("ERROR ", row.kind, " not found in get object size : ", row.handle)},
-                           {row.list}}));
+                  failed(CKR_OBJECT_HANDLE_INVALID, "C_GetObjectSize",
+                         text("", row.kind, " not found in get object size : ", row.handle), {row.list}));
         EXPECT_EQ(size, 77U);
     }
 }
@@ -99,12 +95,11 @@ TEST_F(ObjectSizeTest, WideHandlesAreCertificatesByTheirLow32Bits) {
             return static_cast<CK_OBJECT_HANDLE>((std::uint64_t{1} << 32U) + low);
         };
         EXPECT_EQ(observe([&] { return api->C_GetObjectSize(session, wide(0x70000005), &size); }),
-                  (Outcome{CKR_OBJECT_HANDLE_INVALID,
-                           {"DEBUG C_GetObjectSize", "ERROR Certificate not found in get object size : 6174015493"},
-                           {listCertificates}}));
+                  failed(CKR_OBJECT_HANDLE_INVALID, "C_GetObjectSize",
+                         "Certificate not found in get object size : 6174015493", {listCertificates}));
         EXPECT_EQ(size, 77U);
         EXPECT_EQ(observe([&] { return api->C_GetObjectSize(session, wide(0x70002005), &size); }),
-                  (Outcome{CKR_OK, {"DEBUG C_GetObjectSize"}, {listCertificates}}));
+                  succeeded("C_GetObjectSize", {listCertificates}));
         EXPECT_EQ(size, 5U);
     }
 }

@@ -20,9 +20,6 @@ protected:
     static std::string generateCall(CK_ULONG count, const std::string& token = "SN1") {
         return text("zentak_generateRamdomNumber(\"", token, "\", ", count, ", out, true, null)");
     }
-    static Outcome refused(CK_RV code, const std::string& reason) {
-        return {code, {"DEBUG C_GenerateRandom", "ERROR C_GenerateRandom: " + reason}};
-    }
 
     CK_SESSION_HANDLE session = 0;
 };
@@ -30,7 +27,7 @@ protected:
 TEST_F(RandomTest, TheLibraryFillsTheCallersBuffer) {
     Room room(300);
     EXPECT_EQ(generate(static_cast<CK_BYTE_PTR>(room.address()), 258),
-              (Outcome{CKR_OK, {"DEBUG C_GenerateRandom"}, {generateCall(258)}}));
+              succeeded("C_GenerateRandom", {generateCall(258)}));
     EXPECT_EQ(room.first(258), (countingBytes(0, 256) + Bytes{0, 1}));
     EXPECT_TRUE(room.untouchedFrom(258));
 }
@@ -53,22 +50,23 @@ TEST_F(RandomTest, ChecksInTheirOrder) {
     unsigned char byte = 0x5A;
     const CK_SESSION_HANDLE good = session;
     session = 7;
-    EXPECT_EQ(generate(nullptr, 0), refused(CKR_SESSION_HANDLE_INVALID, "invalid hSession=7"));
+    EXPECT_EQ(generate(nullptr, 0), refused(CKR_SESSION_HANDLE_INVALID, "C_GenerateRandom: invalid hSession=7"));
     session = good;
-    EXPECT_EQ(generate(nullptr, 0), refused(CKR_ARGUMENTS_BAD, "RandomData is NULL"));
-    EXPECT_EQ(generate(nullptr, 8), refused(CKR_ARGUMENTS_BAD, "RandomData is NULL"));
-    EXPECT_EQ(generate(&byte, 0), refused(CKR_ARGUMENTS_BAD, "ulRandomLen<=0, ulRandomLen=0"));
+    EXPECT_EQ(generate(nullptr, 0), refused(CKR_ARGUMENTS_BAD, "C_GenerateRandom: RandomData is NULL"));
+    EXPECT_EQ(generate(nullptr, 8), refused(CKR_ARGUMENTS_BAD, "C_GenerateRandom: RandomData is NULL"));
+    EXPECT_EQ(generate(&byte, 0), refused(CKR_ARGUMENTS_BAD, "C_GenerateRandom: ulRandomLen<=0, ulRandomLen=0"));
     EXPECT_EQ(byte, 0x5A);
     api->C_Finalize(nullptr);
     session = 7;
-    EXPECT_EQ(generate(nullptr, 0), refused(CKR_CRYPTOKI_NOT_INITIALIZED, "not initialized"));
+    EXPECT_EQ(generate(nullptr, 0), refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_GenerateRandom: not initialized"));
 }
 
 TEST_F(RandomTest, AFailureNamesTheResult) {
     for (const int result : {1, 40, 242, -3}) {
         world.results["zentak_generateRamdomNumber"] = result;
         unsigned char byte = 0x5A;
-        Outcome expected = refused(CKR_FUNCTION_FAILED, text("generate random number failed ret=", result));
+        Outcome expected =
+            refused(CKR_FUNCTION_FAILED, text("C_GenerateRandom: generate random number failed ret=", result));
         expected.device = {generateCall(1)};
         EXPECT_EQ(generate(&byte, 1), expected);
         EXPECT_EQ(byte, 0x5A);

@@ -23,26 +23,22 @@ protected:
 TEST_F(SearchResultTest, FindObjectsAsksForASearchBeforeItsArguments) {
     ASSERT_EQ(api->C_FindObjectsFinal(session), CKR_OK);
     EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 3, nullptr); }),
-              (Outcome{CKR_OPERATION_NOT_INITIALIZED,
-                       {"DEBUG C_FindObjects", "ERROR C_FindObjects: operation not initialized, activeOperation=0"}}));
+              refused(CKR_OPERATION_NOT_INITIALIZED, "C_FindObjects: operation not initialized, activeOperation=0"));
     signInit(session, CKM_RSA_PKCS, 5);
     EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 3, nullptr); }),
-              (Outcome{CKR_OPERATION_NOT_INITIALIZED,
-                       {"DEBUG C_FindObjects", "ERROR C_FindObjects: operation not initialized, activeOperation=5"}}));
+              refused(CKR_OPERATION_NOT_INITIALIZED, "C_FindObjects: operation not initialized, activeOperation=5"));
 }
 
 TEST_F(SearchResultTest, FindObjectsAsksForTheHandlesBeforeTheCount) {
     EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 3, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD,
-                       {"DEBUG C_FindObjects", "ERROR C_FindObjects: phObject is NULL with ulMaxObjectCount=3"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_FindObjects: phObject is NULL with ulMaxObjectCount=3"));
     EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 3, &count); }),
-              (Outcome{CKR_ARGUMENTS_BAD,
-                       {"DEBUG C_FindObjects", "ERROR C_FindObjects: phObject is NULL with ulMaxObjectCount=3"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_FindObjects: phObject is NULL with ulMaxObjectCount=3"));
     EXPECT_EQ(count, 99U);
     EXPECT_EQ(observe([&] { return api->C_FindObjects(session, handles, 3, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_FindObjects", "ERROR C_FindObjects: pulObjectCount is NULL"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_FindObjects: pulObjectCount is NULL"));
     EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 0, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_FindObjects", "ERROR C_FindObjects: pulObjectCount is NULL"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_FindObjects: pulObjectCount is NULL"));
     // The refusals have moved nothing.
     EXPECT_EQ(next(session, 1), (Handles{publicKey(5)}));
 }
@@ -153,17 +149,14 @@ TEST_F(SearchResultTest, ASearchCanBeRestartedAtAnyTime) {
 
 TEST_F(SearchResultTest, FinalEndsTheSearch) {
     EXPECT_EQ(next(session, 1).size(), 1U);
-    EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(session); }),
-              (Outcome{CKR_OK, {"DEBUG C_FindObjectsFinal"}}));
-    EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(session); }),
-              (Outcome{CKR_OPERATION_NOT_INITIALIZED,
-                       {"DEBUG C_FindObjectsFinal",
-                        "ERROR C_FindObjectsFinal: operation not initialized, activeOperation=0"}}));
+    EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(session); }), succeeded("C_FindObjectsFinal"));
+    EXPECT_EQ(
+        observe([&] { return api->C_FindObjectsFinal(session); }),
+        refused(CKR_OPERATION_NOT_INITIALIZED, "C_FindObjectsFinal: operation not initialized, activeOperation=0"));
     signInit(session, CKM_RSA_PKCS, 5);
-    EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(session); }),
-              (Outcome{CKR_OPERATION_NOT_INITIALIZED,
-                       {"DEBUG C_FindObjectsFinal",
-                        "ERROR C_FindObjectsFinal: operation not initialized, activeOperation=5"}}));
+    EXPECT_EQ(
+        observe([&] { return api->C_FindObjectsFinal(session); }),
+        refused(CKR_OPERATION_NOT_INITIALIZED, "C_FindObjectsFinal: operation not initialized, activeOperation=5"));
 }
 
 }  // namespace

@@ -78,12 +78,12 @@ TEST_F(SessionsTest, OpenRefusesAnUnknownSlotFirst) {
     for (const CK_SLOT_ID slot : ids) {
         CK_SESSION_HANDLE session = untouched;
         const Lines refusal = {"DEBUG C_OpenSession", "ERROR C_OpenSession: invalid slotID=" + decimal(slot)};
-        EXPECT_EQ(open(slot, CKF_SERIAL_SESSION, &session), CKR_SLOT_ID_INVALID);
-        EXPECT_EQ(log(), refusal);
-        EXPECT_EQ(open(slot, 0, &session), CKR_SLOT_ID_INVALID);  // before the flags
-        EXPECT_EQ(log(), refusal);
-        EXPECT_EQ(open(slot, CKF_SERIAL_SESSION, nullptr), CKR_SLOT_ID_INVALID);  // and before the pointer
-        EXPECT_EQ(log(), refusal);
+        EXPECT_EQ(observe([&] { return open(slot, CKF_SERIAL_SESSION, &session); }),
+                  (Outcome{CKR_SLOT_ID_INVALID, refusal}));
+        EXPECT_EQ(observe([&] { return open(slot, 0, &session); }),
+                  (Outcome{CKR_SLOT_ID_INVALID, refusal}));  // before the flags
+        EXPECT_EQ(observe([&] { return open(slot, CKF_SERIAL_SESSION, nullptr); }),
+                  (Outcome{CKR_SLOT_ID_INVALID, refusal}));  // and before the pointer
         EXPECT_EQ(session, untouched);
     }
     EXPECT_EQ(openSession(), firstSession);  // nothing was opened
@@ -93,9 +93,9 @@ TEST_F(SessionsTest, OpenRefusesAParallelSessionBeforeTheNullPointer) {
     for (const CK_FLAGS flags : {CK_FLAGS{0}, static_cast<CK_FLAGS>(CKF_RW_SESSION), static_cast<CK_FLAGS>(~4UL)}) {
         CK_SESSION_HANDLE session = untouched;
         for (CK_SESSION_HANDLE* const pointer : {&session, static_cast<CK_SESSION_HANDLE*>(nullptr)}) {
-            EXPECT_EQ(open(firstSlot, flags, pointer), CKR_SESSION_PARALLEL_NOT_SUPPORTED);
-            EXPECT_EQ(log(), (Lines{"DEBUG C_OpenSession",
-                                    "ERROR C_OpenSession: CKF_SERIAL_SESSION not set, flags=" + decimal(flags)}));
+            EXPECT_EQ(observe([&] { return open(firstSlot, flags, pointer); }),
+                      refused(CKR_SESSION_PARALLEL_NOT_SUPPORTED,
+                              "C_OpenSession: CKF_SERIAL_SESSION not set, flags=" + decimal(flags)));
         }
         EXPECT_EQ(session, untouched);
     }
@@ -103,8 +103,8 @@ TEST_F(SessionsTest, OpenRefusesAParallelSessionBeforeTheNullPointer) {
 }
 
 TEST_F(SessionsTest, OpenRefusesANullPointer) {
-    EXPECT_EQ(open(firstSlot, CKF_SERIAL_SESSION, nullptr), CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_OpenSession", "ERROR C_OpenSession: phSession is NULL"}));
+    EXPECT_EQ(observe([&] { return open(firstSlot, CKF_SERIAL_SESSION, nullptr); }),
+              refused(CKR_ARGUMENTS_BAD, "C_OpenSession: phSession is NULL"));
     EXPECT_EQ(openSession(), firstSession);
 }
 
@@ -189,21 +189,19 @@ TEST_F(SessionsTest, ASessionOutlivesItsSlot) {
 TEST_F(SessionsTest, Close) {
     const CK_SESSION_HANDLE session = openSession();
     const CK_SESSION_HANDLE other = openSession();
-    EXPECT_EQ(functions().C_CloseSession(session), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_CloseSession"}));
-    EXPECT_EQ(calls(), Lines{});
+    EXPECT_EQ(observe([&] { return functions().C_CloseSession(session); }), succeeded("C_CloseSession"));
     EXPECT_EQ(resultFor(session), CKR_SESSION_HANDLE_INVALID);
     EXPECT_EQ(resultFor(other), CKR_OK);
 
-    EXPECT_EQ(functions().C_CloseSession(session), CKR_SESSION_HANDLE_INVALID);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_CloseSession", "ERROR C_CloseSession: invalid hSession=1610612737"}));
+    EXPECT_EQ(observe([&] { return functions().C_CloseSession(session); }),
+              refused(CKR_SESSION_HANDLE_INVALID, "C_CloseSession: invalid hSession=1610612737"));
 }
 
 TEST_F(SessionsTest, CloseRefusesWhatIsNoSession) {
     openSession();
     for (const CK_SESSION_HANDLE session : noSessions()) {
-        EXPECT_EQ(functions().C_CloseSession(session), CKR_SESSION_HANDLE_INVALID);
-        EXPECT_EQ(log(), (Lines{"DEBUG C_CloseSession", "ERROR C_CloseSession: invalid hSession=" + decimal(session)}));
+        EXPECT_EQ(observe([&] { return functions().C_CloseSession(session); }),
+                  refused(CKR_SESSION_HANDLE_INVALID, "C_CloseSession: invalid hSession=" + decimal(session)));
     }
     EXPECT_EQ(resultFor(firstSession), CKR_OK);
 }
@@ -222,9 +220,8 @@ TEST_F(SessionsTest, CloseAllClosesThoseOfEverySlot) {
     for (const CK_SLOT_ID slot : {firstSlot, firstSlot + 1}) {
         const CK_SESSION_HANDLE first = openSession(0, firstSlot);
         const CK_SESSION_HANDLE second = openSession(CKF_RW_SESSION, firstSlot + 1);
-        EXPECT_EQ(functions().C_CloseAllSessions(slot), CKR_OK);
-        EXPECT_EQ(log(), (Lines{"DEBUG C_CloseAllSessions", "DEBUG Close all session"}));
-        EXPECT_EQ(calls(), Lines{});
+        EXPECT_EQ(observe([&] { return functions().C_CloseAllSessions(slot); }),
+                  (Outcome{CKR_OK, {"DEBUG C_CloseAllSessions", "DEBUG Close all session"}}));
         EXPECT_EQ(resultFor(first), CKR_SESSION_HANDLE_INVALID);
         EXPECT_EQ(resultFor(second), CKR_SESSION_HANDLE_INVALID);
         EXPECT_EQ(functions().C_CloseAllSessions(slot), CKR_OK);  // none is fine too
@@ -253,17 +250,16 @@ TEST_F(SessionsTest, InfoRefusesWhatIsNoSessionFirst) {
     for (const CK_SESSION_HANDLE session : noSessions()) {
         CK_SESSION_INFO info = filledWith<CK_SESSION_INFO>(0xFF);
         for (CK_SESSION_INFO* const pointer : {&info, static_cast<CK_SESSION_INFO*>(nullptr)}) {
-            EXPECT_EQ(functions().C_GetSessionInfo(session, pointer), CKR_SESSION_HANDLE_INVALID);
-            EXPECT_EQ(log(), (Lines{"DEBUG C_GetSessionInfo",
-                                    "ERROR C_GetSessionInfo: invalid hSession=" + decimal(session)}));
+            EXPECT_EQ(observe([&] { return functions().C_GetSessionInfo(session, pointer); }),
+                      refused(CKR_SESSION_HANDLE_INVALID, "C_GetSessionInfo: invalid hSession=" + decimal(session)));
         }
         EXPECT_EQ(bytesOf(info), Bytes(sizeof info, 0xFF));
     }
 }
 
 TEST_F(SessionsTest, InfoRefusesANullPointer) {
-    EXPECT_EQ(functions().C_GetSessionInfo(openSession(), nullptr), CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_GetSessionInfo", "ERROR C_GetSessionInfo: pInfo is NULL"}));
+    EXPECT_EQ(observe([&] { return functions().C_GetSessionInfo(openSession(), nullptr); }),
+              refused(CKR_ARGUMENTS_BAD, "C_GetSessionInfo: pInfo is NULL"));
 }
 
 TEST_F(SessionsTest, InfoInEveryState) {

@@ -25,9 +25,8 @@ protected:
     static void expectRefusal(CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR oldPin, CK_ULONG oldLength,
                               CK_UTF8CHAR_PTR newPin, CK_ULONG newLength, CK_RV code, const std::string& message) {
         clear();
-        EXPECT_EQ(functions().C_SetPIN(session, oldPin, oldLength, newPin, newLength), code);
-        EXPECT_EQ(log(), (Lines{"DEBUG C_SetPIN", "ERROR C_SetPIN: " + message}));
-        EXPECT_EQ(calls(), Lines{});
+        EXPECT_EQ(observe([&] { return functions().C_SetPIN(session, oldPin, oldLength, newPin, newLength); }),
+                  refused(code, "C_SetPIN: " + message));
     }
 };
 
@@ -74,9 +73,8 @@ TEST_F(SetPinTest, RefusesThePinsInTheirOrder) {
 TEST_F(SetPinTest, HandsBothPinsToTheDevice) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION, secondSlot);
     const std::string longest(63, 'p');
-    EXPECT_EQ(setPin(session, "1234", longest), CKR_OK);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_SetPIN"}));
-    EXPECT_EQ(calls(), (Lines{changeCall("SN2", "1234", longest)}));
+    EXPECT_EQ(observe([&] { return setPin(session, "1234", longest); }),
+              succeeded("C_SetPIN", {changeCall("SN2", "1234", longest)}));
     EXPECT_EQ(setPin(session, longest, "5678"), CKR_OK);
     EXPECT_EQ(calls(), (Lines{changeCall("SN2", longest, "5678")}));
     EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
@@ -114,10 +112,10 @@ TEST_F(SetPinTest, ARefusalOfTheDeviceKeepsThePassword) {
     device().results["zentak_changeUserPassword"] = 0;
     for (const int failureCount : {0, 3, -1}) {
         device().failureCount = failureCount;
-        EXPECT_EQ(setPin(session, "1234", "5678"), CKR_FUNCTION_FAILED);
-        EXPECT_EQ(log(), (Lines{"DEBUG C_SetPIN", "ERROR C_SetPIN: zentak_changeUserPassword failed, failureCount=" +
-                                                      std::to_string(failureCount)}));
-        EXPECT_EQ(calls(), (Lines{changeCall("SN1", "1234", "5678")}));
+        EXPECT_EQ(observe([&] { return setPin(session, "1234", "5678"); }),
+                  refused(CKR_FUNCTION_FAILED,
+                          "C_SetPIN: zentak_changeUserPassword failed, failureCount=" + std::to_string(failureCount),
+                          {changeCall("SN1", "1234", "5678")}));
     }
     EXPECT_EQ(stateOf(session), CKS_RW_USER_FUNCTIONS);
     EXPECT_FALSE(keeps("5678", other));

@@ -10,7 +10,6 @@ namespace {
 
 class SigningInitTest : public SigningTest {
 protected:
-    static Outcome refused(CK_RV code, const std::string& reason) { return {code, {"DEBUG C_SignInit", reason}}; }
 };
 
 const std::string name = "DEBUG C_SignInit";
@@ -45,7 +44,7 @@ TEST_F(SigningInitTest, OnlyAReadOnlyPublicSessionIsRefused) {
         session = openSessionIn(state);
         EXPECT_EQ(init({CKM_RSA_PKCS, nullptr, 0}, privateKey(5)),
                   state == CKS_RO_PUBLIC_SESSION
-                      ? refused(CKR_SESSION_HANDLE_INVALID, "ERROR C_SignInit: invalid session state=0")
+                      ? refused(CKR_SESSION_HANDLE_INVALID, "C_SignInit: invalid session state=0")
                       : accepted);
     }
 }
@@ -54,16 +53,16 @@ TEST_F(SigningInitTest, TheStateComesBeforeARunningOperation) {
     begin(CKM_RSA_PKCS);
     ASSERT_EQ(api->C_Logout(session), CKR_OK);
     EXPECT_EQ(observe([&] { return api->C_SignInit(session, nullptr, 0); }),
-              refused(CKR_SESSION_HANDLE_INVALID, "ERROR C_SignInit: invalid session state=0"));
+              refused(CKR_SESSION_HANDLE_INVALID, "C_SignInit: invalid session state=0"));
 }
 
 TEST_F(SigningInitTest, ARunningOperationComesBeforeTheMechanism) {
     begin(CKM_RSA_PKCS);
     EXPECT_EQ(observe([&] { return api->C_SignInit(session, nullptr, 0); }),
-              refused(CKR_OPERATION_ACTIVE, "ERROR C_SignInit: operation already active, activeOperation=5"));
+              refused(CKR_OPERATION_ACTIVE, "C_SignInit: operation already active, activeOperation=5"));
     ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
     EXPECT_EQ(observe([&] { return api->C_SignInit(session, nullptr, 0); }),
-              refused(CKR_OPERATION_ACTIVE, "ERROR C_SignInit: operation already active, activeOperation=1"));
+              refused(CKR_OPERATION_ACTIVE, "C_SignInit: operation already active, activeOperation=1"));
 }
 
 TEST_F(SigningInitTest, ARefusedSecondStartLeavesTheFirstRunning) {
@@ -74,21 +73,21 @@ TEST_F(SigningInitTest, ARefusedSecondStartLeavesTheFirstRunning) {
 
 TEST_F(SigningInitTest, TheMechanismComesBeforeTheKey) {
     EXPECT_EQ(observe([&] { return api->C_SignInit(session, nullptr, 0); }),
-              refused(CKR_ARGUMENTS_BAD, "ERROR C_SignInit: pMechanism is NULL"));
+              refused(CKR_ARGUMENTS_BAD, "C_SignInit: pMechanism is NULL"));
     EXPECT_EQ(init({CKM_MD5_RSA_PKCS, nullptr, 0}, 0),
-              refused(CKR_MECHANISM_INVALID, "ERROR C_SignInit: unsupported mechanism=5"));
+              refused(CKR_MECHANISM_INVALID, "C_SignInit: unsupported mechanism=5"));
 }
 
 TEST_F(SigningInitTest, AnUnsupportedMechanismComesBeforeItsParameter) {
     unsigned char parameter[4] = {};
     EXPECT_EQ(init({CKM_SHA256, parameter, 4}, 0),
-              refused(CKR_MECHANISM_INVALID, "ERROR C_SignInit: unsupported mechanism=592"));
+              refused(CKR_MECHANISM_INVALID, "C_SignInit: unsupported mechanism=592"));
 }
 
 TEST_F(SigningInitTest, TheParameterComesBeforeTheKey) {
     unsigned char parameter[4] = {};
     EXPECT_EQ(init({CKM_SHA256_RSA_PKCS, parameter, 4}, 0),
-              refused(CKR_MECHANISM_PARAM_INVALID, "ERROR C_SignInit: mechanism param invalid for mechanism=64"));
+              refused(CKR_MECHANISM_PARAM_INVALID, "C_SignInit: mechanism param invalid for mechanism=64"));
 }
 
 TEST_F(SigningInitTest, TheUsageComesBeforeTheKeySize) {
@@ -171,7 +170,7 @@ TEST_F(SigningInitTest, OnlyPssMechanismsTakeAParameter) {
             } else {
                 EXPECT_EQ(init(mechanism, privateKey(5)),
                           refused(CKR_MECHANISM_PARAM_INVALID,
-                                  text("ERROR C_SignInit: mechanism param invalid for mechanism=", row.type)));
+                                  text("C_SignInit: mechanism param invalid for mechanism=", row.type)));
             }
         }
     }
@@ -189,7 +188,7 @@ TEST_F(SigningInitTest, TheMechanismIsReadAtAnyAddress) {
 TEST_F(SigningInitTest, HandlesBelowTheKeysAreRefusedUnasked) {
     for (const CK_OBJECT_HANDLE key : Numbers{0, session, 0x6FFFFFFF}) {
         EXPECT_EQ(init({CKM_RSA_PKCS, nullptr, 0}, key),
-                  refused(CKR_OBJECT_HANDLE_INVALID, text("ERROR C_SignInit: invalid hKey=", key)));
+                  refused(CKR_OBJECT_HANDLE_INVALID, text("C_SignInit: invalid hKey=", key)));
     }
 }
 

@@ -25,16 +25,14 @@ TEST_F(SigningMultipartTest, TheOperationComesBeforeTheArguments) {
 TEST_F(SigningMultipartTest, WrongArgumentsKeepTheOperation) {
     begin(CKM_ECDSA);
     unsigned char data[2] = {1, 2};
-    const auto refused = [](CK_ULONG partLength) {
-        return Outcome{
-            CKR_ARGUMENTS_BAD,
-            {"DEBUG C_SignUpdate", text("ERROR C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", partLength)}};
+    const auto badPart = [](CK_ULONG partLength) {
+        return refused(CKR_ARGUMENTS_BAD, text("C_SignUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=", partLength));
     };
-    EXPECT_EQ(observe([&] { return api->C_SignUpdate(session, nullptr, 0); }), refused(0));
-    EXPECT_EQ(observe([&] { return api->C_SignUpdate(session, nullptr, 2); }), refused(2));
-    EXPECT_EQ(observe([&] { return api->C_SignUpdate(session, data, 0); }), refused(0));
+    EXPECT_EQ(observe([&] { return api->C_SignUpdate(session, nullptr, 0); }), badPart(0));
+    EXPECT_EQ(observe([&] { return api->C_SignUpdate(session, nullptr, 2); }), badPart(2));
+    EXPECT_EQ(observe([&] { return api->C_SignUpdate(session, data, 0); }), badPart(0));
     EXPECT_EQ(observe([&] { return api->C_SignFinal(session, data, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_SignFinal", "ERROR C_SignFinal: pulSignatureLen is NULL"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_SignFinal: pulSignatureLen is NULL"));
     EXPECT_EQ(update({1, 2}), updatedUnasked);
     EXPECT_EQ(finish(), finished({signHash({1, 2})}));
 }
@@ -52,10 +50,9 @@ TEST_F(SigningMultipartTest, EachMechanismTakesItsPartsInItsWay) {
             EXPECT_EQ(finish(), finished({signHash(first + second, mechanism.pss)}));
         } else {
             ++contexts;
-            EXPECT_EQ(
-                update(first),
-                (Outcome{CKR_OK, {"DEBUG C_SignUpdate"}, {initHash(mechanism.hashCode), updateHash(contexts, first)}}));
-            EXPECT_EQ(update(second), (Outcome{CKR_OK, {"DEBUG C_SignUpdate"}, {updateHash(contexts, second)}}));
+            EXPECT_EQ(update(first),
+                      succeeded("C_SignUpdate", {initHash(mechanism.hashCode), updateHash(contexts, first)}));
+            EXPECT_EQ(update(second), succeeded("C_SignUpdate", {updateHash(contexts, second)}));
             EXPECT_EQ(finish(), finished({finalHash(contexts), signHash(digest, mechanism.pss)}));
         }
         EXPECT_EQ(length, 256U);
@@ -91,9 +88,7 @@ TEST_F(SigningMultipartTest, WithoutAPartHashingMechanismsFinishNoContext) {
     EXPECT_EQ(finish(), finished({finalHash(0), signHash(digest)}));
     begin(CKM_SHA256_RSA_PKCS);
     setResult("zentak_finalHash", 9);  // as a library that knows no such context
-    EXPECT_EQ(
-        finish(),
-        (Outcome{CKR_FUNCTION_FAILED, {"DEBUG C_SignFinal", "ERROR C_SignFinal: finalHash failed 9"}, {finalHash(0)}}));
+    EXPECT_EQ(finish(), refused(CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed 9", {finalHash(0)}));
 }
 
 TEST_F(SigningMultipartTest, ASizeQueryComputesAndKeepsTheSignature) {

@@ -22,18 +22,17 @@ TEST_F(SigningSingleTest, ArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
 
     begin(CKM_RSA_PKCS);
     unsigned char data[2] = {1, 2};
-    const auto refused = [](const std::string& reason) {
-        return Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_Sign", "ERROR C_Sign: " + reason}};
-    };
     CK_ULONG size = 77;
-    EXPECT_EQ(observe([&] { return api->C_Sign(session, nullptr, 0, nullptr, nullptr); }), refused("pData is NULL"));
-    EXPECT_EQ(observe([&] { return api->C_Sign(session, nullptr, 2, nullptr, &size); }), refused("pData is NULL"));
+    EXPECT_EQ(observe([&] { return api->C_Sign(session, nullptr, 0, nullptr, nullptr); }),
+              refused(CKR_ARGUMENTS_BAD, "C_Sign: pData is NULL"));
+    EXPECT_EQ(observe([&] { return api->C_Sign(session, nullptr, 2, nullptr, &size); }),
+              refused(CKR_ARGUMENTS_BAD, "C_Sign: pData is NULL"));
     EXPECT_EQ(observe([&] { return api->C_Sign(session, data, 0, nullptr, nullptr); }),
-              refused("ulDataLen<=0, ulDataLen=0"));
+              refused(CKR_ARGUMENTS_BAD, "C_Sign: ulDataLen<=0, ulDataLen=0"));
     EXPECT_EQ(observe([&] { return api->C_Sign(session, data, 0, nullptr, &size); }),
-              refused("ulDataLen<=0, ulDataLen=0"));
+              refused(CKR_ARGUMENTS_BAD, "C_Sign: ulDataLen<=0, ulDataLen=0"));
     EXPECT_EQ(observe([&] { return api->C_Sign(session, data, 2, data, nullptr); }),
-              refused("pulSignatureLen is NULL"));
+              refused(CKR_ARGUMENTS_BAD, "C_Sign: pulSignatureLen is NULL"));
     EXPECT_EQ(size, 77U);
     EXPECT_EQ(sign({1, 2}).code, CKR_OK);
 }

@@ -80,8 +80,8 @@ TEST_F(SlotInfoTest, SlotInfoRefusesAnUnknownSlotFirst) {
     for (const CK_SLOT_ID slot : noSlots()) {
         CK_SLOT_INFO info = filledWith<CK_SLOT_INFO>(0xFF);
         for (CK_SLOT_INFO* const pointer : {&info, static_cast<CK_SLOT_INFO*>(nullptr)}) {
-            EXPECT_EQ(functions().C_GetSlotInfo(slot, pointer), CKR_SLOT_ID_INVALID);
-            EXPECT_EQ(log(), (Lines{"DEBUG C_GetSlotInfo", "ERROR C_GetSlotInfo: invalid slotID=" + decimal(slot)}));
+            EXPECT_EQ(observe([&] { return functions().C_GetSlotInfo(slot, pointer); }),
+                      refused(CKR_SLOT_ID_INVALID, "C_GetSlotInfo: invalid slotID=" + decimal(slot)));
         }
         EXPECT_EQ(bytesOf(info), Bytes(sizeof info, 0xFF));
     }
@@ -93,8 +93,8 @@ TEST_F(SlotInfoTest, TokenInfoRefusesAnUnknownSlotFirst) {
     for (const CK_SLOT_ID slot : noSlots()) {
         CK_TOKEN_INFO info = filledWith<CK_TOKEN_INFO>(0xFF);
         for (CK_TOKEN_INFO* const pointer : {&info, static_cast<CK_TOKEN_INFO*>(nullptr)}) {
-            EXPECT_EQ(functions().C_GetTokenInfo(slot, pointer), CKR_SLOT_ID_INVALID);
-            EXPECT_EQ(log(), (Lines{"DEBUG C_GetTokenInfo", "ERROR C_GetTokenInfo: invalid slotID=" + decimal(slot)}));
+            EXPECT_EQ(observe([&] { return functions().C_GetTokenInfo(slot, pointer); }),
+                      refused(CKR_SLOT_ID_INVALID, "C_GetTokenInfo: invalid slotID=" + decimal(slot)));
         }
         EXPECT_EQ(bytesOf(info), Bytes(sizeof info, 0xFF));
     }
@@ -110,11 +110,10 @@ TEST_F(SlotInfoTest, NoSlotBeforeTheFirstListing) {
 
 TEST_F(SlotInfoTest, ANullPointerIsRefusedAfterTheSlot) {
     list();
-    EXPECT_EQ(functions().C_GetSlotInfo(firstSlot, nullptr), CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_GetSlotInfo", "ERROR C_GetSlotInfo: pInfo is NULL"}));
-    EXPECT_EQ(functions().C_GetTokenInfo(firstSlot, nullptr), CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(log(), (Lines{"DEBUG C_GetTokenInfo", "ERROR C_GetTokenInfo: pInfo is NULL"}));
-    EXPECT_EQ(calls(), Lines{});
+    EXPECT_EQ(observe([&] { return functions().C_GetSlotInfo(firstSlot, nullptr); }),
+              refused(CKR_ARGUMENTS_BAD, "C_GetSlotInfo: pInfo is NULL"));
+    EXPECT_EQ(observe([&] { return functions().C_GetTokenInfo(firstSlot, nullptr); }),
+              refused(CKR_ARGUMENTS_BAD, "C_GetTokenInfo: pInfo is NULL"));
 }
 
 // --- C_GetSlotInfo --------------------------------------------------------------------------------------------------

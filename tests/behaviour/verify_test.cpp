@@ -57,28 +57,24 @@ const Lines wraps = {"DEBUG C_Verify", "DEBUG Public key is not der need to conv
 
 TEST_F(VerifyTest, InitChecksInItsOrder) {
     EXPECT_EQ(observe([&] { return api->C_VerifyInit(7, nullptr, 0); }),
-              (Outcome{CKR_SESSION_HANDLE_INVALID, {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: invalid hSession=7"}}));
+              refused(CKR_SESSION_HANDLE_INVALID, "C_VerifyInit: invalid hSession=7"));
     api->C_FindObjectsInit(session, nullptr, 0);
     EXPECT_EQ(observe([&] { return api->C_VerifyInit(session, nullptr, 0); }),
-              (Outcome{CKR_OPERATION_ACTIVE,
-                       {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: operation already active, activeOperation=1"}}));
+              refused(CKR_OPERATION_ACTIVE, "C_VerifyInit: operation already active, activeOperation=1"));
     api->C_FindObjectsFinal(session);
     EXPECT_EQ(observe([&] { return api->C_VerifyInit(session, nullptr, 0); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: pMechanism is NULL"}}));
-    EXPECT_EQ(verifyInit(CKM_MD5_RSA_PKCS, 0),
-              (Outcome{CKR_MECHANISM_INVALID, {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: unsupported mechanism=5"}}));
-    EXPECT_EQ(
-        verifyInit(CKM_RSA_PKCS, 0x6FFFFFFF),
-        (Outcome{CKR_OBJECT_HANDLE_INVALID, {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: invalid hKey=1879048191"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_VerifyInit: pMechanism is NULL"));
+    EXPECT_EQ(verifyInit(CKM_MD5_RSA_PKCS, 0), refused(CKR_MECHANISM_INVALID, "C_VerifyInit: unsupported mechanism=5"));
+    EXPECT_EQ(verifyInit(CKM_RSA_PKCS, 0x6FFFFFFF),
+              refused(CKR_OBJECT_HANDLE_INVALID, "C_VerifyInit: invalid hKey=1879048191"));
     EXPECT_EQ(verifyInit(CKM_RSA_PKCS, privateKey(9)),
-              (Outcome{CKR_OBJECT_HANDLE_INVALID,
-                       {"DEBUG C_VerifyInit", text("ERROR Invalid input handle in verify : ", privateKey(9))},
-                       {listKeyPairs}}));
+              failed(CKR_OBJECT_HANDLE_INVALID, "C_VerifyInit",
+                     text("Invalid input handle in verify : ", privateKey(9)), {listKeyPairs}));
 }
 
 TEST_F(VerifyTest, BothHandlesOfAPairMeanIt) {
     for (const CK_OBJECT_HANDLE key : {privateKey(5), publicKey(5)}) {
-        EXPECT_EQ(verifyInit(CKM_ECDSA, key), (Outcome{CKR_OK, {"DEBUG C_VerifyInit"}, {listKeyPairs}}));
+        EXPECT_EQ(verifyInit(CKM_ECDSA, key), succeeded("C_VerifyInit", {listKeyPairs}));
         EXPECT_EQ(verify({1}).code, CKR_OK);
     }
 }
@@ -86,9 +82,8 @@ TEST_F(VerifyTest, BothHandlesOfAPairMeanIt) {
 TEST_F(VerifyTest, TheKeyMustBeForSignatures) {
     world.keyPairs["SN1"][0].keyUsage = usageEncrypt;
     EXPECT_EQ(verifyInit(CKM_RSA_PKCS),
-              (Outcome{CKR_KEY_FUNCTION_NOT_PERMITTED,
-                       {"DEBUG C_VerifyInit", "ERROR C_VerifyInit: key usage does not permit verify, keyUsage=2"},
-                       {listKeyPairs}}));
+              refused(CKR_KEY_FUNCTION_NOT_PERMITTED, "C_VerifyInit: key usage does not permit verify, keyUsage=2",
+                      {listKeyPairs}));
     EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
 }
 
@@ -109,7 +104,7 @@ TEST_F(VerifyTest, ARunningDigestIsReplacedButNoOtherOperation) {
     ASSERT_EQ(api->C_DigestInit(session, &sha256), CKR_OK);
     EXPECT_EQ(verifyInit(CKM_SHA256_RSA_PKCS).code, CKR_OK);
     // The digest's context serves the verification.
-    EXPECT_EQ(verifyUpdate({1}), (Outcome{CKR_OK, {"DEBUG C_VerifyUpdate"}, {updateHash(1, {1})}}));
+    EXPECT_EQ(verifyUpdate({1}), succeeded("C_VerifyUpdate", {updateHash(1, {1})}));
     EXPECT_EQ(verifyInit(CKM_RSA_PKCS).code, CKR_OPERATION_ACTIVE);
 }
 
@@ -182,24 +177,20 @@ TEST_F(VerifyTest, ArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
     beginVerify(CKM_RSA_PKCS);
     for (const auto& [data, mark] : {std::pair<CK_BYTE_PTR, CK_BYTE_PTR>{nullptr, &byte}, {&byte, nullptr}}) {
         EXPECT_EQ(observe([&, data = data, mark = mark] { return api->C_Verify(session, data, 0, mark, 0); }),
-                  (Outcome{CKR_ARGUMENTS_BAD, {"DEBUG C_Verify", "ERROR C_Verify: pData or pSignature is NULL"}}));
+                  refused(CKR_ARGUMENTS_BAD, "C_Verify: pData or pSignature is NULL"));
     }
     for (const auto& [dataLength, markLength] : {std::pair<CK_ULONG, CK_ULONG>{0, 1}, {1, 0}, {0, 0}}) {
         const auto call = [&, first = dataLength, second = markLength] {
             return api->C_Verify(session, &byte, first, &byte, second);
         };
         EXPECT_EQ(observe(call),
-                  (Outcome{CKR_ARGUMENTS_BAD,
-                           {"DEBUG C_Verify", text("ERROR C_Verify: ulDataLen or ulSignatureLen <= 0, ulDataLen=",
-                                                   dataLength, " ulSignatureLen=", markLength)}}));
+                  refused(CKR_ARGUMENTS_BAD, text("C_Verify: ulDataLen or ulSignatureLen <= 0, ulDataLen=", dataLength,
+                                                  " ulSignatureLen=", markLength)));
     }
     EXPECT_EQ(observe([&] { return api->C_VerifyUpdate(session, nullptr, 3); }),
-              (Outcome{CKR_ARGUMENTS_BAD,
-                       {"DEBUG C_VerifyUpdate", "ERROR C_VerifyUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=3"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_VerifyUpdate: pPart is NULL or ulPartLen<=0, ulPartLen=3"));
     EXPECT_EQ(observe([&] { return api->C_VerifyFinal(session, nullptr, 3); }),
-              (Outcome{CKR_ARGUMENTS_BAD,
-                       {"DEBUG C_VerifyFinal",
-                        "ERROR C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=3"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_VerifyFinal: pSignature is NULL or ulSignatureLen<=0, ulSignatureLen=3"));
     EXPECT_EQ(observe([&] { return api->C_VerifyFinal(session, &byte, 0); }).code, CKR_ARGUMENTS_BAD);
     EXPECT_EQ(verify({1}).code, CKR_OK);
     EXPECT_EQ(verifyUpdate({1}), notInitialised("C_VerifyUpdate"));
@@ -215,9 +206,8 @@ TEST_F(VerifyTest, AWrongSignatureEndsTheOperation) {
     EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
     beginVerify(CKM_RSA_PKCS);
     ASSERT_EQ(verifyUpdate({1}).code, CKR_OK);
-    EXPECT_EQ(verifyFinal(), (Outcome{CKR_SIGNATURE_INVALID,
-                                      {"DEBUG C_VerifyFinal", "ERROR C_VerifyFinal: verify failed 13"},
-                                      {verifyHash({1}, modulus())}}));
+    EXPECT_EQ(verifyFinal(),
+              refused(CKR_SIGNATURE_INVALID, "C_VerifyFinal: verify failed 13", {verifyHash({1}, modulus())}));
     EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
 }
 
@@ -267,17 +257,16 @@ TEST_F(VerifyTest, SeveralPartsHaveAHashTableOfTheirOwn) {
         SCOPED_TRACE(row.type);
         beginVerify(row.type);
         if (row.hashCode == 0) {
-            EXPECT_EQ(verifyUpdate({1, 2}), (Outcome{CKR_OK, {"DEBUG C_VerifyUpdate"}}));
-            EXPECT_EQ(verifyUpdate({3}), (Outcome{CKR_OK, {"DEBUG C_VerifyUpdate"}}));
-            EXPECT_EQ(verifyFinal(), (Outcome{CKR_OK, {"DEBUG C_VerifyFinal"}, {verifyHash({1, 2, 3}, modulus())}}));
+            EXPECT_EQ(verifyUpdate({1, 2}), succeeded("C_VerifyUpdate"));
+            EXPECT_EQ(verifyUpdate({3}), succeeded("C_VerifyUpdate"));
+            EXPECT_EQ(verifyFinal(), succeeded("C_VerifyFinal", {verifyHash({1, 2, 3}, modulus())}));
             continue;
         }
         ++context;
         EXPECT_EQ(verifyUpdate({1, 2}).device, (Lines{initHash(row.hashCode), updateHash(context, {1, 2})}));
         EXPECT_EQ(verifyUpdate({3}).device, (Lines{updateHash(context, {3})}));
         // The PSS flag is false whatever the mechanism.
-        EXPECT_EQ(verifyFinal(),
-                  (Outcome{CKR_OK, {"DEBUG C_VerifyFinal"}, {finalHash(context), verifyHash(digest, modulus())}}));
+        EXPECT_EQ(verifyFinal(), succeeded("C_VerifyFinal", {finalHash(context), verifyHash(digest, modulus())}));
     }
 }
 
@@ -345,10 +334,9 @@ TEST_F(VerifyTest, MoreThanAnIntCountsIsRefused) {
 
         beginVerify(CKM_ECDSA);
         ASSERT_EQ(verifyUpdate({1}).code, CKR_OK);
-        EXPECT_EQ(observe([&] { return api->C_VerifyFinal(session, &byte, count); }),
-                  (Outcome{CKR_DATA_LEN_RANGE,
-                           {"DEBUG C_VerifyFinal",
-                            text("ERROR C_VerifyFinal: input too long for the device library, length=", count)}}));
+        EXPECT_EQ(
+            observe([&] { return api->C_VerifyFinal(session, &byte, count); }),
+            refused(CKR_DATA_LEN_RANGE, text("C_VerifyFinal: input too long for the device library, length=", count)));
         EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
     }
 }

@@ -59,6 +59,21 @@ struct Outcome {
     bool operator==(const Outcome&) const = default;
 };
 
+/// A success that logs nothing but the function's name.
+inline Outcome succeeded(const std::string& function, const Lines& device = {}) {
+    return {CKR_OK, {"DEBUG " + function}, device};
+}
+
+/// A failure with one ERROR line.
+inline Outcome failed(CK_RV code, const std::string& function, const std::string& line, const Lines& device = {}) {
+    return {code, {"DEBUG " + function, "ERROR " + line}, device};
+}
+
+/// A failure whose ERROR line begins with the function's name.
+inline Outcome refused(CK_RV code, const std::string& line, const Lines& device = {}) {
+    return failed(code, line.substr(0, line.find_first_of(": ")), line, device);
+}
+
 inline void PrintTo(const Outcome& outcome, std::ostream* out) {
     *out << "code " << outcome.code << "\n";
     for (const std::string& line : outcome.log) *out << "  log    " << line << "\n";
