@@ -90,12 +90,7 @@ TEST(CertificateParsingTest, PublicKeyIsInTheFormOfKeyPairs) {
         const CertificateDetails details = detailsOf(makeCertificate(key));
         ASSERT_FALSE(details.publicKey.empty());
         if (keyType <= 4) {
-            BIGNUM* modulus = nullptr;
-            ASSERT_EQ(EVP_PKEY_get_bn_param(key.get(), "n", &modulus), 1);
-            const BigNumber owned(modulus);
-            Bytes expected(static_cast<std::size_t>(BN_num_bytes(modulus)));
-            BN_bn2bin(modulus, expected.data());
-            EXPECT_EQ(details.publicKey, expected);
+            EXPECT_EQ(details.publicKey, numberOf(key, "n"));
             EXPECT_EQ(details.publicKey.size(), keyType == 1 ? 128U : 128U * static_cast<unsigned>(keyType));
         } else {
             unsigned char* point = nullptr;
@@ -168,15 +163,6 @@ TEST(CertificateParsingTest, NoBytesOrNegativeLengths) {
 
 class CertificateStorageTest : public TokenTest {
 protected:
-    static ZentakCertificate recordFor(const Bytes& der, const std::string& label = "", const Bytes& objectId = {}) {
-        ZentakCertificate record{};
-        std::copy_n(der.begin(), std::min(der.size(), sizeof record.der), record.der);
-        record.derLength = static_cast<int>(der.size());
-        std::copy(objectId.begin(), objectId.end(), record.objectId);
-        record.objectIdLength = static_cast<int>(objectId.size());
-        label.copy(record.label, sizeof record.label - 1);
-        return record;
-    }
     int import(ZentakCertificate& record, const char* password = "") {
         return zentak_importCertificate(device(), password, &record, instance_);
     }
@@ -185,7 +171,7 @@ protected:
 
 TEST_F(CertificateStorageTest, ImportNeedsNoPin) {
     const Bytes der = makeCertificate(testKey(5));
-    ZentakCertificate record = recordFor(der, "Alice", {0xAB, 0xCD});
+    ZentakCertificate record = recordOf(der, "Alice", {0xAB, 0xCD});
     ASSERT_EQ(import(record), 0);
     ASSERT_EQ(list().size(), 1U);
     const ZentakCertificate& stored = list()[0];
@@ -199,19 +185,19 @@ TEST_F(CertificateStorageTest, ImportNeedsNoPin) {
 }
 
 TEST_F(CertificateStorageTest, WrongPinIsIgnoredAndNotCounted) {
-    ZentakCertificate record = recordFor(makeCertificate(testKey(5)));
+    ZentakCertificate record = recordOf(makeCertificate(testKey(5)));
     EXPECT_EQ(import(record, "000000"), 0);
     EXPECT_EQ(attemptsLeft(), 5);
 }
 
 TEST_F(CertificateStorageTest, SameCertificateAgainTakesOverLabelAndId) {
     const Bytes der = makeCertificate(testKey(5));
-    ZentakCertificate first = recordFor(der);
+    ZentakCertificate first = recordOf(der);
     ASSERT_EQ(import(first), 0);
     const std::uint32_t handleNumber = list()[0].id;
     const auto expectAfterImport = [&](const std::string& label, const Bytes& id, const std::string& storedLabel,
                                        const Bytes& storedId) {
-        ZentakCertificate record = recordFor(der, label, id);
+        ZentakCertificate record = recordOf(der, label, id);
         ASSERT_EQ(import(record), 0);
         EXPECT_EQ(std::memcmp(first.certId, record.certId, 16), 0);
         for (int look = 0; look < 2; ++look) {
@@ -252,7 +238,7 @@ TEST_F(CertificateStorageTest, LargestCertificateFits) {
     settings.paddingLength += maximumCertificateLength - base;
     const Bytes der = makeCertificate(testKey(2), settings);
     ASSERT_EQ(der.size(), maximumCertificateLength);
-    ZentakCertificate record = recordFor(der);
+    ZentakCertificate record = recordOf(der);
     EXPECT_EQ(import(record), 0);
     EXPECT_EQ(list()[0].derLength, static_cast<int>(maximumCertificateLength));
 }
@@ -260,7 +246,7 @@ TEST_F(CertificateStorageTest, LargestCertificateFits) {
 TEST_F(CertificateStorageTest, RecordsWithImpossibleFieldsAreRefused) {
     const Bytes der = makeCertificate(testKey(5));
     const auto expectRefused = [&](const std::function<void(ZentakCertificate&)>& spoil) {
-        ZentakCertificate record = recordFor(der);
+        ZentakCertificate record = recordOf(der);
         spoil(record);
         EXPECT_NE(import(record), 0);
         EXPECT_TRUE(list().empty());
@@ -277,8 +263,8 @@ TEST_F(CertificateStorageTest, RecordsWithImpossibleFieldsAreRefused) {
 
 TEST_F(CertificateStorageTest, FullTokenSaysSo) {
     store_.change(serialNumber_, [](TokenData& token) { token.capacity = 1; });
-    ZentakCertificate first = recordFor(makeCertificate(testKey(5)));
-    ZentakCertificate second = recordFor(makeCertificate(testKey(6)));
+    ZentakCertificate first = recordOf(makeCertificate(testKey(5)));
+    ZentakCertificate second = recordOf(makeCertificate(testKey(6)));
     EXPECT_EQ(import(first), 0);
     EXPECT_EQ(import(second), 242);
     // The one that is there already needs no room.

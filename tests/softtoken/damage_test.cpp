@@ -23,10 +23,10 @@ protected:
         ASSERT_TRUE(isRefusal(zentak_initDevice(device(), true, instance_)));
         EXPECT_TRUE(isRefusal(validate(userPin)));
         EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
-        EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+        EXPECT_TRUE(keyPairs().empty());
         ZentakCertificate certificate{};
         EXPECT_TRUE(isRefusal(zentak_importCertificate(device(), userPin, &certificate, instance_)));
-        EXPECT_FALSE(zentak_changeUserPassword(device(), userPin, "654321", nullptr, false, false, instance_));
+        EXPECT_FALSE(changePin(userPin, "654321"));
         EXPECT_EQ(fileContent(tokenFile()), content);
     }
 
@@ -45,26 +45,24 @@ std::string flipped(std::string content, std::size_t position) {
     return content;
 }
 
-TEST_F(DamageTest, EveryByteOfATokenFlippedOnce) {
-    addKey(5);
-    const std::string whole = fileContent(tokenFile());
-    for (std::size_t i = 0; i < whole.size(); ++i) {
-        SCOPED_TRACE("byte " + std::to_string(i));
-        ASSERT_NO_FATAL_FAILURE(expectTokenRefused(flipped(whole, i)));
-    }
-    writeFile(tokenFile(), whole);
-    EXPECT_EQ(validate(userPin), 0);
-    EXPECT_EQ(attemptsLeft(), 5);
+std::string withChecksum(const std::string& content) {
+    const auto checksum = sha256(viewOf(content));
+    return content + std::string(checksum.begin(), checksum.end());
 }
 
-TEST_F(DamageTest, EveryByteOfThePinCountersFlippedOnce) {
-    const std::string whole = fileContent(attemptsFile());
-    for (std::size_t i = 0; i < whole.size(); ++i) {
-        SCOPED_TRACE("byte " + std::to_string(i));
-        ASSERT_NO_FATAL_FAILURE(expectAttemptsRefused(flipped(whole, i)));
+TEST_F(DamageTest, EveryByteFlippedOnce) {
+    addKey(5);
+    for (const fs::path& file : {tokenFile(), attemptsFile()}) {
+        const std::string whole = fileContent(file);
+        for (std::size_t i = 0; i < whole.size(); ++i) {
+            SCOPED_TRACE(file.filename().string() + ", byte " + std::to_string(i));
+            ASSERT_NO_FATAL_FAILURE(file == tokenFile() ? expectTokenRefused(flipped(whole, i))
+                                                        : expectAttemptsRefused(flipped(whole, i)));
+        }
+        writeFile(file, whole);
+        EXPECT_EQ(validate(userPin), 0);
+        EXPECT_EQ(attemptsLeft(), 5);
     }
-    writeFile(attemptsFile(), whole);
-    EXPECT_EQ(validate(userPin), 0);
 }
 
 TEST_F(DamageTest, FilesCutOffAtEveryLength) {
@@ -88,11 +86,8 @@ TEST_F(DamageTest, EveryByteFlippedUnderARightChecksum) {
     const std::size_t end = whole.size() - 32;
     int readable = 0;
     for (std::size_t i = begin; i < end; ++i) {
-        std::string content = flipped(whole.substr(0, end), i);
-        const auto checksum = sha256(viewOf(content));
-        content.append(checksum.begin(), checksum.end());
         try {
-            static_cast<void>(readTokenData(content));
+            static_cast<void>(readTokenData(withChecksum(flipped(whole.substr(0, end), i))));
             ++readable;
         } catch (const Failure& failure) {
             EXPECT_EQ(failure.error, Error::tokenDamaged);
@@ -106,10 +101,7 @@ TEST_F(DamageTest, EveryByteFlippedUnderARightChecksum) {
 TEST_F(DamageTest, NothingMayFollowTheLastField) {
     addKey(5);
     const auto lengthened = [](const std::string& whole, const std::string& more) {
-        std::string content = whole.substr(0, whole.size() - checksumLength) + more;
-        const auto checksum = sha256(viewOf(content));
-        content.append(checksum.begin(), checksum.end());
-        return content;
+        return withChecksum(whole.substr(0, whole.size() - checksumLength) + more);
     };
     const std::string token = fileContent(tokenFile());
     const std::string attempts = fileContent(attemptsFile());
@@ -146,31 +138,22 @@ TEST_F(DamageTest, WriteThatFailsChangesNothing) {
     fs::path obstacle = tokenFile();
     obstacle += ".new";
     fs::create_directories(obstacle / "in the way");
-    ZentakKeyPair record{};
-    record.keyType = 5;
-    EXPECT_EQ(zentak_generateKeyPair(device(), userPin, &record, instance_), number(Error::storeFailed));
-    EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+    EXPECT_EQ(generateKey(), number(Error::storeFailed));
+    EXPECT_TRUE(keyPairs().empty());
     EXPECT_EQ(fileContent(tokenFile()), before);
     fs::remove_all(obstacle);
-    EXPECT_EQ(zentak_generateKeyPair(device(), userPin, &record, instance_), 0);
+    EXPECT_EQ(generateKey(), 0);
 }
 
 TEST_F(DamageTest, StoreRemovedUnderARunningProgram) {
     const KeyPairEntry key = addKey(5);
     ASSERT_EQ(validate(userPin), 0);
-    unsigned char hash[32] = {};
-    unsigned char signature[64];
-    int length = sizeof signature;
-    const auto sign = [&] {
-        return zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_,
-                               false);
-    };
-    ASSERT_EQ(sign(), 0);
+    ASSERT_EQ(signWith(key.keyId), 0);
     fs::remove_all(folder_.path());
     EXPECT_TRUE(zentak_getConnectedDeviceList(false, instance_).empty());
-    EXPECT_EQ(sign(), number(Error::deviceNotPresent));
+    EXPECT_EQ(signWith(key.keyId), number(Error::deviceNotPresent));
     EXPECT_EQ(validate(userPin), number(Error::deviceNotPresent));
-    EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+    EXPECT_TRUE(keyPairs().empty());
     EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
     ZentakCertificate certificate{};
     EXPECT_EQ(zentak_importCertificate(device(), userPin, &certificate, instance_), number(Error::deviceNotPresent));

@@ -8,16 +8,7 @@ namespace softtoken {
 
 namespace {
 
-class KeyDecodingTest : public testing::TestWithParam<int> {
-protected:
-    static Bytes publicDer(const Key& key) {
-        unsigned char* encoded = nullptr;
-        const int length = i2d_PUBKEY(key.get(), &encoded);
-        Bytes der(encoded, encoded + length);
-        OPENSSL_free(encoded);
-        return der;
-    }
-};
+class KeyDecodingTest : public testing::TestWithParam<int> {};
 
 TEST_P(KeyDecodingTest, PrivateKeyComesBackWhole) {
     const Key& key = testKey(GetParam());

@@ -14,15 +14,6 @@ namespace softtoken {
 
 namespace {
 
-Bytes numberOf(const Key& key, const char* name) {
-    BIGNUM* number = nullptr;
-    EXPECT_EQ(EVP_PKEY_get_bn_param(key.get(), name, &number), 1);
-    const BigNumber owned(number);
-    Bytes bytes(static_cast<std::size_t>(BN_num_bytes(number)));
-    BN_bn2bin(number, bytes.data());
-    return bytes;
-}
-
 class KeyTest : public TokenTest {
 protected:
     static ZentakKeyPair request(int keyType) {
@@ -37,7 +28,6 @@ protected:
     int generate(ZentakKeyPair& record, const char* pin = userPin) {
         return zentak_generateKeyPair(device(), pin, &record, instance_);
     }
-    const std::vector<ZentakKeyPair>& list() { return zentak_getKeyPairList(device(), instance_); }
 
     static ImportPFXDetails detailsOf(const Key& key) {
         ImportPFXDetails details;
@@ -52,11 +42,11 @@ protected:
     int import(ImportPFXDetails& details, const char* pin = userPin) {
         return zentak_importPfx(device(), pin, &details, instance_);
     }
+    using TokenTest::signWith;
     int signWith(const unsigned char* keyId) {
-        unsigned char hash[32] = {};
-        unsigned char signature[1024];
-        int length = sizeof signature;
-        return zentak_signHash(device(), keyId, userPin, hash, 32, signature, &length, false, instance_, false);
+        Reference reference;
+        std::copy_n(keyId, reference.size(), reference.begin());
+        return signWith(reference);
     }
 };
 
@@ -64,7 +54,7 @@ TEST_F(KeyTest, GeneratedKeyIsListedAsItWasAnswered) {
     for (const int keyType : {2, 5, 6, 7}) {
         ZentakKeyPair record = request(keyType);
         ASSERT_EQ(generate(record), 0);
-        const ZentakKeyPair& stored = list().back();
+        const ZentakKeyPair& stored = keyPairs().back();
         EXPECT_EQ(std::memcmp(&stored, &record, sizeof record), 0) << keyType;
         EXPECT_EQ(record.publicKeyLength,
                   keyType == 2 ? 256 : 1 + 2 * static_cast<int>(keyTypeOfCode(keyType)->fieldLength));
@@ -77,7 +67,7 @@ TEST_F(KeyTest, GenerationNeedsThePin) {
     EXPECT_EQ(generate(record, ""), number(Error::pinRequired));
     EXPECT_EQ(generate(record, nullptr), number(Error::pinRequired));
     EXPECT_EQ(generate(record, "000000"), number(Error::pinIncorrect));
-    EXPECT_TRUE(list().empty());
+    EXPECT_TRUE(keyPairs().empty());
 }
 
 TEST_F(KeyTest, KindsThatAreNotGenerated) {
@@ -85,7 +75,7 @@ TEST_F(KeyTest, KindsThatAreNotGenerated) {
         ZentakKeyPair record = request(keyType);
         EXPECT_EQ(generate(record), number(Error::unsupportedKey)) << keyType;
     }
-    EXPECT_TRUE(list().empty());
+    EXPECT_TRUE(keyPairs().empty());
 }
 
 TEST_F(KeyTest, RequestsWithImpossibleFieldsAreRefused) {
@@ -98,21 +88,21 @@ TEST_F(KeyTest, RequestsWithImpossibleFieldsAreRefused) {
     std::memset(record.alias, 'a', sizeof record.alias);
     EXPECT_EQ(generate(record), number(Error::invalidArgument));
     EXPECT_EQ(zentak_generateKeyPair(device(), userPin, nullptr, instance_), number(Error::invalidArgument));
-    EXPECT_TRUE(list().empty());
+    EXPECT_TRUE(keyPairs().empty());
     record = request(5);
     std::memset(record.alias, 'a', sizeof record.alias - 1);
     std::memset(record.objectId, 7, sizeof record.objectId);
     record.objectIdLength = 128;
     EXPECT_EQ(generate(record), 0);
-    EXPECT_EQ(std::strlen(list()[0].alias), 131U);
-    EXPECT_EQ(list()[0].objectIdLength, 128);
+    EXPECT_EQ(std::strlen(keyPairs()[0].alias), 131U);
+    EXPECT_EQ(keyPairs()[0].objectIdLength, 128);
 }
 
 TEST_F(KeyTest, RsaKeyIsMadeOfThreeNumbers) {
     for (const int keyType : {1, 2, 3, 4}) {
         ImportPFXDetails details = detailsOf(testKey(keyType));
         ASSERT_EQ(import(details), 0) << keyType;
-        const ZentakKeyPair& stored = list().back();
+        const ZentakKeyPair& stored = keyPairs().back();
         EXPECT_EQ(std::memcmp(stored.keyId, details.keyId, 16), 0);
         EXPECT_EQ(stored.keyType, keyType);
         EXPECT_STREQ(stored.alias, "imported");
@@ -136,8 +126,8 @@ TEST_F(KeyTest, LeadingZerosAndTheOtherPrimeAreFine) {
         if (!component.empty()) component.insert(component.begin(), 2, 0);
     }
     ASSERT_EQ(import(details), 0);
-    EXPECT_EQ(list()[0].publicKeyLength, 256);
-    EXPECT_NE(list()[0].publicKey[0], 0);
+    EXPECT_EQ(keyPairs()[0].publicKeyLength, 256);
+    EXPECT_NE(keyPairs()[0].publicKey[0], 0);
     EXPECT_EQ(signWith(details.keyId), 0);
 }
 
@@ -168,7 +158,7 @@ TEST_F(KeyTest, NumbersThatAreNoKeyAreRefused) {
     }();
     ASSERT_NE(exponent3, nullptr);
     expectRefused([&](ImportPFXDetails& details) { details = detailsOf(exponent3); });
-    EXPECT_TRUE(list().empty());
+    EXPECT_TRUE(keyPairs().empty());
 }
 
 /// All other relations hold between these numbers: only a look at the factors themselves finds the fault.
@@ -178,11 +168,6 @@ TEST_F(KeyTest, BothFactorsMustBePrime) {
         BigNumber value(BN_new());
         EXPECT_EQ(BN_generate_prime_ex(value.get(), bits, 0, nullptr, nullptr, nullptr), 1);
         return value;
-    };
-    const auto bytes = [](const BigNumber& value) {
-        Bytes result(static_cast<std::size_t>(BN_num_bytes(value.get())));
-        BN_bn2bin(value.get(), result.data());
-        return result;
     };
     const BigNumber one(BN_new());
     const BigNumber exponent(BN_new());
@@ -206,10 +191,10 @@ TEST_F(KeyTest, BothFactorsMustBePrime) {
                     BN_mul(order.get(), pLess1.get(), qLess1.get(), context.get()) == 1);
         const BigNumber d(BN_mod_inverse(nullptr, exponent.get(), order.get(), context.get()));
         if (!d || BN_num_bits(n.get()) != 2048) continue;
-        details.components[0] = bytes(n);
-        details.components[2] = bytes(d);
-        details.components[3] = bytes(p);
-        composite = bytes(q);
+        details.components[0] = bytesOf(n.get());
+        details.components[2] = bytesOf(d.get());
+        details.components[3] = bytesOf(p.get());
+        composite = bytesOf(q.get());
         found = true;
     }
     ASSERT_TRUE(found);
@@ -218,7 +203,7 @@ TEST_F(KeyTest, BothFactorsMustBePrime) {
     EXPECT_EQ(import(details), number(Error::unsupportedKey));
     details.components[3] = composite;
     EXPECT_EQ(import(details), number(Error::unsupportedKey));
-    EXPECT_TRUE(list().empty());
+    EXPECT_TRUE(keyPairs().empty());
 }
 
 TEST_F(KeyTest, ImportNeedsThePinAndRefusesLongFields) {
@@ -230,14 +215,14 @@ TEST_F(KeyTest, ImportNeedsThePinAndRefusesLongFields) {
     details.label = "x";
     details.objectId = Bytes(129, 1);
     EXPECT_EQ(import(details), number(Error::invalidArgument));
-    EXPECT_TRUE(list().empty());
+    EXPECT_TRUE(keyPairs().empty());
 }
 
 TEST_F(KeyTest, SameKeyTwiceIsRefused) {
     ImportPFXDetails details = detailsOf(testKey(2));
     EXPECT_EQ(import(details), 0);
     EXPECT_EQ(import(details), number(Error::keyExists));
-    EXPECT_EQ(list().size(), 1U);
+    EXPECT_EQ(keyPairs().size(), 1U);
 }
 
 TEST_F(KeyTest, FullTokenSaysSo) {
@@ -256,40 +241,40 @@ TEST_F(KeyTest, LabelAndIdAreChangedEachForItself) {
         return zentak_updateKeyPairDetails(device(), key.keyId.data(), pin, label, id, length, instance_);
     };
     EXPECT_EQ(update("renamed", nullptr, 0), 0);
-    EXPECT_STREQ(list()[0].alias, "renamed");
-    EXPECT_EQ(list()[0].objectIdLength, 3);
+    EXPECT_STREQ(keyPairs()[0].alias, "renamed");
+    EXPECT_EQ(keyPairs()[0].objectIdLength, 3);
     EXPECT_EQ(update("", objectId, 2), 0);
-    EXPECT_STREQ(list()[0].alias, "renamed");
-    EXPECT_EQ(Bytes(list()[0].objectId, list()[0].objectId + list()[0].objectIdLength), (Bytes{5, 6}));
+    EXPECT_STREQ(keyPairs()[0].alias, "renamed");
+    EXPECT_EQ(Bytes(keyPairs()[0].objectId, keyPairs()[0].objectId + keyPairs()[0].objectIdLength), (Bytes{5, 6}));
     EXPECT_EQ(update(nullptr, nullptr, 0), 0);
     EXPECT_EQ(update("\xFF\x80", nullptr, 0), 0);
-    EXPECT_STREQ(list()[0].alias, "\xFF\x80");
-    EXPECT_EQ(signWith(key.keyId.data()), 0);
+    EXPECT_STREQ(keyPairs()[0].alias, "\xFF\x80");
+    EXPECT_EQ(signWith(key.keyId), 0);
 
     EXPECT_EQ(update("x", nullptr, 0, ""), number(Error::pinRequired));
     EXPECT_EQ(update("x", nullptr, 0, "000000"), number(Error::pinIncorrect));
     EXPECT_EQ(update(std::string(132, 'a').c_str(), nullptr, 0), number(Error::invalidArgument));
     EXPECT_EQ(update("x", objectId, -1), number(Error::invalidArgument));
     EXPECT_EQ(update("x", Bytes(129, 1).data(), 129), number(Error::invalidArgument));
-    EXPECT_STREQ(list()[0].alias, "\xFF\x80");
+    EXPECT_STREQ(keyPairs()[0].alias, "\xFF\x80");
     reopen();
-    EXPECT_STREQ(list()[0].alias, "\xFF\x80");
+    EXPECT_STREQ(keyPairs()[0].alias, "\xFF\x80");
 }
 
 TEST_F(KeyTest, DeletedKeyIsGone) {
     const KeyPairEntry first = addKey(5);
     const KeyPairEntry second = addKey(6);
-    ASSERT_EQ(signWith(first.keyId.data()), 0);
+    ASSERT_EQ(signWith(first.keyId), 0);
     const auto remove = [&](const Reference& keyId, const char* pin) {
         return zentak_deleteKeyPair(device(), keyId.data(), pin, false, instance_);
     };
     EXPECT_EQ(remove(first.keyId, ""), number(Error::pinRequired));
     EXPECT_EQ(remove(first.keyId, "000000"), number(Error::pinIncorrect));
-    EXPECT_EQ(list().size(), 2U);
+    EXPECT_EQ(keyPairs().size(), 2U);
     EXPECT_EQ(remove(first.keyId, userPin), 0);
-    ASSERT_EQ(list().size(), 1U);
-    EXPECT_EQ(list()[0].id, second.id);
-    EXPECT_EQ(signWith(first.keyId.data()), number(Error::keyNotFound));
+    ASSERT_EQ(keyPairs().size(), 1U);
+    EXPECT_EQ(keyPairs()[0].id, second.id);
+    EXPECT_EQ(signWith(first.keyId), number(Error::keyNotFound));
     EXPECT_EQ(remove(first.keyId, userPin), number(Error::keyNotFound));
     EXPECT_EQ(zentak_deleteKeyPair(device(), nullptr, userPin, false, instance_), number(Error::invalidArgument));
     // Nothing of the key stays behind in the file.
@@ -307,7 +292,7 @@ TEST_F(KeyTest, NumbersAreUniqueAndComeBackLate) {
     store_.change(serialNumber_, [](TokenData& token) { token.lastKeyPairNumber = largestObjectNumber; });
     EXPECT_EQ(addKey(7).id, 2U);
     std::set<std::uint32_t> numbers;
-    for (const ZentakKeyPair& pair : list()) numbers.insert(pair.id);
+    for (const ZentakKeyPair& pair : keyPairs()) numbers.insert(pair.id);
     EXPECT_EQ(numbers, (std::set<std::uint32_t>{1, 2, 3}));
 }
 
@@ -324,10 +309,10 @@ TEST_F(KeyTest, PrivateKeyOpensWithItsOwnPublicDataOnly) {
         });
         reopen();
         const Reference keyId = store_.load(serialNumber_).keyPairs[0].keyId;
-        EXPECT_EQ(signWith(keyId.data()), number(Error::tokenDamaged));
+        EXPECT_EQ(signWith(keyId), number(Error::tokenDamaged));
         store_.change(serialNumber_, [&](TokenData& token) { token = whole; });
         reopen();
-        EXPECT_EQ(signWith(first.keyId.data()), 0);
+        EXPECT_EQ(signWith(first.keyId), 0);
     };
     expectDamaged([&](TokenData& token) { token.keyPairs[0].publicKey = publicKeyBytes(testKey(7).get()); });
     expectDamaged([](TokenData& token) { token.keyPairs[0].publicKey.back() ^= 1; });

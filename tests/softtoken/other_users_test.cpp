@@ -22,13 +22,9 @@ protected:
     /// The work fails with the error, and with this text behind the path.
     static void expectFailure(Error error, const fs::path& path, const std::string& text,
                               const std::function<void()>& work) {
-        try {
-            work();
-            ADD_FAILURE() << "nothing failed";
-        } catch (const Failure& failure) {
-            EXPECT_EQ(failure.error, error);
-            EXPECT_NE(std::string(failure.what()).find(path.string() + text), std::string::npos) << failure.what();
-        }
+        const Failure failure = failureOf(work);
+        EXPECT_EQ(failure.error, error);
+        EXPECT_NE(std::string(failure.what()).find(path.string() + text), std::string::npos) << failure.what();
     }
 
     /// The file goes elsewhere, and a link leads there.

@@ -31,7 +31,7 @@ TEST_F(PinSectionTest, EveryNewPinGetsTheCostOfToday) {
     expectCostOfToday(*ordinary.officer);
 
     ASSERT_EQ(store_.load(serialNumber_).user.derivation.costLog2, 1U);
-    EXPECT_TRUE(zentak_changeUserPassword(device(), userPin, "654321", nullptr, false, false, instance_));
+    EXPECT_TRUE(changePin(userPin, "654321"));
     expectCostOfToday(store_.load(serialNumber_).user);
     EXPECT_EQ(validate("654321"), 0);
 
@@ -128,16 +128,10 @@ TEST_F(PinSectionTest, OnlyAPinCanBeSet) {
     const std::vector<std::pair<std::string, Error>> texts = {
         {"", Error::pinRequired}, {"123", Error::pinLength}, {std::string(64, 'x'), Error::pinLength}};
     for (const auto& [text, error] : texts) {
-        const auto expectRefused = [&, expected = error](const std::function<void()>& change) {
-            try {
-                change();
-                ADD_FAILURE() << "set";
-            } catch (const Failure& failure) {
-                EXPECT_EQ(failure.error, expected);
-            }
-        };
-        expectRefused([&, pin = text] { store_.setPin(serialNumber_, Role::user, pin, opened, true); });
-        expectRefused([&, pin = text] { store_.renewTokenKey(serialNumber_, Role::user, pin, opened, officerPin); });
+        const std::function<void()> changes[] = {
+            [&, pin = text] { store_.setPin(serialNumber_, Role::user, pin, opened, true); },
+            [&, pin = text] { store_.renewTokenKey(serialNumber_, Role::user, pin, opened, officerPin); }};
+        for (const auto& change : changes) EXPECT_EQ(failureOf(change).error, error);
     }
     EXPECT_EQ(fileContent(tokenFile()), before);
 }
@@ -147,17 +141,10 @@ TEST_F(PinSectionTest, PinThatAnotherProcessSetIsNotReplaced) {
     const OpenedToken opened = store_.open(serialNumber_, Role::user, userPin);
     store_.setPin(serialNumber_, Role::user, "first", opened, true, KeyDerivation::scrypt(1));
     const std::string before = fileContent(tokenFile());
-    const auto expectRefused = [&](const std::function<void()>& change) {
-        try {
-            change();
-            ADD_FAILURE() << "set";
-        } catch (const Failure& failure) {
-            EXPECT_EQ(failure.error, Error::storeFailed);
-            EXPECT_STREQ(failure.what(), "another process changed the PIN");
-        }
-    };
-    expectRefused([&] { store_.setPin(serialNumber_, Role::user, "second", opened, true); });
-    expectRefused([&] { store_.renewTokenKey(serialNumber_, Role::user, "second", opened, officerPin); });
+    const std::string text = "another process changed the PIN";
+    expectFailure(Error::storeFailed, text, [&] { store_.setPin(serialNumber_, Role::user, "second", opened, true); });
+    expectFailure(Error::storeFailed, text,
+                  [&] { store_.renewTokenKey(serialNumber_, Role::user, "second", opened, officerPin); });
     EXPECT_EQ(fileContent(tokenFile()), before);
     EXPECT_EQ(validate("first"), 0);
     // The officer's PIN is another one, and may be changed.
@@ -195,17 +182,11 @@ TEST_F(PinSectionTest, NewTokenKeySealsEveryPrivateKeyAnew) {
 /// A program that has signed with the key before goes on with the new PIN, and not with the old one.
 TEST_F(PinSectionTest, NewTokenKeyIsNoticedByARunningProgram) {
     const KeyPairEntry key = addKey(5);
-    unsigned char hash[32] = {};
-    unsigned char signature[64];
-    const auto sign = [&](const char* pin) {
-        int length = sizeof signature;
-        return zentak_signHash(device(), key.keyId.data(), pin, hash, 32, signature, &length, false, instance_, false);
-    };
-    ASSERT_EQ(sign(userPin), 0);
+    ASSERT_EQ(signWith(key.keyId), 0);
     const OpenedToken opened = store_.open(serialNumber_, Role::user, userPin);
     store_.renewTokenKey(serialNumber_, Role::user, "654321", opened, officerPin, KeyDerivation::scrypt(1));
-    EXPECT_EQ(sign(userPin), number(Error::pinIncorrect));
-    EXPECT_EQ(sign("654321"), 0);
+    EXPECT_EQ(signWith(key.keyId), number(Error::pinIncorrect));
+    EXPECT_EQ(signWith(key.keyId, "654321"), 0);
 }
 
 TEST_F(PinSectionTest, NewTokenKeyIsAllOrNothing) {
@@ -217,12 +198,10 @@ TEST_F(PinSectionTest, NewTokenKeyIsAllOrNothing) {
     });
     const std::string before = fileContent(tokenFile());
     const OpenedToken opened = store_.open(serialNumber_, Role::user, userPin);
-    try {
+    const auto renew = [&] {
         store_.renewTokenKey(serialNumber_, Role::user, "654321", opened, officerPin, KeyDerivation::scrypt(1));
-        ADD_FAILURE() << "a key that doesn't open was dropped";
-    } catch (const Failure& failure) {
-        EXPECT_EQ(failure.error, Error::tokenDamaged);
-    }
+    };
+    EXPECT_EQ(failureOf(renew).error, Error::tokenDamaged) << "a key that doesn't open was dropped";
     EXPECT_THROW(store_.renewTokenKey(serialNumber_, Role::user, "654321", opened, "000000"), PinFailure);
     EXPECT_EQ(store_.loadAttempts(serialNumber_).officer, 4);
     EXPECT_EQ(fileContent(tokenFile()), before);
@@ -275,13 +254,7 @@ protected:
         writeFile(file, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     }
 
-    int sign(const char* pin) {
-        const Reference keyId = store_.load(serialNumber_).keyPairs.at(0).keyId;
-        unsigned char hash[32] = {};
-        unsigned char signature[64];
-        int length = sizeof signature;
-        return zentak_signHash(device(), keyId.data(), pin, hash, 32, signature, &length, false, instance_, false);
-    }
+    int sign(const char* pin) { return signWith(store_.load(serialNumber_).keyPairs.at(0).keyId, pin); }
 };
 
 TEST_F(Version1Test, IsUsedAndLeftAsItIs) {
@@ -299,11 +272,7 @@ TEST_F(Version1Test, IsUsedAndLeftAsItIs) {
 
 TEST_F(Version1Test, BecomesVersion2WithItsNextChange) {
     const TokenData before = store_.load(serialNumber_);
-    const Bytes der = makeCertificate(testKey(6));
-    ZentakCertificate record{};
-    std::copy(der.begin(), der.end(), record.der);
-    record.derLength = static_cast<std::int32_t>(der.size());
-    ASSERT_EQ(zentak_importCertificate(device(), "", &record, instance_), 0);
+    ASSERT_EQ(importCertificate(makeCertificate(testKey(6))), 0);
     EXPECT_EQ(fileContent(tokenFile()).find("zentak-software-token 2\n"), 0U);
     const TokenData after = store_.load(serialNumber_);
     EXPECT_EQ(after.user, before.user);
@@ -315,7 +284,7 @@ TEST_F(Version1Test, BecomesVersion2WithItsNextChange) {
 
 TEST_F(Version1Test, NewPinGetsTheCostOfToday) {
     const PinSection officer = *store_.load(serialNumber_).officer;
-    EXPECT_TRUE(zentak_changeUserPassword(device(), userPin, "654321", nullptr, false, false, instance_));
+    EXPECT_TRUE(changePin(userPin, "654321"));
     expectCostOfToday(store_.load(serialNumber_).user);
     EXPECT_EQ(store_.load(serialNumber_).officer, officer);
     EXPECT_EQ(sign("654321"), 0);

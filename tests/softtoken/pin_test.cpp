@@ -85,16 +85,16 @@ TEST_F(PinTest, TextsThatCannotBePinsCostNothing) {
 TEST_F(PinTest, PinsOfFourAndOf63BytesWork) {
     const std::string longest(63, 'x');
     int failures = -1;
-    EXPECT_TRUE(zentak_changeUserPassword(device(), userPin, longest.c_str(), &failures, false, false, instance_));
+    EXPECT_TRUE(changePin(userPin, longest.c_str(), &failures));
     EXPECT_EQ(validate(longest.c_str()), 0);
-    EXPECT_TRUE(zentak_changeUserPassword(device(), longest.c_str(), "\xC3\xA4xx", &failures, false, false, instance_));
+    EXPECT_TRUE(changePin(longest.c_str(), "\xC3\xA4xx", &failures));
     EXPECT_EQ(validate("\xC3\xA4xx"), 0);
 }
 
 TEST_F(PinTest, ChangedPinReplacesTheOldOne) {
     EXPECT_EQ(validate(userPin), 0);
     int failures = -1;
-    EXPECT_TRUE(zentak_changeUserPassword(device(), userPin, "654321", &failures, false, false, instance_));
+    EXPECT_TRUE(changePin(userPin, "654321", &failures));
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(validate(userPin), number(Error::pinIncorrect));
     EXPECT_EQ(validate("654321"), 0);
@@ -104,9 +104,9 @@ TEST_F(PinTest, ChangedPinReplacesTheOldOne) {
 
 TEST_F(PinTest, ChangeWithWrongOldPinIsRefusedAndCounted) {
     int failures = 0;
-    EXPECT_FALSE(zentak_changeUserPassword(device(), "000000", "654321", &failures, false, false, instance_));
+    EXPECT_FALSE(changePin("000000", "654321", &failures));
     EXPECT_EQ(failures, 1);
-    EXPECT_FALSE(zentak_changeUserPassword(device(), "000000", "654321", &failures, false, false, instance_));
+    EXPECT_FALSE(changePin("000000", "654321", &failures));
     EXPECT_EQ(failures, 2);
     EXPECT_EQ(attemptsLeft(), 3);
     EXPECT_EQ(validate(userPin), 0);
@@ -114,8 +114,8 @@ TEST_F(PinTest, ChangeWithWrongOldPinIsRefusedAndCounted) {
 
 TEST_F(PinTest, NewPinMustBeAPin) {
     int failures = 0;
-    EXPECT_FALSE(zentak_changeUserPassword(device(), userPin, "123", &failures, false, false, instance_));
-    EXPECT_FALSE(zentak_changeUserPassword(device(), userPin, nullptr, nullptr, false, false, instance_));
+    EXPECT_FALSE(changePin(userPin, "123", &failures));
+    EXPECT_FALSE(changePin(userPin, nullptr));
     EXPECT_EQ(attemptsLeft(), 5);
     EXPECT_EQ(validate(userPin), 0);
 }
@@ -131,31 +131,19 @@ TEST_F(PinTest, ChangeIsRemembered) {
 
 TEST_F(PinTest, KeysStayUsableAfterAChange) {
     const KeyPairEntry key = addKey(5);
-    EXPECT_TRUE(zentak_changeUserPassword(device(), userPin, "654321", nullptr, false, false, instance_));
-    unsigned char hash[32] = {};
-    unsigned char signature[1024];
-    int length = sizeof signature;
-    EXPECT_EQ(
-        zentak_signHash(device(), key.keyId.data(), "654321", hash, 32, signature, &length, false, instance_, false),
-        0);
-    EXPECT_EQ(length, 64);
+    EXPECT_TRUE(changePin(userPin, "654321"));
+    EXPECT_EQ(signWith(key.keyId, "654321"), 0);
 }
 
 TEST_F(PinTest, SameWrongPinInOperationsCostsOneAttemptOnly) {
     const KeyPairEntry key = addKey(5);
-    unsigned char hash[32] = {};
-    unsigned char signature[1024];
-    const auto sign = [&](const char* pin) {
-        int length = sizeof signature;
-        return zentak_signHash(device(), key.keyId.data(), pin, hash, 32, signature, &length, false, instance_, false);
-    };
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(sign("000000"), number(Error::pinIncorrect));
-    EXPECT_EQ(attemptsLeft(), 4);
     // Until the right one has come: then somebody is guessing.
-    EXPECT_EQ(sign(userPin), 0);
-    EXPECT_EQ(attemptsLeft(), 5);
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(sign("000000"), number(Error::pinIncorrect));
-    EXPECT_EQ(attemptsLeft(), 4);
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(signWith(key.keyId), 0);
+        EXPECT_EQ(attemptsLeft(), 5);
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(signWith(key.keyId, "000000"), number(Error::pinIncorrect));
+        EXPECT_EQ(attemptsLeft(), 4);
+    }
 }
 
 /// Programs that save space give files of the same content one file with several names.
@@ -199,11 +187,9 @@ TEST_F(PinTest, MissingTokenIsADeviceThatDoesNotAnswer) {
 
 TEST_F(PinTest, FilesHoldNoPin) {
     EXPECT_EQ(validate(userPin), 0);
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder_.path())) {
-        if (!entry.is_regular_file()) continue;
-        const std::string content = fileContent(entry.path());
-        EXPECT_EQ(content.find(userPin), std::string::npos) << entry.path();
-        EXPECT_EQ(content.find(officerPin), std::string::npos) << entry.path();
+    for (const auto& [file, content] : filesBelow(folder_.path())) {
+        EXPECT_EQ(content.find(userPin), std::string::npos) << file;
+        EXPECT_EQ(content.find(officerPin), std::string::npos) << file;
     }
 }
 

@@ -127,9 +127,7 @@ TEST_F(TogetherTest, NoChangeIsLost) {
     OtherProcess first = start("add", "first", 40);
     OtherProcess second = start("add", "second", 40);
     for (int i = 0; i < 10; ++i) {
-        ZentakKeyPair record{};
-        record.keyType = 5;
-        EXPECT_EQ(zentak_generateKeyPair(device(), userPin, &record, instance_), 0);
+        EXPECT_EQ(generateKey(), 0);
         EXPECT_LE(zentak_getCertificateList(device(), instance_).size(), 80U);
     }
     EXPECT_EQ(first.wait(), 0);
@@ -142,7 +140,7 @@ TEST_F(TogetherTest, NoChangeIsLost) {
     };
     EXPECT_EQ(labelled("first"), 40);
     EXPECT_EQ(labelled("second"), 40);
-    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 10U);
+    EXPECT_EQ(keyPairs().size(), 10U);
 }
 
 /// Processes that bring PINs at once. Starting one takes long on Windows and with a sanitizer.
@@ -270,11 +268,7 @@ TEST_F(TogetherTest, KeyIsNotAddedUnderAnOutdatedTokenKey) {
     ASSERT_EQ(validate(userPin), 0);
     std::optional<FileLock> lock(folder_.path() / "lock");
     int result = 0;
-    std::thread generating([&] {
-        ZentakKeyPair record{};
-        record.keyType = 5;
-        result = zentak_generateKeyPair(device(), userPin, &record, instance_);
-    });
+    std::thread generating([&] { result = generateKey(); });
     // It has the token key, from memory, and waits for the lock by then.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     writeFile(tokenFile(), after);

@@ -28,11 +28,8 @@ std::vector<std::string> secretsOf(const std::vector<Key>& keys) {
     std::vector<std::string> secrets = {pin, officerPin, newPin, filePassword};
     for (const Key& key : keys) {
         for (const char* name : {"d", "priv", "rsa-factor1", "rsa-factor2", "rsa-exponent1"}) {
-            BIGNUM* number = nullptr;
-            if (EVP_PKEY_get_bn_param(key.get(), name, &number) != 1) continue;
-            Bytes bytes(static_cast<std::size_t>(BN_num_bytes(number)));
-            BN_bn2bin(number, bytes.data());
-            BN_clear_free(number);
+            const Bytes bytes = numberOf(key, name);
+            if (bytes.empty()) continue;
             // As bytes, in the order in memory, and as text.
             secrets.emplace_back(bytes.begin(), bytes.begin() + 16);
             secrets.emplace_back(bytes.rbegin(), bytes.rbegin() + 16);
@@ -96,16 +93,13 @@ TEST_F(SecretsTest, StoreShowsNone) {
     setEnvironment("ZENTAK_PIN", "wrong pin");
     EXPECT_NE(run("generate --type p-256").exitCode, 0);
     std::filesystem::remove(folder_.path() / "new");
-    int files = 0;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder_.path())) {
-        if (!entry.is_regular_file()) continue;
-        ++files;
-        const std::string content = fileContent(entry.path());
+    const auto files = filesBelow(folder_.path());
+    for (const auto& [file, content] : files) {
         for (const std::string& secret : secrets_) {
-            EXPECT_EQ(content.find(secret), std::string::npos) << entry.path() << " shows " << hexText(viewOf(secret));
+            EXPECT_EQ(content.find(secret), std::string::npos) << file << " shows " << hexText(viewOf(secret));
         }
     }
-    EXPECT_GE(files, 4);
+    EXPECT_GE(files.size(), 4U);
 }
 
 /// The program stops at its output, because the pipe is full, with all that it has read still in its memory.

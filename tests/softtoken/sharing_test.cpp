@@ -124,11 +124,7 @@ TEST_F(SharingTest, TokensComeAndGoWhileThreadsUseThem) {
     for (int i = 0; i < 3; ++i) {
         threads.emplace_back([&] {
             while (!stop) {
-                unsigned char hash[32] = {};
-                unsigned char signature[64];
-                int length = sizeof signature;
-                const int result = zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length,
-                                                   false, instance_, false);
+                const int result = signWith(key.keyId);
                 if (result != 0 && result != 48) ++wrong;
                 const TokenInfo info = zentak_getTokenInfo(device(), instance_);
                 if (!info.serialNumber.empty() && info.label != "Test token") ++wrong;

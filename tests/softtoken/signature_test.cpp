@@ -210,9 +210,7 @@ TEST_F(SignatureTest, PublicKeyMayBeASubjectPublicKeyInfo) {
         const KeyPairEntry key = addKey(keyType);
         const Bytes hash = patternOf(32);
         const Bytes signature = sign(key, hash, false).signature;
-        Bytes spki(static_cast<std::size_t>(i2d_PUBKEY(testKey(keyType).get(), nullptr)));
-        unsigned char* position = spki.data();
-        i2d_PUBKEY(testKey(keyType).get(), &position);
+        Bytes spki = publicDer(testKey(keyType));
         EXPECT_EQ(verify(keyType, spki, hash, signature, false), 0);
         spki[spki.size() / 2] ^= 1;
         EXPECT_NE(verify(keyType, spki, hash, signature, false), 0);
@@ -274,21 +272,14 @@ TEST_F(SignatureTest, UsageIsRespected) {
 
 TEST_F(SignatureTest, PinIsNeeded) {
     const KeyPairEntry key = addKey(5);
-    const Bytes hash = patternOf(32);
-    unsigned char area[1024];
-    const auto signWith = [&](const char* pin) {
-        int length = sizeof area;
-        return zentak_signHash(device(), key.keyId.data(), pin, hash.data(), 32, area, &length, false, instance_,
-                               false);
-    };
-    EXPECT_EQ(signWith(""), number(Error::pinRequired));
-    EXPECT_EQ(signWith(nullptr), number(Error::pinRequired));
-    EXPECT_EQ(signWith("000000"), number(Error::pinIncorrect));
+    EXPECT_EQ(signWith(key.keyId, ""), number(Error::pinRequired));
+    EXPECT_EQ(signWith(key.keyId, nullptr), number(Error::pinRequired));
+    EXPECT_EQ(signWith(key.keyId, "000000"), number(Error::pinIncorrect));
     EXPECT_EQ(attemptsLeft(), 4);
-    EXPECT_EQ(signWith(userPin), 0);
-    // A key that is loaded opens to its PIN alone.
-    EXPECT_EQ(signWith("000001"), number(Error::pinIncorrect));
-    EXPECT_EQ(signWith(""), number(Error::pinRequired));
+    EXPECT_EQ(signWith(key.keyId), 0);
+    // A key that is loaded opens only to its PIN.
+    EXPECT_EQ(signWith(key.keyId, "000001"), number(Error::pinIncorrect));
+    EXPECT_EQ(signWith(key.keyId, ""), number(Error::pinRequired));
 }
 
 TEST_F(SignatureTest, UnknownKeyAndUnpluggedToken) {

@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <future>
-#include <map>
 #include <sys/stat.h>
 #include <thread>
 
@@ -48,49 +47,27 @@ protected:
         }
     }
 
-    /// All files of the tokens, whole.
-    static std::map<std::string, std::string> files(const fs::path& root) {
-        std::map<std::string, std::string> all;
-        for (const auto& entry : fs::recursive_directory_iterator(root / "plugged")) {
-            if (entry.is_regular_file()) all[entry.path().string()] = fileContent(entry.path());
-        }
-        return all;
-    }
-
-    int importCertificate(const Bytes& der) {
-        ZentakCertificate record{};
-        std::copy(der.begin(), der.end(), record.der);
-        record.derLength = static_cast<std::int32_t>(der.size());
-        return zentak_importCertificate(device(), userPin, &record, instance_);
-    }
-
-    int generate() {
-        ZentakKeyPair record{};
-        record.keyType = 5;
-        return zentak_generateKeyPair(device(), userPin, &record, instance_);
-    }
-
-    int sign(const KeyPairEntry& key) {
-        unsigned char hash[32] = {};
-        unsigned char signature[64];
-        int length = sizeof signature;
-        return zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_,
-                               false);
+    /// Goes on with a new token in a new store.
+    void useStore(const fs::path& root) {
+        store_ = Store(root);
+        serialNumber_ = createToken(store_, cheapToken());
+        setEnvironment("ZENTAK_TOKENS", root.string());
+        reopen();
     }
 
     /// Changes of the present store are refused, and what needs none goes on.
     void expectNothingChangeable(const KeyPairEntry& key, const fs::path& root) {
-        const auto before = files(root);
+        const auto before = filesBelow(root / "plugged");
         EXPECT_EQ(importCertificate(makeCertificate(testKey(6))), number(Error::storeFailed));
-        EXPECT_EQ(generate(), number(Error::storeFailed));
+        EXPECT_EQ(generateKey(), number(Error::storeFailed));
         EXPECT_EQ(zentak_deleteKeyPair(device(), key.keyId.data(), userPin, false, instance_),
                   number(Error::storeFailed));
-        EXPECT_FALSE(zentak_changeUserPassword(device(), userPin, "654321", nullptr, false, false, instance_));
+        EXPECT_FALSE(changePin(userPin, "654321"));
         Store store(root);
         EXPECT_THROW(createToken(store, cheapToken()), std::exception);
-        EXPECT_EQ(sign(key), 0);
-        EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
-        EXPECT_EQ(files(root), before);
+        EXPECT_EQ(signWith(key.keyId), 0);
+        EXPECT_EQ(keyPairs().size(), 1U);
+        EXPECT_EQ(filesBelow(root / "plugged"), before);
     }
 };
 
@@ -99,10 +76,7 @@ TEST_F(StorageFaultTest, FullDiskRefusesChangesAndLosesNothing) {
     testKey(6);
     inChild([this] {
         FullDisk disk(folder_.path() / "small disk");
-        store_ = Store(disk.folder());
-        serialNumber_ = createToken(store_, cheapToken());
-        setEnvironment("ZENTAK_TOKENS", disk.folder().string());
-        reopen();
+        useStore(disk.folder());
         const KeyPairEntry key = addKey(5);
         ASSERT_EQ(validate(userPin), 0);
         disk.fill();
@@ -112,17 +86,13 @@ TEST_F(StorageFaultTest, FullDiskRefusesChangesAndLosesNothing) {
         EXPECT_EQ(attemptsLeft(), 4);
         EXPECT_EQ(validate(userPin), 0);
         EXPECT_EQ(attemptsLeft(), 5);
-        try {
-            store_.change(serialNumber_, [](TokenData& token) { token.label = "other"; });
-            ADD_FAILURE() << "the disk isn't full";
-        } catch (const Failure& failure) {
-            const std::string text = failure.what();
-            EXPECT_TRUE(text.ends_with("No space left on device") || text.ends_with("File too large")) << text;
-            EXPECT_EQ(text.find('\n'), std::string::npos);
-        }
+        const std::string text =
+            failureOf([&] { store_.change(serialNumber_, [](TokenData& token) { token.label = "other"; }); }).what();
+        EXPECT_TRUE(text.ends_with("No space left on device") || text.ends_with("File too large")) << text;
+        EXPECT_EQ(text.find('\n'), std::string::npos);
         disk.makeRoom();
         EXPECT_EQ(importCertificate(makeCertificate(testKey(6))), 0);
-        EXPECT_EQ(generate(), 0);
+        EXPECT_EQ(generateKey(), 0);
         EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
         EXPECT_EQ(validate(userPin), 0);
         createToken(store_, cheapToken());
@@ -134,10 +104,7 @@ TEST_F(StorageFaultTest, FullDiskRefusesChangesAndLosesNothing) {
 TEST_F(StorageFaultTest, FirstLoginOnAFullDisk) {
     inChild([this] {
         FullDisk disk(folder_.path() / "small disk");
-        store_ = Store(disk.folder());
-        serialNumber_ = createToken(store_, cheapToken());
-        setEnvironment("ZENTAK_TOKENS", disk.folder().string());
-        reopen();
+        useStore(disk.folder());
         disk.fill();
         EXPECT_EQ(validate(userPin), 0);
         EXPECT_EQ(validate(officerPin, nullptr, 2), 0);
@@ -150,7 +117,7 @@ TEST_F(StorageFaultTest, ReadOnlyStoreCanBeReadAndNotChanged) {
     const KeyPairEntry key = addKey(5);
     testKey(6);
     ASSERT_EQ(validate(userPin), 0);
-    ASSERT_EQ(sign(key), 0);
+    ASSERT_EQ(signWith(key.keyId), 0);
     setPermissions(0555, 0444);
     inChild([&] {
         const OrdinaryUser user;
@@ -163,7 +130,7 @@ TEST_F(StorageFaultTest, ReadOnlyStoreCanBeReadAndNotChanged) {
         EXPECT_THROW(store_.remove(serialNumber_), Failure);
     });
     setPermissions(0700, 0600);
-    EXPECT_EQ(generate(), 0);
+    EXPECT_EQ(generateKey(), 0);
 }
 
 /// The counters are written over, so a write that ends half-way must not stay.
@@ -223,17 +190,9 @@ TEST_F(StorageFaultTest, LinkInThePlaceOfTheScratchFolderIsNotUsed) {
     for (const fs::path& target : {others.path(), others.path() / "missing"}) {
         fs::remove_all(scratch);
         fs::create_directory_symlink(target, scratch);
-        const auto expectRefused = [&](const auto& action) {
-            try {
-                action();
-                ADD_FAILURE() << "the link was used";
-            } catch (const Failure& failure) {
-                EXPECT_EQ(failure.error, Error::storeFailed);
-                EXPECT_EQ(failure.what(), scratch.string() + " is a link, and not used: remove it");
-            }
-        };
-        expectRefused([&] { createToken(store_, cheapToken()); });
-        expectRefused([&] { store_.remove(serialNumber_); });
+        const std::string text = scratch.string() + " is a link, and not used: remove it";
+        expectFailure(Error::storeFailed, text, [&] { createToken(store_, cheapToken()); });
+        expectFailure(Error::storeFailed, text, [&] { store_.remove(serialNumber_); });
         EXPECT_TRUE(store_.isPlugged(serialNumber_));
         EXPECT_EQ(fileContent(others.path() / "00AA" / "thesis.txt"), "years of work");
         EXPECT_FALSE(fs::exists(others.path() / "missing"));
@@ -278,13 +237,9 @@ TEST_F(StorageFaultTest, StoreOfSomebodyElseIsNoEmptyStore) {
             reopen();
             EXPECT_TRUE(zentak_getConnectedDeviceList(false, instance_).empty());
             EXPECT_NE(zentak_initDevice(device(), true, instance_), 0);
-            try {
-                static_cast<void>(store_.plugged());
-                ADD_FAILURE() << "the store could be listed";
-            } catch (const Failure& failure) {
-                EXPECT_EQ(failure.error, Error::storeFailed);
-                EXPECT_NE(std::string(failure.what()).find("Permission denied"), std::string::npos) << failure.what();
-            }
+            const Failure failure = failureOf([this] { static_cast<void>(store_.plugged()); });
+            EXPECT_EQ(failure.error, Error::storeFailed);
+            EXPECT_NE(std::string(failure.what()).find("Permission denied"), std::string::npos) << failure.what();
         });
         chmod((folder_.path() / closed).c_str(), 0700);
     }

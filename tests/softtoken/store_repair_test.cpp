@@ -1,7 +1,6 @@
 // verify and repair: what is told about a token, what is mended, and what is left alone.
 
 #include <functional>
-#include <map>
 
 #include "store/repair.h"
 #include "test_certificates.h"
@@ -26,27 +25,15 @@ protected:
 
     /// Nothing in the store is touched by it.
     void expectNotRepaired(const std::string& reason) {
-        std::map<std::string, std::string> before;
-        const auto files = [&] {
-            std::map<std::string, std::string> all;
-            for (const auto& entry : fs::recursive_directory_iterator(folder_.path() / "tokens")) {
-                if (entry.is_regular_file()) all[entry.path().string()] = fileContent(entry.path());
-            }
-            return all;
-        };
-        before = files();
-        const Answer answer = run("repair");
-        EXPECT_EQ(answer.exitCode, 1);
-        EXPECT_EQ(answer.output, serialNumber_ + "  not repaired: " + reason + "\n");
-        EXPECT_EQ(answer.errors, "zentak-token: 1 of 1 tokens can't be repaired\n");
-        EXPECT_EQ(files(), before);
+        const auto before = filesBelow(folder_.path() / "tokens");
+        EXPECT_EQ(run("repair"), (Answer{1, serialNumber_ + "  not repaired: " + reason + "\n",
+                                         "zentak-token: 1 of 1 tokens can't be repaired\n"}));
+        EXPECT_EQ(filesBelow(folder_.path() / "tokens"), before);
     }
 
     void expectFault(const std::string& fault) {
-        const Answer answer = run("verify");
-        EXPECT_EQ(answer.exitCode, 1);
-        EXPECT_EQ(answer.output, serialNumber_ + "  plugged in  faulty: " + fault + "\n");
-        EXPECT_EQ(answer.errors, "zentak-token: 1 of 1 tokens are faulty\n");
+        EXPECT_EQ(run("verify"), (Answer{1, serialNumber_ + "  plugged in  faulty: " + fault + "\n",
+                                         "zentak-token: 1 of 1 tokens are faulty\n"}));
     }
 
     Store store_;
@@ -63,20 +50,15 @@ TEST_F(StoreRepairTest, NothingIsWrong) {
     store_.unplug(other);
     EXPECT_EQ(run("generate " + other + " --type p-256").exitCode, 0);
     const std::string token = fileContent(tokenFile());
-    const Answer verified = run("verify");
-    EXPECT_EQ(verified.exitCode, 0);
-    EXPECT_EQ(verified.errors, "");
-    EXPECT_EQ(verified.output, serialNumber_ + "  plugged in  in order\n" + other + "  unplugged   in order\n");
+    EXPECT_EQ(run("verify"),
+              (Answer{0, serialNumber_ + "  plugged in  in order\n" + other + "  unplugged   in order\n", ""}));
     EXPECT_EQ(jsonOf("verify --json " + other),
               (Json::array({{{"serialNumber", other}, {"plugged", false}, {"faults", Json::array()}}})));
     // Used up attempts are no damage, and stay used up.
     EXPECT_THROW(store_.checkPin(serialNumber_, Role::user, "000000"), PinFailure);
     const std::string attempts = fileContent(attemptsFile());
-    const Answer repaired = run("repair");
-    EXPECT_EQ(repaired.exitCode, 0);
-    EXPECT_EQ(repaired.errors, "");
-    EXPECT_EQ(repaired.output,
-              serialNumber_ + "  in order, nothing was changed\n" + other + "  in order, nothing was changed\n");
+    const std::string unchanged = "  in order, nothing was changed\n";
+    EXPECT_EQ(run("repair"), (Answer{0, serialNumber_ + unchanged + other + unchanged, ""}));
     EXPECT_EQ(fileContent(tokenFile()), token);
     EXPECT_EQ(fileContent(attemptsFile()), attempts);
 }

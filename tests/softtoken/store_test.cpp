@@ -24,7 +24,7 @@ TEST_F(StoreTest, NewTokenIsPluggedInAndDescribed) {
     EXPECT_EQ(info.userPinAttemptsLeft, 5);
     EXPECT_TRUE(isSerialNumber(serialNumber_));
     EXPECT_EQ(zentak_initDevice(device(), true, instance_), 0);
-    EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+    EXPECT_TRUE(keyPairs().empty());
     EXPECT_TRUE(zentak_getCertificateList(device(), instance_).empty());
 }
 
@@ -37,15 +37,15 @@ TEST_F(StoreTest, SeveralTokensAreListedInAscendingOrder) {
 
 TEST_F(StoreTest, UnpluggedTokenIsGoneAndComesBackUnchanged) {
     addKey(5);
-    ASSERT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
+    ASSERT_EQ(keyPairs().size(), 1U);
     store_.unplug(serialNumber_);
     EXPECT_TRUE(zentak_getConnectedDeviceList(false, instance_).empty());
     EXPECT_EQ(zentak_getTokenInfo(device(), instance_).serialNumber, "");
     EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(Error::deviceNotPresent));
-    EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+    EXPECT_TRUE(keyPairs().empty());
     store_.plug(serialNumber_);
     EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_).size(), 1U);
-    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
+    EXPECT_EQ(keyPairs().size(), 1U);
 }
 
 TEST_F(StoreTest, RemovedTokenLeavesNothing) {
@@ -59,7 +59,7 @@ TEST_F(StoreTest, RemovedTokenLeavesNothing) {
 TEST_F(StoreTest, TokenSurvivesReopening) {
     const KeyPairEntry key = addKey(5, usageSign);
     reopen();
-    const auto& list = zentak_getKeyPairList(device(), instance_);
+    const auto& list = keyPairs();
     ASSERT_EQ(list.size(), 1U);
     EXPECT_EQ(list[0].id, 1U);
     EXPECT_EQ(std::memcmp(list[0].keyId, key.keyId.data(), 16), 0);
@@ -113,9 +113,9 @@ TEST_F(StoreTest, OutdatedKnowledgeIsNotWritten) {
 
 TEST_F(StoreTest, ReferenceToAListOutlivesAChange) {
     addKey(5);
-    const auto& before = zentak_getKeyPairList(device(), instance_);
+    const auto& before = keyPairs();
     addKey(6);
-    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 2U);
+    EXPECT_EQ(keyPairs().size(), 2U);
     ASSERT_EQ(before.size(), 1U);
     EXPECT_EQ(before[0].keyType, 5);
 }
@@ -127,9 +127,9 @@ TEST_F(StoreTest, LeftoverOfAKilledProcessDoesNotMatter) {
     writeFile(leftover, "zentak-soft");
     reopen();
     EXPECT_EQ(zentak_getConnectedDeviceList(false, instance_).size(), 1U);
-    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 1U);
+    EXPECT_EQ(keyPairs().size(), 1U);
     addKey(6);
-    EXPECT_EQ(zentak_getKeyPairList(device(), instance_).size(), 2U);
+    EXPECT_EQ(keyPairs().size(), 2U);
     EXPECT_FALSE(fs::exists(leftover));
 }
 
@@ -165,22 +165,15 @@ TEST_F(StoreTest, FoldersAndFilesOfOthersStay) {
 TEST_F(StoreTest, TokenInTheStoreIsNotReplacedByAnotherOne) {
     const TokenData token = store_.load(serialNumber_);
     const auto expectRefused = [&] {
-        const std::string before = fileContent(folder_.path() / "plugged" / serialNumber_ / "token") +
-                                   fileContent(folder_.path() / "unplugged" / serialNumber_ / "token");
+        const auto before = filesBelow(folder_.path());
         TokenData other = token;
         other.label = "another one";
-        try {
+        expectFailure(Error::storeFailed, "there is a token " + serialNumber_ + " already", [&] {
             store_.add(other, {5, 5});
-            ADD_FAILURE() << "the token was replaced";
-        } catch (const Failure& failure) {
-            EXPECT_EQ(failure.error, Error::storeFailed);
-            EXPECT_EQ(failure.what(), "there is a token " + serialNumber_ + " already");
-        }
+        });
         EXPECT_EQ(store_.load(serialNumber_), token);
         EXPECT_EQ(store_.plugged().size() + store_.unplugged().size(), 1U);
-        EXPECT_EQ(fileContent(folder_.path() / "plugged" / serialNumber_ / "token") +
-                      fileContent(folder_.path() / "unplugged" / serialNumber_ / "token"),
-                  before);
+        EXPECT_EQ(filesBelow(folder_.path()), before);
     };
     expectRefused();
     store_.unplug(serialNumber_);
@@ -206,11 +199,9 @@ protected:
         const TokenInfo info = zentak_getTokenInfo(device(), instance_);
         EXPECT_EQ(info.serialNumber, "");
         EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(error));
-        EXPECT_TRUE(zentak_getKeyPairList(device(), instance_).empty());
+        EXPECT_TRUE(keyPairs().empty());
         EXPECT_EQ(validate(userPin), number(error));
-        ZentakKeyPair record{};
-        record.keyType = 5;
-        EXPECT_EQ(zentak_generateKeyPair(device(), userPin, &record, instance_), number(error));
+        EXPECT_EQ(generateKey(), number(error));
         EXPECT_EQ(fileContent(tokenFile()), content);
     }
 };
@@ -231,13 +222,12 @@ TEST_F(DamagedStoreTest, UnknownVersion) {
     std::string content = fileContent(tokenFile());
     const std::string line = "zentak-software-token 2\n";
     ASSERT_EQ(content.find(line), 0U);
-    for (const char* version : {"3", "0", "10", "999999999"}) {
-        expectRefused("zentak-software-token " + std::string(version) + "\n" + content.substr(line.size()),
-                      Error::unknownVersion);
-    }
+    const auto ofVersion = [&](const std::string& version) {
+        return "zentak-software-token " + version + "\n" + content.substr(line.size());
+    };
+    for (const char* version : {"3", "0", "10", "999999999"}) expectRefused(ofVersion(version), Error::unknownVersion);
     for (const char* version : {"", "1 ", "-1", "0x1", "9999999999", "\x1B[2J"}) {
-        expectRefused("zentak-software-token " + std::string(version) + "\n" + content.substr(line.size()),
-                      Error::tokenDamaged);
+        expectRefused(ofVersion(version), Error::tokenDamaged);
     }
 }
 
@@ -270,26 +260,14 @@ TEST_F(DamagedStoreTest, DamageHealsWhenTheFileIsRestored) {
 TEST_F(DamagedStoreTest, ForgedUsageOrTypeMakesTheKeyUnusable) {
     const KeyPairEntry key = addKey(5, usageDecrypt);
     store_.change(serialNumber_, [](TokenData& token) { token.keyPairs[0].keyUsage |= usageSign; });
-    unsigned char hash[32] = {};
-    unsigned char signature[1024];
-    int length = sizeof signature;
-    EXPECT_EQ(
-        zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_, false),
-        number(Error::tokenDamaged));
+    EXPECT_EQ(signWith(key.keyId), number(Error::tokenDamaged));
 }
 
 TEST_F(DamagedStoreTest, ForgedUsageIsRefusedAlsoForALoadedKey) {
     const KeyPairEntry key = addKey(5, usageSign);
-    unsigned char hash[32] = {};
-    unsigned char signature[1024];
-    int length = sizeof signature;
-    ASSERT_EQ(
-        zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_, false), 0);
+    ASSERT_EQ(signWith(key.keyId), 0);
     store_.change(serialNumber_, [](TokenData& token) { token.keyPairs[0].keyUsage = 0xFF; });
-    length = sizeof signature;
-    EXPECT_EQ(
-        zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_, false),
-        number(Error::tokenDamaged));
+    EXPECT_EQ(signWith(key.keyId), number(Error::tokenDamaged));
 }
 
 TEST(TokenDataTest, DocumentGivesBackWhatWasWritten) {

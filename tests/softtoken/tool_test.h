@@ -16,7 +16,12 @@ protected:
         int exitCode = -1;
         std::string output;
         std::string errors;
+
+        bool operator==(const Answer&) const = default;
     };
+    friend void PrintTo(const Answer& answer, std::ostream* out) {
+        *out << answer.exitCode << "\n" << answer.output << answer.errors;
+    }
 
     ToolTest();
     ~ToolTest() override;
