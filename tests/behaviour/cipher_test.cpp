@@ -6,17 +6,26 @@ using namespace support;
 
 namespace {
 
-const Bytes rsaIdentifier = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
-const Bytes exponent = {0x02, 0x03, 0x01, 0x00, 0x01};
+/// What the two directions differ in.
+struct Direction {
+    bool encrypts;
+    std::string function;   ///< that does the work; the one that begins it has "Init" at its end
+    std::string operation;  ///< of the device library
+    int active;             ///< the session's operation, and what it is when it was begun during a digest
+    int activeInDigest;
+};
 
-/// The SubjectPublicKeyInfo of a 256-byte modulus whose top bit is set, written out by hand.
-Bytes wrapped2048(const Bytes& modulus) {
-    return Bytes{0x30, 0x82, 0x01, 0x22} + rsaIdentifier + Bytes{0x03, 0x82, 0x01, 0x0F, 0x00} +
-           Bytes{0x30, 0x82, 0x01, 0x0A} + Bytes{0x02, 0x82, 0x01, 0x01, 0x00} + modulus + exponent;
+const Direction encryption = {true, "C_Encrypt", "zentak_encrypt", 2, 9};
+const Direction decryption = {false, "C_Decrypt", "zentak_decrypt", 3, 10};
+
+void PrintTo(const Direction& direction, std::ostream* out) {
+    *out << direction.function;
 }
 
 class CipherTest : public SigningTest {
 protected:
+    explicit CipherTest(const Direction& direction) : direction_(direction) {}
+
     void SetUp() override {
         SigningTest::SetUp();
         setPublicKey(keyRecord(), modulus);
@@ -25,43 +34,46 @@ protected:
     }
     ZentakKeyPair& keyRecord() { return world.keyPairs["SN1"][0]; }
 
-    Outcome encryptInit(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key = publicKey(5)) {
-        CK_MECHANISM mechanism = {type, nullptr, 0};
-        return observe([&] { return api->C_EncryptInit(session, &mechanism, key); });
+    [[nodiscard]] std::string name() const { return direction_.function; }
+    [[nodiscard]] std::string initName() const { return direction_.function + "Init"; }
+    /// The key of this direction.
+    [[nodiscard]] CK_OBJECT_HANDLE key() const { return direction_.encrypts ? publicKey(5) : privateKey(5); }
+    /// What the device library makes of the data.
+    Bytes& result() { return direction_.encrypts ? world.ciphertext : world.plaintext; }
+
+    Outcome initWith(CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key) {
+        return observe([&] {
+            return direction_.encrypts ? api->C_EncryptInit(session, mechanism, key)
+                                       : api->C_DecryptInit(session, mechanism, key);
+        });
     }
-    Outcome decryptInit(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key = privateKey(5)) {
+    Outcome init(CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key) {
         CK_MECHANISM mechanism = {type, nullptr, 0};
-        return observe([&] { return api->C_DecryptInit(session, &mechanism, key); });
+        return initWith(&mechanism, key);
+    }
+    Outcome init(CK_MECHANISM_TYPE type) { return init(type, key()); }
+    void begin(CK_MECHANISM_TYPE type = CKM_RSA_PKCS) { ASSERT_EQ(init(type).code, CKR_OK); }
+
+    Outcome call(CK_BYTE_PTR data, CK_ULONG count, CK_BYTE_PTR target, CK_ULONG* targetLength) {
+        return observe([&] {
+            return direction_.encrypts ? api->C_Encrypt(session, data, count, target, targetLength)
+                                       : api->C_Decrypt(session, data, count, target, targetLength);
+        });
+    }
+    /// Into `room`; the capacity isn't looked at.
+    Outcome run(const Bytes& data) {
+        Bytes copy = data;
+        room = Room(2000);
+        length = 0;
+        return call(copy.data(), static_cast<CK_ULONG>(copy.size()), static_cast<CK_BYTE_PTR>(room.address()), &length);
+    }
+    Outcome askSize(const Bytes& data) {
+        Bytes copy = data;
+        return call(copy.data(), static_cast<CK_ULONG>(copy.size()), nullptr, &length);
     }
     void digestInit() {
         CK_MECHANISM mechanism = {CKM_SHA256, nullptr, 0};
         ASSERT_EQ(api->C_DigestInit(session, &mechanism), CKR_OK);
-    }
-    /// Into `room`; the capacity isn't looked at.
-    Outcome encrypt(const Bytes& data) {
-        return intoRoom(data, [&](CK_BYTE_PTR source, CK_ULONG count, CK_BYTE_PTR target) {
-            return api->C_Encrypt(session, source, count, target, &length);
-        });
-    }
-    Outcome decrypt(const Bytes& data) {
-        return intoRoom(data, [&](CK_BYTE_PTR source, CK_ULONG count, CK_BYTE_PTR target) {
-            return api->C_Decrypt(session, source, count, target, &length);
-        });
-    }
-    Outcome encryptSize(const Bytes& data) {
-        Bytes copy = data;
-        return observe(
-            [&] { return api->C_Encrypt(session, copy.data(), static_cast<CK_ULONG>(copy.size()), nullptr, &length); });
-    }
-    Outcome decryptSize(const Bytes& data) {
-        Bytes copy = data;
-        return observe(
-            [&] { return api->C_Decrypt(session, copy.data(), static_cast<CK_ULONG>(copy.size()), nullptr, &length); });
-    }
-    void expectInRoom(const Bytes& result) {
-        EXPECT_EQ(length, result.size());
-        EXPECT_EQ(room.first(result.size()), result);
-        EXPECT_TRUE(room.untouchedFrom(result.size()));
     }
 
     static std::string encryptCall(int type, int padding, const Bytes& data, const Bytes& key) {
@@ -72,175 +84,213 @@ protected:
         return text("zentak_decrypt(\"SN1\", ", shownKeyReference(5), ", \"", password, "\", ", shown(data),
                     ", out, *0, ", flag ? "true" : "false", ", instance)");
     }
+    /// The device library's part in PKCS #1 with the key 5.
+    [[nodiscard]] std::string deviceCall(const Bytes& data) const {
+        return direction_.encrypts ? encryptCall(8, 1, data, wrapped2048(modulus)) : decryptCall(data);
+    }
+    [[nodiscard]] Outcome ready() const { return succeeded(initName(), {listKeyPairs}); }
+    [[nodiscard]] Outcome done(const Bytes& data) const { return succeeded(name(), {deviceCall(data)}); }
+    [[nodiscard]] Outcome notBegun(int active = 0) const { return notInitialised(name(), active); }
 
     const Bytes modulus = countingBytes(0x80, 256);
-
-private:
-    template <typename Function>
-    Outcome intoRoom(const Bytes& data, Function call) {
-        Bytes copy = data;
-        room = Room(2000);
-        length = 0;
-        return observe([&] {
-            return call(copy.data(), static_cast<CK_ULONG>(copy.size()), static_cast<CK_BYTE_PTR>(room.address()));
-        });
-    }
+    Direction direction_;
 };
 
-const Outcome encryptReady = {CKR_OK, {"DEBUG C_EncryptInit"}, {listKeyPairs}};
-const Outcome decryptReady = {CKR_OK, {"DEBUG C_DecryptInit"}, {listKeyPairs}};
+class EncryptionTest : public CipherTest {
+protected:
+    EncryptionTest() : CipherTest(encryption) {}
+};
 
-// --- C_EncryptInit ---
+class DecryptionTest : public CipherTest {
+protected:
+    DecryptionTest() : CipherTest(decryption) {}
+};
 
-TEST_F(CipherTest, EncryptInitChecksInItsOrder) {
-    const std::string function = "C_EncryptInit";
+/// What both do alike.
+class EitherDirectionTest : public CipherTest, public ::testing::WithParamInterface<Direction> {
+protected:
+    EitherDirectionTest() : CipherTest(GetParam()) {}
+
+    [[nodiscard]] Outcome parameterRefused() const {
+        return refused(CKR_MECHANISM_PARAM_INVALID, initName() + ": mechanism param invalid for " +
+                                                        (direction_.encrypts ? "mechanism=1" : "CKM_RSA_PKCS"));
+    }
+    [[nodiscard]] Direction opposite() const { return direction_.encrypts ? decryption : encryption; }
+};
+
+INSTANTIATE_TEST_SUITE_P(Directions, EitherDirectionTest, ::testing::Values(encryption, decryption));
+
+// --- Beginning ---
+
+TEST_P(EitherDirectionTest, InitChecksInItsOrder) {
+    const bool encrypts = direction_.encrypts;
     unsigned char parameter = 0;
     CK_MECHANISM withParameter = {CKM_RSA_PKCS, &parameter, 1};
     const CK_SESSION_HANDLE good = session;
-    const auto init = [&](CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key) {
-        return observe([&] { return api->C_EncryptInit(session, mechanism, key); });
-    };
     session = 7;
-    EXPECT_EQ(init(nullptr, 0), refused(CKR_SESSION_HANDLE_INVALID, "C_EncryptInit: invalid hSession=7"));
+    EXPECT_EQ(initWith(nullptr, 0), refused(CKR_SESSION_HANDLE_INVALID, initName() + ": invalid hSession=7"));
     session = good;
+    ASSERT_EQ(api->C_Logout(session), CKR_OK);
     ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
-    EXPECT_EQ(init(nullptr, 0),
-              refused(CKR_OPERATION_ACTIVE, "C_EncryptInit: operation already active, activeOperation=1"));
+    if (!encrypts) {
+        EXPECT_EQ(initWith(nullptr, 0), refused(CKR_SESSION_HANDLE_INVALID, "C_DecryptInit: invalid session state=0"));
+        login(session, userPin);
+    }
+    EXPECT_EQ(initWith(nullptr, 0),
+              refused(CKR_OPERATION_ACTIVE, initName() + ": operation already active, activeOperation=1"));
     ASSERT_EQ(api->C_FindObjectsFinal(session), CKR_OK);
-    EXPECT_EQ(init(nullptr, 0), refused(CKR_ARGUMENTS_BAD, "C_EncryptInit: pMechanism is NULL"));
-    EXPECT_EQ(init(&withParameter, 0),
-              refused(CKR_MECHANISM_PARAM_INVALID, "C_EncryptInit: mechanism param invalid for mechanism=1"));
-    EXPECT_EQ(encryptInit(CKM_RSA_PKCS, 0), refused(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid hKey=0"));
+    EXPECT_EQ(initWith(nullptr, 0), refused(CKR_ARGUMENTS_BAD, initName() + ": pMechanism is NULL"));
+    EXPECT_EQ(initWith(&withParameter, 0), parameterRefused());
+    if (encrypts) {
+        EXPECT_EQ(init(CKM_RSA_PKCS, 0), refused(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit: invalid hKey=0"));
+    }
     keyRecord().keyUsage = usageSign;
-    EXPECT_EQ(encryptInit(CKM_MD5, 0), refused(CKR_MECHANISM_INVALID, "C_EncryptInit: unsupported mechanism=528"));
+    EXPECT_EQ(init(CKM_MD5, 0), refused(CKR_MECHANISM_INVALID, initName() + ": unsupported mechanism=528"));
     api->C_Finalize(nullptr);
     session = 7;
-    EXPECT_EQ(init(nullptr, 0), refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_EncryptInit: not initialized"));
+    EXPECT_EQ(initWith(nullptr, 0), refused(CKR_CRYPTOKI_NOT_INITIALIZED, initName() + ": not initialized"));
 }
 
-TEST_F(CipherTest, EncryptInitRefusesEachRunningOperation) {
-    begin(CKM_RSA_PKCS);
-    EXPECT_EQ(encryptInit(CKM_MD5, 0),
-              refused(CKR_OPERATION_ACTIVE, "C_EncryptInit: operation already active, activeOperation=5"));
+TEST_P(EitherDirectionTest, InitRefusesEachRunningOperation) {
+    SigningTest::begin(CKM_RSA_PKCS);
+    EXPECT_EQ(init(CKM_MD5, 0),
+              refused(CKR_OPERATION_ACTIVE, initName() + ": operation already active, activeOperation=5"));
     abandon();
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(encryptInit(CKM_RSA_PKCS),
-              refused(CKR_OPERATION_ACTIVE, "C_EncryptInit: operation already active, activeOperation=2"));
-    EXPECT_EQ(decryptInit(CKM_RSA_PKCS),
-              refused(CKR_OPERATION_ACTIVE, "C_DecryptInit: operation already active, activeOperation=2"));
-    EXPECT_EQ(encrypt({1}).code, CKR_OK);
+    begin();
+    const Direction own = direction_;
+    for (const Direction& next : {own, opposite()}) {
+        direction_ = next;
+        const std::string line = text(initName(), ": operation already active, activeOperation=", own.active);
+        EXPECT_EQ(init(CKM_RSA_PKCS), refused(CKR_OPERATION_ACTIVE, line));
+        EXPECT_EQ(init(CKM_MD5, 0), refused(CKR_OPERATION_ACTIVE, line));
+    }
+    direction_ = own;
+    EXPECT_EQ(run({1}).code, CKR_OK);
 }
 
-TEST_F(CipherTest, EncryptInitTakesBothHandlesForPkcs1AndThePublicOneForOaep) {
-    EXPECT_EQ(encryptInit(CKM_RSA_PKCS, publicKey(5)), encryptReady);
+TEST_P(EitherDirectionTest, ParametersAreRefusedForPkcs1AndIgnoredForOaep) {
+    for (const auto& [address, count] : {std::pair<void*, CK_ULONG>{&length, 0}, {nullptr, 1}, {&length, 4}}) {
+        CK_MECHANISM mechanism = {CKM_RSA_PKCS, address, count};
+        EXPECT_EQ(initWith(&mechanism, key()), parameterRefused());
+    }
+    CK_MECHANISM oaep = {CKM_RSA_PKCS_OAEP, reinterpret_cast<void*>(1), 1000};
+    EXPECT_EQ(initWith(&oaep, key()), ready());
+}
+
+TEST_P(EitherDirectionTest, OtherMechanismsAreUnknown) {
+    for (const CK_MECHANISM_TYPE type : Numbers{0, 3, CKM_RSA_PKCS_PSS, CKM_SHA256_RSA_PKCS, CKM_ECDSA, 0xFFFFFFFF}) {
+        EXPECT_EQ(init(type), refused(CKR_MECHANISM_INVALID, text(initName(), ": unsupported mechanism=", type)));
+    }
+}
+
+TEST_P(EitherDirectionTest, TheKeyMustBeMeantForEncryption) {
+    const std::string word = direction_.encrypts ? "encrypt" : "decrypt";
+    for (const std::uint32_t usage : {0U, 1U, 4U, 5U}) {
+        keyRecord().keyUsage = usage;
+        for (const CK_MECHANISM_TYPE type : Numbers{CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
+            EXPECT_EQ(init(type), refused(CKR_KEY_FUNCTION_NOT_PERMITTED,
+                                          text(initName(), ": key usage does not permit ", word, ", keyUsage=", usage),
+                                          {listKeyPairs}));
+        }
+    }
+    EXPECT_EQ(run({1}), notBegun());
+    for (const std::uint32_t usage : {2U, 3U, 6U}) {
+        keyRecord().keyUsage = usage;
+        EXPECT_EQ(init(CKM_RSA_PKCS), ready());
+        abandon();
+    }
+}
+
+TEST_F(EncryptionTest, InitTakesBothHandlesForPkcs1AndThePublicOneForOaep) {
+    EXPECT_EQ(init(CKM_RSA_PKCS, publicKey(5)), ready());
     abandon();
-    EXPECT_EQ(encryptInit(CKM_RSA_PKCS, privateKey(5)), encryptReady);
+    EXPECT_EQ(init(CKM_RSA_PKCS, privateKey(5)), ready());
     abandon();
-    EXPECT_EQ(encryptInit(CKM_RSA_PKCS_OAEP, publicKey(5)), encryptReady);
+    EXPECT_EQ(init(CKM_RSA_PKCS_OAEP, publicKey(5)), ready());
     abandon();
     for (const CK_OBJECT_HANDLE key : Handles{privateKey(5), 0x70000FFF, 0x6FFFFFFF, 5, 0}) {
         EXPECT_EQ(
-            encryptInit(CKM_RSA_PKCS_OAEP, key),
+            init(CKM_RSA_PKCS_OAEP, key),
             refused(CKR_OBJECT_HANDLE_INVALID, text("C_EncryptInit: invalid hKey=", key, " for CKM_RSA_PKCS_OAEP")));
     }
     for (const CK_OBJECT_HANDLE key : Handles{0x6FFFFFFF, 5, 0}) {
-        EXPECT_EQ(encryptInit(CKM_RSA_PKCS, key),
+        EXPECT_EQ(init(CKM_RSA_PKCS, key),
                   refused(CKR_OBJECT_HANDLE_INVALID, text("C_EncryptInit: invalid hKey=", key)));
     }
 }
 
-TEST_F(CipherTest, EncryptInitNeedsTheKeyPair) {
+TEST_F(EncryptionTest, InitNeedsTheKeyPair) {
     for (const CK_OBJECT_HANDLE key :
          Handles{privateKey(7), publicKey(7), 0x70000000, 0x70000FFF, certificate(5), 0xFFFFFFFF}) {
-        EXPECT_EQ(encryptInit(CKM_RSA_PKCS, key),
-                  failed(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit", text("Invalid input handle in encrypt : ", key),
-                         {listKeyPairs}));
+        EXPECT_EQ(init(CKM_RSA_PKCS, key), failed(CKR_OBJECT_HANDLE_INVALID, "C_EncryptInit",
+                                                  text("Invalid input handle in encrypt : ", key), {listKeyPairs}));
     }
     for (const CK_OBJECT_HANDLE key : Handles{publicKey(7), certificate(5)}) {
-        EXPECT_EQ(encryptInit(CKM_RSA_PKCS_OAEP, key),
+        EXPECT_EQ(init(CKM_RSA_PKCS_OAEP, key),
                   refused(CKR_OBJECT_HANDLE_INVALID,
                           text("C_EncryptInit: invalid input handle for OAEP encrypt : ", key), {listKeyPairs}));
     }
-    EXPECT_EQ(encrypt({1}), notInitialised("C_Encrypt"));
+    EXPECT_EQ(run({1}), notBegun());
 }
 
-TEST_F(CipherTest, ParametersAreRefusedForPkcs1AndIgnoredForOaep) {
-    for (const auto& [address, count] : {std::pair<void*, CK_ULONG>{&length, 0}, {nullptr, 1}, {&length, 4}}) {
-        CK_MECHANISM mechanism = {CKM_RSA_PKCS, address, count};
-        EXPECT_EQ(observe([&] { return api->C_EncryptInit(session, &mechanism, publicKey(5)); }),
-                  refused(CKR_MECHANISM_PARAM_INVALID, "C_EncryptInit: mechanism param invalid for mechanism=1"));
-        EXPECT_EQ(observe([&] { return api->C_DecryptInit(session, &mechanism, privateKey(5)); }),
-                  refused(CKR_MECHANISM_PARAM_INVALID, "C_DecryptInit: mechanism param invalid for CKM_RSA_PKCS"));
+TEST_F(DecryptionTest, InitWorksInEveryStateButTheFirst) {
+    for (const CK_STATE state :
+         Numbers{CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION, CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
+        closeEverything(session);
+        session = openSessionIn(state);
+        EXPECT_EQ(init(CKM_RSA_PKCS), ready()) << state;
     }
-    CK_MECHANISM oaep = {CKM_RSA_PKCS_OAEP, reinterpret_cast<void*>(1), 1000};
-    EXPECT_EQ(observe([&] { return api->C_EncryptInit(session, &oaep, publicKey(5)); }), encryptReady);
-    abandon();
-    EXPECT_EQ(observe([&] { return api->C_DecryptInit(session, &oaep, privateKey(5)); }), decryptReady);
+    closeEverything(session);
+    session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    EXPECT_EQ(init(CKM_RSA_PKCS), refused(CKR_SESSION_HANDLE_INVALID, "C_DecryptInit: invalid session state=0"));
 }
 
-TEST_F(CipherTest, OtherMechanismsAreUnknown) {
-    for (const CK_MECHANISM_TYPE type : Numbers{0, 3, CKM_RSA_PKCS_PSS, CKM_SHA256_RSA_PKCS, CKM_ECDSA, 0xFFFFFFFF}) {
-        EXPECT_EQ(encryptInit(type),
-                  refused(CKR_MECHANISM_INVALID, text("C_EncryptInit: unsupported mechanism=", type)));
-        EXPECT_EQ(decryptInit(type),
-                  refused(CKR_MECHANISM_INVALID, text("C_DecryptInit: unsupported mechanism=", type)));
+TEST_F(DecryptionTest, InitNeedsAPrivateKeyHandle) {
+    for (const CK_OBJECT_HANDLE key : Handles{0, 5, 0x6FFFFFFF}) {
+        EXPECT_EQ(init(CKM_RSA_PKCS, key),
+                  refused(CKR_OBJECT_HANDLE_INVALID, text("C_DecryptInit: invalid hKey=", key, " for CKM_RSA_PKCS")));
+        EXPECT_EQ(
+            init(CKM_RSA_PKCS_OAEP, key),
+            refused(CKR_OBJECT_HANDLE_INVALID, text("C_DecryptInit: invalid hKey=", key, " for CKM_RSA_PKCS_OAEP")));
     }
-}
-
-TEST_F(CipherTest, TheKeyMustBeMeantForEncryption) {
-    for (const std::uint32_t usage : {0U, 1U, 4U, 5U}) {
-        keyRecord().keyUsage = usage;
-        for (const CK_MECHANISM_TYPE type : Numbers{CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
-            EXPECT_EQ(
-                encryptInit(type),
-                refused(CKR_KEY_FUNCTION_NOT_PERMITTED,
-                        text("C_EncryptInit: key usage does not permit encrypt, keyUsage=", usage), {listKeyPairs}));
-            EXPECT_EQ(
-                decryptInit(type),
-                refused(CKR_KEY_FUNCTION_NOT_PERMITTED,
-                        text("C_DecryptInit: key usage does not permit decrypt, keyUsage=", usage), {listKeyPairs}));
-        }
-    }
-    EXPECT_EQ(encrypt({1}), notInitialised("C_Encrypt"));
-    EXPECT_EQ(decrypt({1}), notInitialised("C_Decrypt"));
-    for (const std::uint32_t usage : {2U, 3U, 6U}) {
-        keyRecord().keyUsage = usage;
-        EXPECT_EQ(encryptInit(CKM_RSA_PKCS), encryptReady);
-        abandon();
-        EXPECT_EQ(decryptInit(CKM_RSA_PKCS), decryptReady);
-        abandon();
+    for (const CK_OBJECT_HANDLE key : Handles{publicKey(5), privateKey(7), 0x70000000, certificate(5), 0xFFFFFFFF}) {
+        EXPECT_EQ(init(CKM_RSA_PKCS, key), failed(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit",
+                                                  text("Invalid input handle in decrypt : ", key), {listKeyPairs}));
+        EXPECT_EQ(init(CKM_RSA_PKCS_OAEP, key),
+                  failed(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit",
+                         text("Invalid input handle in decrypt OAEP : ", key), {listKeyPairs}));
     }
 }
 
-// --- C_Encrypt ---
+// --- The work ---
 
-TEST_F(CipherTest, EachMechanismEncryptsWithItsPadding) {
+TEST_F(EncryptionTest, EachMechanismHasItsPadding) {
     const Bytes data = {1, 2, 3};
     const std::pair<CK_MECHANISM_TYPE, int> rows[] = {{CKM_RSA_PKCS, 1}, {CKM_RSA_PKCS_OAEP, 4}, {CKM_RSA_PKCS, 1}};
     for (const auto& [type, padding] : rows) {
-        EXPECT_EQ(encryptInit(type), encryptReady);
-        EXPECT_EQ(encrypt(data), succeeded("C_Encrypt", {encryptCall(8, padding, data, wrapped2048(modulus))}));
-        expectInRoom(world.ciphertext);
-        EXPECT_EQ(encrypt(data), notInitialised("C_Encrypt"));
+        EXPECT_EQ(init(type), ready());
+        EXPECT_EQ(run(data), succeeded("C_Encrypt", {encryptCall(8, padding, data, wrapped2048(modulus))}));
+        expectInRoom(result());
+        EXPECT_EQ(run(data), notBegun());
     }
 }
 
-TEST_F(CipherTest, ThePrivateKeysHandleEncryptsWithItsPublicKey) {
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS, privateKey(5)).code, CKR_OK);
-    EXPECT_EQ(encrypt({9}).device, (Lines{encryptCall(8, 1, {9}, wrapped2048(modulus))}));
+TEST_F(EncryptionTest, ThePrivateKeysHandleMeansItsPublicKey) {
+    ASSERT_EQ(init(CKM_RSA_PKCS, privateKey(5)).code, CKR_OK);
+    EXPECT_EQ(run({9}).device, (Lines{encryptCall(8, 1, {9}, wrapped2048(modulus))}));
 }
 
-TEST_F(CipherTest, TheKeyTypeChoosesTheEncryptionType) {
+TEST_F(EncryptionTest, TheKeyTypeChoosesTheEncryptionType) {
     const std::pair<int, int> rows[] = {{1, 7}, {2, 8}, {3, 9}, {4, 10}, {5, 8},
                                         {6, 8}, {7, 8}, {0, 8}, {99, 8}, {-1, 8}};
     for (const auto& [keyType, encryptionType] : rows) {
         keyRecord().keyType = keyType;
-        ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-        EXPECT_EQ(encrypt({1}).device, (Lines{encryptCall(encryptionType, 1, {1}, wrapped2048(modulus))})) << keyType;
+        begin();
+        EXPECT_EQ(run({1}).device, (Lines{encryptCall(encryptionType, 1, {1}, wrapped2048(modulus))})) << keyType;
     }
 }
 
-TEST_F(CipherTest, EveryPublicKeyIsWrapped) {
+TEST_F(EncryptionTest, EveryPublicKeyIsWrapped) {
     const Bytes small = countingBytes(5, 256);  // no zero byte before it
     const Bytes rsa1024Modulus = countingBytes(0x80, 128);
     const Bytes longest(1024, 0xFF);
@@ -265,382 +315,218 @@ TEST_F(CipherTest, EveryPublicKeyIsWrapped) {
     };
     for (const auto& [stored, wrapped] : rows) {
         setPublicKey(keyRecord(), stored);
-        ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-        EXPECT_EQ(encrypt({1}), succeeded("C_Encrypt", {encryptCall(8, 1, {1}, wrapped)})) << stored.size();
+        begin();
+        EXPECT_EQ(run({1}), succeeded("C_Encrypt", {encryptCall(8, 1, {1}, wrapped)})) << stored.size();
     }
 }
 
-TEST_F(CipherTest, EncryptArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
-    unsigned char byte = 1;
-    const auto call = [&](CK_BYTE_PTR data, CK_ULONG count, CK_ULONG* target) {
-        return observe([&] { return api->C_Encrypt(session, data, count, nullptr, target); });
-    };
-    const CK_SESSION_HANDLE good = session;
-    session = 7;
-    EXPECT_EQ(call(nullptr, 0, nullptr), refused(CKR_SESSION_HANDLE_INVALID, "C_Encrypt: invalid hSession=7"));
-    session = good;
-    EXPECT_EQ(call(nullptr, 0, nullptr), notInitialised("C_Encrypt"));
-    ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(call(nullptr, 0, nullptr), notInitialised("C_Encrypt", 3));
-    abandon();
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS_OAEP).code, CKR_OK);
-    for (const auto& [data, count] : {std::pair<CK_BYTE_PTR, CK_ULONG>{nullptr, 3}, {&byte, 0}, {nullptr, 0}}) {
-        EXPECT_EQ(call(data, count, nullptr),
-                  refused(CKR_ARGUMENTS_BAD, text("C_Encrypt: pData is NULL or ulDataLen<=0, ulDataLen=", count)));
-    }
-    EXPECT_EQ(call(&byte, 1, nullptr), refused(CKR_ARGUMENTS_BAD, "C_Encrypt: pulEncryptedDataLen is NULL"));
-    EXPECT_EQ(encrypt({1}).device, (Lines{encryptCall(8, 4, {1}, wrapped2048(modulus))}));
-    api->C_Finalize(nullptr);
-    EXPECT_EQ(call(nullptr, 0, nullptr), refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_Encrypt: not initialized"));
-}
-
-TEST_F(CipherTest, ASizeQueryKeepsTheCiphertext) {
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    length = 0;
-    EXPECT_EQ(encryptSize({1}), succeeded("C_Encrypt", {encryptCall(8, 1, {1}, wrapped2048(modulus))}));
-    EXPECT_EQ(length, 256U);
-    const Bytes first = world.ciphertext;
-    world.ciphertext = {7};
-    EXPECT_EQ(encryptSize({2, 3}), succeeded("C_Encrypt"));
-    EXPECT_EQ(length, 256U);
-    // The arguments are looked at all the same.
-    EXPECT_EQ(encryptSize({}).code, CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(encrypt({4, 5, 6}), succeeded("C_Encrypt"));
-    expectInRoom(first);
-    EXPECT_EQ(encrypt({4}), notInitialised("C_Encrypt"));
-}
-
-TEST_F(CipherTest, AnEmptyCiphertextIsNoStoredResult) {
-    world.ciphertext = {};
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    length = 9;
-    EXPECT_EQ(encryptSize({1}).code, CKR_OK);
-    EXPECT_EQ(length, 0U);
-    EXPECT_EQ(encrypt({2}).device, (Lines{encryptCall(8, 1, {2}, wrapped2048(modulus))}));
-    expectInRoom({});
-    EXPECT_EQ(encrypt({2}), notInitialised("C_Encrypt"));
-}
-
-TEST_F(CipherTest, ANewStartDropsTheKeptResult) {
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    ASSERT_EQ(encryptSize({1}).code, CKR_OK);
-    abandon();
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(encrypt({2}).device, (Lines{encryptCall(8, 1, {2}, wrapped2048(modulus))}));
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    ASSERT_EQ(encryptSize({1}).code, CKR_OK);
-    abandon();
-    ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(decrypt({2}).device, (Lines{decryptCall({2})}));
-    expectInRoom(world.plaintext);
-}
-
-TEST_F(CipherTest, TheWholeAreaMayBeFilled) {
+TEST_F(EncryptionTest, TheWholeAreaMayBeFilled) {
     world.ciphertext = countingBytes(0, 1024);
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(encrypt({1}).code, CKR_OK);
-    expectInRoom(world.ciphertext);
+    begin();
+    EXPECT_EQ(run({1}).code, CKR_OK);
+    expectInRoom(result());
 }
 
-TEST_F(CipherTest, ALengthBeyondTheAreaIsAFailure) {
+TEST_F(EncryptionTest, ALengthBeyondTheAreaIsAFailure) {
     for (const int reported : {1025, 2000000000, -1}) {
-        ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
+        begin();
         world.reportedLength = reported;
-        const Outcome outcome = encrypt({1});
-        EXPECT_EQ(outcome.code, CKR_FUNCTION_FAILED);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_Encrypt"));
+        expectOneError(run({1}), CKR_FUNCTION_FAILED, name());
         EXPECT_TRUE(room.untouchedFrom(0));
         world.reportedLength.reset();
-        EXPECT_EQ(encrypt({1}), notInitialised("C_Encrypt"));
+        EXPECT_EQ(run({1}), notBegun());
     }
 }
 
-TEST_F(CipherTest, AFailedEncryptionEndsTheOperation) {
-    for (const int result : {1, 40, -7}) {
-        setResult("zentak_encrypt", result);
-        ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-        EXPECT_EQ(encrypt({1}), failed(CKR_FUNCTION_FAILED, "C_Encrypt", text("Encrypt data failed : ", result),
-                                       {encryptCall(8, 1, {1}, wrapped2048(modulus))}));
-        EXPECT_TRUE(room.untouchedFrom(0));
-        EXPECT_EQ(encrypt({1}), notInitialised("C_Encrypt"));
-    }
-}
-
-TEST_F(CipherTest, EncryptionNeedsNoLoginAndWorksOnAFipsToken) {
+TEST_F(EncryptionTest, NeedsNoLoginAndWorksOnAFipsToken) {
     ASSERT_EQ(api->C_Logout(session), CKR_OK);
-    EXPECT_EQ(encryptInit(CKM_RSA_PKCS), encryptReady);
-    EXPECT_EQ(encrypt({1}).code, CKR_OK);
+    EXPECT_EQ(init(CKM_RSA_PKCS), ready());
+    EXPECT_EQ(run({1}).code, CKR_OK);
     session = openSession(0, fipsSlot);
     world.keyPairs["SN2"] = {makeKeyPair(5, rsa1024)};
     setPublicKey(world.keyPairs["SN2"][0], modulus);
-    EXPECT_EQ(encryptInit(CKM_RSA_PKCS), succeeded("C_EncryptInit", {"zentak_getKeyPairList(\"SN2\", instance)"}));
-    EXPECT_EQ(encrypt({1}).device, (Lines{encryptCall(7, 1, {1}, wrapped2048(modulus))}));
+    EXPECT_EQ(init(CKM_RSA_PKCS), succeeded("C_EncryptInit", {"zentak_getKeyPairList(\"SN2\", instance)"}));
+    EXPECT_EQ(run({1}).device, (Lines{encryptCall(7, 1, {1}, wrapped2048(modulus))}));
 }
 
-TEST_F(CipherTest, TheLastKeyPairLookedUpIsTheOneThatEncrypts) {
+TEST_F(EncryptionTest, TheLastKeyPairLookedUpIsUsed) {
     setPublicKey(world.keyPairs["SN1"][1], countingBytes(0x90, 256));
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
+    begin();
     const CK_SESSION_HANDLE other = openSession();
     CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
     ASSERT_EQ(api->C_EncryptInit(other, &mechanism, publicKey(6)), CKR_OK);
-    EXPECT_EQ(encrypt({1}).device, (Lines{encryptCall(8, 1, {1}, wrapped2048(countingBytes(0x90, 256)))}));
+    EXPECT_EQ(run({1}).device, (Lines{encryptCall(8, 1, {1}, wrapped2048(countingBytes(0x90, 256)))}));
 }
 
-// --- C_DecryptInit ---
-
-TEST_F(CipherTest, DecryptInitChecksInItsOrder) {
-    const std::string function = "C_DecryptInit";
-    const auto init = [&](CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key) {
-        return observe([&] { return api->C_DecryptInit(session, mechanism, key); });
-    };
-    unsigned char parameter = 0;
-    CK_MECHANISM withParameter = {CKM_RSA_PKCS, &parameter, 1};
-    const CK_SESSION_HANDLE good = session;
-    session = 7;
-    EXPECT_EQ(init(nullptr, 0), refused(CKR_SESSION_HANDLE_INVALID, "C_DecryptInit: invalid hSession=7"));
-    session = good;
-    ASSERT_EQ(api->C_Logout(session), CKR_OK);
-    ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
-    EXPECT_EQ(init(nullptr, 0), refused(CKR_SESSION_HANDLE_INVALID, "C_DecryptInit: invalid session state=0"));
-    login(session, userPin);
-    EXPECT_EQ(init(nullptr, 0),
-              refused(CKR_OPERATION_ACTIVE, "C_DecryptInit: operation already active, activeOperation=1"));
-    ASSERT_EQ(api->C_FindObjectsFinal(session), CKR_OK);
-    EXPECT_EQ(init(nullptr, 0), refused(CKR_ARGUMENTS_BAD, "C_DecryptInit: pMechanism is NULL"));
-    EXPECT_EQ(init(&withParameter, 0),
-              refused(CKR_MECHANISM_PARAM_INVALID, "C_DecryptInit: mechanism param invalid for CKM_RSA_PKCS"));
-    api->C_Finalize(nullptr);
-    session = 7;
-    EXPECT_EQ(init(nullptr, 0), refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_DecryptInit: not initialized"));
-}
-
-TEST_F(CipherTest, DecryptInitWorksInEveryStateButTheFirst) {
-    for (const CK_STATE state :
-         Numbers{CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION, CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
-        closeEverything(session);
-        session = openSessionIn(state);
-        EXPECT_EQ(decryptInit(CKM_RSA_PKCS), decryptReady) << state;
-    }
-    closeEverything(session);
-    session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(decryptInit(CKM_RSA_PKCS), refused(CKR_SESSION_HANDLE_INVALID, "C_DecryptInit: invalid session state=0"));
-}
-
-TEST_F(CipherTest, DecryptInitNeedsAPrivateKeyHandle) {
-    for (const CK_OBJECT_HANDLE key : Handles{0, 5, 0x6FFFFFFF}) {
-        EXPECT_EQ(decryptInit(CKM_RSA_PKCS, key),
-                  refused(CKR_OBJECT_HANDLE_INVALID, text("C_DecryptInit: invalid hKey=", key, " for CKM_RSA_PKCS")));
-        EXPECT_EQ(
-            decryptInit(CKM_RSA_PKCS_OAEP, key),
-            refused(CKR_OBJECT_HANDLE_INVALID, text("C_DecryptInit: invalid hKey=", key, " for CKM_RSA_PKCS_OAEP")));
-    }
-    for (const CK_OBJECT_HANDLE key : Handles{publicKey(5), privateKey(7), 0x70000000, certificate(5), 0xFFFFFFFF}) {
-        EXPECT_EQ(decryptInit(CKM_RSA_PKCS, key),
-                  failed(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit", text("Invalid input handle in decrypt : ", key),
-                         {listKeyPairs}));
-        EXPECT_EQ(decryptInit(CKM_RSA_PKCS_OAEP, key),
-                  failed(CKR_OBJECT_HANDLE_INVALID, "C_DecryptInit",
-                         text("Invalid input handle in decrypt OAEP : ", key), {listKeyPairs}));
-    }
-}
-
-TEST_F(CipherTest, DecryptInitRefusesEachRunningOperation) {
-    ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(decryptInit(CKM_MD5, 0),
-              refused(CKR_OPERATION_ACTIVE, "C_DecryptInit: operation already active, activeOperation=3"));
-    EXPECT_EQ(encryptInit(CKM_MD5, 0),
-              refused(CKR_OPERATION_ACTIVE, "C_EncryptInit: operation already active, activeOperation=3"));
-}
-
-// --- C_Decrypt ---
-
-TEST_F(CipherTest, BothMechanismsDecryptAlike) {
+TEST_F(DecryptionTest, BothMechanismsAreTheSame) {
     const Bytes data = countingBytes(3, 256);
     for (const CK_MECHANISM_TYPE type : Numbers{CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP}) {
         for (const bool flag : {false, true}) {
             keyRecord().keyFlag = flag;
-            EXPECT_EQ(decryptInit(type), decryptReady);
-            EXPECT_EQ(decrypt(data), succeeded("C_Decrypt", {decryptCall(data, flag)}));
-            expectInRoom(world.plaintext);
-            EXPECT_EQ(decrypt(data), notInitialised("C_Decrypt"));
+            EXPECT_EQ(init(type), ready());
+            EXPECT_EQ(run(data), succeeded("C_Decrypt", {decryptCall(data, flag)}));
+            expectInRoom(result());
+            EXPECT_EQ(run(data), notBegun());
         }
     }
     EXPECT_EQ(world.buffersHandedOut(), 4);
 }
 
-TEST_F(CipherTest, WithoutALoginThePasswordIsEmpty) {
+TEST_F(DecryptionTest, WithoutALoginThePasswordIsEmpty) {
     closeEverything(session);
     session = openSessionIn(CKS_RW_PUBLIC_SESSION);
-    ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(decrypt({1}).device, (Lines{decryptCall({1}, false, "")}));
+    begin();
+    EXPECT_EQ(run({1}).device, (Lines{decryptCall({1}, false, "")}));
 }
 
-TEST_F(CipherTest, DecryptArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
-    unsigned char byte = 1;
-    const auto call = [&](CK_BYTE_PTR data, CK_ULONG count, CK_ULONG* target) {
-        return observe([&] { return api->C_Decrypt(session, data, count, nullptr, target); });
-    };
-    const CK_SESSION_HANDLE good = session;
-    session = 7;
-    EXPECT_EQ(call(nullptr, 0, nullptr), refused(CKR_SESSION_HANDLE_INVALID, "C_Decrypt: invalid hSession=7"));
-    session = good;
-    EXPECT_EQ(call(nullptr, 0, nullptr), notInitialised("C_Decrypt"));
-    ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(call(nullptr, 0, nullptr), notInitialised("C_Decrypt", 2));
-    abandon();
-    ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    for (const CK_ULONG count : Numbers{0, 3}) {
-        EXPECT_EQ(call(nullptr, count, nullptr), refused(CKR_ARGUMENTS_BAD, "C_Decrypt: pEncryptedData is NULL"));
-    }
-    EXPECT_EQ(call(&byte, 0, nullptr),
-              refused(CKR_ARGUMENTS_BAD, "C_Decrypt: ulEncryptedDataLen<=0, ulEncryptedDataLen=0"));
-    EXPECT_EQ(call(&byte, 1, nullptr), refused(CKR_ARGUMENTS_BAD, "C_Decrypt: pulDataLen is NULL"));
-    EXPECT_EQ(decrypt({1}).code, CKR_OK);
-    api->C_Finalize(nullptr);
-    EXPECT_EQ(call(nullptr, 0, nullptr), refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_Decrypt: not initialized"));
-}
-
-TEST_F(CipherTest, ASizeQueryKeepsThePlaintext) {
-    ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(decryptSize({1}), succeeded("C_Decrypt", {decryptCall({1})}));
-    EXPECT_EQ(length, 11U);
-    const Bytes first = world.plaintext;
-    world.plaintext = {7};
-    EXPECT_EQ(decryptSize({}).code, CKR_ARGUMENTS_BAD);
-    EXPECT_EQ(decrypt({2, 3}), succeeded("C_Decrypt"));
-    expectInRoom(first);
-    EXPECT_EQ(world.buffersHandedOut(), 1);
-    EXPECT_EQ(decrypt({2}), notInitialised("C_Decrypt"));
-}
-
-TEST_F(CipherTest, AnEmptyPlaintextIsNoStoredResult) {
-    world.plaintext = {};
-    ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    length = 9;
-    EXPECT_EQ(decryptSize({1}), succeeded("C_Decrypt", {decryptCall({1})}));
-    EXPECT_EQ(length, 0U);
-    EXPECT_EQ(decrypt({2}), succeeded("C_Decrypt", {decryptCall({2})}));
-    expectInRoom({});
-    EXPECT_EQ(world.buffersHandedOut(), 2);
-    EXPECT_EQ(decrypt({2}), notInitialised("C_Decrypt"));
-}
-
-TEST_F(CipherTest, AFailedDecryptionEndsTheOperation) {
-    // A buffer in spite of the failure is released; a leak checker sees it.
-    for (const bool handsOut : {false, true}) {
-        world.handsOutOnFailure = handsOut;
-        for (const int result : {1, 48, -7}) {
-            setResult("zentak_decrypt", result);
-            ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-            EXPECT_EQ(decrypt({1}), failed(CKR_FUNCTION_FAILED, "C_Decrypt", text("Dacrypt data failed : ", result),
-                                           {decryptCall({1})}));
-            EXPECT_TRUE(room.untouchedFrom(0));
-            EXPECT_EQ(decrypt({1}), notInitialised("C_Decrypt"));
-        }
-    }
-    EXPECT_EQ(world.buffersHandedOut(), 3);
-}
-
-TEST_F(CipherTest, ALengthOfNothingIsAFailure) {
+TEST_F(DecryptionTest, ALengthOfNothingIsAFailure) {
     for (const int reported : {1, 2000000000, -1}) {
         world.lengthOfNothing = reported;
-        ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-        const Outcome outcome = decrypt({1});
-        EXPECT_EQ(outcome.code, CKR_FUNCTION_FAILED);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_Decrypt"));
+        begin();
+        expectOneError(run({1}), CKR_FUNCTION_FAILED, name());
         EXPECT_TRUE(room.untouchedFrom(0));
-        EXPECT_EQ(decrypt({1}), notInitialised("C_Decrypt"));
+        EXPECT_EQ(run({1}), notBegun());
     }
     // No plaintext needs no buffer.
     world.lengthOfNothing = 0;
-    ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-    EXPECT_EQ(decrypt({1}), succeeded("C_Decrypt", {decryptCall({1})}));
+    begin();
+    EXPECT_EQ(run({1}), succeeded("C_Decrypt", {decryptCall({1})}));
     expectInRoom({});
 }
 
-// --- Started during a digest ---
+TEST_P(EitherDirectionTest, ArgumentsAreCheckedInTheirOrderAndKeepTheOperation) {
+    const bool encrypts = direction_.encrypts;
+    unsigned char byte = 1;
+    const CK_SESSION_HANDLE good = session;
+    session = 7;
+    EXPECT_EQ(call(nullptr, 0, nullptr, nullptr), refused(CKR_SESSION_HANDLE_INVALID, name() + ": invalid hSession=7"));
+    session = good;
+    EXPECT_EQ(call(nullptr, 0, nullptr, nullptr), notBegun());
+    const Direction own = std::exchange(direction_, opposite());
+    begin();
+    direction_ = own;
+    EXPECT_EQ(call(nullptr, 0, nullptr, nullptr), notBegun(opposite().active));
+    abandon();
+    begin(encrypts ? CKM_RSA_PKCS_OAEP : CKM_RSA_PKCS);
+    for (const auto& [data, count] : {std::pair<CK_BYTE_PTR, CK_ULONG>{nullptr, 3}, {&byte, 0}, {nullptr, 0}}) {
+        const std::string reason = encrypts          ? text("pData is NULL or ulDataLen<=0, ulDataLen=", count)
+                                   : data == nullptr ? "pEncryptedData is NULL"
+                                                     : "ulEncryptedDataLen<=0, ulEncryptedDataLen=0";
+        EXPECT_EQ(call(data, count, nullptr, nullptr), refused(CKR_ARGUMENTS_BAD, name() + ": " + reason));
+    }
+    EXPECT_EQ(
+        call(&byte, 1, nullptr, nullptr),
+        refused(CKR_ARGUMENTS_BAD, name() + (encrypts ? ": pulEncryptedDataLen is NULL" : ": pulDataLen is NULL")));
+    EXPECT_EQ(run({1}).device, Lines{encrypts ? encryptCall(8, 4, {1}, wrapped2048(modulus)) : decryptCall({1})});
+    api->C_Finalize(nullptr);
+    EXPECT_EQ(call(nullptr, 0, nullptr, nullptr), refused(CKR_CRYPTOKI_NOT_INITIALIZED, name() + ": not initialized"));
+}
 
-TEST_F(CipherTest, StartedDuringADigestAnOperationCanNeitherBeCarriedOutNorReplaced) {
-    for (const int active : {9, 10}) {
-        digestInit();
-        EXPECT_EQ(active == 9 ? encryptInit(CKM_RSA_PKCS) : decryptInit(CKM_RSA_PKCS),
-                  active == 9 ? encryptReady : decryptReady);
-        EXPECT_EQ(encrypt({1}), notInitialised("C_Encrypt", active));
-        EXPECT_EQ(decrypt({1}), notInitialised("C_Decrypt", active));
-        EXPECT_EQ(observe([&] { return api->C_Digest(session, nullptr, 0, nullptr, nullptr); }),
-                  notInitialised("C_Digest", active));
-        CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
-        const std::pair<const char*, Outcome> starts[] = {
-            {"C_EncryptInit", encryptInit(CKM_RSA_PKCS)},
-            {"C_DecryptInit", decryptInit(CKM_RSA_PKCS)},
-            {"C_DigestInit", observe([&] { return api->C_DigestInit(session, &mechanism); })},
-            {"C_SignInit", observe([&] { return api->C_SignInit(session, &mechanism, privateKey(5)); })},
-            {"C_VerifyInit", observe([&] { return api->C_VerifyInit(session, &mechanism, publicKey(5)); })}};
-        for (const auto& [function, outcome] : starts) {
-            EXPECT_EQ(outcome, refused(CKR_OPERATION_ACTIVE,
-                                       text(function, ": operation already active, activeOperation=", active)));
-        }
-        abandon();  // only a search gets it out of the way
-        ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-        EXPECT_EQ(encrypt({1}).code, CKR_OK);
+TEST_P(EitherDirectionTest, ASizeQueryKeepsTheResult) {
+    begin();
+    length = 0;
+    EXPECT_EQ(askSize({1}), done({1}));
+    const Bytes first = std::exchange(result(), {7});
+    EXPECT_EQ(length, first.size());
+    EXPECT_EQ(askSize({2, 3}), succeeded(name()));
+    EXPECT_EQ(length, first.size());
+    // The arguments are looked at all the same.
+    EXPECT_EQ(askSize({}).code, CKR_ARGUMENTS_BAD);
+    EXPECT_EQ(run({4, 5, 6}), succeeded(name()));
+    expectInRoom(first);
+    EXPECT_EQ(world.buffersHandedOut(), direction_.encrypts ? 0 : 1);
+    EXPECT_EQ(run({4}), notBegun());
+}
+
+TEST_P(EitherDirectionTest, AnEmptyResultIsNoStoredResult) {
+    result() = {};
+    begin();
+    length = 9;
+    EXPECT_EQ(askSize({1}), done({1}));
+    EXPECT_EQ(length, 0U);
+    EXPECT_EQ(run({2}), done({2}));
+    expectInRoom({});
+    EXPECT_EQ(world.buffersHandedOut(), direction_.encrypts ? 0 : 2);
+    EXPECT_EQ(run({2}), notBegun());
+}
+
+TEST_P(EitherDirectionTest, ANewStartDropsTheKeptResult) {
+    for (const Direction& next : {direction_, opposite()}) {
+        direction_ = GetParam();
+        begin();
+        ASSERT_EQ(askSize({1}).code, CKR_OK);
+        abandon();
+        direction_ = next;
+        begin();
+        EXPECT_EQ(run({2}), done({2}));
+        expectInRoom(result());
     }
 }
 
-TEST_F(CipherTest, ARefusedStartLeavesTheDigestRunning) {
+TEST_P(EitherDirectionTest, AFailureEndsTheOperation) {
+    const std::string words = direction_.encrypts ? "Encrypt data failed : " : "Dacrypt data failed : ";
+    // A buffer in spite of the failure is released; a leak checker sees it.
+    for (const bool handsOut : {false, true}) {
+        world.handsOutOnFailure = handsOut;
+        for (const int code : {1, 40, 48, -7}) {
+            setResult(direction_.operation, code);
+            begin();
+            EXPECT_EQ(run({1}), failed(CKR_FUNCTION_FAILED, name(), text(words, code), {deviceCall({1})}));
+            EXPECT_TRUE(room.untouchedFrom(0));
+            EXPECT_EQ(run({1}), notBegun());
+        }
+    }
+    EXPECT_EQ(world.buffersHandedOut(), direction_.encrypts ? 0 : 4);
+}
+
+// --- Begun during a digest ---
+
+TEST_P(EitherDirectionTest, BegunDuringADigestItCanNeitherBeCarriedOutNorReplaced) {
+    const int active = direction_.activeInDigest;
     digestInit();
-    EXPECT_EQ(encryptInit(CKM_MD5).code, CKR_MECHANISM_INVALID);
-    EXPECT_EQ(decryptInit(CKM_RSA_PKCS, publicKey(5)).code, CKR_OBJECT_HANDLE_INVALID);
+    EXPECT_EQ(init(CKM_RSA_PKCS), ready());
+    CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
+    unsigned char byte = 1;
+    const std::pair<const char*, Outcome> refusedWork[] = {
+        {"C_Encrypt", observe([&] { return api->C_Encrypt(session, &byte, 1, nullptr, &length); })},
+        {"C_Decrypt", observe([&] { return api->C_Decrypt(session, &byte, 1, nullptr, &length); })},
+        {"C_Digest", observe([&] { return api->C_Digest(session, nullptr, 0, nullptr, nullptr); })}};
+    for (const auto& [function, outcome] : refusedWork) EXPECT_EQ(outcome, notInitialised(function, active));
+    const std::pair<const char*, Outcome> starts[] = {
+        {"C_EncryptInit", observe([&] { return api->C_EncryptInit(session, &mechanism, publicKey(5)); })},
+        {"C_DecryptInit", observe([&] { return api->C_DecryptInit(session, &mechanism, privateKey(5)); })},
+        {"C_DigestInit", observe([&] { return api->C_DigestInit(session, &mechanism); })},
+        {"C_SignInit", observe([&] { return api->C_SignInit(session, &mechanism, privateKey(5)); })},
+        {"C_VerifyInit", observe([&] { return api->C_VerifyInit(session, &mechanism, publicKey(5)); })}};
+    for (const auto& [function, outcome] : starts) {
+        EXPECT_EQ(outcome, refused(CKR_OPERATION_ACTIVE,
+                                   text(function, ": operation already active, activeOperation=", active)));
+    }
+    abandon();  // only a search gets it out of the way
+    begin();
+    EXPECT_EQ(run({1}).code, CKR_OK);
+}
+
+TEST_P(EitherDirectionTest, ARefusedStartLeavesTheDigestRunning) {
+    digestInit();
+    EXPECT_EQ(init(CKM_MD5).code, CKR_MECHANISM_INVALID);
+    EXPECT_EQ(init(CKM_RSA_PKCS, 0).code, CKR_OBJECT_HANDLE_INVALID);
+    EXPECT_EQ(init(CKM_RSA_PKCS, publicKey(7)).code, CKR_OBJECT_HANDLE_INVALID);
     unsigned char byte = 1;
     room = Room(2000);
     EXPECT_EQ(api->C_Digest(session, &byte, 1, static_cast<CK_BYTE_PTR>(room.address()), &length), CKR_OK);
     EXPECT_EQ(room.first(32), digest);
 }
 
-// --- Both ---
-
-TEST_F(CipherTest, ExceptionsEndTheOperationLikeFailures) {
+TEST_P(EitherDirectionTest, ExceptionsEndTheOperationLikeFailures) {
     for (const ThrownCode& row : thrownCodes) {
         letThrow("zentak_getKeyPairList", row.thrown);
-        Outcome outcome = encryptInit(CKM_RSA_PKCS);
-        EXPECT_EQ(outcome.code, row.code);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_EncryptInit"));
-        EXPECT_EQ(encrypt({1}), notInitialised("C_Encrypt"));
-        letThrow("zentak_getKeyPairList", row.thrown);
-        outcome = decryptInit(CKM_RSA_PKCS);
-        EXPECT_EQ(outcome.code, row.code);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_DecryptInit"));
-
-        ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-        letThrow("zentak_encrypt", row.thrown);
-        outcome = encrypt({1});
-        EXPECT_EQ(outcome.code, row.code);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_Encrypt"));
-        EXPECT_EQ(encrypt({1}), notInitialised("C_Encrypt"));
-
-        ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-        letThrow("zentak_decrypt", row.thrown);
-        outcome = decrypt({1});
-        EXPECT_EQ(outcome.code, row.code);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_Decrypt"));
-        EXPECT_EQ(decrypt({1}), notInitialised("C_Decrypt"));
-    }
-}
-
-TEST_F(CipherTest, MoreDataThanAnIntCountsAreRefused) {
-    unsigned char byte = 1;  // nobody reads what is said to follow
-    for (const CK_ULONG count : Numbers{0x80000000, 0xFFFFFFFF}) {
-        ASSERT_EQ(encryptInit(CKM_RSA_PKCS).code, CKR_OK);
-        Outcome outcome = observe([&] { return api->C_Encrypt(session, &byte, count, nullptr, &length); });
-        EXPECT_EQ(outcome.code, CKR_DATA_LEN_RANGE);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_Encrypt"));
-        EXPECT_EQ(outcome.device, Lines{});
-        abandon();
-        ASSERT_EQ(decryptInit(CKM_RSA_PKCS).code, CKR_OK);
-        outcome = observe([&] { return api->C_Decrypt(session, &byte, count, nullptr, &length); });
-        EXPECT_EQ(outcome.code, CKR_DATA_LEN_RANGE);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_Decrypt"));
-        EXPECT_EQ(outcome.device, Lines{});
-        abandon();
+        expectOneError(init(CKM_RSA_PKCS), row.code, initName());
+        EXPECT_EQ(run({1}), notBegun());
+        begin();
+        letThrow(direction_.operation, row.thrown);
+        expectOneError(run({1}), row.code, name());
+        EXPECT_EQ(run({1}), notBegun());
     }
 }
 

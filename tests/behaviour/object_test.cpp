@@ -97,6 +97,11 @@ bool endsWithOneError(const Lines& log, const std::string& function) {
     return errors == 1 && log.back().compare(0, expected.size(), expected) == 0;
 }
 
+void expectOneError(const Outcome& outcome, CK_RV code, const std::string& function, const std::string& trace) {
+    EXPECT_EQ(outcome.code, code) << trace;
+    EXPECT_TRUE(endsWithOneError(outcome.log, function)) << function << " " << trace;
+}
+
 Bytes Room::first(std::size_t length) const {
     const auto begin = memory_.begin() + 1;
     return Bytes(begin, begin + static_cast<std::ptrdiff_t>(length));

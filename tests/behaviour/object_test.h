@@ -123,6 +123,9 @@ inline const ThrownCode thrownCodes[] = {{scripted::Throw::badAlloc, CKR_HOST_ME
 /// True when the last line is the function's own ERROR line, and the only ERROR line.
 bool endsWithOneError(const Lines& log, const std::string& function);
 
+/// A call that came to this code, with one ERROR line, its own, at the end.
+void expectOneError(const Outcome& outcome, CK_RV code, const std::string& function, const std::string& trace = "");
+
 /// Room for one attribute value, filled with a pattern and starting at an odd address.
 class Room {
 public:

@@ -67,6 +67,15 @@ inline bool signsNothing(const std::string& call) {
     return call == withAddress || call == withoutAddress;
 }
 
+const Bytes rsaIdentifier = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
+const Bytes exponent = {0x02, 0x03, 0x01, 0x00, 0x01};
+
+/// The SubjectPublicKeyInfo of a 256-byte modulus whose top bit is set, written out by hand.
+inline Bytes wrapped2048(const Bytes& modulus) {
+    return Bytes{0x30, 0x82, 0x01, 0x22} + rsaIdentifier + Bytes{0x03, 0x82, 0x01, 0x0F, 0x00} +
+           Bytes{0x30, 0x82, 0x01, 0x0A} + Bytes{0x02, 0x82, 0x01, 0x01, 0x00} + modulus + exponent;
+}
+
 /// A session in which a user is logged in; the key pair 5 is on both tokens.
 class SigningTest : public ObjectTest {
 protected:
@@ -119,6 +128,12 @@ protected:
         return {CKR_OPERATION_NOT_INITIALIZED,
                 {"DEBUG " + function,
                  text("ERROR ", function, ": operation not initialized, activeOperation=", activeOperation)}};
+    }
+    /// Exactly this was written into `room` by the last call.
+    void expectInRoom(const Bytes& result) {
+        EXPECT_EQ(length, result.size());
+        EXPECT_EQ(room.first(result.size()), result);
+        EXPECT_TRUE(room.untouchedFrom(result.size()));
     }
     void setResult(const std::string& operation, int result) { world.results[operation] = result; }
 

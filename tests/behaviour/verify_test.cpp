@@ -6,15 +6,6 @@ using namespace support;
 
 namespace {
 
-const Bytes rsaIdentifier = {0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01, 0x05, 0x00};
-
-/// The SubjectPublicKeyInfo of a 256-byte modulus with its top bit set, written out by hand.
-Bytes wrapped2048(const Bytes& modulus) {
-    return Bytes{0x30, 0x82, 0x01, 0x22} + rsaIdentifier + Bytes{0x03, 0x82, 0x01, 0x0F, 0x00} +
-           Bytes{0x30, 0x82, 0x01, 0x0A} + Bytes{0x02, 0x82, 0x01, 0x01, 0x00} + modulus +
-           Bytes{0x02, 0x03, 0x01, 0x00, 0x01};
-}
-
 class VerifyTest : public SigningTest {
 protected:
     void SetUp() override {
@@ -312,32 +303,6 @@ TEST_F(VerifyTest, ExceptionsEndTheOperationLikeFailures) {
         }
         beginVerify(CKM_SHA256_RSA_PKCS);
         EXPECT_EQ(verify({1}).code, CKR_OK);
-    }
-}
-
-TEST_F(VerifyTest, MoreThanAnIntCountsIsRefused) {
-    unsigned char byte = 1;  // nobody reads what is said to follow
-    for (const CK_ULONG count : Numbers{0x80000000, 0xFFFFFFFF}) {
-        beginVerify(CKM_RSA_PKCS);
-        EXPECT_EQ(observe([&] { return api->C_Verify(session, &byte, count, &byte, 1); }),
-                  (Outcome{CKR_DATA_LEN_RANGE,
-                           {"DEBUG C_Verify", "DEBUG Public key is not der need to convert to the der",
-                            text("ERROR C_Verify: input too long for the device library, length=", count)}}));
-        EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
-
-        beginVerify(CKM_ECDSA);
-        EXPECT_EQ(observe([&] { return api->C_Verify(session, &byte, 1, &byte, count); }),
-                  (Outcome{CKR_DATA_LEN_RANGE,
-                           {"DEBUG C_Verify", "DEBUG Public key is not der need to convert to the der",
-                            text("ERROR C_Verify: input too long for the device library, length=", count)}}));
-        EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
-
-        beginVerify(CKM_ECDSA);
-        ASSERT_EQ(verifyUpdate({1}).code, CKR_OK);
-        EXPECT_EQ(
-            observe([&] { return api->C_VerifyFinal(session, &byte, count); }),
-            refused(CKR_DATA_LEN_RANGE, text("C_VerifyFinal: input too long for the device library, length=", count)));
-        EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
     }
 }
 

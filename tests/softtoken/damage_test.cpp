@@ -138,11 +138,11 @@ TEST_F(DamageTest, WriteThatFailsChangesNothing) {
     fs::path obstacle = tokenFile();
     obstacle += ".new";
     fs::create_directories(obstacle / "in the way");
-    EXPECT_EQ(generateKey(), number(Error::storeFailed));
+    EXPECT_EQ(generateP256(), number(Error::storeFailed));
     EXPECT_TRUE(keyPairs().empty());
     EXPECT_EQ(fileContent(tokenFile()), before);
     fs::remove_all(obstacle);
-    EXPECT_EQ(generateKey(), 0);
+    EXPECT_EQ(generateP256(), 0);
 }
 
 TEST_F(DamageTest, StoreRemovedUnderARunningProgram) {

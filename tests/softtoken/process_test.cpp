@@ -127,7 +127,7 @@ TEST_F(TogetherTest, NoChangeIsLost) {
     OtherProcess first = start("add", "first", 40);
     OtherProcess second = start("add", "second", 40);
     for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(generateKey(), 0);
+        EXPECT_EQ(generateP256(), 0);
         EXPECT_LE(zentak_getCertificateList(device(), instance_).size(), 80U);
     }
     EXPECT_EQ(first.wait(), 0);
@@ -268,7 +268,7 @@ TEST_F(TogetherTest, KeyIsNotAddedUnderAnOutdatedTokenKey) {
     ASSERT_EQ(validate(userPin), 0);
     std::optional<FileLock> lock(folder_.path() / "lock");
     int result = 0;
-    std::thread generating([&] { result = generateKey(); });
+    std::thread generating([&] { result = generateP256(); });
     // It has the token key, from memory, and waits for the lock by then.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     writeFile(tokenFile(), after);

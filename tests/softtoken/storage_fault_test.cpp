@@ -59,7 +59,7 @@ protected:
     void expectNothingChangeable(const KeyPairEntry& key, const fs::path& root) {
         const auto before = filesBelow(root / "plugged");
         EXPECT_EQ(importCertificate(makeCertificate(testKey(6))), number(Error::storeFailed));
-        EXPECT_EQ(generateKey(), number(Error::storeFailed));
+        EXPECT_EQ(generateP256(), number(Error::storeFailed));
         EXPECT_EQ(zentak_deleteKeyPair(device(), key.keyId.data(), userPin, false, instance_),
                   number(Error::storeFailed));
         EXPECT_FALSE(changePin(userPin, "654321"));
@@ -92,7 +92,7 @@ TEST_F(StorageFaultTest, FullDiskRefusesChangesAndLosesNothing) {
         EXPECT_EQ(text.find('\n'), std::string::npos);
         disk.makeRoom();
         EXPECT_EQ(importCertificate(makeCertificate(testKey(6))), 0);
-        EXPECT_EQ(generateKey(), 0);
+        EXPECT_EQ(generateP256(), 0);
         EXPECT_EQ(validate("000000"), number(Error::pinIncorrect));
         EXPECT_EQ(validate(userPin), 0);
         createToken(store_, cheapToken());
@@ -130,7 +130,7 @@ TEST_F(StorageFaultTest, ReadOnlyStoreCanBeReadAndNotChanged) {
         EXPECT_THROW(store_.remove(serialNumber_), Failure);
     });
     setPermissions(0700, 0600);
-    EXPECT_EQ(generateKey(), 0);
+    EXPECT_EQ(generateP256(), 0);
 }
 
 /// The counters are written over, so a write that ends half-way must not stay.

@@ -201,7 +201,7 @@ protected:
         EXPECT_EQ(zentak_initDevice(device(), true, instance_), number(error));
         EXPECT_TRUE(keyPairs().empty());
         EXPECT_EQ(validate(userPin), number(error));
-        EXPECT_EQ(generateKey(), number(error));
+        EXPECT_EQ(generateP256(), number(error));
         EXPECT_EQ(fileContent(tokenFile()), content);
     }
 };

@@ -138,7 +138,7 @@ void TokenTest::reopen() {
     zentak_createInstance(&instance_);
 }
 
-int TokenTest::generateKey() const {
+int TokenTest::generateP256() const {
     ZentakKeyPair record{};
     record.keyType = 5;
     return zentak_generateKeyPair(device(), userPin, &record, instance_);

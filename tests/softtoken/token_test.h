@@ -92,7 +92,7 @@ protected:
         return zentak_getKeyPairList(device(), instance_);
     }
     /// Generates a P-256 key pair.
-    int generateKey() const;
+    int generateP256() const;
     /// Signs a hash of zero bytes.
     int signWith(const Reference& keyId, const char* pin = userPin) const;
     int importCertificate(const Bytes& der) const;
