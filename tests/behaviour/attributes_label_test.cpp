@@ -297,27 +297,6 @@ TEST_F(AttributesLabelTest, TheListsAreCopiesThatNoLaterCallDisturbs) {
     }
 }
 
-TEST_F(AttributesLabelTest, ThrownExceptionsBecomeReturnCodes) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    struct Row {
-        const char* operation;
-        CK_OBJECT_HANDLE object;
-    };
-    const Row rows[] = {{"zentak_getCertificateList", privateKey(5)},
-                        {"zentak_getCertificateDetails", privateKey(5)},
-                        {"zentak_getCertificateDetails", certificate(5)}};
-    for (const Row& row : rows) {
-        for (const ThrownCode& thrown : thrownCodes) {
-            SCOPED_TRACE(row.operation);
-            letThrow(row.operation, thrown.thrown);
-            const Outcome outcome = read(session, row.object);
-            EXPECT_EQ(outcome.code, thrown.code);
-            EXPECT_TRUE(endsWithOneError(outcome.log, "C_GetAttributeValue")) << testing::PrintToString(outcome);
-            EXPECT_EQ(labelOf(session, row.object), row.object == certificate(5) ? "Bob_99" : "Alice_1234");
-        }
-    }
-}
-
 // Whether the token takes the label is of no importance, however it refuses.
 TEST_F(AttributesLabelTest, AThrowingUpdateIsOnlyLogged) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);

@@ -390,24 +390,6 @@ TEST_F(AttributesValueTest, NamesAreAskedWhenTheyAreWanted) {
               (Lines{listKeyPairs}));
 }
 
-TEST_F(AttributesValueTest, AThrownExceptionFromANameBecomesAReturnCode) {
-    const std::pair<CK_ATTRIBUTE_TYPE, const char*> rows[] = {{CKA_ISSUER, "zentak_getCertificateIssuer"},
-                                                              {CKA_SERIAL_NUMBER, "zentak_getCertificateSerialDER"},
-                                                              {CKA_SUBJECT, "zentak_getCertificateSubject"}};
-    for (const auto& [type, operation] : rows) {
-        for (const ThrownCode& thrown : thrownCodes) {
-            SCOPED_TRACE(operation);
-            letThrow(operation, thrown.thrown);
-            CK_ATTRIBUTE wanted = {type, nullptr, 0};
-            const Outcome outcome =
-                observe([&] { return api->C_GetAttributeValue(session, certificate(5), &wanted, 1); });
-            EXPECT_EQ(outcome.code, thrown.code);
-            EXPECT_TRUE(endsWithOneError(outcome.log, "C_GetAttributeValue")) << testing::PrintToString(outcome);
-            EXPECT_EQ(api->C_GetAttributeValue(session, certificate(5), &wanted, 1), CKR_OK);
-        }
-    }
-}
-
 TEST_F(AttributesValueTest, OddLengthsInARecordAreNeverFollowedBeyondTheField) {
     for (const std::int32_t length : {INT32_MIN, -1, 129, 1025, 3073, INT32_MAX}) {
         ZentakKeyPair& keyPair = world.keyPairs["SN1"][0];

@@ -216,20 +216,6 @@ TEST_F(ChangeTest, TheDeviceDecidesWithThePasswordItIsGiven) {
     EXPECT_EQ(setIn(readOnly, publicKey(5), wanted).device, (Lines{listKeyPairs, updateKeyPair(5, "new")}));
 }
 
-TEST_F(ChangeTest, SettingTurnsExceptionsIntoCodes) {
-    Template wanted;
-    wanted.add(CKA_LABEL, "new");
-    for (const ThrownCode& row : thrownCodes) {
-        for (const char* operation : {"zentak_getKeyPairList", "zentak_updateKeyPairDetails"}) {
-            letThrow(operation, row.thrown);
-            const Outcome outcome = set(privateKey(5), wanted);
-            EXPECT_EQ(outcome.code, row.code);
-            EXPECT_TRUE(endsWithOneError(outcome.log, "C_SetAttributeValue"));
-        }
-    }
-    EXPECT_EQ(set(privateKey(5), wanted).code, CKR_OK);
-}
-
 // --- C_DestroyObject ------------------------------------------------------------------------------------------------
 
 TEST_F(ChangeTest, DestroyingNeedsTheModule) {
@@ -321,18 +307,6 @@ TEST_F(ChangeTest, ARunningSearchKeepsItsResults) {
     EXPECT_EQ(std::count(found.begin(), found.end(), privateKey(5)), 1);
     api->C_FindObjectsFinal(session);
     EXPECT_EQ(search(session, wanted), (Handles{privateKey(6)}));
-}
-
-TEST_F(ChangeTest, DestroyingTurnsExceptionsIntoCodes) {
-    for (const ThrownCode& row : thrownCodes) {
-        for (const char* operation : {"zentak_getKeyPairList", "zentak_deleteKeyPair"}) {
-            letThrow(operation, row.thrown);
-            const Outcome outcome = destroy(privateKey(5));
-            EXPECT_EQ(outcome.code, row.code);
-            EXPECT_TRUE(endsWithOneError(outcome.log, "C_DestroyObject"));
-        }
-    }
-    EXPECT_EQ(destroy(privateKey(5)).code, CKR_OK);
 }
 
 }  // namespace

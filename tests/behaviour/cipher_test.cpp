@@ -518,16 +518,4 @@ TEST_P(EitherDirectionTest, ARefusedStartLeavesTheDigestRunning) {
     EXPECT_EQ(room.first(32), digest);
 }
 
-TEST_P(EitherDirectionTest, ExceptionsEndTheOperationLikeFailures) {
-    for (const ThrownCode& row : thrownCodes) {
-        letThrow("zentak_getKeyPairList", row.thrown);
-        expectOneError(init(CKM_RSA_PKCS), row.code, initName());
-        EXPECT_EQ(run({1}), notBegun());
-        begin();
-        letThrow(direction_.operation, row.thrown);
-        expectOneError(run({1}), row.code, name());
-        EXPECT_EQ(run({1}), notBegun());
-    }
-}
-
 }  // namespace

@@ -189,20 +189,6 @@ TEST_F(CreationChainTest, AFailureInTheMiddleEndsTheCall) {
     }
 }
 
-TEST_F(CreationChainTest, ExceptionsBecomeCodes) {
-    addAuthority(root, "CN=Root", "CN=Root");
-    for (const ThrownCode& row : thrownCodes) {
-        for (const char* operation : {"zentak_getCertificateDetails", "zentak_importCertificate"}) {
-            letThrow(operation, row.thrown, 2);
-            const Outcome outcome = createMail();
-            EXPECT_EQ(outcome.code, row.code);
-            EXPECT_TRUE(endsWithOneError(outcome.log, "C_CreateObject"));
-            EXPECT_EQ(created, untouched);
-        }
-    }
-    EXPECT_EQ(createMail().code, CKR_OK);
-}
-
 // --- The name of the key pair ---------------------------------------------------------------------------------------
 
 TEST_F(CreationChainTest, TheKeyPairIsNamedAfterTheLeaf) {

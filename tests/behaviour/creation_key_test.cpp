@@ -228,19 +228,4 @@ TEST_F(CreationKeyTest, NeitherLoginNorAWritableSessionIsNeeded) {
     EXPECT_EQ(created, privateKey(6));
 }
 
-TEST_F(CreationKeyTest, ExceptionsBecomeCodes) {
-    Template wanted;
-    addComponents(wanted, modulus);
-    for (const ThrownCode& row : thrownCodes) {
-        for (const char* operation : {"zentak_importPfx", "zentak_getKeyPairList"}) {
-            letThrow(operation, row.thrown);
-            const Outcome outcome = create(wanted);
-            EXPECT_EQ(outcome.code, row.code);
-            EXPECT_TRUE(endsWithOneError(outcome.log, "C_CreateObject"));
-            EXPECT_EQ(created, untouched);
-        }
-    }
-    EXPECT_EQ(create(wanted).code, CKR_OK);
-}
-
 }  // namespace

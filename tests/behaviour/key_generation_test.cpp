@@ -418,17 +418,6 @@ TEST_F(KeyGenerationTest, FailuresNameTheResult) {
     }
 }
 
-TEST_F(KeyGenerationTest, ExceptionsBecomeCodes) {
-    for (const ThrownCode& row : thrownCodes) {
-        letThrow("zentak_generateKeyPair", row.thrown);
-        const Outcome outcome = generate();
-        EXPECT_EQ(outcome.code, row.code);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_GenerateKeyPair"));
-        EXPECT_TRUE(handlesUntouched());
-        EXPECT_EQ(generate().code, CKR_OK);
-    }
-}
-
 TEST_F(KeyGenerationTest, ARunningOperationIsLeftAlone) {
     begin(CKM_RSA_PKCS);
     EXPECT_EQ(generate(), generated({}));

@@ -219,41 +219,4 @@ TEST_F(LookupTest, ARefusedKeyStillFillsTheSharedBuffer) {
                      ", \"246810\", <AB>, 1, out, *1024, false, instance, false)"}));
 }
 
-TEST_F(LookupTest, ThrownExceptionsBecomeReturnCodes) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    unsigned char value[16];
-    const auto readId = [&](CK_OBJECT_HANDLE object) {
-        CK_ATTRIBUTE wanted = {CKA_ID, value, sizeof value};
-        return api->C_GetAttributeValue(session, object, &wanted, 1);
-    };
-    CK_ULONG size = 77;
-    CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
-    struct Row {
-        const char* operation;
-        const char* function;
-        std::function<CK_RV()> call;
-    };
-    const std::vector<Row> rows = {
-        {"zentak_getKeyPairList", "C_GetAttributeValue", [&] { return readId(privateKey(5)); }},
-        {"zentak_getCertificateList", "C_GetAttributeValue", [&] { return readId(certificate(5)); }},
-        {"zentak_getKeyPairList", "C_GetObjectSize",
-         [&] { return api->C_GetObjectSize(session, privateKey(5), &size); }},
-        {"zentak_getCertificateList", "C_GetObjectSize",
-         [&] { return api->C_GetObjectSize(session, certificate(5), &size); }},
-        {"zentak_getKeyPairList", "C_SignInit", [&] { return api->C_SignInit(session, &mechanism, privateKey(5)); }},
-    };
-    for (const Row& row : rows) {
-        for (const ThrownCode& thrown : thrownCodes) {
-            SCOPED_TRACE(text(row.function, ", ", row.operation));
-            letThrow(row.operation, thrown.thrown);
-            const Outcome outcome = observe(row.call);
-            EXPECT_EQ(outcome.code, thrown.code);
-            EXPECT_TRUE(endsWithOneError(outcome.log, row.function)) << testing::PrintToString(outcome);
-            EXPECT_EQ(size, 77U);
-        }
-        EXPECT_EQ(row.call(), CKR_OK);
-        size = 77;
-    }
-}
-
 }  // namespace

@@ -82,26 +82,6 @@ void ObjectTest::signInit(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, std
     ASSERT_EQ(api->C_SignInit(session, &mechanism, privateKey(keyPairId)), CKR_OK);
 }
 
-void ObjectTest::letThrow(const std::string& operation, scripted::Throw thrown, int nth) {
-    scripted::Fault fault;
-    fault.operation = operation;
-    fault.nth = nth;
-    fault.thrown = thrown;
-    world.addFault(fault);
-}
-
-bool endsWithOneError(const Lines& log, const std::string& function) {
-    const auto errors = std::count_if(log.begin(), log.end(),
-                                      [](const std::string& line) { return line.compare(0, 6, "ERROR ") == 0; });
-    const std::string expected = "ERROR " + function + ":";
-    return errors == 1 && log.back().compare(0, expected.size(), expected) == 0;
-}
-
-void expectOneError(const Outcome& outcome, CK_RV code, const std::string& function, const std::string& trace) {
-    EXPECT_EQ(outcome.code, code) << trace;
-    EXPECT_TRUE(endsWithOneError(outcome.log, function)) << function << " " << trace;
-}
-
 Bytes Room::first(std::size_t length) const {
     const auto begin = memory_.begin() + 1;
     return Bytes(begin, begin + static_cast<std::ptrdiff_t>(length));

@@ -106,25 +106,7 @@ protected:
     Handles search(CK_SESSION_HANDLE session, Template& wanted);
 
     void signInit(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, std::uint32_t keyPairId);
-
-    /// Lets the n-th call from now of `operation` throw.
-    void letThrow(const std::string& operation, scripted::Throw thrown, int nth = 1);
 };
-
-/// An exception from the device library and the code that it becomes.
-struct ThrownCode {
-    scripted::Throw thrown;
-    CK_RV code;
-};
-inline const ThrownCode thrownCodes[] = {{scripted::Throw::badAlloc, CKR_HOST_MEMORY},
-                                         {scripted::Throw::exception, CKR_FUNCTION_FAILED},
-                                         {scripted::Throw::somethingElse, CKR_FUNCTION_FAILED}};
-
-/// True when the last line is the function's own ERROR line, and the only ERROR line.
-bool endsWithOneError(const Lines& log, const std::string& function);
-
-/// A call that came to this code, with one ERROR line, its own, at the end.
-void expectOneError(const Outcome& outcome, CK_RV code, const std::string& function, const std::string& trace = "");
 
 /// Room for one attribute value, filled with a pattern and starting at an odd address.
 class Room {

@@ -73,17 +73,6 @@ TEST_F(RandomTest, AFailureNamesTheResult) {
     }
 }
 
-TEST_F(RandomTest, ExceptionsBecomeCodes) {
-    for (const ThrownCode& row : thrownCodes) {
-        unsigned char byte = 0;
-        letThrow("zentak_generateRamdomNumber", row.thrown);
-        const Outcome outcome = generate(&byte, 1);
-        EXPECT_EQ(outcome.code, row.code);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_GenerateRandom"));
-        EXPECT_EQ(generate(&byte, 1).code, CKR_OK);
-    }
-}
-
 /// The count of each recorded call; the calls are compared as wholes on the way.
 std::vector<unsigned long long> countsOf(const Lines& calls) {
     const std::string prefix = "zentak_generateRamdomNumber(\"SN1\", ";

@@ -178,9 +178,7 @@ TEST_F(SearchDeviceTest, ThrownExceptionsBecomeReturnCodes) {
             Template wanted;
             wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(row.criterion, terminated("some"));
             letThrow(row.operation, thrown.thrown, row.nth);
-            const Outcome outcome = findInit(session, wanted);
-            EXPECT_EQ(outcome.code, thrown.code);
-            EXPECT_TRUE(endsWithOneError(outcome.log, "C_FindObjectsInit")) << testing::PrintToString(outcome);
+            expectOneError(findInit(session, wanted), thrown.code, "C_FindObjectsInit");
 
             // No search has begun, and the next one is as good as ever.
             EXPECT_EQ(api->C_FindObjectsFinal(session), CKR_OPERATION_NOT_INITIALIZED);

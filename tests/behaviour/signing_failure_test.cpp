@@ -102,48 +102,6 @@ TEST_F(SigningFailureTest, Final) {
     }
 }
 
-TEST_F(SigningFailureTest, ThrownExceptionsEndTheOperation) {
-    struct Row {
-        const char* operation;
-        const char* function;
-        CK_MECHANISM_TYPE type;
-    };
-    const Row rows[] = {
-        {"zentak_initHash", "C_Sign", CKM_SHA256_RSA_PKCS},
-        {"zentak_updateHash", "C_Sign", CKM_SHA256_RSA_PKCS},
-        {"zentak_finalHash", "C_Sign", CKM_SHA256_RSA_PKCS},
-        {"zentak_signHash", "C_Sign", CKM_SHA256_RSA_PKCS},
-        {"zentak_signHash", "C_Sign", CKM_ECDSA},
-        {"zentak_initHash", "C_SignUpdate", CKM_ECDSA_SHA256},
-        {"zentak_updateHash", "C_SignUpdate", CKM_ECDSA_SHA256},
-        {"zentak_finalHash", "C_SignFinal", CKM_ECDSA_SHA256},
-        {"zentak_signHash", "C_SignFinal", CKM_ECDSA_SHA256},
-        {"zentak_signHash", "C_SignFinal", CKM_RSA_PKCS_PSS},
-    };
-    for (const Row& row : rows) {
-        for (const ThrownCode& thrown : thrownCodes) {
-            SCOPED_TRACE(text(row.operation, " in ", row.function));
-            begin(row.type);
-            const std::string function = row.function;
-            if (function == "C_SignFinal") {
-                ASSERT_EQ(update({1}).code, CKR_OK);
-            }
-            letThrow(row.operation, thrown.thrown);
-            const Outcome outcome = function == "C_Sign"         ? sign({1})
-                                    : function == "C_SignUpdate" ? update({1})
-                                                                 : finish();
-            EXPECT_EQ(outcome.code, thrown.code);
-            EXPECT_TRUE(endsWithOneError(outcome.log, function)) << testing::PrintToString(outcome);
-            EXPECT_EQ(outcome.device.back().find(row.operation), 0U);
-            if (function != "C_SignUpdate") {
-                EXPECT_EQ(length, 2000U);
-                EXPECT_TRUE(room.untouchedFrom(0));
-            }
-            expectEndedAndUsable();
-        }
-    }
-}
-
 TEST_F(SigningFailureTest, AThrownSizeQueryKeepsNothing) {
     begin(CKM_RSA_PKCS);
     letThrow("zentak_signHash", scripted::Throw::somethingElse);
@@ -178,20 +136,6 @@ TEST_F(SigningFailureTest, ReportedLengthsBeyondTheAreaAreNotFollowed) {
                 abandon();
             }
         }
-    }
-}
-
-TEST_F(SigningFailureTest, MoreRawDataThanAnIntCountsAreRefused) {
-    unsigned char byte = 1;  // nobody reads what is said to follow
-    for (const CK_ULONG count : Numbers{0x80000000, 0xFFFFFFFF}) {
-        begin(CKM_RSA_PKCS);
-        EXPECT_EQ(observe([&] { return api->C_Sign(session, &byte, count, nullptr, &length); }),
-                  (Outcome{CKR_DATA_LEN_RANGE,
-                           {"DEBUG C_Sign", "DEBUG sign echanism : 1",
-                            text("DEBUG Sign: password empty=0 hashLen=", count, " session state=1"),
-                            text("ERROR C_Sign: data too long for the device library, ulDataLen=", count)}}));
-        EXPECT_EQ(sign({1}), notInitialised("C_Sign"));
-        expectEndedAndUsable();
     }
 }
 

@@ -266,16 +266,4 @@ TEST_F(SigningInitTest, ARefusedStartIsNoStart) {
     }
 }
 
-TEST_F(SigningInitTest, ThrownExceptionsBecomeReturnCodesAndStartNothing) {
-    for (const ThrownCode& thrown : thrownCodes) {
-        letThrow("zentak_getKeyPairList", thrown.thrown);
-        const Outcome outcome = init({CKM_RSA_PKCS, nullptr, 0}, privateKey(5));
-        EXPECT_EQ(outcome.code, thrown.code);
-        EXPECT_TRUE(endsWithOneError(outcome.log, "C_SignInit")) << testing::PrintToString(outcome);
-        EXPECT_EQ(sign({1}), notInitialised("C_Sign"));
-        EXPECT_EQ(init({CKM_RSA_PKCS, nullptr, 0}, privateKey(5)), accepted);
-        abandon();
-    }
-}
-
 }  // namespace

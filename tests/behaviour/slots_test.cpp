@@ -210,6 +210,21 @@ TEST_F(SlotsTest, EveryListingBuildsTheTableAnew) {
     EXPECT_EQ(resultFor(firstSlot + 1), CKR_SLOT_ID_INVALID);
 }
 
+TEST_F(SlotsTest, AThrowingTokenEndsTheListing) {
+    connect({"SN1", "SN2"});
+    for (const ThrownCode& row : thrownCodes) {
+        CK_SLOT_ID slots[2] = {};
+        CK_ULONG count = 2;
+        letThrow("zentak_getTokenInfo", row.thrown, 2);
+        expectOneError(observe([&] { return functions().C_GetSlotList(CK_TRUE, slots, &count); }), row.code,
+                       "C_GetSlotList");
+        EXPECT_EQ(count, 2U);
+        EXPECT_EQ(resultFor(firstSlot), CKR_OK);  // found before
+        EXPECT_EQ(resultFor(firstSlot + 1), CKR_SLOT_ID_INVALID);
+    }
+    EXPECT_EQ(listSlots().size(), 2U);
+}
+
 /// A slot is keyed by the device's name, which a library may choose otherwise than the serial number.
 TEST_F(SlotsTest, TheDeviceNameIsTheKey) {
     device().connectedDevices = {"reader B", "reader A"};

@@ -283,27 +283,4 @@ TEST_F(VerifyTest, FailuresInSeveralPartsEndTheOperation) {
     EXPECT_EQ(verifyUpdate({1}).device.front(), initHash(3));
 }
 
-TEST_F(VerifyTest, ExceptionsEndTheOperationLikeFailures) {
-    for (const ThrownCode& row : thrownCodes) {
-        for (const char* operation :
-             {"zentak_initHash", "zentak_updateHash", "zentak_finalHash", "zentak_verifySignatureHash"}) {
-            beginVerify(CKM_SHA256_RSA_PKCS);
-            letThrow(operation, row.thrown);
-            const Outcome outcome = verify({1});
-            EXPECT_EQ(outcome.code, row.code) << operation;
-            EXPECT_TRUE(endsWithOneError(outcome.log, "C_Verify")) << operation;
-            EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
-        }
-        for (const char* operation : {"zentak_finalHash", "zentak_verifySignatureHash"}) {
-            beginVerify(CKM_SHA256_RSA_PKCS);
-            ASSERT_EQ(verifyUpdate({1}).code, CKR_OK);
-            letThrow(operation, row.thrown);
-            EXPECT_EQ(verifyFinal().code, row.code) << operation;
-            EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
-        }
-        beginVerify(CKM_SHA256_RSA_PKCS);
-        EXPECT_EQ(verify({1}).code, CKR_OK);
-    }
-}
-
 }  // namespace

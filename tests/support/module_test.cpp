@@ -1,6 +1,8 @@
 #include "module_test.h"
 
+#include <algorithm>
 #include <cstring>
+#include <thread>
 
 namespace support {
 
@@ -21,6 +23,31 @@ CK_UTF8CHAR_PTR pin(const char* text) {
 
 std::string decimal(CK_ULONG value) {
     return std::to_string(value);
+}
+
+void expectUsable() {
+    std::thread([] {
+        CK_INFO info;
+        EXPECT_EQ(functions().C_GetInfo(&info), CKR_OK);
+    }).join();
+    takeLog();
+}
+
+void expectOneError(const Outcome& outcome, CK_RV code, const std::string& function) {
+    const Lines& log = outcome.log;
+    const auto errors =
+        std::count_if(log.begin(), log.end(), [](const auto& line) { return line.rfind("ERROR ", 0) == 0; });
+    const bool own = !log.empty() && log.back().rfind("ERROR " + function + ":", 0) == 0;
+    EXPECT_TRUE(outcome.code == code && errors == 1 && own)
+        << "not " << code << " with one error of " << function << ": " << testing::PrintToString(outcome);
+}
+
+void letThrow(const std::string& operation, scripted::Throw thrown, int nth) {
+    scripted::Fault fault;
+    fault.operation = operation;
+    fault.nth = nth;
+    fault.thrown = thrown;
+    device().addFault(fault);
 }
 
 void ModuleTest::plugInTokens() {

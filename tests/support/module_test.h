@@ -80,6 +80,24 @@ inline void PrintTo(const Outcome& outcome, std::ostream* out) {
     for (const std::string& call : outcome.device) *out << "  device " << call << "\n";
 }
 
+/// A call from another thread gets through: no lock was left behind.
+void expectUsable();
+
+/// A call that came to this code, with one ERROR line: the function's own, at the end.
+void expectOneError(const Outcome& outcome, CK_RV code, const std::string& function);
+
+/// An exception from the device library and the code that it becomes.
+struct ThrownCode {
+    scripted::Throw thrown;
+    CK_RV code;
+};
+inline const ThrownCode thrownCodes[] = {{scripted::Throw::badAlloc, CKR_HOST_MEMORY},
+                                         {scripted::Throw::exception, CKR_FUNCTION_FAILED},
+                                         {scripted::Throw::somethingElse, CKR_FUNCTION_FAILED}};
+
+/// Lets the n-th call from now of `operation` throw.
+void letThrow(const std::string& operation, scripted::Throw thrown, int nth = 1);
+
 class ModuleTest : public ::testing::Test {
 protected:
     /// One token "SN1" that isn't FIPS 140-3. A fixture with another world overrides this.
