@@ -103,113 +103,63 @@ private:
     }
 };
 
-TEST_F(AttributesValueTest, PrivateRsaKey) {
-    expectValues(0x70000005, {
-                                 {CKA_CLASS, number(CKO_PRIVATE_KEY)},
-                                 {CKA_TOKEN, yes},
-                                 {CKA_PRIVATE, yes},
-                                 {CKA_LABEL, charactersOf("Key five")},
-                                 {CKA_VALUE, publicKeyOf(keyFive)},
-                                 {CKA_OBJECT_ID, number(0x70000005)},
-                                 {CKA_CERTIFICATE_TYPE, number(0)},
-                                 {CKA_ISSUER, none},
-                                 {CKA_SERIAL_NUMBER, none},
-                                 {CKA_TRUSTED, yes},
-                                 {CKA_KEY_TYPE, number(CKK_RSA)},
-                                 {CKA_SUBJECT, none},
-                                 {CKA_ID, Bytes{0xA0, 0x05}},
-                                 {CKA_SENSITIVE, yes},
-                                 {CKA_ENCRYPT, no},
-                                 {CKA_DECRYPT, yes},
-                                 {CKA_WRAP, no},
-                                 {CKA_SIGN, yes},
-                                 {CKA_VERIFY, no},
-                                 {CKA_VERIFY_RECOVER, no},
-                                 {CKA_DERIVE, no},
-                                 {CKA_MODULUS, publicKeyOf(keyFive)},
-                                 {CKA_MODULUS_BITS, number(2048)},
-                                 {CKA_PUBLIC_EXPONENT, Bytes{1, 0, 1}},
-                                 {CKA_EXTRACTABLE, no},
-                                 {CKA_LOCAL, yes},
-                                 {CKA_KEY_GEN_MECHANISM, number(CKM_RSA_PKCS_KEY_PAIR_GEN)},
-                                 {CKA_MODIFIABLE, no},
-                                 {CKA_EC_PARAMS, unavailable},
-                                 {CKA_EC_POINT, unavailable},
-                             });
-}
+/// The value that an attribute has of a private key, of its public key and of a certificate.
+struct OfEachKind {
+    CK_ATTRIBUTE_TYPE type;
+    std::optional<Bytes> privateKey;
+    std::optional<Bytes> publicKey;
+    std::optional<Bytes> certificate;
+};
 
-TEST_F(AttributesValueTest, PublicRsaKey) {
-    expectValues(0x70001005, {
-                                 {CKA_CLASS, number(CKO_PUBLIC_KEY)},
-                                 {CKA_TOKEN, yes},
-                                 {CKA_PRIVATE, no},
-                                 {CKA_LABEL, charactersOf("Key five")},
-                                 {CKA_VALUE, publicKeyOf(keyFive)},
-                                 {CKA_OBJECT_ID, number(0x70001005)},
-                                 {CKA_CERTIFICATE_TYPE, number(0)},
-                                 {CKA_ISSUER, none},
-                                 {CKA_SERIAL_NUMBER, none},
-                                 {CKA_TRUSTED, yes},
-                                 {CKA_KEY_TYPE, number(CKK_RSA)},
-                                 {CKA_SUBJECT, none},
-                                 {CKA_ID, Bytes{0xA0, 0x05}},
-                                 {CKA_SENSITIVE, no},
-                                 {CKA_ENCRYPT, yes},
-                                 {CKA_DECRYPT, no},
-                                 {CKA_WRAP, no},
-                                 {CKA_SIGN, no},
-                                 {CKA_VERIFY, yes},
-                                 {CKA_VERIFY_RECOVER, no},
-                                 {CKA_DERIVE, no},
-                                 {CKA_MODULUS, publicKeyOf(keyFive)},
-                                 {CKA_MODULUS_BITS, number(2048)},
-                                 {CKA_PUBLIC_EXPONENT, Bytes{1, 0, 1}},
-                                 {CKA_EXTRACTABLE, yes},
-                                 {CKA_LOCAL, yes},
-                                 {CKA_KEY_GEN_MECHANISM, number(CKM_RSA_PKCS_KEY_PAIR_GEN)},
-                                 {CKA_MODIFIABLE, no},
-                                 {CKA_EC_PARAMS, unavailable},
-                                 {CKA_EC_POINT, unavailable},
-                             });
-}
-
-TEST_F(AttributesValueTest, Certificate) {
+TEST_F(AttributesValueTest, AnRsaKeyPairAndACertificate) {
+    const Bytes key = publicKeyOf(keyFive);
     const Bytes der = derOf(certificateFive);
-    world.issuers[der] = {0x30, 0x02, 0x01, 0x0A};
-    world.subjects[der] = {0x30, 0x03, 0x01, 0x0A, 0x0B};
-    world.serials[der] = {0x02, 0x01, 0x7F};
-    expectValues(0x70002005, {
-                                 {CKA_CLASS, number(CKO_CERTIFICATE)},
-                                 {CKA_TOKEN, yes},
-                                 {CKA_PRIVATE, no},
-                                 {CKA_LABEL, charactersOf("Certificate five")},
-                                 {CKA_VALUE, der},
-                                 {CKA_OBJECT_ID, number(0x70002005)},
-                                 {CKA_CERTIFICATE_TYPE, number(CKC_X_509)},
-                                 {CKA_ISSUER, Bytes{0x30, 0x02, 0x01, 0x0A}},
-                                 {CKA_SERIAL_NUMBER, Bytes{0x02, 0x01, 0x7F}},
-                                 {CKA_TRUSTED, yes},
-                                 {CKA_KEY_TYPE, number(0)},
-                                 {CKA_SUBJECT, Bytes{0x30, 0x03, 0x01, 0x0A, 0x0B}},
-                                 {CKA_ID, Bytes{0xC0, 0x05}},
-                                 {CKA_SENSITIVE, no},
-                                 {CKA_ENCRYPT, no},
-                                 {CKA_DECRYPT, no},
-                                 {CKA_WRAP, no},
-                                 {CKA_SIGN, no},
-                                 {CKA_VERIFY, no},
-                                 {CKA_VERIFY_RECOVER, no},
-                                 {CKA_DERIVE, no},
-                                 {CKA_MODULUS, der},
-                                 {CKA_MODULUS_BITS, number(2048)},
-                                 {CKA_PUBLIC_EXPONENT, Bytes{1, 0, 1}},
-                                 {CKA_EXTRACTABLE, yes},
-                                 {CKA_LOCAL, yes},
-                                 {CKA_KEY_GEN_MECHANISM, number(0)},
-                                 {CKA_MODIFIABLE, yes},
-                                 {CKA_EC_PARAMS, unavailable},
-                                 {CKA_EC_POINT, unavailable},
-                             });
+    const Bytes issuer = world.issuers[der] = {0x30, 0x02, 0x01, 0x0A};
+    const Bytes subject = world.subjects[der] = {0x30, 0x03, 0x01, 0x0A, 0x0B};
+    const Bytes serial = world.serials[der] = {0x02, 0x01, 0x7F};
+    const Bytes label = charactersOf("Certificate five");
+    const Bytes keyLabel = charactersOf("Key five");
+    const Bytes exponent = {1, 0, 1};
+    const Bytes keyId = {0xA0, 0x05};
+    const Bytes id = {0xC0, 0x05};
+    const std::uint32_t rsaGeneration = CKM_RSA_PKCS_KEY_PAIR_GEN;
+    const OfEachKind rows[] = {
+        {CKA_CLASS, number(CKO_PRIVATE_KEY), number(CKO_PUBLIC_KEY), number(CKO_CERTIFICATE)},
+        {CKA_TOKEN, yes, yes, yes},
+        {CKA_PRIVATE, yes, no, no},
+        {CKA_LABEL, keyLabel, keyLabel, label},
+        {CKA_VALUE, key, key, der},
+        {CKA_OBJECT_ID, number(0x70000005), number(0x70001005), number(0x70002005)},
+        {CKA_CERTIFICATE_TYPE, number(0), number(0), number(CKC_X_509)},
+        {CKA_ISSUER, none, none, issuer},
+        {CKA_SERIAL_NUMBER, none, none, serial},
+        {CKA_TRUSTED, yes, yes, yes},
+        {CKA_KEY_TYPE, number(CKK_RSA), number(CKK_RSA), number(0)},
+        {CKA_SUBJECT, none, none, subject},
+        {CKA_ID, keyId, keyId, id},
+        {CKA_SENSITIVE, yes, no, no},
+        {CKA_ENCRYPT, no, yes, no},
+        {CKA_DECRYPT, yes, no, no},
+        {CKA_WRAP, no, no, no},
+        {CKA_SIGN, yes, no, no},
+        {CKA_VERIFY, no, yes, no},
+        {CKA_VERIFY_RECOVER, no, no, no},
+        {CKA_DERIVE, no, no, no},
+        {CKA_MODULUS, key, key, der},
+        {CKA_MODULUS_BITS, number(2048), number(2048), number(2048)},
+        {CKA_PUBLIC_EXPONENT, exponent, exponent, exponent},
+        {CKA_EXTRACTABLE, no, yes, yes},
+        {CKA_LOCAL, yes, yes, yes},
+        {CKA_KEY_GEN_MECHANISM, number(rsaGeneration), number(rsaGeneration), number(0)},
+        {CKA_MODIFIABLE, no, no, yes},
+        {CKA_EC_PARAMS, unavailable, unavailable, unavailable},
+        {CKA_EC_POINT, unavailable, unavailable, unavailable},
+    };
+    for (const OfEachKind& row : rows) {
+        expectValues(0x70000005, {{row.type, row.privateKey}});
+        expectValues(0x70001005, {{row.type, row.publicKey}});
+        expectValues(0x70002005, {{row.type, row.certificate}});
+    }
 }
 
 // What depends on the key type code, for both keys of the pair; unknown codes are RSA with 2048 bits.
@@ -318,52 +268,23 @@ TEST_F(AttributesValueTest, FieldsFilledToTheirEnd) {
 }
 
 TEST_F(AttributesValueTest, UnknownTypesHaveLengthZero) {
-    std::vector<std::uint64_t> types = {CKA_APPLICATION,
-                                        CKA_AC_ISSUER,
-                                        CKA_OWNER,
-                                        CKA_ATTR_TYPES,
-                                        CKA_CERTIFICATE_CATEGORY,
-                                        CKA_JAVA_MIDP_SECURITY_DOMAIN,
-                                        CKA_URL,
-                                        CKA_HASH_OF_SUBJECT_PUBLIC_KEY,
-                                        CKA_HASH_OF_ISSUER_PUBLIC_KEY,
-                                        CKA_CHECK_VALUE,
-                                        CKA_UNWRAP,
-                                        CKA_SIGN_RECOVER,
-                                        CKA_START_DATE,
-                                        CKA_END_DATE,
-                                        CKA_PRIVATE_EXPONENT,
-                                        CKA_PRIME_1,
-                                        CKA_PRIME_2,
-                                        CKA_EXPONENT_1,
-                                        CKA_EXPONENT_2,
-                                        CKA_COEFFICIENT,
-                                        CKA_PRIME,
-                                        CKA_SUBPRIME,
-                                        CKA_BASE,
-                                        CKA_PRIME_BITS,
-                                        CKA_SUB_PRIME_BITS,
-                                        CKA_VALUE_BITS,
-                                        CKA_VALUE_LEN,
-                                        CKA_NEVER_EXTRACTABLE,
-                                        CKA_ALWAYS_SENSITIVE,
-                                        CKA_SECONDARY_AUTH,
-                                        CKA_AUTH_PIN_FLAGS,
-                                        CKA_ALWAYS_AUTHENTICATE,
-                                        CKA_WRAP_WITH_TRUSTED,
-                                        CKA_WRAP_TEMPLATE,
-                                        CKA_UNWRAP_TEMPLATE,
-                                        CKA_HW_FEATURE_TYPE,
-                                        CKA_RESET_ON_INIT,
-                                        CKA_HAS_RESET,
-                                        CKA_PIXEL_X,
-                                        CKA_MECHANISM_TYPE,
-                                        CKA_ALLOWED_MECHANISMS,
-                                        CKA_VENDOR_DEFINED,
-                                        4,
-                                        0x10D,
-                                        0x180 + 2,
-                                        0xFFFFFFFF};
+    std::vector<std::uint64_t> types = {
+        // Data and attribute certificates.
+        CKA_APPLICATION, CKA_AC_ISSUER, CKA_OWNER, CKA_ATTR_TYPES,
+        // Certificates.
+        CKA_CERTIFICATE_CATEGORY, CKA_JAVA_MIDP_SECURITY_DOMAIN, CKA_URL, CKA_HASH_OF_SUBJECT_PUBLIC_KEY,
+        CKA_HASH_OF_ISSUER_PUBLIC_KEY, CKA_CHECK_VALUE,
+        // Keys.
+        CKA_UNWRAP, CKA_SIGN_RECOVER, CKA_START_DATE, CKA_END_DATE, CKA_NEVER_EXTRACTABLE, CKA_ALWAYS_SENSITIVE,
+        CKA_SECONDARY_AUTH, CKA_AUTH_PIN_FLAGS, CKA_ALWAYS_AUTHENTICATE, CKA_WRAP_WITH_TRUSTED, CKA_WRAP_TEMPLATE,
+        CKA_UNWRAP_TEMPLATE, CKA_ALLOWED_MECHANISMS,
+        // The numbers of keys.
+        CKA_PRIVATE_EXPONENT, CKA_PRIME_1, CKA_PRIME_2, CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT, CKA_PRIME,
+        CKA_SUBPRIME, CKA_BASE, CKA_PRIME_BITS, CKA_SUB_PRIME_BITS, CKA_VALUE_BITS, CKA_VALUE_LEN,
+        // Hardware and mechanisms.
+        CKA_HW_FEATURE_TYPE, CKA_RESET_ON_INIT, CKA_HAS_RESET, CKA_PIXEL_X, CKA_MECHANISM_TYPE,
+        // Nobody's.
+        CKA_VENDOR_DEFINED, 4, 0x10D, 0x180 + 2, 0xFFFFFFFF};
     if constexpr (sizeof(CK_ULONG) == 8) {
         types.push_back((std::uint64_t{1} << 32U) + CKA_CLASS);
         types.push_back((std::uint64_t{1} << 32U) + CKA_ID);

@@ -50,28 +50,29 @@ protected:
         return observe([&] { return api->C_DestroyObject(where, object); });
     }
 
+    /// A success after these attributes.
+    static Outcome changed(const Lines& attributes, const Lines& update = {}) {
+        return {CKR_OK, Lines{entered} + attributes + Lines{ended}, Lines{listKeyPairs} + update};
+    }
+
     CK_SESSION_HANDLE session = 0;
 };
 
 // --- C_SetAttributeValue --------------------------------------------------------------------------------------------
 
-TEST_F(ChangeTest, SettingNeedsTheModule) {
-    ASSERT_EQ(api->C_Finalize(nullptr), CKR_OK);
-    EXPECT_EQ(observe([&] { return api->C_SetAttributeValue(7, 5, nullptr, 0); }),
-              (Outcome{CKR_CRYPTOKI_NOT_INITIALIZED, {entered, "ERROR C_SetAttributeValue: not initialized"}}));
-}
-
 TEST_F(ChangeTest, SettingChecksInItsOrder) {
     Template wanted;
     wanted.add(CKA_LABEL, "new");
     EXPECT_EQ(observe([&] { return api->C_SetAttributeValue(7, 5, nullptr, 0); }),
-              (Outcome{CKR_SESSION_HANDLE_INVALID, {entered, "ERROR C_SetAttributeValue: invalid hSession=7"}}));
+              refused(CKR_SESSION_HANDLE_INVALID, "C_SetAttributeValue: invalid hSession=7"));
     EXPECT_EQ(observe([&] { return api->C_SetAttributeValue(session, 5, nullptr, 0); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {entered, "ERROR C_SetAttributeValue: pTemplate is NULL"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_SetAttributeValue: pTemplate is NULL"));
     EXPECT_EQ(observe([&] { return api->C_SetAttributeValue(session, 5, wanted.data(), 0); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {entered, "ERROR C_SetAttributeValue: ulCount<=0"}}));
-    EXPECT_EQ(set(5, wanted),
-              (Outcome{CKR_OBJECT_HANDLE_INVALID, {entered, "ERROR C_SetAttributeValue: invalid hObject=5"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_SetAttributeValue: ulCount<=0"));
+    EXPECT_EQ(set(5, wanted), refused(CKR_OBJECT_HANDLE_INVALID, "C_SetAttributeValue: invalid hObject=5"));
+    ASSERT_EQ(api->C_Finalize(nullptr), CKR_OK);
+    EXPECT_EQ(observe([&] { return api->C_SetAttributeValue(7, 5, nullptr, 0); }),
+              refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_SetAttributeValue: not initialized"));
 }
 
 TEST_F(ChangeTest, OnlyHandlesOfKeyPairsAreTaken) {
@@ -81,13 +82,11 @@ TEST_F(ChangeTest, OnlyHandlesOfKeyPairsAreTaken) {
     if constexpr (sizeof(CK_ULONG) == 8) handles.push_back(static_cast<CK_ULONG>(0x170000005ULL));
     for (const CK_OBJECT_HANDLE handle : handles) {
         EXPECT_EQ(set(handle, wanted),
-                  (Outcome{CKR_OBJECT_HANDLE_INVALID,
-                           {entered, text("ERROR C_SetAttributeValue: invalid hObject=", handle)}}));
+                  refused(CKR_OBJECT_HANDLE_INVALID, text("C_SetAttributeValue: invalid hObject=", handle)));
     }
     for (const CK_OBJECT_HANDLE handle : Numbers{privateKey(0), privateKey(7), 0x70000FFF, publicKey(7), 0x70001FFF}) {
-        EXPECT_EQ(set(handle, wanted), (Outcome{CKR_OBJECT_HANDLE_INVALID,
-                                                {entered, text("ERROR Key pair not found in Set attribute : ", handle)},
-                                                {listKeyPairs}}));
+        EXPECT_EQ(set(handle, wanted), failed(CKR_OBJECT_HANDLE_INVALID, "C_SetAttributeValue",
+                                              text("Key pair not found in Set attribute : ", handle), {listKeyPairs}));
     }
 }
 
@@ -105,18 +104,14 @@ TEST_F(ChangeTest, ALabelIsGivenThroughEitherObject) {
     Template wanted;
     wanted.add(CKA_LABEL, "new name");
     for (const CK_OBJECT_HANDLE handle : {privateKey(6), publicKey(6)}) {
-        EXPECT_EQ(
-            set(handle, wanted),
-            (Outcome{CKR_OK, {entered, attribute(CKA_LABEL), ended}, {listKeyPairs, updateKeyPair(6, "new name")}}));
+        EXPECT_EQ(set(handle, wanted), changed({attribute(CKA_LABEL)}, {updateKeyPair(6, "new name")}));
     }
 }
 
 TEST_F(ChangeTest, AnIdentifierIsGivenAlone) {
     Template wanted;
     wanted.add(CKA_ID, Bytes{0, 0xB1, 0});
-    EXPECT_EQ(
-        set(privateKey(5), wanted),
-        (Outcome{CKR_OK, {entered, attribute(CKA_ID), ended}, {listKeyPairs, updateKeyPair(5, "", "<00B100>, 3")}}));
+    EXPECT_EQ(set(privateKey(5), wanted), changed({attribute(CKA_ID)}, {updateKeyPair(5, "", "<00B100>, 3")}));
 }
 
 TEST_F(ChangeTest, LongValuesAreHandedOnWhole) {
@@ -124,22 +119,8 @@ TEST_F(ChangeTest, LongValuesAreHandedOnWhole) {
     const Bytes identifier = countingBytes(0, 200);
     Template wanted;
     wanted.add(CKA_LABEL, label.c_str()).add(CKA_ID, identifier);
-    EXPECT_EQ(set(privateKey(5), wanted), (Outcome{CKR_OK,
-                                                   {entered, attribute(CKA_LABEL), attribute(CKA_ID), ended},
-                                                   {listKeyPairs, updateKeyPair(5, label, shown(identifier))}}));
-}
-
-TEST_F(ChangeTest, AnIdentifierOfMoreThanAnIntCountsIsRefused) {
-    unsigned char byte = 1;  // nobody reads what is said to follow
-    for (const CK_ULONG count : Numbers{0x80000000, 0xFFFFFFFE}) {
-        Template wanted;
-        wanted.add(CKA_LABEL, "new").addRaw(CKA_ID, &byte, count);
-        EXPECT_EQ(set(privateKey(5), wanted),
-                  (Outcome{CKR_DATA_LEN_RANGE,
-                           {entered, attribute(CKA_LABEL), attribute(CKA_ID),
-                            text("ERROR C_SetAttributeValue: CKA_ID too long for the device library, length=", count)},
-                           {listKeyPairs}}));
-    }
+    EXPECT_EQ(set(privateKey(5), wanted),
+              changed({attribute(CKA_LABEL), attribute(CKA_ID)}, {updateKeyPair(5, label, shown(identifier))}));
 }
 
 TEST_F(ChangeTest, ALabelIsCountedBytes) {
@@ -152,34 +133,29 @@ TEST_F(ChangeTest, ALabelIsCountedBytes) {
 TEST_F(ChangeTest, TheLastOfSeveralCounts) {
     Template wanted;
     wanted.add(CKA_LABEL, "one").add(CKA_ID, Bytes{1}).add(CKA_ID, Bytes{2, 3}).add(CKA_LABEL, "two");
-    EXPECT_EQ(
-        set(privateKey(5), wanted),
-        (Outcome{CKR_OK,
-                 {entered, attribute(CKA_LABEL), attribute(CKA_ID), attribute(CKA_ID), attribute(CKA_LABEL), ended},
-                 {listKeyPairs, updateKeyPair(5, "two", "<0203>, 2")}}));
+    EXPECT_EQ(set(privateKey(5), wanted),
+              changed({attribute(CKA_LABEL), attribute(CKA_ID), attribute(CKA_ID), attribute(CKA_LABEL)},
+                      {updateKeyPair(5, "two", "<0203>, 2")}));
 }
 
 TEST_F(ChangeTest, EntriesWithoutAValueAreSkippedSilently) {
     char label[] = "unused";
     Template wanted;
     wanted.add(CKA_LABEL, "kept").addRaw(CKA_LABEL, label, 0).addRaw(CKA_ID, nullptr, 4).addRaw(CKA_LABEL, nullptr, 0);
-    EXPECT_EQ(set(privateKey(5), wanted),
-              (Outcome{CKR_OK, {entered, attribute(CKA_LABEL), ended}, {listKeyPairs, updateKeyPair(5, "kept")}}));
+    EXPECT_EQ(set(privateKey(5), wanted), changed({attribute(CKA_LABEL)}, {updateKeyPair(5, "kept")}));
     Template nothing;
     nothing.addRaw(CKA_LABEL, label, 0).addRaw(CKA_ID, nullptr, 4);
-    EXPECT_EQ(set(privateKey(5), nothing), (Outcome{CKR_OK, {entered, ended}, {listKeyPairs}}));
+    EXPECT_EQ(set(privateKey(5), nothing), changed({}));
 }
 
 TEST_F(ChangeTest, OtherAttributesAreIgnored) {
     Template wanted;
     wanted.add(CKA_MODIFIABLE, true);
-    EXPECT_EQ(set(privateKey(5), wanted),
-              (Outcome{CKR_OK, {entered, attribute(CKA_MODIFIABLE), ended}, {listKeyPairs}}));
+    EXPECT_EQ(set(privateKey(5), wanted), changed({attribute(CKA_MODIFIABLE)}));
     wanted.addNumber(CKA_CLASS, CKO_DATA).add(CKA_LABEL, "new").add(0x80000001, true);
-    EXPECT_EQ(set(privateKey(5), wanted), (Outcome{CKR_OK,
-                                                   {entered, attribute(CKA_MODIFIABLE), attribute(CKA_CLASS),
-                                                    attribute(CKA_LABEL), attribute(0x80000001), ended},
-                                                   {listKeyPairs, updateKeyPair(5, "new")}}));
+    EXPECT_EQ(set(privateKey(5), wanted),
+              changed({attribute(CKA_MODIFIABLE), attribute(CKA_CLASS), attribute(CKA_LABEL), attribute(0x80000001)},
+                      {updateKeyPair(5, "new")}));
     if constexpr (sizeof(CK_ULONG) == 8) {
         Template wide;
         wide.add(static_cast<CK_ULONG>(0x100000003ULL), Bytes{'x'});
@@ -206,9 +182,8 @@ TEST_F(ChangeTest, TheDeviceDecidesWithThePasswordItIsGiven) {
     Template wanted;
     wanted.add(CKA_LABEL, "new");
     const CK_SESSION_HANDLE readOnly = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(setIn(readOnly, publicKey(5), wanted), (Outcome{CKR_OK,
-                                                              {entered, attribute(CKA_LABEL), ended},
-                                                              {listKeyPairs, updateKeyPair(5, "new", "null, 0", "")}}));
+    EXPECT_EQ(setIn(readOnly, publicKey(5), wanted),
+              changed({attribute(CKA_LABEL)}, {updateKeyPair(5, "new", "null, 0", "")}));
     const CK_SESSION_HANDLE other = openSession(0, fipsSlot);
     EXPECT_EQ(setIn(other, publicKey(5), wanted).device,
               (Lines{listKeyPairsOf("SN2"), updateKeyPair(5, "new", "null, 0", "", "SN2")}));

@@ -107,24 +107,22 @@ TEST_F(SearchLabelTest, AKeyPairWithoutCertificateHasNoLabel) {
 
 TEST_F(SearchLabelTest, ComputedLabelsAreCutTo128Characters) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    const std::string half(100, 'a');
     CertificateDetails& details = world.certificateDetails[derOf(certificateOne)];
-    details.subjectCommonName = half;
-
-    details.issuer = std::string(27, 'b');  // 128 with the line between
-    EXPECT_EQ(publicKeysNamed(session, half + "_" + std::string(27, 'b')), (Handles{publicKey(1)}));
-    EXPECT_EQ(certificatesNamed(session, half + "_" + std::string(27, 'b')), (Handles{certificate(1)}));
-
-    details.issuer = std::string(27, 'b') + "c";
-    EXPECT_EQ(publicKeysNamed(session, half + "_" + std::string(27, 'b')), (Handles{publicKey(1)}));
-    EXPECT_EQ(certificatesNamed(session, half + "_" + std::string(27, 'b')), (Handles{certificate(1)}));
-    EXPECT_EQ(publicKeysNamed(session, half + "_" + std::string(27, 'b') + "c"), Handles{});
-    EXPECT_EQ(certificatesNamed(session, half + "_" + std::string(27, 'b') + "c"), Handles{});
+    details.text2 = std::string(100, 'a');
+    const std::string rest(27, 'b');
+    const std::string whole = details.text2 + "_" + rest;  // 128 characters
+    for (const std::string& more : {std::string(), std::string("c")}) {
+        details.text3 = rest + more;
+        EXPECT_EQ(publicKeysNamed(session, whole), (Handles{publicKey(1)}));
+        EXPECT_EQ(certificatesNamed(session, whole), (Handles{certificate(1)}));
+        EXPECT_EQ(publicKeysNamed(session, whole + "c"), Handles{});
+        EXPECT_EQ(certificatesNamed(session, whole + "c"), Handles{});
+    }
 }
 
 TEST_F(SearchLabelTest, ComputedLabelsAreNotTrimmed) {
-    world.certificateDetails[derOf(certificateOne)].subjectCommonName = " Alice";
-    world.certificateDetails[derOf(certificateOne)].issuer = "1234 ";
+    world.certificateDetails[derOf(certificateOne)].text2 = " Alice";
+    world.certificateDetails[derOf(certificateOne)].text3 = "1234 ";
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(publicKeysNamed(session, " Alice_1234 "), (Handles{publicKey(1)}));
     EXPECT_EQ(publicKeysNamed(session, "Alice_1234"), Handles{});

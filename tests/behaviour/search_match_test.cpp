@@ -11,6 +11,17 @@ namespace {
 
 class SearchMatchTest : public ObjectTest {
 protected:
+    Handles labelled(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass, std::string_view label) {
+        Template wanted;
+        wanted.addNumber(CKA_CLASS, objectClass).add(CKA_LABEL, terminated(label));
+        return search(session, wanted);
+    }
+    Handles ofClass(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) {
+        Template wanted;
+        wanted.addNumber(CKA_CLASS, objectClass);
+        return search(session, wanted);
+    }
+
     const Handles publicKeys = {publicKey(5), publicKey(6)};
     const Handles privateKeys = {privateKey(5), privateKey(6)};
     const Handles certificates = {certificate(5), certificate(7)};
@@ -38,15 +49,9 @@ TEST_F(SearchMatchTest, PrivateKeysShowOnlyToALoggedInUser) {
 
         Template all;
         EXPECT_EQ(search(session, all), publicKeys + (user ? privateKeys : Handles{}) + certificates);
-        Template privateClass;
-        privateClass.addNumber(CKA_CLASS, CKO_PRIVATE_KEY);
-        EXPECT_EQ(search(session, privateClass), user ? privateKeys : Handles{});
-        Template publicClass;
-        publicClass.addNumber(CKA_CLASS, CKO_PUBLIC_KEY);
-        EXPECT_EQ(search(session, publicClass), publicKeys);
-        Template certificateClass;
-        certificateClass.addNumber(CKA_CLASS, CKO_CERTIFICATE);
-        EXPECT_EQ(search(session, certificateClass), certificates);
+        EXPECT_EQ(ofClass(session, CKO_PRIVATE_KEY), user ? privateKeys : Handles{});
+        EXPECT_EQ(ofClass(session, CKO_PUBLIC_KEY), publicKeys);
+        EXPECT_EQ(ofClass(session, CKO_CERTIFICATE), certificates);
         closeEverything(session);
     }
 }
@@ -88,9 +93,8 @@ TEST_F(SearchMatchTest, WideClassesAreNotCut) {
     if constexpr (sizeof(CK_ULONG) == 8) {
         const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
         for (const std::uint64_t low : {1U, 2U, 3U, 0x80000000U}) {
-            Template wanted;
-            wanted.addNumber(CKA_CLASS, static_cast<CK_OBJECT_CLASS>((std::uint64_t{1} << 32U) + low));
-            EXPECT_EQ(search(session, wanted), Handles{}) << low;
+            const auto wide = static_cast<CK_OBJECT_CLASS>((std::uint64_t{1} << 32U) + low);
+            EXPECT_EQ(ofClass(session, wide), Handles{}) << low;
         }
     }
 }
@@ -108,89 +112,65 @@ TEST_F(SearchMatchTest, WithoutAClassNoCriterionDecides) {
     EXPECT_EQ(world.countOf("zentak_getCertificateSubject"), 0);
 }
 
-// Key five is described rightly by the first criterion and wrongly by all that follow, then key six the other way.
-TEST_F(SearchMatchTest, TheFirstCriterionOfAKeyPairDecidesAlone) {
+/// What describes an object: each criterion with its right value.
+struct Description {
+    Bytes label;
+    Bytes value;
+    Bytes id;
+    Bytes other;
+};
+
+// The first is described rightly by the first criterion and wrongly by all that follow, then the other way.
+TEST_F(SearchMatchTest, TheFirstCriterionDecides) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    const Bytes valueFive = publicKeyOf(keyFive);
-    const Bytes valueSix = publicKeyOf(keySix);
-    const Bytes idFive = {0xA0, 5};
-    const Bytes idSix = {0xA0, 6};
-    SearchRows rows;
-    rows.add("label", {publicKey(5)}).add(CKA_LABEL, terminated("Key five"));
-    rows.add("label before value, id and modulus", {publicKey(5)})
-        .add(CKA_MODULUS, valueSix)
-        .add(CKA_ID, idSix)
-        .add(CKA_VALUE, valueSix)
-        .add(CKA_LABEL, terminated("Key five"));
-    rows.add("a wrong label", {})
-        .add(CKA_LABEL, terminated("Key"))
-        .add(CKA_VALUE, valueFive)
-        .add(CKA_ID, idFive)
-        .add(CKA_MODULUS, valueFive);
-    rows.add("value before id and modulus", {publicKey(5)})
-        .add(CKA_MODULUS, valueSix)
-        .add(CKA_ID, idSix)
-        .add(CKA_VALUE, valueFive);
-    rows.add("a wrong value", {}).add(CKA_ID, idFive).add(CKA_VALUE, Bytes{1}).add(CKA_MODULUS, valueFive);
-    rows.add("id before modulus", {publicKey(5)}).add(CKA_MODULUS, valueSix).add(CKA_ID, idFive);
-    rows.add("a wrong id", {}).add(CKA_MODULUS, valueFive).add(CKA_ID, Bytes{0xA0});
-    rows.add("modulus", {publicKey(6)}).add(CKA_MODULUS, valueSix);
-    rows.add("modulus too short", {}).add(CKA_MODULUS, Bytes(valueSix.begin(), valueSix.end() - 1));
-    rows.add("value too long", {}).add(CKA_VALUE, valueSix + Bytes{0});
-    rows.add("id too long", {}).add(CKA_ID, idSix + Bytes{0});
-    rows.add("subject says nothing", publicKeys).add(CKA_SUBJECT, Bytes{0x30, 0x00});
-    for (SearchRow& entry : rows.all) {
-        SCOPED_TRACE(entry.what);
-        entry.wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY);
-        EXPECT_EQ(search(session, entry.wanted), entry.found);
-
-        Handles privateFound;
-        for (const CK_OBJECT_HANDLE handle : entry.found) privateFound.push_back(handle - 0x1000);
-        entry.wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY);  // replaces the first class
-        EXPECT_EQ(search(session, entry.wanted), privateFound);
-    }
-    EXPECT_EQ(world.countOf("zentak_getCertificateSubject"), 0);
-}
-
-TEST_F(SearchMatchTest, TheFirstCriterionOfACertificateDecidesAlone) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    const Bytes derFive = derOf(certificateFive);
-    const Bytes derSeven = derOf(certificateSeven);
-    const Bytes idFive = {0xC0, 5};
-    const Bytes idSeven = {0xC0, 7};
-    const Bytes subjectFive = {0x30, 0x01, 0x05};
-    const Bytes subjectSeven = {0x30, 0x01, 0x07};
-    world.subjects[derFive] = subjectFive;
-    world.subjects[derSeven] = subjectSeven;
-    SearchRows rows;
-    rows.add("label", {certificate(7)}).add(CKA_LABEL, terminated("Certificate seven"));
-    rows.add("label before value, id and subject", {certificate(5)})
-        .add(CKA_SUBJECT, subjectSeven)
-        .add(CKA_ID, idSeven)
-        .add(CKA_VALUE, derSeven)
-        .add(CKA_LABEL, terminated("Certificate five"));
-    rows.add("a wrong label", {})
-        .add(CKA_LABEL, terminated("Cert"))
-        .add(CKA_VALUE, derFive)
-        .add(CKA_ID, idFive)
-        .add(CKA_SUBJECT, subjectFive);
-    rows.add("value before id and subject", {certificate(5)})
-        .add(CKA_SUBJECT, subjectSeven)
-        .add(CKA_ID, idSeven)
-        .add(CKA_VALUE, derFive);
-    rows.add("a wrong value", {}).add(CKA_VALUE, Bytes{1}).add(CKA_ID, idFive).add(CKA_SUBJECT, subjectFive);
-    rows.add("id before subject", {certificate(5)}).add(CKA_SUBJECT, subjectSeven).add(CKA_ID, idFive);
-    rows.add("a wrong id", {}).add(CKA_SUBJECT, subjectFive).add(CKA_ID, Bytes{0xC0});
-    rows.add("subject", {certificate(7)}).add(CKA_SUBJECT, subjectSeven);
-    rows.add("subject too long", {}).add(CKA_SUBJECT, subjectSeven + Bytes{0});
-    rows.add("subject too short", {}).add(CKA_SUBJECT, Bytes{0x30, 0x01});
-    rows.add("value too long", {}).add(CKA_VALUE, derFive + Bytes{0});
-    rows.add("id too long", {}).add(CKA_ID, idFive + Bytes{0});
-    rows.add("modulus says nothing", certificates).add(CKA_MODULUS, Bytes{1, 2, 3});
-    for (SearchRow& entry : rows.all) {
-        SCOPED_TRACE(entry.what);
-        entry.wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE);
-        EXPECT_EQ(search(session, entry.wanted), entry.found);
+    world.subjects[derOf(certificateFive)] = {0x30, 0x01, 0x05};
+    world.subjects[derOf(certificateSeven)] = {0x30, 0x01, 0x07};
+    const Bytes modulus = publicKeyOf(keyFive);
+    const Description keys[] = {{terminated("Key five"), modulus, {0xA0, 5}, modulus},
+                                {terminated("Key six"), publicKeyOf(keySix), {0xA0, 6}, publicKeyOf(keySix)}};
+    const Description ofCertificates[] = {
+        {terminated("Certificate five"), derOf(certificateFive), {0xC0, 5}, {0x30, 0x01, 0x05}},
+        {terminated("Certificate seven"), derOf(certificateSeven), {0xC0, 7}, {0x30, 0x01, 0x07}}};
+    for (const CK_OBJECT_CLASS objectClass : Numbers{CKO_PUBLIC_KEY, CKO_PRIVATE_KEY, CKO_CERTIFICATE}) {
+        const bool isKey = objectClass != CKO_CERTIFICATE;
+        const auto& [first, second] = isKey ? keys : ofCertificates;
+        // A key pair's last criterion is its modulus, a certificate's its subject; the other one says nothing.
+        const CK_ATTRIBUTE_TYPE last = isKey ? CKA_MODULUS : CKA_SUBJECT;
+        const Handles both = isKey ? objectClass == CKO_PUBLIC_KEY ? publicKeys : privateKeys : certificates;
+        const Handles one = {both[0]};
+        const Handles none = {};
+        SearchRows rows;
+        rows.add("label", {both[1]}).add(CKA_LABEL, second.label);
+        rows.add("label before all others", one)
+            .add(last, second.other)
+            .add(CKA_ID, second.id)
+            .add(CKA_VALUE, second.value)
+            .add(CKA_LABEL, first.label);
+        rows.add("a wrong label", none)
+            .add(CKA_LABEL, terminated(isKey ? "Key" : "Cert"))
+            .add(CKA_VALUE, first.value)
+            .add(CKA_ID, first.id)
+            .add(last, first.other);
+        rows.add("value before id and the last", one)
+            .add(last, second.other)
+            .add(CKA_ID, second.id)
+            .add(CKA_VALUE, first.value);
+        rows.add("a wrong value", none).add(CKA_VALUE, Bytes{1}).add(CKA_ID, first.id).add(last, first.other);
+        rows.add("id before the last", one).add(last, second.other).add(CKA_ID, first.id);
+        rows.add("a wrong id", none).add(last, first.other).add(CKA_ID, Bytes{first.id[0]});
+        rows.add("the last", {both[1]}).add(last, second.other);
+        rows.add("the last, too long", none).add(last, second.other + Bytes{0});
+        rows.add("the last, too short", none).add(last, Bytes(second.other.begin(), second.other.end() - 1));
+        rows.add("value too long", none).add(CKA_VALUE, first.value + Bytes{0});
+        rows.add("id too long", none).add(CKA_ID, first.id + Bytes{0});
+        rows.add("what says nothing", both).add(isKey ? CKA_SUBJECT : CKA_MODULUS, Bytes{0x30, 0x00});
+        const int asked = world.countOf("zentak_getCertificateSubject");
+        for (SearchRow& row : rows.all) {
+            SCOPED_TRACE(text("class ", objectClass, ", ", row.what));
+            row.wanted.addNumber(CKA_CLASS, objectClass);
+            EXPECT_EQ(search(session, row.wanted), row.found);
+        }
+        EXPECT_EQ(world.countOf("zentak_getCertificateSubject") == asked, isKey);
     }
 }
 
@@ -210,12 +190,8 @@ TEST_F(SearchMatchTest, SeveralMatchesKeepTheOrderOfTheList) {
         world.certificates["SN1"].push_back(labelledCertificate(id, "twin"));
     }
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    Template keys;
-    keys.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_LABEL, terminated("twin"));
-    EXPECT_EQ(search(session, keys), (Handles{privateKey(9), privateKey(2), privateKey(4)}));
-    Template wantedCertificates;
-    wantedCertificates.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated("twin"));
-    EXPECT_EQ(search(session, wantedCertificates), (Handles{certificate(9), certificate(2), certificate(4)}));
+    EXPECT_EQ(labelled(session, CKO_PRIVATE_KEY, "twin"), (Handles{privateKey(9), privateKey(2), privateKey(4)}));
+    EXPECT_EQ(labelled(session, CKO_CERTIFICATE, "twin"), (Handles{certificate(9), certificate(2), certificate(4)}));
 }
 
 TEST_F(SearchMatchTest, TheLabelOfATemplateEndsAtItsTerminator) {
@@ -264,12 +240,8 @@ TEST_F(SearchMatchTest, StoredLabelsAreTrimmedAndTheTemplateIsNot) {
         SCOPED_TRACE(row.stored);
         setAlias(world.keyPairs["SN1"][0], row.stored);
         setLabel(world.certificates["SN1"][1], row.stored);
-        Template keys;
-        keys.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated(row.wanted));
-        EXPECT_EQ(search(session, keys), row.found ? Handles{publicKey(5)} : Handles{});
-        Template wantedCertificates;
-        wantedCertificates.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated(row.wanted));
-        EXPECT_EQ(search(session, wantedCertificates), row.found ? Handles{certificate(7)} : Handles{});
+        EXPECT_EQ(labelled(session, CKO_PUBLIC_KEY, row.wanted), row.found ? Handles{publicKey(5)} : Handles{});
+        EXPECT_EQ(labelled(session, CKO_CERTIFICATE, row.wanted), row.found ? Handles{certificate(7)} : Handles{});
     }
 }
 
@@ -302,25 +274,22 @@ TEST_F(SearchMatchTest, RecordsAreNeverReadBeyondTheirFields) {
     record.derLength = sizeof record.der + 1;
     record.objectIdLength = sizeof record.objectId + 1;
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    SearchRows rows;
-    rows.add("public key", {})
-        .addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
-        .add(CKA_VALUE, memoryOf(keyPair, offsetof(ZentakKeyPair, publicKey), sizeof keyPair.publicKey + 1));
-    rows.add("modulus", {})
-        .addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
-        .add(CKA_MODULUS, memoryOf(keyPair, offsetof(ZentakKeyPair, publicKey), sizeof keyPair.publicKey + 1));
-    rows.add("object id of a key pair", {})
-        .addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
-        .add(CKA_ID, memoryOf(keyPair, offsetof(ZentakKeyPair, objectId), sizeof keyPair.objectId + 1));
-    rows.add("DER", {})
-        .addNumber(CKA_CLASS, CKO_CERTIFICATE)
-        .add(CKA_VALUE, memoryOf(record, offsetof(ZentakCertificate, der), sizeof record.der + 1));
-    rows.add("object id of a certificate", {})
-        .addNumber(CKA_CLASS, CKO_CERTIFICATE)
-        .add(CKA_ID, memoryOf(record, offsetof(ZentakCertificate, objectId), sizeof record.objectId + 1));
-    for (SearchRow& row : rows.all) {
-        SCOPED_TRACE(row.what);
-        EXPECT_EQ(search(session, row.wanted), row.found);
+    struct Row {
+        CK_OBJECT_CLASS objectClass;
+        CK_ATTRIBUTE_TYPE type;
+        Bytes value;
+    };
+    const Bytes key = memoryOf(keyPair, offsetof(ZentakKeyPair, publicKey), sizeof keyPair.publicKey + 1);
+    const Row rows[] = {
+        {CKO_PUBLIC_KEY, CKA_VALUE, key},
+        {CKO_PUBLIC_KEY, CKA_MODULUS, key},
+        {CKO_PUBLIC_KEY, CKA_ID, memoryOf(keyPair, offsetof(ZentakKeyPair, objectId), sizeof keyPair.objectId + 1)},
+        {CKO_CERTIFICATE, CKA_VALUE, memoryOf(record, offsetof(ZentakCertificate, der), sizeof record.der + 1)},
+        {CKO_CERTIFICATE, CKA_ID, memoryOf(record, offsetof(ZentakCertificate, objectId), sizeof record.objectId + 1)}};
+    for (const Row& row : rows) {
+        Template wanted;
+        wanted.addNumber(CKA_CLASS, row.objectClass).add(row.type, row.value);
+        EXPECT_EQ(search(session, wanted), Handles{}) << row.objectClass << " " << row.type;
     }
 }
 
@@ -349,14 +318,10 @@ TEST_F(SearchMatchTest, UnterminatedLabelsEndWithTheirField) {
     std::memset(world.keyPairs["SN1"][0].alias, 'k', sizeof(ZentakKeyPair::alias));
     std::memset(world.certificates["SN1"][0].label, 'c', sizeof(ZentakCertificate::label));
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    Template keys;
-    keys.addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
-        .add(CKA_LABEL, terminated(std::string(sizeof(ZentakKeyPair::alias), 'k')));
-    EXPECT_EQ(search(session, keys), (Handles{publicKey(5)}));
-    Template wantedCertificates;
-    wantedCertificates.addNumber(CKA_CLASS, CKO_CERTIFICATE)
-        .add(CKA_LABEL, terminated(std::string(sizeof(ZentakCertificate::label), 'c')));
-    EXPECT_EQ(search(session, wantedCertificates), (Handles{certificate(5)}));
+    EXPECT_EQ(labelled(session, CKO_PUBLIC_KEY, std::string(sizeof(ZentakKeyPair::alias), 'k')),
+              (Handles{publicKey(5)}));
+    EXPECT_EQ(labelled(session, CKO_CERTIFICATE, std::string(sizeof(ZentakCertificate::label), 'c')),
+              (Handles{certificate(5)}));
 }
 
 }  // namespace

@@ -99,20 +99,14 @@ private:
     }
 
     void changeWorld() {
-        static const char* const operations[] = {"zentak_initHash",
-                                                 "zentak_updateHash",
-                                                 "zentak_finalHash",
-                                                 "zentak_signHash",
-                                                 "zentak_verifySignatureHash",
-                                                 "zentak_encrypt",
-                                                 "zentak_decrypt",
-                                                 "zentak_ecdhDerive",
-                                                 "zentak_validatePassword",
-                                                 "zentak_initDevice",
-                                                 "zentak_generateKeyPair",
-                                                 "zentak_importCertificate",
-                                                 "zentak_updateKeyPairDetails",
-                                                 "zentak_generateRamdomNumber"};
+        static const char* const operations[] = {
+            // Signing, verifying and digests.
+            "zentak_initHash", "zentak_updateHash", "zentak_finalHash", "zentak_signHash", "zentak_verifySignatureHash",
+            // Secrets.
+            "zentak_encrypt", "zentak_decrypt", "zentak_ecdhDerive", "zentak_generateRamdomNumber",
+            // The token and its objects.
+            "zentak_validatePassword", "zentak_initDevice", "zentak_generateKeyPair", "zentak_importCertificate",
+            "zentak_updateKeyPairDetails"};
         const char* const operation = input_.PickValueInArray(operations);
         device().results[operation] = input_.PickValueInArray({0, 0, 1, 40, 48, 242, -1});
         if (input_.ConsumeBool()) {
@@ -122,11 +116,9 @@ private:
         }
         device().handsOutOnFailure = input_.ConsumeBool();
         if (input_.ConsumeIntegralInRange(0, 9) == 0) {
-            scripted::Fault fault;
-            fault.operation = operation;
-            fault.thrown = input_.PickValueInArray(
-                {scripted::Throw::badAlloc, scripted::Throw::exception, scripted::Throw::somethingElse});
-            device().addFault(fault);
+            device().addFault({.operation = operation,
+                               .thrown = input_.PickValueInArray({scripted::Throw::badAlloc, scripted::Throw::exception,
+                                                                  scripted::Throw::somethingElse})});
         }
     }
 
@@ -163,23 +155,14 @@ private:
     }
 
     CK_MECHANISM mechanism() {
-        static const CK_MECHANISM_TYPE types[] = {CKM_RSA_PKCS,
-                                                  CKM_RSA_PKCS_OAEP,
-                                                  CKM_RSA_PKCS_PSS,
-                                                  CKM_SHA1_RSA_PKCS,
-                                                  CKM_SHA224_RSA_PKCS,
-                                                  CKM_SHA256_RSA_PKCS,
-                                                  CKM_SHA512_RSA_PKCS,
+        static const CK_MECHANISM_TYPE types[] = {// RSA.
+                                                  CKM_RSA_PKCS, CKM_RSA_PKCS_OAEP, CKM_RSA_PKCS_PSS, CKM_SHA1_RSA_PKCS,
+                                                  CKM_SHA224_RSA_PKCS, CKM_SHA256_RSA_PKCS, CKM_SHA512_RSA_PKCS,
                                                   CKM_SHA384_RSA_PKCS_PSS,
-                                                  CKM_ECDSA,
-                                                  CKM_ECDSA_SHA1,
-                                                  CKM_ECDSA_SHA256,
-                                                  CKM_SHA_1,
-                                                  CKM_SHA256,
-                                                  CKM_SHA512,
-                                                  CKM_MD5,
-                                                  CKM_ECDH1_DERIVE,
-                                                  0xFFFFFFFF};
+                                                  // EC.
+                                                  CKM_ECDSA, CKM_ECDSA_SHA1, CKM_ECDSA_SHA256, CKM_ECDH1_DERIVE,
+                                                  // Hashes, and what there is none of.
+                                                  CKM_SHA_1, CKM_SHA256, CKM_SHA512, CKM_MD5, 0xFFFFFFFF};
         CK_MECHANISM made = {input_.PickValueInArray(types), nullptr, 0};
         if (input_.ConsumeIntegralInRange(0, 3) == 0) {
             made.pParameter = data(made.ulParameterLen);
@@ -189,25 +172,13 @@ private:
     }
 
     std::vector<CK_ATTRIBUTE> attributes() {
-        static const CK_ATTRIBUTE_TYPE types[] = {CKA_CLASS,
-                                                  CKA_TOKEN,
-                                                  CKA_LABEL,
-                                                  CKA_VALUE,
-                                                  CKA_ID,
-                                                  CKA_KEY_TYPE,
-                                                  CKA_MODULUS,
-                                                  CKA_SIGN,
-                                                  CKA_DECRYPT,
-                                                  CKA_PRIME_1,
-                                                  CKA_SUBJECT,
-                                                  CKA_ISSUER,
-                                                  CKA_EC_POINT,
-                                                  CKA_EC_PARAMS,
-                                                  CKA_MODULUS_BITS,
-                                                  CKA_VALUE_LEN,
-                                                  CKA_SERIAL_NUMBER,
-                                                  CKA_PRIVATE_EXPONENT,
-                                                  CKA_CERTIFICATE_TYPE};
+        static const CK_ATTRIBUTE_TYPE types[] = {// Objects.
+                                                  CKA_CLASS, CKA_TOKEN, CKA_LABEL, CKA_VALUE, CKA_ID, CKA_KEY_TYPE,
+                                                  // Keys.
+                                                  CKA_MODULUS, CKA_SIGN, CKA_DECRYPT, CKA_PRIME_1, CKA_EC_POINT,
+                                                  CKA_EC_PARAMS, CKA_MODULUS_BITS, CKA_VALUE_LEN, CKA_PRIVATE_EXPONENT,
+                                                  // Certificates.
+                                                  CKA_SUBJECT, CKA_ISSUER, CKA_SERIAL_NUMBER, CKA_CERTIFICATE_TYPE};
         std::vector<CK_ATTRIBUTE> made(input_.ConsumeIntegralInRange<std::size_t>(0, 6));
         for (CK_ATTRIBUTE& attribute : made) {
             attribute.type =
