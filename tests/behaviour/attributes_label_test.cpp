@@ -77,12 +77,10 @@ TEST_F(AttributesLabelTest, TheComputedLabelIsWrittenBackWhenAPinIsCached) {
 }
 
 TEST_F(AttributesLabelTest, ALabelWrittenBackIsFoundAndReadAfterwards) {
-    scripted::Fault fault;
-    fault.operation = "zentak_updateKeyPairDetails";
-    fault.action = [this] {
-        world.change([](scripted::Device& changed) { setAlias(changed.keyPairs["SN1"][0], "Alice_1234"); });
-    };
-    world.addFault(fault);
+    world.addFault({.operation = "zentak_updateKeyPairDetails", .action = [this] {
+                        world.change(
+                            [](scripted::Device& changed) { setAlias(changed.keyPairs["SN1"][0], "Alice_1234"); });
+                    }});
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
     EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
     EXPECT_EQ(read(session, privateKey(5)), (Outcome{CKR_OK, started + walked(10), {listKeyPairs}}));
@@ -285,13 +283,10 @@ TEST_F(AttributesLabelTest, OtherValuesAreThoseOfTheRecord) {
 TEST_F(AttributesLabelTest, TheListsAreCopiesThatNoLaterCallDisturbs) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
     for (const char* operation : {"zentak_getCertificateDetails", "zentak_updateKeyPairDetails"}) {
-        scripted::Fault fault;
-        fault.operation = operation;
-        fault.action = [] {
-            zentak_getKeyPairList("nobody", nullptr).shrink_to_fit();
-            zentak_getCertificateList("nobody", nullptr).shrink_to_fit();
-        };
-        world.addFault(fault);
+        world.addFault({.operation = operation, .action = [] {
+                            zentak_getKeyPairList("nobody", nullptr).shrink_to_fit();
+                            zentak_getCertificateList("nobody", nullptr).shrink_to_fit();
+                        }});
         EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
         EXPECT_EQ(labelOf(session, certificate(5)), "Bob_99");
     }
@@ -323,12 +318,9 @@ TEST_F(AttributesLabelTest, AskingForDetailsDoesNotDisturbTheCertificates) {
     world.certificateDetails[derOf(own)] = wanted;
     world.certificates["SN1"] = {foreign, own};
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
-    scripted::Fault fault;
-    fault.operation = "zentak_getCertificateDetails";
-    fault.action = [&] {
-        for (ZentakCertificate& record : world.hidden().certificateList) record = foreign;
-    };
-    world.addFault(fault);
+    world.addFault({.operation = "zentak_getCertificateDetails", .action = [&] {
+                        for (ZentakCertificate& record : world.hidden().certificateList) record = foreign;
+                    }});
     EXPECT_EQ(labelOf(session, privateKey(5)), "The_owner");
 }
 

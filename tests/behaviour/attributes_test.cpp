@@ -142,9 +142,7 @@ TEST_F(AttributesTest, ATooSmallBufferStopsTheWalk) {
 
 TEST_F(AttributesTest, ABufferOfNoBytesIsTooSmall) {
     Room room(4);
-    Template wanted;
-    wanted.addRaw(CKA_TOKEN, room.address(), 0);
-    EXPECT_EQ(read(privateKey(5), wanted),
+    EXPECT_EQ(read(privateKey(5), Template().addRaw(CKA_TOKEN, room.address(), 0)),
               (Outcome{CKR_BUFFER_TOO_SMALL,
                        started(1) + Lines{"DEBUG C_GetAttributeValue type : 1",
                                           "ERROR C_GetAttributeValue: buffer too small at index=0 type=1 provided=0 "
@@ -190,9 +188,9 @@ TEST_F(AttributesTest, AnUnavailableValueDoesNotStopTheWalk) {
 TEST_F(AttributesTest, TheSameTypeMayBeAskedTwice) {
     Room first(8);
     Room second(8);
-    Template wanted;
-    wanted.addRaw(CKA_ID, first.address(), 8).addRaw(CKA_ID, second.address(), 2);
-    EXPECT_EQ(read(certificate(7), wanted).code, CKR_OK);
+    EXPECT_EQ(
+        read(certificate(7), Template().addRaw(CKA_ID, first.address(), 8).addRaw(CKA_ID, second.address(), 2)).code,
+        CKR_OK);
     EXPECT_EQ(first.first(2), (Bytes{0xC0, 7}));
     EXPECT_EQ(second.first(2), (Bytes{0xC0, 7}));
     EXPECT_TRUE(first.untouchedFrom(2));
@@ -201,9 +199,7 @@ TEST_F(AttributesTest, TheSameTypeMayBeAskedTwice) {
 
 TEST_F(AttributesTest, ACapacityBeyondAllMemoryIsJustEnough) {
     Room room(8);
-    Template wanted;
-    wanted.addRaw(CKA_ID, room.address(), CK_UNAVAILABLE_INFORMATION);
-    EXPECT_EQ(read(privateKey(5), wanted).code, CKR_OK);
+    EXPECT_EQ(read(privateKey(5), Template().addRaw(CKA_ID, room.address(), CK_UNAVAILABLE_INFORMATION)).code, CKR_OK);
     EXPECT_EQ(room.first(2), (Bytes{0xA0, 5}));
     EXPECT_TRUE(room.untouchedFrom(2));
 }
@@ -223,15 +219,11 @@ TEST_F(AttributesTest, TheTemplateIsReadAndWrittenAtAnyAddress) {
 }
 
 TEST_F(AttributesTest, EverySessionStateMayReadEveryObject) {
-    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
-                                        CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
-        closeEverything(session);
-        session = openSessionIn(state);
+    for (const CK_STATE state : everyState) {
+        session = reopen(session, state);
         for (const CK_OBJECT_HANDLE object : Numbers{privateKey(5), publicKey(5), certificate(5)}) {
             Room value(1);
-            Template wanted;
-            wanted.addRaw(CKA_TRUSTED, value.address(), 1);
-            EXPECT_EQ(read(object, wanted).code, CKR_OK);
+            EXPECT_EQ(read(object, Template().addRaw(CKA_TRUSTED, value.address(), 1)).code, CKR_OK);
             EXPECT_EQ(value.first(1), (Bytes{CK_TRUE}));
         }
     }
@@ -241,9 +233,7 @@ TEST_F(AttributesTest, EverySessionStateMayReadEveryObject) {
 TEST_F(AttributesTest, ReadingDisturbsNoRunningSearch) {
     ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
     ASSERT_EQ(next(session, 1), (Handles{publicKey(5)}));
-    Template wanted;
-    wanted.addRaw(CKA_ID, nullptr, 0);
-    EXPECT_EQ(read(publicKey(5), wanted).code, CKR_OK);
+    EXPECT_EQ(read(publicKey(5), Template().addRaw(CKA_ID, nullptr, 0)).code, CKR_OK);
     EXPECT_EQ(next(session, 1), (Handles{publicKey(6)}));
 }
 

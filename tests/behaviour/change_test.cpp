@@ -78,8 +78,8 @@ TEST_F(ChangeTest, SettingChecksInItsOrder) {
 TEST_F(ChangeTest, OnlyHandlesOfKeyPairsAreTaken) {
     Template wanted;
     wanted.add(CKA_LABEL, "new");
-    Numbers handles = {0, 0x6FFFFFFF, certificate(0), certificate(5), 0x70003000, 0xFFFFFFFF};
-    if constexpr (sizeof(CK_ULONG) == 8) handles.push_back(static_cast<CK_ULONG>(0x170000005ULL));
+    const Numbers handles =
+        withWide({0, 0x6FFFFFFF, certificate(0), certificate(5), 0x70003000, 0xFFFFFFFF}, {0x170000005});
     for (const CK_OBJECT_HANDLE handle : handles) {
         EXPECT_EQ(set(handle, wanted),
                   refused(CKR_OBJECT_HANDLE_INVALID, text("C_SetAttributeValue: invalid hObject=", handle)));
@@ -101,33 +101,28 @@ TEST_F(ChangeTest, TheEndsOfBothRangesAreFound) {
 }
 
 TEST_F(ChangeTest, ALabelIsGivenThroughEitherObject) {
-    Template wanted;
-    wanted.add(CKA_LABEL, "new name");
     for (const CK_OBJECT_HANDLE handle : {privateKey(6), publicKey(6)}) {
-        EXPECT_EQ(set(handle, wanted), changed({attribute(CKA_LABEL)}, {updateKeyPair(6, "new name")}));
+        EXPECT_EQ(set(handle, Template().add(CKA_LABEL, "new name")),
+                  changed({attribute(CKA_LABEL)}, {updateKeyPair(6, "new name")}));
     }
 }
 
 TEST_F(ChangeTest, AnIdentifierIsGivenAlone) {
-    Template wanted;
-    wanted.add(CKA_ID, Bytes{0, 0xB1, 0});
-    EXPECT_EQ(set(privateKey(5), wanted), changed({attribute(CKA_ID)}, {updateKeyPair(5, "", "<00B100>, 3")}));
+    EXPECT_EQ(set(privateKey(5), Template().add(CKA_ID, Bytes{0, 0xB1, 0})),
+              changed({attribute(CKA_ID)}, {updateKeyPair(5, "", "<00B100>, 3")}));
 }
 
 TEST_F(ChangeTest, LongValuesAreHandedOnWhole) {
     const std::string label(200, 'x');
     const Bytes identifier = countingBytes(0, 200);
-    Template wanted;
-    wanted.add(CKA_LABEL, label.c_str()).add(CKA_ID, identifier);
-    EXPECT_EQ(set(privateKey(5), wanted),
+    EXPECT_EQ(set(privateKey(5), Template().add(CKA_LABEL, label.c_str()).add(CKA_ID, identifier)),
               changed({attribute(CKA_LABEL), attribute(CKA_ID)}, {updateKeyPair(5, label, shown(identifier))}));
 }
 
 TEST_F(ChangeTest, ALabelIsCountedBytes) {
     char label[] = {'a', 'b', 'c', 'd'};
-    Template wanted;
-    wanted.addRaw(CKA_LABEL, label, 3);
-    EXPECT_EQ(set(privateKey(5), wanted).device, (Lines{listKeyPairs, updateKeyPair(5, "abc")}));
+    EXPECT_EQ(set(privateKey(5), Template().addRaw(CKA_LABEL, label, 3)).device,
+              (Lines{listKeyPairs, updateKeyPair(5, "abc")}));
 }
 
 TEST_F(ChangeTest, TheLastOfSeveralCounts) {
@@ -143,9 +138,7 @@ TEST_F(ChangeTest, EntriesWithoutAValueAreSkippedSilently) {
     Template wanted;
     wanted.add(CKA_LABEL, "kept").addRaw(CKA_LABEL, label, 0).addRaw(CKA_ID, nullptr, 4).addRaw(CKA_LABEL, nullptr, 0);
     EXPECT_EQ(set(privateKey(5), wanted), changed({attribute(CKA_LABEL)}, {updateKeyPair(5, "kept")}));
-    Template nothing;
-    nothing.addRaw(CKA_LABEL, label, 0).addRaw(CKA_ID, nullptr, 4);
-    EXPECT_EQ(set(privateKey(5), nothing), changed({}));
+    EXPECT_EQ(set(privateKey(5), Template().addRaw(CKA_LABEL, label, 0).addRaw(CKA_ID, nullptr, 4)), changed({}));
 }
 
 TEST_F(ChangeTest, OtherAttributesAreIgnored) {
@@ -157,18 +150,15 @@ TEST_F(ChangeTest, OtherAttributesAreIgnored) {
               changed({attribute(CKA_MODIFIABLE), attribute(CKA_CLASS), attribute(CKA_LABEL), attribute(0x80000001)},
                       {updateKeyPair(5, "new")}));
     if constexpr (sizeof(CK_ULONG) == 8) {
-        Template wide;
-        wide.add(static_cast<CK_ULONG>(0x100000003ULL), Bytes{'x'});
-        EXPECT_EQ(set(privateKey(5), wide).device, (Lines{listKeyPairs}));
+        EXPECT_EQ(set(privateKey(5), Template().add(static_cast<CK_ULONG>(0x100000003ULL), Bytes{'x'})).device,
+                  (Lines{listKeyPairs}));
     }
 }
 
 TEST_F(ChangeTest, AFailedUpdateIsReported) {
-    Template wanted;
-    wanted.add(CKA_LABEL, "new");
     for (const int result : {1, -3, 40, 242}) {
         world.results["zentak_updateKeyPairDetails"] = result;
-        EXPECT_EQ(set(publicKey(5), wanted),
+        EXPECT_EQ(set(publicKey(5), Template().add(CKA_LABEL, "new")),
                   (Outcome{CKR_FUNCTION_FAILED,
                            {entered, attribute(CKA_LABEL), text("ERROR Update key pair details failed : ", result)},
                            {listKeyPairs, updateKeyPair(5, "new")}}));
@@ -236,8 +226,8 @@ TEST_F(ChangeTest, TheEndsOfTheRangeAreDeleted) {
 }
 
 TEST_F(ChangeTest, OtherObjectsAreLeftAlone) {
-    Numbers handles = {publicKey(0), publicKey(5), certificate(0), certificate(5), 0x70003000, 0xFFFFFFFF};
-    if constexpr (sizeof(CK_ULONG) == 8) handles.push_back(static_cast<CK_ULONG>(0x170000005ULL));
+    const Numbers handles =
+        withWide({publicKey(0), publicKey(5), certificate(0), certificate(5), 0x70003000, 0xFFFFFFFF}, {0x170000005});
     for (const CK_OBJECT_HANDLE handle : handles) {
         EXPECT_EQ(destroy(handle), (Outcome{CKR_OK, deleting(handle)}));
     }

@@ -62,14 +62,10 @@ protected:
     }
     /// Into `room`; the capacity isn't looked at.
     Outcome run(const Bytes& data) {
-        Bytes copy = data;
-        room = Room(2000);
-        length = 0;
-        return call(copy.data(), static_cast<CK_ULONG>(copy.size()), static_cast<CK_BYTE_PTR>(room.address()), &length);
+        return giveForRoom(direction_.encrypts ? api->C_Encrypt : api->C_Decrypt, data, 0);
     }
     Outcome askSize(const Bytes& data) {
-        Bytes copy = data;
-        return call(copy.data(), static_cast<CK_ULONG>(copy.size()), nullptr, &length);
+        return give(direction_.encrypts ? api->C_Encrypt : api->C_Decrypt, data, nullptr, &length);
     }
     void digestInit() {
         CK_MECHANISM mechanism = {CKM_SHA256, nullptr, 0};
@@ -236,12 +232,10 @@ TEST_F(EncryptionTest, InitNeedsTheKeyPair) {
 TEST_F(DecryptionTest, InitWorksInEveryStateButTheFirst) {
     for (const CK_STATE state :
          Numbers{CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION, CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
-        closeEverything(session);
-        session = openSessionIn(state);
+        session = reopen(session, state);
         EXPECT_EQ(init(CKM_RSA_PKCS), ready()) << state;
     }
-    closeEverything(session);
-    session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    session = reopen(session, CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(init(CKM_RSA_PKCS), refused(CKR_SESSION_HANDLE_INVALID, "C_DecryptInit: invalid session state=0"));
 }
 
@@ -373,8 +367,7 @@ TEST_F(DecryptionTest, BothMechanismsAreTheSame) {
 }
 
 TEST_F(DecryptionTest, WithoutALoginThePasswordIsEmpty) {
-    closeEverything(session);
-    session = openSessionIn(CKS_RW_PUBLIC_SESSION);
+    session = reopen(session, CKS_RW_PUBLIC_SESSION);
     begin();
     EXPECT_EQ(run({1}).device, (Lines{decryptCall({1}, false, "")}));
 }

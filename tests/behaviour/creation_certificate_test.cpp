@@ -54,11 +54,10 @@ TEST_F(CreationCertificateTest, PublicKeysAreAcceptedAndIgnored) {
 
 TEST_F(CreationCertificateTest, OtherClassesAreRefused) {
     for (const CK_OBJECT_CLASS other : Numbers{CKO_DATA, CKO_SECRET_KEY, 5, 0x80000003, 0xFFFFFFFF}) {
-        Template wanted;
-        wanted.addNumber(CKA_CLASS, other).add(CKA_VALUE, leaf);
-        EXPECT_EQ(create(wanted), (Outcome{CKR_FUNCTION_NOT_SUPPORTED,
-                                           {entered, attributeLine(CKA_CLASS), attributeLine(CKA_VALUE),
-                                            text("ERROR Provided object class not supported : ", other)}}));
+        EXPECT_EQ(create(Template().addNumber(CKA_CLASS, other).add(CKA_VALUE, leaf)),
+                  (Outcome{CKR_FUNCTION_NOT_SUPPORTED,
+                           {entered, attributeLine(CKA_CLASS), attributeLine(CKA_VALUE),
+                            text("ERROR Provided object class not supported : ", other)}}));
         EXPECT_EQ(created, untouched);
     }
 }
@@ -72,13 +71,12 @@ TEST_F(CreationCertificateTest, TheLastOfSeveralClassesCounts) {
 // --- A certificate alone --------------------------------------------------------------------------------------------
 
 TEST_F(CreationCertificateTest, AValueAloneIsACertificate) {
-    Template wanted;
-    wanted.add(CKA_VALUE, leaf);
-    EXPECT_EQ(create(wanted), (Outcome{CKR_OK,
-                                       {entered, attributeLine(CKA_VALUE),
-                                        "DEBUG Label not provided, using: Alice_CN=Root", folderLine, leafOnlyLine},
-                                       {readCertificate(leaf), scanFolder(folder),
-                                        importCertificate(leaf, "Alice_CN=Root"), listCertificates, listKeyPairs}}));
+    EXPECT_EQ(create(Template().add(CKA_VALUE, leaf)),
+              (Outcome{CKR_OK,
+                       {entered, attributeLine(CKA_VALUE), "DEBUG Label not provided, using: Alice_CN=Root", folderLine,
+                        leafOnlyLine},
+                       {readCertificate(leaf), scanFolder(folder), importCertificate(leaf, "Alice_CN=Root"),
+                        listCertificates, listKeyPairs}}));
     EXPECT_EQ(created, certificate(9));
 }
 
@@ -111,9 +109,7 @@ TEST_F(CreationCertificateTest, LaterEntriesReplaceEarlierOnes) {
 
 TEST_F(CreationCertificateTest, ACertificateNeedsItsBytes) {
     unsigned char byte = 0;
-    Template wanted;
-    wanted.add(CKA_LABEL, "mail").addRaw(CKA_VALUE, &byte, 0);
-    EXPECT_EQ(create(wanted),
+    EXPECT_EQ(create(Template().add(CKA_LABEL, "mail").addRaw(CKA_VALUE, &byte, 0)),
               (Outcome{CKR_FUNCTION_FAILED,
                        {entered, attributeLine(CKA_LABEL), "ERROR Certificate data not available in create object"}}));
     EXPECT_EQ(created, untouched);
@@ -122,17 +118,13 @@ TEST_F(CreationCertificateTest, ACertificateNeedsItsBytes) {
 TEST_F(CreationCertificateTest, ACertificateMustFitIntoTheRecord) {
     const Bytes longest = countingBytes(0, 3072);
     world.certificateDetails[longest] = makeDetails("Bob", "CN=Root");
-    Template fits;
-    fits.add(CKA_VALUE, longest).add(CKA_LABEL, "long");
-    const Outcome taken = create(fits);
+    const Outcome taken = create(Template().add(CKA_VALUE, longest).add(CKA_LABEL, "long"));
     EXPECT_EQ(taken.code, CKR_OK);
     EXPECT_EQ(taken.device, (Lines{readCertificate(longest), scanFolder(folder), importCertificate(longest, "long"),
                                    listCertificates, listKeyPairs}));
     const Bytes tooLong = countingBytes(0, 3073);
     world.certificateDetails[tooLong] = makeDetails("Bob", "CN=Root");
-    Template wanted;
-    wanted.add(CKA_VALUE, tooLong).add(CKA_LABEL, "long");
-    const Outcome outcome = create(wanted);
+    const Outcome outcome = create(Template().add(CKA_VALUE, tooLong).add(CKA_LABEL, "long"));
     expectOneError(outcome, CKR_DATA_LEN_RANGE, "C_CreateObject");
     EXPECT_EQ(outcome.device, Lines{});
     EXPECT_EQ(created, untouched);
@@ -183,8 +175,7 @@ TEST_F(CreationCertificateTest, TheHandleComesFromTheList) {
 }
 
 TEST_F(CreationCertificateTest, NeitherLoginNorAWritableSessionIsNeeded) {
-    closeEverything(session);
-    session = openSessionIn(CKS_RO_PUBLIC_SESSION, fipsSlot);
+    session = reopen(session, CKS_RO_PUBLIC_SESSION, fipsSlot);
     const Outcome outcome = createMail();
     EXPECT_EQ(outcome.code, CKR_OK);
     EXPECT_EQ(outcome.device,
@@ -197,18 +188,15 @@ TEST_F(CreationCertificateTest, NeitherLoginNorAWritableSessionIsNeeded) {
 TEST_F(CreationCertificateTest, LabelsAreTrimmed) {
     world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
     leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
-    Template wanted;
-    wanted.add(CKA_VALUE, leaf).add(CKA_LABEL, " \t\n\r\f\vmy  mail \v\f\r\n\t");
-    EXPECT_EQ(create(wanted), (Outcome{CKR_OK,
-                                       mailLines + Lines{leafOnlyLine} + naming("my  mail"),
-                                       {readCertificate(leaf), scanFolder(folder), importCertificate(leaf, "my  mail"),
-                                        listCertificates, listKeyPairs, nameKeyPair(5, "my  mail")}}));
+    EXPECT_EQ(create(Template().add(CKA_VALUE, leaf).add(CKA_LABEL, " \t\n\r\f\vmy  mail \v\f\r\n\t")),
+              (Outcome{CKR_OK,
+                       mailLines + Lines{leafOnlyLine} + naming("my  mail"),
+                       {readCertificate(leaf), scanFolder(folder), importCertificate(leaf, "my  mail"),
+                        listCertificates, listKeyPairs, nameKeyPair(5, "my  mail")}}));
 }
 
 TEST_F(CreationCertificateTest, ABlankLabelIsNone) {
-    Template wanted;
-    wanted.add(CKA_VALUE, leaf).add(CKA_LABEL, " \t\n\r\f\v");
-    const Outcome outcome = create(wanted);
+    const Outcome outcome = create(Template().add(CKA_VALUE, leaf).add(CKA_LABEL, " \t\n\r\f\v"));
     EXPECT_EQ(outcome.log, (Lines{entered, attributeLine(CKA_VALUE), attributeLine(CKA_LABEL),
                                   "DEBUG Label not provided, using: Alice_CN=Root", folderLine, leafOnlyLine}));
     ASSERT_EQ(outcome.device.size(), 5U);
@@ -217,9 +205,7 @@ TEST_F(CreationCertificateTest, ABlankLabelIsNone) {
 
 TEST_F(CreationCertificateTest, ALabelIsCountedBytes) {
     char label[] = {'m', 'a', 'i', 'l', 'x'};
-    Template wanted;
-    wanted.add(CKA_VALUE, leaf).addRaw(CKA_LABEL, label, 4);
-    const Outcome outcome = create(wanted);
+    const Outcome outcome = create(Template().add(CKA_VALUE, leaf).addRaw(CKA_LABEL, label, 4));
     ASSERT_EQ(outcome.device.size(), 5U);
     EXPECT_EQ(outcome.device[2], importCertificate(leaf, "mail"));
 }
@@ -245,22 +231,20 @@ TEST_F(CreationCertificateTest, AComputedLabelIsCutForGood) {
     world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
     leafDetails(std::string(100, 'a'), std::string(100, 'b'), publicKeyOf(keyFive));
     const std::string label = std::string(100, 'a') + "_" + std::string(27, 'b');
-    Template wanted;
-    wanted.add(CKA_VALUE, leaf);
-    EXPECT_EQ(create(wanted), (Outcome{CKR_OK,
-                                       Lines{entered, attributeLine(CKA_VALUE),
-                                             "DEBUG Label not provided, using: " + label, folderLine, leafOnlyLine} +
-                                           naming(label),
-                                       {readCertificate(leaf), scanFolder(folder), importCertificate(leaf, label),
-                                        listCertificates, listKeyPairs, nameKeyPair(5, label)}}));
+    EXPECT_EQ(create(Template().add(CKA_VALUE, leaf)),
+              (Outcome{CKR_OK,
+                       Lines{entered, attributeLine(CKA_VALUE), "DEBUG Label not provided, using: " + label, folderLine,
+                             leafOnlyLine} +
+                           naming(label),
+                       {readCertificate(leaf), scanFolder(folder), importCertificate(leaf, label), listCertificates,
+                        listKeyPairs, nameKeyPair(5, label)}}));
 }
 
 TEST_F(CreationCertificateTest, ALabelOfEmptyTextsIsAnUnderscore) {
     leafDetails("", "");
-    Template wanted;
-    wanted.add(CKA_VALUE, leaf);
-    EXPECT_EQ(create(wanted).log, (Lines{entered, attributeLine(CKA_VALUE), "DEBUG Label not provided, using: _",
-                                         folderLine, leafOnlyLine}));
+    EXPECT_EQ(
+        create(Template().add(CKA_VALUE, leaf)).log,
+        (Lines{entered, attributeLine(CKA_VALUE), "DEBUG Label not provided, using: _", folderLine, leafOnlyLine}));
 }
 
 // --- The name of the key pair ---------------------------------------------------------------------------------------
@@ -309,8 +293,7 @@ TEST_F(CreationCertificateTest, OnlyTheFirstKeyPairWithTheKeyIsLookedAt) {
 TEST_F(CreationCertificateTest, WithoutAPasswordTheNameIsOnlyAnnounced) {
     world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
     leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
-    closeEverything(session);
-    session = openSessionIn(CKS_RW_PUBLIC_SESSION);
+    session = reopen(session, CKS_RW_PUBLIC_SESSION);
     EXPECT_EQ(createMail(), (Outcome{CKR_OK,
                                      mailLines + Lines{leafOnlyLine} + naming("mail"),
                                      {readCertificate(leaf), scanFolder(folder),
@@ -382,14 +365,11 @@ TEST_F(CreationCertificateTest, TheReferenceOfTheNamedKeyPairIsTheModulesOwn) {
     world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
     leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
     Bytes reference;
-    scripted::Fault fault;
-    fault.operation = "zentak_updateKeyPairDetails";
-    fault.action = [&] {
-        for (ZentakKeyPair& record : world.hidden().keyPairList) record = labelledKeyPair(8, "");
-        const unsigned char* const given = world.hidden().keyReferenceGiven;
-        reference.assign(given, given + sizeof(ZentakKeyPair::keyId));
-    };
-    world.addFault(fault);
+    world.addFault({.operation = "zentak_updateKeyPairDetails", .action = [&] {
+                        for (ZentakKeyPair& record : world.hidden().keyPairList) record = labelledKeyPair(8, "");
+                        const unsigned char* const given = world.hidden().keyReferenceGiven;
+                        reference.assign(given, given + sizeof(ZentakKeyPair::keyId));
+                    }});
     ASSERT_EQ(createMail().code, CKR_OK);
     EXPECT_EQ(reference, countingBytes(5, 16));
 }

@@ -45,10 +45,8 @@ TEST_F(CreationChainTest, TheRootGoesFirstAndTheLeafLast) {
 
 TEST_F(CreationChainTest, TheLeafKeepsItsIdentifierAndTheAuthoritiesHaveNone) {
     addAuthority(root, "CN=Root", "CN=Root");
-    Template wanted;
-    wanted.add(CKA_VALUE, leaf).add(CKA_ID, Bytes{1, 2});
     EXPECT_EQ(
-        create(wanted),
+        create(Template().add(CKA_VALUE, leaf).add(CKA_ID, Bytes{1, 2})),
         (Outcome{CKR_OK,
                  {"DEBUG C_CreateObject", attributeLine(CKA_VALUE), attributeLine(CKA_ID),
                   "DEBUG Label not provided, using: Alice_CN=Root", folderLine, importedLine, importedLine},
@@ -207,8 +205,7 @@ TEST_F(CreationChainTest, WithoutAPasswordTheNameIsOnlyAnnounced) {
     leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
     addAuthority(root, "CN=Root", "CN=Root");
     world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
-    closeEverything(session);
-    session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    session = reopen(session, CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(
         createMail(),
         (Outcome{CKR_OK, mailLines + Lines{importedLine, importedLine, "DEBUG Updating empty key pair alias to: mail"},

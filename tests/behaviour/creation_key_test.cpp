@@ -56,9 +56,8 @@ TEST_F(CreationKeyTest, ClassAndKeyTypeOfOtherLengthsAreFilledWithZeros) {
             wanted.add(CKA_CLASS, objectClass).add(CKA_KEY_TYPE, keyType);
             EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime), listKeyPairs}));
         }
-        Template ec;
-        ec.add(CKA_CLASS, objectClass).add(CKA_KEY_TYPE, Bytes{3});
-        EXPECT_EQ(create(ec).log.back(), "ERROR ECC keypair not supported for import");
+        EXPECT_EQ(create(Template().add(CKA_CLASS, objectClass).add(CKA_KEY_TYPE, Bytes{3})).log.back(),
+                  "ERROR ECC keypair not supported for import");
     }
 }
 

@@ -92,11 +92,7 @@ protected:
     }
 
     void setResultOfCall(const std::string& operation, int nth, int result) {
-        scripted::Fault fault;
-        fault.operation = operation;
-        fault.nth = nth;
-        fault.result = result;
-        world.addFault(fault);
+        world.addFault({.operation = operation, .nth = nth, .result = result});
     }
 
     const std::string home = "/opt/zentak";

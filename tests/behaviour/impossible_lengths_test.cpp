@@ -28,8 +28,7 @@ class ImpossibleLengthsTest : public SigningTest {
 protected:
     void SetUp() override {
         SigningTest::SetUp();
-        closeEverything(session);
-        session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+        session = reopen(session, CKS_RW_USER_FUNCTIONS);
         world.generated = makeKeyPair(9);
     }
 
@@ -57,11 +56,10 @@ private:
 TEST_F(ImpossibleLengthsTest, OfNumbersAndTruthValuesMeanTheirFirstBytes) {
     const GuardedMemory yes({CK_TRUE});
     for (const CK_ULONG stated : impossibleLengths) {
-        Template unsupported;
-        unsupported.addRaw(CKA_CLASS, number(CKO_SECRET_KEY).data(), stated);
-        EXPECT_EQ(create(unsupported), (Outcome{CKR_FUNCTION_NOT_SUPPORTED,
-                                                {"DEBUG C_CreateObject", "DEBUG C_CreateObject - attrip type : 0",
-                                                 "ERROR Provided object class not supported : 4"}}));
+        EXPECT_EQ(create(Template().addRaw(CKA_CLASS, number(CKO_SECRET_KEY).data(), stated)),
+                  (Outcome{CKR_FUNCTION_NOT_SUPPORTED,
+                           {"DEBUG C_CreateObject", "DEBUG C_CreateObject - attrip type : 0",
+                            "ERROR Provided object class not supported : 4"}}));
         Template key;
         key.addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
             .add(CKA_MODULUS, Bytes(256, 0xC1))
@@ -82,13 +80,12 @@ TEST_F(ImpossibleLengthsTest, MatchNothingInASearchAndAreNotShown) {
                 type == CKA_VALUE || type == CKA_ID || (type == CKA_SUBJECT) == (objectClass == CKO_CERTIFICATE);
             for (const CK_ULONG stated : impossibleLengths) {
                 SCOPED_TRACE(text("class ", objectClass, " type ", type, " length ", stated));
-                Template wanted;
-                wanted.addNumber(CKA_CLASS, objectClass).addRaw(type, nothing.data(), stated);
                 Lines expected = {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 2",
                                   "DEBUG Find object init type : 0", text("DEBUG Find object class : ", objectClass),
                                   text("DEBUG Find object init type : ", type)};
                 if (type == CKA_MODULUS) expected.push_back(text("DEBUG Modulus provided length : ", stated));
-                const Outcome outcome = findInit(session, wanted);
+                const Outcome outcome = findInit(
+                    session, Template().addNumber(CKA_CLASS, objectClass).addRaw(type, nothing.data(), stated));
                 EXPECT_EQ(outcome.code, CKR_OK);
                 EXPECT_EQ(outcome.log, expected);
                 EXPECT_EQ(next(session, 10).size(), decides ? 0U : 2U);
@@ -99,9 +96,7 @@ TEST_F(ImpossibleLengthsTest, MatchNothingInASearchAndAreNotShown) {
 
 TEST_F(ImpossibleLengthsTest, DoNotDisturbASearchThatDoesNotLookAtThem) {
     for (const CK_ULONG stated : impossibleLengths) {
-        Template everything;
-        everything.addRaw(CKA_ID, three.data(), stated);
-        EXPECT_EQ(findInit(session, everything).log,
+        EXPECT_EQ(findInit(session, Template().addRaw(CKA_ID, three.data(), stated)).log,
                   (Lines{"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 1",
                          "DEBUG Find object init type : 258"}));
         EXPECT_EQ(next(session, 10).size(), 6U);
@@ -140,24 +135,20 @@ TEST_F(ImpossibleLengthsTest, AreRefusedInTheImportOfACertificate) {
     world.certificateDetails[der] = makeDetails("Alice", "CN=Root");
     for (const NamedType& row : {NamedType{CKA_LABEL, "CKA_LABEL"}, NamedType{CKA_ID, "CKA_ID"}}) {
         for (const CK_ULONG stated : impossibleLengths) {
-            Template wanted;
-            wanted.add(CKA_VALUE, der).addRaw(row.type, nothing.data(), stated);
-            EXPECT_EQ(create(wanted), (Outcome{CKR_DATA_LEN_RANGE,
-                                               {"DEBUG C_CreateObject", "DEBUG C_CreateObject - attrip type : 17",
-                                                text("DEBUG C_CreateObject - attrip type : ", row.type),
-                                                tooLong("C_CreateObject", row.name, stated)}}));
+            EXPECT_EQ(create(Template().add(CKA_VALUE, der).addRaw(row.type, nothing.data(), stated)),
+                      (Outcome{CKR_DATA_LEN_RANGE,
+                               {"DEBUG C_CreateObject", "DEBUG C_CreateObject - attrip type : 17",
+                                text("DEBUG C_CreateObject - attrip type : ", row.type),
+                                tooLong("C_CreateObject", row.name, stated)}}));
         }
     }
     for (const CK_ULONG stated : impossibleLengths) {
-        Template wanted;
-        wanted.addRaw(CKA_VALUE, nothing.data(), stated);
-        EXPECT_EQ(create(wanted), (Outcome{CKR_DATA_LEN_RANGE,
-                                           {"DEBUG C_CreateObject", "DEBUG C_CreateObject - attrip type : 17",
-                                            text("ERROR C_CreateObject: certificate too long, length=", stated)}}));
+        EXPECT_EQ(create(Template().addRaw(CKA_VALUE, nothing.data(), stated)),
+                  (Outcome{CKR_DATA_LEN_RANGE,
+                           {"DEBUG C_CreateObject", "DEBUG C_CreateObject - attrip type : 17",
+                            text("ERROR C_CreateObject: certificate too long, length=", stated)}}));
         // What a certificate has no use for.
-        Template good;
-        good.add(CKA_VALUE, der).addRaw(CKA_MODULUS, nothing.data(), stated);
-        EXPECT_EQ(create(good).code, CKR_OK);
+        EXPECT_EQ(create(Template().add(CKA_VALUE, der).addRaw(CKA_MODULUS, nothing.data(), stated)).code, CKR_OK);
     }
 }
 
@@ -283,8 +274,7 @@ TEST_F(ImpossibleLengthsTest, EndASignature) {
 }
 
 TEST_F(ImpossibleLengthsTest, ComeAfterTheRefusalsOfAFipsToken) {
-    closeEverything(session);
-    session = openSessionIn(CKS_RW_USER_FUNCTIONS, fipsSlot);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS, fipsSlot);
     const GuardedMemory digestInfo({0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2B, 0x0E, 0x03, 0x02, 0x1A});
     begin(CKM_RSA_PKCS);
     EXPECT_EQ(observe([&] { return api->C_Sign(session, digestInfo.data(), 0x80000000, nullptr, &length); }),

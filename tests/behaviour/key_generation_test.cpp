@@ -37,8 +37,7 @@ protected:
 
     void SetUp() override {
         SigningTest::SetUp();
-        closeEverything(session);
-        session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+        session = reopen(session, CKS_RW_USER_FUNCTIONS);
         world.generated = makeKeyPair(9);
         // A template with nothing to read in it.
         publicTemplate.add(CKA_TOKEN, true);
@@ -132,26 +131,20 @@ TEST_F(KeyGenerationTest, ChecksInTheirOrder) {
 }
 
 TEST_F(KeyGenerationTest, AReadOnlySessionIsAnInvalidHandle) {
-    closeEverything(session);
-    session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    session = reopen(session, CKS_RO_USER_FUNCTIONS);
     EXPECT_EQ(generate(), refused(CKR_SESSION_HANDLE_INVALID, "C_GenerateKeyPair: invalid session state=1"));
-    closeEverything(session);
-    session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    session = reopen(session, CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(generate(), refused(CKR_SESSION_HANDLE_INVALID, "C_GenerateKeyPair: invalid session state=0"));
     EXPECT_TRUE(handlesUntouched());
 }
 
 TEST_F(KeyGenerationTest, NobodyHasToBeLoggedIn) {
-    closeEverything(session);
-    session = openSessionIn(CKS_RW_PUBLIC_SESSION);
-    Wanted wanted;
-    wanted.password = "";
-    EXPECT_EQ(generate(), generated(wanted));
+    session = reopen(session, CKS_RW_PUBLIC_SESSION);
+    EXPECT_EQ(generate(), generated({.password = ""}));
 }
 
 TEST_F(KeyGenerationTest, TheSecurityOfficersSessionIsAccepted) {
-    closeEverything(session);
-    session = openSessionIn(CKS_RW_SO_FUNCTIONS);
+    session = reopen(session, CKS_RW_SO_FUNCTIONS);
     const Outcome outcome = generate();
     EXPECT_EQ(outcome.code, CKR_OK);
     EXPECT_EQ(outcome.log, generated({}).log);
@@ -179,9 +172,7 @@ TEST_F(KeyGenerationTest, TheModulusBitsChooseTheKeyType) {
     for (const auto& [bits, keyType] : rows) {
         publicTemplate = {};
         publicTemplate.addNumber(CKA_MODULUS_BITS, bits);
-        Wanted wanted;
-        wanted.keyType = keyType;
-        EXPECT_EQ(generate(), generated(wanted, CKK_RSA, {bitsLine(bits)}));
+        EXPECT_EQ(generate(), generated({.keyType = keyType}, CKK_RSA, {bitsLine(bits)}));
     }
 }
 
@@ -189,9 +180,7 @@ TEST_F(KeyGenerationTest, ALaterSizeOverridesAnEarlierOne) {
     publicTemplate.addNumber(CKA_MODULUS_BITS, 2048)
         .addNumber(CKA_MODULUS_BITS, 4096)
         .addNumber(CKA_MODULUS_BITS, 3072);
-    Wanted wanted;
-    wanted.keyType = rsa3072;
-    EXPECT_EQ(generate(), generated(wanted, CKK_RSA, {bitsLine(2048), bitsLine(4096), bitsLine(3072)}));
+    EXPECT_EQ(generate(), generated({.keyType = rsa3072}, CKK_RSA, {bitsLine(2048), bitsLine(4096), bitsLine(3072)}));
 }
 
 TEST_F(KeyGenerationTest, Rsa1024IsRefusedOnEveryToken) {
@@ -202,8 +191,7 @@ TEST_F(KeyGenerationTest, Rsa1024IsRefusedOnEveryToken) {
                                                      "ERROR C_GenerateKeyPair: RSA-1024 key generation not allowed — "
                                                      "key size below 112-bit security strength"}};
     EXPECT_EQ(generate(), expected);
-    closeEverything(session);
-    session = openSessionIn(CKS_RW_PUBLIC_SESSION, fipsSlot);
+    session = reopen(session, CKS_RW_PUBLIC_SESSION, fipsSlot);
     EXPECT_EQ(generate(), expected);
     EXPECT_TRUE(handlesUntouched());
 }
@@ -223,19 +211,15 @@ TEST_F(KeyGenerationTest, OtherSizesAreRefused) {
 
 TEST_F(KeyGenerationTest, TheCurveChoosesTheKeyType) {
     privateTemplate.addNumber(CKA_KEY_TYPE, CKK_EC);
-    Wanted wanted;
-    wanted.keyType = p256;
-    EXPECT_EQ(generate(), generated(wanted, CKK_EC));
+    EXPECT_EQ(generate(), generated({.keyType = p256}, CKK_EC));
     const std::pair<Bytes, int> rows[] = {{curveP256, p256}, {curveP384, p384}, {curveP521, p521}};
     for (const auto& [curve, keyType] : rows) {
         publicTemplate = {};
         publicTemplate.add(CKA_EC_PARAMS, curve);
-        wanted.keyType = keyType;
-        EXPECT_EQ(generate(), generated(wanted, CKK_EC));
+        EXPECT_EQ(generate(), generated({.keyType = keyType}, CKK_EC));
     }
     publicTemplate.add(CKA_EC_PARAMS, curveP384);  // behind P-521
-    wanted.keyType = p384;
-    EXPECT_EQ(generate(), generated(wanted, CKK_EC));
+    EXPECT_EQ(generate(), generated({.keyType = p384}, CKK_EC));
 }
 
 TEST_F(KeyGenerationTest, OtherCurvesAreRefused) {
@@ -261,9 +245,7 @@ TEST_F(KeyGenerationTest, EachKeyTypeReadsOnlyItsOwnAttribute) {
     publicTemplate.addNumber(CKA_MODULUS_BITS, 1024);
     publicTemplate[1].type = CKA_PUBLIC_EXPONENT;
     privateTemplate.addNumber(CKA_KEY_TYPE, CKK_EC);
-    Wanted wanted;
-    wanted.keyType = p256;
-    EXPECT_EQ(generate(), generated(wanted, CKK_EC));
+    EXPECT_EQ(generate(), generated({.keyType = p256}, CKK_EC));
 
     // Of any other key type nothing is read, and RSA 2048 stays.
     publicTemplate[1].type = CKA_EC_PARAMS;
@@ -297,20 +279,14 @@ TEST_F(KeyGenerationTest, EmptyEntriesAreSkipped) {
 
     privateTemplate.addNumber(CKA_KEY_TYPE, CKK_EC);
     publicTemplate.addRaw(CKA_EC_PARAMS, &yes, 0).addRaw(CKA_EC_PARAMS, nullptr, 7);
-    Wanted wanted;
-    wanted.keyType = p256;
-    EXPECT_EQ(generate(), generated(wanted, CKK_EC));
+    EXPECT_EQ(generate(), generated({.keyType = p256}, CKK_EC));
 }
 
 TEST_F(KeyGenerationTest, ThePrivateTemplateGivesLabelIdAndUsage) {
     publicTemplate.add(CKA_LABEL, "public").add(CKA_ID, Bytes{7}).add(CKA_VERIFY, true).add(CKA_ENCRYPT, true);
     publicTemplate.add(CKA_SIGN, true).add(CKA_DECRYPT, true);
     privateTemplate.add(CKA_LABEL, "mail key").add(CKA_ID, Bytes{0x0A, 0x00, 0xFF}).add(CKA_SIGN, true);
-    Wanted wanted;
-    wanted.alias = "mail key";
-    wanted.objectId = {0x0A, 0x00, 0xFF};
-    wanted.keyUsage = 1;
-    EXPECT_EQ(generate(), generated(wanted));
+    EXPECT_EQ(generate(), generated({.keyUsage = 1, .alias = "mail key", .objectId = {0x0A, 0x00, 0xFF}}));
 }
 
 TEST_F(KeyGenerationTest, UsageBits) {
@@ -324,9 +300,7 @@ TEST_F(KeyGenerationTest, UsageBits) {
                            Row{{0}, {1}, 2}, Row{{1}, {0}, 1}, Row{{0xFF}, {0}, 1}, Row{{0, 1}, {2}, 2}}) {
         privateTemplate = {};
         privateTemplate.add(CKA_SIGN, row.sign).add(CKA_DECRYPT, row.decrypt);
-        Wanted wanted;
-        wanted.keyUsage = row.usage;
-        EXPECT_EQ(generate(), generated(wanted));
+        EXPECT_EQ(generate(), generated({.keyUsage = row.usage}));
     }
 }
 
@@ -347,9 +321,7 @@ TEST_F(KeyGenerationTest, TheLastOfSeveralUsagesCounts) {
     for (const Row& row : rows) {
         privateTemplate = {};
         for (const auto& [type, value] : row.entries) privateTemplate.add(type, value);
-        Wanted wanted;
-        wanted.keyUsage = row.usage;
-        EXPECT_EQ(generate(), generated(wanted));
+        EXPECT_EQ(generate(), generated({.keyUsage = row.usage}));
     }
 }
 
@@ -378,9 +350,7 @@ TEST_F(KeyGenerationTest, NumbersOfOtherLengthsAreFilledWithZeros) {
 TEST_F(KeyGenerationTest, OtherUsageAttributesDontCount) {
     privateTemplate.add(CKA_SIGN, true).add(CKA_ENCRYPT, true).add(CKA_VERIFY, true).add(CKA_DERIVE, true);
     privateTemplate.add(CKA_UNWRAP, true);
-    Wanted wanted;
-    wanted.keyUsage = 1;
-    EXPECT_EQ(generate(), generated(wanted));
+    EXPECT_EQ(generate(), generated({.keyUsage = 1}));
 }
 
 TEST_F(KeyGenerationTest, LabelAndIdAreCutTo128Bytes) {
@@ -389,20 +359,14 @@ TEST_F(KeyGenerationTest, LabelAndIdAreCutTo128Bytes) {
         const std::size_t kept = std::min<std::size_t>(size, 128);
         privateTemplate = {};
         privateTemplate.add(CKA_LABEL, Bytes(size, 'x')).add(CKA_ID, countingBytes(1, size));
-        Wanted wanted;
-        wanted.alias = std::string(kept, 'x');
-        wanted.objectId = countingBytes(1, kept);
-        EXPECT_EQ(generate(), generated(wanted)) << size;
+        EXPECT_EQ(generate(), generated({.alias = std::string(kept, 'x'), .objectId = countingBytes(1, kept)})) << size;
     }
 }
 
 TEST_F(KeyGenerationTest, OfALongerLabelAndIdNothingRemainsBehindLaterOnes) {
     privateTemplate.add(CKA_LABEL, "the first label").add(CKA_ID, Bytes{1, 2, 3, 4});
     privateTemplate.add(CKA_LABEL, "new").add(CKA_ID, Bytes{9});
-    Wanted wanted;
-    wanted.alias = "new";
-    wanted.objectId = {9};
-    EXPECT_EQ(generate(), generated(wanted));
+    EXPECT_EQ(generate(), generated({.alias = "new", .objectId = {9}}));
 }
 
 TEST_F(KeyGenerationTest, FailuresNameTheResult) {

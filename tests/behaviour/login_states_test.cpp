@@ -59,7 +59,7 @@ TEST_F(LoginStatesTest, ASingleSessionInEveryState) {
 
 TEST_F(LoginStatesTest, AUsersLoginWalksOverSessionsInEveryState) {
     for (const std::size_t caller : {0U, 3U, 4U}) {
-        const std::vector<CK_SESSION_HANDLE> sessions = sessionsInEveryState();
+        const Numbers sessions = sessionsInEveryState();
         const CK_SESSION_HANDLE otherToken = openSession(CKF_RW_SESSION, secondSlot);
         const CK_STATE before = stateOf(sessions[caller]);
         EXPECT_EQ(observe([&] { return tryLogin(sessions[caller], CKU_USER, "5678"); }),
@@ -67,7 +67,7 @@ TEST_F(LoginStatesTest, AUsersLoginWalksOverSessionsInEveryState) {
                            {"DEBUG C_Login", "DEBUG Login state : " + decimal(before), officerOnAnotherSession,
                             "DEBUG Login end result : " + decimal(CKR_USER_ANOTHER_ALREADY_LOGGED_IN)},
                            {validateCall("SN1", "5678", 1)}}));
-        EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{4, 1, 3, 1, 3}));
+        EXPECT_EQ(states(sessions), (Numbers{4, 1, 3, 1, 3}));
         EXPECT_EQ(stateOf(otherToken), CKS_RW_PUBLIC_SESSION);
         EXPECT_TRUE(keeps("5678", otherToken));
         forgetPassword();
@@ -77,7 +77,7 @@ TEST_F(LoginStatesTest, AUsersLoginWalksOverSessionsInEveryState) {
 
 TEST_F(LoginStatesTest, AnOfficersLoginWalksOverSessionsInEveryState) {
     for (const std::size_t caller : {0U, 1U, 2U, 3U, 4U}) {
-        const std::vector<CK_SESSION_HANDLE> sessions = sessionsInEveryState();
+        const Numbers sessions = sessionsInEveryState();
         const CK_SESSION_HANDLE otherToken = openSession(CKF_RW_SESSION, secondSlot);
         const CK_STATE before = stateOf(sessions[caller]);
         // The last refusal met counts: of the read-only session in state 0, not of the officer's at the beginning.
@@ -86,7 +86,7 @@ TEST_F(LoginStatesTest, AnOfficersLoginWalksOverSessionsInEveryState) {
                   (Lines{"DEBUG C_Login", "DEBUG Login state : " + decimal(before), readOnlySessionExists,
                          readOnlySessionExists, "DEBUG Login end result : " + decimal(CKR_SESSION_READ_ONLY_EXISTS)}));
         EXPECT_EQ(calls(), (Lines{validateCall("SN1", "officer pin", 2)}));
-        EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{4, 1, 4, 0, 4}));
+        EXPECT_EQ(states(sessions), (Numbers{4, 1, 4, 0, 4}));
         EXPECT_EQ(stateOf(otherToken), CKS_RW_PUBLIC_SESSION);
         ASSERT_EQ(functions().C_CloseAllSessions(firstSlot), CKR_OK);
     }
@@ -104,12 +104,12 @@ TEST_F(LoginStatesTest, TheLastRefusalMetIsTheAnswer) {
 }
 
 TEST_F(LoginStatesTest, AUsersLoginReachesEverySessionOfTheTokenOnly) {
-    const std::vector<CK_SESSION_HANDLE> sessions = {
+    const Numbers sessions = {
         openSession(), openSession(CKF_RW_SESSION), openSession(0, secondSlot), openSession(CKF_RW_SESSION, secondSlot),
         openSession(), openSession(CKF_RW_SESSION)};
     EXPECT_EQ(observe([&] { return tryLogin(sessions[4], CKU_USER, "1234"); }),
               (Outcome{CKR_OK, {"DEBUG C_Login", "DEBUG Login state : 0", "DEBUG Login end result : 0"}}));
-    EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{1, 3, 0, 2, 1, 3}));
+    EXPECT_EQ(states(sessions), (Numbers{1, 3, 0, 2, 1, 3}));
 }
 
 /// The token is its serial number, whatever the slot.
@@ -118,14 +118,13 @@ TEST_F(LoginStatesTest, SessionsOfOneSerialNumberAreOfOneToken) {
     device().tokenInfo["reader A"] = makeTokenInfo("SN1");
     device().tokenInfo["reader B"] = makeTokenInfo("SN1");
     listSlots();
-    const std::vector<CK_SESSION_HANDLE> sessions = {openSession(0, firstSlot), openSession(0, firstSlot + 1),
-                                                     openSession(0, firstSlot + 2)};
+    const Numbers sessions = {openSession(0, firstSlot), openSession(0, firstSlot + 1), openSession(0, firstSlot + 2)};
     // In the order of names the slots are SN2, reader A, reader B.
     EXPECT_EQ(tryLogin(sessions[1], CKU_USER, "1234"), CKR_OK);
     EXPECT_EQ(calls(), (Lines{validateCall("SN1", "1234", 1)}));
-    EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{0, 1, 1}));
+    EXPECT_EQ(states(sessions), (Numbers{0, 1, 1}));
     EXPECT_EQ(functions().C_Logout(sessions[2]), CKR_OK);
-    EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{0, 0, 0}));
+    EXPECT_EQ(states(sessions), (Numbers{0, 0, 0}));
 }
 
 // --- C_Logout -------------------------------------------------------------------------------------------------------
@@ -140,7 +139,7 @@ TEST_F(LoginStatesTest, LogoutRefusesWhatIsNoSession) {
 }
 
 TEST_F(LoginStatesTest, LogoutRefusesAPublicSession) {
-    for (const CK_STATE state : std::vector<CK_STATE>{CKS_RO_PUBLIC_SESSION, CKS_RW_PUBLIC_SESSION}) {
+    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RW_PUBLIC_SESSION}) {
         const CK_SESSION_HANDLE session = sessionInState(state);
         EXPECT_EQ(functions().C_Logout(session), CKR_USER_NOT_LOGGED_IN);
         EXPECT_EQ(log(),
@@ -161,10 +160,10 @@ TEST_F(LoginStatesTest, LogoutFromEveryState) {
     const std::pair<std::size_t, const char*> callers[] = {{0, "4"}, {1, "1"}, {2, "3"}};
     for (const auto& [caller, state] : callers) {
         SCOPED_TRACE(state);
-        const std::vector<CK_SESSION_HANDLE> sessions = sessionsInEveryState();
+        const Numbers sessions = sessionsInEveryState();
         EXPECT_EQ(observe([&] { return functions().C_Logout(sessions[caller]); }),
                   (Outcome{CKR_OK, {"DEBUG C_Logout", "DEBUG C_Logout end"}}));
-        EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{2, 0, 2, 0, 2}));
+        EXPECT_EQ(states(sessions), (Numbers{2, 0, 2, 0, 2}));
         EXPECT_EQ(functions().C_Logout(sessions[caller]), CKR_USER_NOT_LOGGED_IN);
         ASSERT_EQ(functions().C_CloseAllSessions(firstSlot), CKR_OK);
         clear();
@@ -177,7 +176,7 @@ TEST_F(LoginStatesTest, LogoutEmptiesTheKeptPasswordAndLeavesOtherTokens) {
     login(first);
     login(second);
     EXPECT_EQ(functions().C_Logout(first), CKR_OK);
-    EXPECT_EQ(states({first, second}), (std::vector<CK_STATE>{0, 3}));
+    EXPECT_EQ(states({first, second}), (Numbers{0, 3}));
     EXPECT_EQ(stateOf(openSession()), CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(tryLogin(first, CKU_USER, "1234"), CKR_OK);
     EXPECT_EQ(calls(), (Lines{validateCall("SN1", "1234", 1)}));  // asked again
@@ -189,7 +188,7 @@ TEST_F(LoginStatesTest, AnOfficersLogoutEmptiesTheKeptPasswordToo) {
     login(officer, "officer pin", CKU_SO);
     login(user);
     EXPECT_EQ(functions().C_Logout(officer), CKR_OK);
-    EXPECT_EQ(states({user, officer}), (std::vector<CK_STATE>{1, 2}));
+    EXPECT_EQ(states({user, officer}), (Numbers{1, 2}));
     EXPECT_EQ(stateOf(openSession(0, secondSlot)), CKS_RO_PUBLIC_SESSION);
 }
 

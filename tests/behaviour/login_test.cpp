@@ -11,7 +11,7 @@ using namespace support;
 TEST_F(LoginTest, RefusesWhatIsNoSessionFirst) {
     openSession();
     for (const CK_SESSION_HANDLE session : noSessions()) {
-        for (const CK_USER_TYPE userType : std::vector<CK_USER_TYPE>{CKU_USER, CKU_SO, CKU_CONTEXT_SPECIFIC}) {
+        for (const CK_USER_TYPE userType : Numbers{CKU_USER, CKU_SO, CKU_CONTEXT_SPECIFIC}) {
             EXPECT_EQ(observe([&] { return functions().C_Login(session, userType, nullptr, 0); }),
                       refused(CKR_SESSION_HANDLE_INVALID, "C_Login: invalid hSession=" + decimal(session)));
         }
@@ -20,7 +20,7 @@ TEST_F(LoginTest, RefusesWhatIsNoSessionFirst) {
 }
 
 TEST_F(LoginTest, RefusesASecondUserLoginWithADebugLine) {
-    for (const CK_STATE state : std::vector<CK_STATE>{CKS_RO_USER_FUNCTIONS, CKS_RW_USER_FUNCTIONS}) {
+    for (const CK_STATE state : Numbers{CKS_RO_USER_FUNCTIONS, CKS_RW_USER_FUNCTIONS}) {
         const CK_SESSION_HANDLE session = sessionInState(state);
         const Lines refusal = {"DEBUG C_Login", "DEBUG C_Login: User already logged in"};
         EXPECT_EQ(observe([&] { return functions().C_Login(session, CKU_USER, nullptr, 0); }),
@@ -34,12 +34,8 @@ TEST_F(LoginTest, RefusesASecondUserLoginWithADebugLine) {
 
 /// The check before it is of the user's login only: another user type gets as far as its own check.
 TEST_F(LoginTest, RefusesOtherUserTypesBeforeTheNullPointer) {
-    std::vector<CK_USER_TYPE> types = {CKU_CONTEXT_SPECIFIC, 3, CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_USER_TYPE) > 4) {
-        types.push_back(static_cast<CK_USER_TYPE>(0x100000001ULL));
-        types.push_back(static_cast<CK_USER_TYPE>(0x100000000ULL));
-    }
-    for (const CK_STATE state : std::vector<CK_STATE>{CKS_RO_PUBLIC_SESSION, CKS_RW_USER_FUNCTIONS}) {
+    const Numbers types = withWide({CKU_CONTEXT_SPECIFIC, 3, CK_UNAVAILABLE_INFORMATION}, {0x100000001, 0x100000000});
+    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RW_USER_FUNCTIONS}) {
         const CK_SESSION_HANDLE session = sessionInState(state);
         for (const CK_USER_TYPE type : types) {
             EXPECT_EQ(observe([&] { return functions().C_Login(session, type, nullptr, 0); }),
@@ -53,7 +49,7 @@ TEST_F(LoginTest, RefusesOtherUserTypesBeforeTheNullPointer) {
 TEST_F(LoginTest, RefusesANullPinBeforeItsLength) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     for (const CK_USER_TYPE userType : bothUserTypes) {
-        for (const CK_ULONG length : std::vector<CK_ULONG>{0, 3, 4, 64}) {
+        for (const CK_ULONG length : Numbers{0, 3, 4, 64}) {
             EXPECT_EQ(observe([&] { return functions().C_Login(session, userType, nullptr, length); }),
                       refused(CKR_ARGUMENTS_BAD, "C_Login: pPin is NULL"));
         }
@@ -65,10 +61,7 @@ TEST_F(LoginTest, RefusesANullPinBeforeItsLength) {
 TEST_F(LoginTest, RefusesPinsOutOfRange) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     const std::string password(100, 'p');
-    std::vector<CK_ULONG> lengths = {0, 1, 3, 64, 65, 0x80000004UL, CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_ULONG) > 4) {
-        lengths.push_back(static_cast<CK_ULONG>(0x100000004ULL));
-    }
+    const Numbers lengths = withWide({0, 1, 3, 64, 65, 0x80000004UL, CK_UNAVAILABLE_INFORMATION}, {0x100000004});
     for (const CK_USER_TYPE userType : bothUserTypes) {
         for (const CK_ULONG length : lengths) {
             EXPECT_EQ(functions().C_Login(session, userType, pin(password.c_str()), length), CKR_PIN_LEN_RANGE);
@@ -122,7 +115,7 @@ TEST_F(LoginTest, RefusalsOfTheDevice) {
                     {"DEBUG C_Login", "ERROR Token password validation failed : " + std::to_string(refusal.result),
                      "ERROR Token password validation failed, retry count : " + std::to_string(refusal.attemptsLeft)},
                     {validateCall("SN1", "1234", userType == CKU_USER ? 1 : 2)}}));
-            EXPECT_EQ(states({session, readOnly}), (std::vector<CK_STATE>{2, 0}));
+            EXPECT_EQ(states({session, readOnly}), (Numbers{2, 0}));
         }
     }
     EXPECT_EQ(stateOf(openSession()), CKS_RO_PUBLIC_SESSION);  // no password was kept

@@ -19,13 +19,8 @@ inline std::string validateCall(const std::string& serial, const std::string& pa
 }
 
 /// Handles that are no session while only the first is open.
-inline std::vector<CK_SESSION_HANDLE> noSessions() {
-    std::vector<CK_SESSION_HANDLE> handles = {0, firstSlot, firstSession - 1, firstSession + 1,
-                                              CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_SESSION_HANDLE) > 4) {
-        handles.push_back(static_cast<CK_SESSION_HANDLE>(0x160000001ULL));
-    }
-    return handles;
+inline Numbers noSessions() {
+    return withWide({0, firstSlot, firstSession - 1, firstSession + 1, CK_UNAVAILABLE_INFORMATION}, {0x160000001});
 }
 
 /// Two tokens: sessions of the second are used to look at the kept password, and to change it apart from the states of
@@ -78,8 +73,8 @@ protected:
         forgetPassword();
         const CK_SESSION_HANDLE readOnly = openSession();
         const CK_SESSION_HANDLE readWrite = openSession(CKF_RW_SESSION);
-        const std::vector<CK_SESSION_HANDLE> sessions = {officer, readOnlyUser, readWriteUser, readOnly, readWrite};
-        EXPECT_EQ(states(sessions), (std::vector<CK_STATE>{4, 1, 3, 0, 2}));
+        const Numbers sessions = {officer, readOnlyUser, readWriteUser, readOnly, readWrite};
+        EXPECT_EQ(states(sessions), (Numbers{4, 1, 3, 0, 2}));
         return sessions;
     }
 

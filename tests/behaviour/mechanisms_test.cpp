@@ -142,8 +142,8 @@ TEST_F(MechanismsTest, WhatAFipsTokenWithholdsIsDescribedWithoutItsHardwareFlag)
 }
 
 TEST_F(MechanismsTest, OtherMechanismsAreUnknown) {
-    Numbers others = {CKM_MD5, CKM_RSA_X_509, CKM_MD5_RSA_PKCS, CKM_ECDSA_SHA512 + 1, CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_ULONG) == 8) others.push_back(static_cast<CK_ULONG>(0x100000001ULL));
+    const Numbers others = withWide(
+        {CKM_MD5, CKM_RSA_X_509, CKM_MD5_RSA_PKCS, CKM_ECDSA_SHA512 + 1, CK_UNAVAILABLE_INFORMATION}, {0x100000001});
     for (const CK_MECHANISM_TYPE type : others) {
         auto info = filledWith<CK_MECHANISM_INFO>(0xEE);
         EXPECT_EQ(observe([&] { return api->C_GetMechanismInfo(firstSlot, type, &info); }),

@@ -118,10 +118,8 @@ TEST_F(ObjectSizeTest, OddLengthsInARecordAreHarmless) {
 }
 
 TEST_F(ObjectSizeTest, EverySessionStateMayAsk) {
-    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
-                                        CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
-        closeEverything(session);
-        session = openSessionIn(state);
+    for (const CK_STATE state : everyState) {
+        session = reopen(session, state);
         CK_ULONG size = 0;
         EXPECT_EQ(api->C_GetObjectSize(session, privateKey(5), &size), CKR_OK);
         EXPECT_EQ(size, 512U);

@@ -57,6 +57,11 @@ void ObjectTest::closeEverything(CK_SESSION_HANDLE session) {
     clear();
 }
 
+CK_SESSION_HANDLE ObjectTest::reopen(CK_SESSION_HANDLE session, CK_STATE state, CK_SLOT_ID slot) {
+    closeEverything(session);
+    return openSessionIn(state, slot);
+}
+
 Outcome ObjectTest::findInit(CK_SESSION_HANDLE session, Template& wanted) {
     return observe([&] { return api->C_FindObjectsInit(session, wanted.data(), wanted.count()); });
 }

@@ -18,8 +18,6 @@
 namespace support {
 
 using Handles = std::vector<CK_OBJECT_HANDLE>;
-/// States, classes or types to go through; the constants themselves are wider than CK_ULONG in the Windows form.
-using Numbers = std::vector<CK_ULONG>;
 
 template <typename Item>
 std::vector<Item> operator+(std::vector<Item> left, const std::vector<Item>& right) {
@@ -98,6 +96,8 @@ protected:
     static CK_SESSION_HANDLE openSessionIn(CK_STATE state, CK_SLOT_ID slot = firstSlot);
     /// Logs out if somebody is in, and closes every session.
     void closeEverything(CK_SESSION_HANDLE session);
+    /// The same, and a new session in this state.
+    CK_SESSION_HANDLE reopen(CK_SESSION_HANDLE session, CK_STATE state, CK_SLOT_ID slot = firstSlot);
 
     Outcome findInit(CK_SESSION_HANDLE session, Template& wanted);
     /// The next handles, at most `count`.

@@ -111,11 +111,7 @@ TEST_F(RandomTest, MoreThanAnIntHoldsIsAskedForInPieces) {
 TEST_F(RandomTest, AFailingPieceIsTheLast) {
     world.random = {};
     unsigned char byte = 0;
-    scripted::Fault fault;
-    fault.operation = "zentak_generateRamdomNumber";
-    fault.nth = 2;
-    fault.result = 5;
-    world.addFault(fault);
+    world.addFault({.operation = "zentak_generateRamdomNumber", .nth = 2, .result = 5});
     const Outcome outcome = generate(&byte, 0xFFFFFFFF);
     EXPECT_EQ(outcome.code, CKR_FUNCTION_FAILED);
     EXPECT_EQ(outcome.log,

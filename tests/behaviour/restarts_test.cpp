@@ -58,10 +58,7 @@ protected:
         device().showToMonitor(connected);
         if (step % 8 != 0) return;
         device().dropFaults();  // those that haven't struck would all strike together
-        scripted::Fault slow;
-        slow.operation = step % 16 == 0 ? "poll" : "zentak_signHash";
-        slow.delay = milliseconds(20);
-        device().addFault(slow);
+        device().addFault({.operation = step % 16 == 0 ? "poll" : "zentak_signHash", .delay = milliseconds(20)});
     }
 
     std::atomic<bool> done_ = false;

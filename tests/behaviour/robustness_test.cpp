@@ -16,16 +16,12 @@ class RobustnessTest : public ModuleTest {};
 // --- Garbage from the caller ----------------------------------------------------------------------------------------
 
 std::vector<CK_ULONG> garbage() {
-    std::vector<CK_ULONG> numbers = {0, 1, firstSlot, firstSession,
-                                     // Objects.
-                                     privateKeyBase, publicKeyBase, 0x70002000, 0x70003000,
-                                     // The ends of numbers.
-                                     0x7FFFFFFF, 0x80000000UL, CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_ULONG) > 4) {
-        numbers.push_back(static_cast<CK_ULONG>(0x160000001ULL));
-        numbers.push_back(static_cast<CK_ULONG>(0x8000000000000000ULL));
-    }
-    return numbers;
+    return withWide({0, 1, firstSlot, firstSession,
+                     // Objects.
+                     privateKeyBase, publicKeyBase, 0x70002000, 0x70003000,
+                     // The ends of numbers.
+                     0x7FFFFFFF, 0x80000000UL, CK_UNAVAILABLE_INFORMATION},
+                    {0x160000001, 0x8000000000000000});
 }
 
 /// Null for every pointer, made-up numbers for the rest: whatever a function says, it says it.

@@ -58,10 +58,8 @@ TEST_F(SearchDeviceTest, AFailedInitialisationIsOnlyLogged) {
     world.results["zentak_initDevice"] = -1;
     world.certificates["SN1"].clear();
     world.keyPairs["SN1"].clear();
-    Template wanted;
-    wanted.add(CKA_ID, Bytes{0x0F});
     EXPECT_EQ(
-        findInit(session, wanted),
+        findInit(session, Template().add(CKA_ID, Bytes{0x0F})),
         (Outcome{CKR_OK,
                  {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 1", "DEBUG Find object init type : 258",
                   "ERROR Init device for certificates in find objects failed : -1", "DEBUG Find init id : 0F"},
@@ -81,9 +79,8 @@ TEST_F(SearchDeviceTest, AFailedInitialisationDoesNotDisturbTheLists) {
     };
     world.addFault(fault);
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    Template wanted;
-    wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_ID, Bytes{0xA0, 5});
-    EXPECT_EQ(findInit(session, wanted).code, CKR_OK);
+    EXPECT_EQ(findInit(session, Template().addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_ID, Bytes{0xA0, 5})).code,
+              CKR_OK);
     EXPECT_EQ(next(session, 10), (Handles{publicKey(5)}));
 }
 
@@ -146,9 +143,7 @@ TEST_F(SearchDeviceTest, TheInitialisationNamesTheSessionsToken) {
 TEST_F(SearchDeviceTest, ARefusedTemplateAsksTheDeviceNothing) {
     world.keyPairs["SN1"].clear();
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    Template wanted;
-    wanted.add(CKA_ID, Bytes{1}).addRaw(CKA_LABEL, nullptr, 1);
-    EXPECT_EQ(findInit(session, wanted).device, Lines{});
+    EXPECT_EQ(findInit(session, Template().add(CKA_ID, Bytes{1}).addRaw(CKA_LABEL, nullptr, 1)).device, Lines{});
 }
 
 // Each operation of a search in turn, and once more after the device was initialised.

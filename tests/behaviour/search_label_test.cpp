@@ -16,20 +16,18 @@ protected:
         world.certificateDetails[derOf(certificateOne)] = makeDetails("Alice", "1234", publicKeyOf(one));
         world.certificateDetails[derOf(certificateTwo)] = makeDetails("Bob", "5678", {9, 9, 9});
         world.certificateDetails[derOf(certificateThree)] = makeDetails("Carol", "9", publicKeyOf(two));
+        session = openSessionIn(CKS_RW_PUBLIC_SESSION);
     }
 
-    Handles publicKeysNamed(CK_SESSION_HANDLE session, std::string_view label) {
-        Template wanted;
-        wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated(label));
-        return search(session, wanted);
+    Handles publicKeysNamed(std::string_view label) {
+        return search(session, Template().addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated(label)));
     }
 
-    Handles certificatesNamed(CK_SESSION_HANDLE session, std::string_view label) {
-        Template wanted;
-        wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated(label));
-        return search(session, wanted);
+    Handles certificatesNamed(std::string_view label) {
+        return search(session, Template().addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated(label)));
     }
 
+    CK_SESSION_HANDLE session = 0;
     const ZentakKeyPair one = labelledKeyPair(1, "");
     const ZentakKeyPair two = labelledKeyPair(2, " \t");
     const ZentakKeyPair three = labelledKeyPair(3, "");
@@ -47,7 +45,7 @@ Outcome labelSearch(CK_OBJECT_CLASS objectClass, const Lines& deviceCalls) {
 
 // Nothing is logged or written back for a computed label, whoever is logged in.
 TEST_F(SearchLabelTest, AKeyPairIsNamedAfterItsCertificate) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    login(session, userPin);
     world.keyPairs["SN1"] = {one};
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_LABEL, terminated("Alice_1234"));
@@ -59,13 +57,11 @@ TEST_F(SearchLabelTest, AKeyPairIsNamedAfterItsCertificate) {
 TEST_F(SearchLabelTest, EachCertificateIsAskedAtMostOnceInASearch) {
     world.results["zentak_getCertificateDetails"] = 0;
     world.certificateDetails.erase(derOf(certificateTwo));  // a certificate that can't be read isn't asked again either
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    Template wanted;
-    wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated("Carol_9"));
-    for (int search = 0; search < 2; ++search) {  // and a new search asks anew
-        EXPECT_EQ(findInit(session, wanted),
-                  labelSearch(CKO_PUBLIC_KEY, {listCertificates, listKeyPairs, askDetails(certificateOne),
-                                               askDetails(certificateTwo), askDetails(certificateThree)}));
+    for (int search = 0; search < 2; ++search) {            // and a new search asks anew
+        EXPECT_EQ(
+            findInit(session, Template().addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated("Carol_9"))),
+            labelSearch(CKO_PUBLIC_KEY, {listCertificates, listKeyPairs, askDetails(certificateOne),
+                                         askDetails(certificateTwo), askDetails(certificateThree)}));
         EXPECT_EQ(next(session, 10), (Handles{publicKey(2)}));
     }
 }
@@ -74,7 +70,6 @@ TEST_F(SearchLabelTest, NoCertificateIsAskedForAKeyPairWithALabel) {
     setAlias(world.keyPairs["SN1"][0], "Own");
     setAlias(world.keyPairs["SN1"][1], "Alice_1234");
     setAlias(world.keyPairs["SN1"][2], " . ");
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated("Alice_1234"));
     EXPECT_EQ(findInit(session, wanted), labelSearch(CKO_PUBLIC_KEY, {listCertificates, listKeyPairs}));
@@ -83,76 +78,69 @@ TEST_F(SearchLabelTest, NoCertificateIsAskedForAKeyPairWithALabel) {
 
 TEST_F(SearchLabelTest, TheFirstMatchingCertificateNamesTheKeyPair) {
     world.certificateDetails[derOf(certificateTwo)] = makeDetails("Bob", "5678", publicKeyOf(two));
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(publicKeysNamed(session, "Bob_5678"), (Handles{publicKey(2)}));
-    EXPECT_EQ(publicKeysNamed(session, "Carol_9"), Handles{});
+    EXPECT_EQ(publicKeysNamed("Bob_5678"), (Handles{publicKey(2)}));
+    EXPECT_EQ(publicKeysNamed("Carol_9"), Handles{});
 }
 
 TEST_F(SearchLabelTest, TheCertificateMustHoldExactlyTheKey) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     const Bytes key = publicKeyOf(one);
     Bytes other = key;
     other.back() ^= 1;
     for (const Bytes& held : {Bytes(key.begin(), key.end() - 1), key + Bytes{0}, other, Bytes{}}) {
         world.certificateDetails[derOf(certificateOne)].publicKey = held;
-        EXPECT_EQ(publicKeysNamed(session, "Alice_1234"), Handles{}) << held.size();
+        EXPECT_EQ(publicKeysNamed("Alice_1234"), Handles{}) << held.size();
     }
 }
 
 TEST_F(SearchLabelTest, AKeyPairWithoutCertificateHasNoLabel) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(publicKeysNamed(session, "_"), Handles{});
-    EXPECT_EQ(publicKeysNamed(session, "Bob_5678"), Handles{});
+    EXPECT_EQ(publicKeysNamed("_"), Handles{});
+    EXPECT_EQ(publicKeysNamed("Bob_5678"), Handles{});
 }
 
 TEST_F(SearchLabelTest, ComputedLabelsAreCutTo128Characters) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     CertificateDetails& details = world.certificateDetails[derOf(certificateOne)];
     details.text2 = std::string(100, 'a');
     const std::string rest(27, 'b');
     const std::string whole = details.text2 + "_" + rest;  // 128 characters
     for (const std::string& more : {std::string(), std::string("c")}) {
         details.text3 = rest + more;
-        EXPECT_EQ(publicKeysNamed(session, whole), (Handles{publicKey(1)}));
-        EXPECT_EQ(certificatesNamed(session, whole), (Handles{certificate(1)}));
-        EXPECT_EQ(publicKeysNamed(session, whole + "c"), Handles{});
-        EXPECT_EQ(certificatesNamed(session, whole + "c"), Handles{});
+        EXPECT_EQ(publicKeysNamed(whole), (Handles{publicKey(1)}));
+        EXPECT_EQ(certificatesNamed(whole), (Handles{certificate(1)}));
+        EXPECT_EQ(publicKeysNamed(whole + "c"), Handles{});
+        EXPECT_EQ(certificatesNamed(whole + "c"), Handles{});
     }
 }
 
 TEST_F(SearchLabelTest, ComputedLabelsAreNotTrimmed) {
     world.certificateDetails[derOf(certificateOne)].text2 = " Alice";
     world.certificateDetails[derOf(certificateOne)].text3 = "1234 ";
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(publicKeysNamed(session, " Alice_1234 "), (Handles{publicKey(1)}));
-    EXPECT_EQ(publicKeysNamed(session, "Alice_1234"), Handles{});
+    EXPECT_EQ(publicKeysNamed(" Alice_1234 "), (Handles{publicKey(1)}));
+    EXPECT_EQ(publicKeysNamed("Alice_1234"), Handles{});
 }
 
 TEST_F(SearchLabelTest, ACertificateIsNamedAfterItsOwnDetails) {
     setLabel(world.certificates["SN1"][0], "Own");
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    login(session, userPin);
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated("Bob_5678"));
     EXPECT_EQ(findInit(session, wanted),
               labelSearch(CKO_CERTIFICATE,
                           {listCertificates, listKeyPairs, askDetails(certificateTwo), askDetails(certificateThree)}));
     EXPECT_EQ(next(session, 10), (Handles{certificate(2)}));
-    EXPECT_EQ(certificatesNamed(session, "Own"), (Handles{certificate(1)}));
+    EXPECT_EQ(certificatesNamed("Own"), (Handles{certificate(1)}));
 }
 
 TEST_F(SearchLabelTest, ACertificateThatCannotBeReadHasNoLabel) {
     world.certificateDetails.erase(derOf(certificateTwo));
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(certificatesNamed(session, "Bob_5678"), Handles{});
-    EXPECT_EQ(certificatesNamed(session, "_"), Handles{});
-    EXPECT_EQ(certificatesNamed(session, "Carol_9"), (Handles{certificate(3)}));
+    EXPECT_EQ(certificatesNamed("Bob_5678"), Handles{});
+    EXPECT_EQ(certificatesNamed("_"), Handles{});
+    EXPECT_EQ(certificatesNamed("Carol_9"), (Handles{certificate(3)}));
 }
 
 TEST_F(SearchLabelTest, ACertificateWithoutDerIsNotAskedForItsLabel) {
     world.certificates["SN1"] = {certificateOne, certificateTwo};
     world.certificates["SN1"][0].derLength = 0;
     world.certificateDetails[{}] = makeDetails("Empty", "0", {1});
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated("Empty_0"));
     EXPECT_EQ(findInit(session, wanted),
@@ -163,25 +151,19 @@ TEST_F(SearchLabelTest, ACertificateWithoutDerIsNotAskedForItsLabel) {
 // The library's lists change under the walk, as any call may make them.
 TEST_F(SearchLabelTest, TheListsAreCopiesThatNoLaterCallDisturbs) {
     for (int nth = 1; nth <= 3; ++nth) {
-        scripted::Fault fault;
-        fault.operation = "zentak_getCertificateDetails";
-        fault.nth = nth;
-        fault.action = [] {
-            zentak_getKeyPairList("nobody", nullptr).shrink_to_fit();
-            zentak_getCertificateList("nobody", nullptr).shrink_to_fit();
-        };
-        world.addFault(fault);
+        world.addFault({.operation = "zentak_getCertificateDetails", .nth = nth, .action = [] {
+                            zentak_getKeyPairList("nobody", nullptr).shrink_to_fit();
+                            zentak_getCertificateList("nobody", nullptr).shrink_to_fit();
+                        }});
     }
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(publicKeysNamed(session, "Carol_9"), (Handles{publicKey(2)}));
-    EXPECT_EQ(certificatesNamed(session, "Carol_9"), (Handles{certificate(3)}));
+    EXPECT_EQ(publicKeysNamed("Carol_9"), (Handles{publicKey(2)}));
+    EXPECT_EQ(certificatesNamed("Carol_9"), (Handles{certificate(3)}));
 }
 
 TEST_F(SearchLabelTest, OtherCriteriaAskNoDetails) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    Template wanted;
-    wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_ID, Bytes{0xA0, 1});
-    EXPECT_EQ(findInit(session, wanted).device, (Lines{listCertificates, listKeyPairs}));
+    login(session, userPin);
+    EXPECT_EQ(findInit(session, Template().addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_ID, Bytes{0xA0, 1})).device,
+              (Lines{listCertificates, listKeyPairs}));
     EXPECT_EQ(next(session, 10), (Handles{privateKey(1)}));
 }
 

@@ -12,14 +12,10 @@ namespace {
 class SearchMatchTest : public ObjectTest {
 protected:
     Handles labelled(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass, std::string_view label) {
-        Template wanted;
-        wanted.addNumber(CKA_CLASS, objectClass).add(CKA_LABEL, terminated(label));
-        return search(session, wanted);
+        return search(session, Template().addNumber(CKA_CLASS, objectClass).add(CKA_LABEL, terminated(label)));
     }
     Handles ofClass(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) {
-        Template wanted;
-        wanted.addNumber(CKA_CLASS, objectClass);
-        return search(session, wanted);
+        return search(session, Template().addNumber(CKA_CLASS, objectClass));
     }
 
     const Handles publicKeys = {publicKey(5), publicKey(6)};
@@ -41,8 +37,7 @@ struct SearchRows {
 };
 
 TEST_F(SearchMatchTest, PrivateKeysShowOnlyToALoggedInUser) {
-    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
-                                        CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
+    for (const CK_STATE state : everyState) {
         SCOPED_TRACE(text("state ", state));
         const bool user = state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS;
         const CK_SESSION_HANDLE session = openSessionIn(state);
@@ -71,9 +66,7 @@ TEST_F(SearchMatchTest, OtherClassesFindNothing) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
     for (const CK_OBJECT_CLASS objectClass : Numbers{CKO_DATA, CKO_SECRET_KEY, CKO_HW_FEATURE, CKO_DOMAIN_PARAMETERS,
                                                      CKO_MECHANISM, 0x80000001UL, 0xFFFFFFFFUL}) {
-        Template wanted;
-        wanted.addNumber(CKA_CLASS, objectClass);
-        EXPECT_EQ(findInit(session, wanted),
+        EXPECT_EQ(findInit(session, Template().addNumber(CKA_CLASS, objectClass)),
                   (Outcome{CKR_OK,
                            {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 1",
                             "DEBUG Find object init type : 0", text("DEBUG Find object class : ", objectClass)},
@@ -84,9 +77,8 @@ TEST_F(SearchMatchTest, OtherClassesFindNothing) {
 
 TEST_F(SearchMatchTest, TheVendorClassIsHeldLikeNoClass) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    Template wanted;
-    wanted.addNumber(CKA_CLASS, 0x80000000).add(CKA_ID, Bytes{0xA0, 5});
-    EXPECT_EQ(search(session, wanted), publicKeys + privateKeys + certificates);
+    EXPECT_EQ(search(session, Template().addNumber(CKA_CLASS, 0x80000000).add(CKA_ID, Bytes{0xA0, 5})),
+              publicKeys + privateKeys + certificates);
 }
 
 TEST_F(SearchMatchTest, WideClassesAreNotCut) {
@@ -176,9 +168,7 @@ TEST_F(SearchMatchTest, TheFirstCriterionDecides) {
 
 TEST_F(SearchMatchTest, TheSubjectIsAskedOnceForEachCertificate) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    Template wanted;
-    wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_SUBJECT, Bytes{0x30});
-    EXPECT_EQ(findInit(session, wanted).device,
+    EXPECT_EQ(findInit(session, Template().addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_SUBJECT, Bytes{0x30})).device,
               (Lines{listCertificates, listKeyPairs,
                      text("zentak_getCertificateSubject(", shown(derOf(certificateFive)), ", null)"),
                      text("zentak_getCertificateSubject(", shown(derOf(certificateSeven)), ", null)")}));
@@ -198,9 +188,9 @@ TEST_F(SearchMatchTest, TheLabelOfATemplateEndsAtItsTerminator) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     unsigned char label[] = "Key five\0behind";
     for (const CK_ULONG length : Numbers{1, 3, 8, 9, 15}) {
-        Template wanted;
-        wanted.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).addRaw(CKA_LABEL, label, length);
-        EXPECT_EQ(search(session, wanted), (Handles{publicKey(5)})) << length;
+        EXPECT_EQ(search(session, Template().addNumber(CKA_CLASS, CKO_PUBLIC_KEY).addRaw(CKA_LABEL, label, length)),
+                  (Handles{publicKey(5)}))
+            << length;
     }
 }
 
@@ -209,9 +199,8 @@ TEST_F(SearchMatchTest, AnEmptyLabelIsNoCriterion) {
     Template byId;
     byId.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, Bytes{0}).add(CKA_ID, Bytes{0xA0, 6});
     EXPECT_EQ(search(session, byId), (Handles{publicKey(6)}));
-    Template all;
-    all.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, Bytes{0, 'x', 0});
-    EXPECT_EQ(search(session, all), certificates);
+    EXPECT_EQ(search(session, Template().addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, Bytes{0, 'x', 0})),
+              certificates);
 }
 
 TEST_F(SearchMatchTest, StoredLabelsAreTrimmedAndTheTemplateIsNot) {
@@ -287,9 +276,8 @@ TEST_F(SearchMatchTest, RecordsAreNeverReadBeyondTheirFields) {
         {CKO_CERTIFICATE, CKA_VALUE, memoryOf(record, offsetof(ZentakCertificate, der), sizeof record.der + 1)},
         {CKO_CERTIFICATE, CKA_ID, memoryOf(record, offsetof(ZentakCertificate, objectId), sizeof record.objectId + 1)}};
     for (const Row& row : rows) {
-        Template wanted;
-        wanted.addNumber(CKA_CLASS, row.objectClass).add(row.type, row.value);
-        EXPECT_EQ(search(session, wanted), Handles{}) << row.objectClass << " " << row.type;
+        EXPECT_EQ(search(session, Template().addNumber(CKA_CLASS, row.objectClass).add(row.type, row.value)), Handles{})
+            << row.objectClass << " " << row.type;
     }
 }
 
@@ -305,9 +293,9 @@ TEST_F(SearchMatchTest, OddLengthsInARecordAreHarmless) {
         const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
         for (const CK_ATTRIBUTE_TYPE type : Numbers{CKA_LABEL, CKA_VALUE, CKA_ID, CKA_MODULUS, CKA_SUBJECT}) {
             for (const CK_OBJECT_CLASS objectClass : Numbers{CKO_CERTIFICATE, CKO_PRIVATE_KEY}) {
-                Template wanted;
-                wanted.addNumber(CKA_CLASS, objectClass).add(type, terminated("some"));
-                EXPECT_EQ(findInit(session, wanted).code, CKR_OK);
+                EXPECT_EQ(
+                    findInit(session, Template().addNumber(CKA_CLASS, objectClass).add(type, terminated("some"))).code,
+                    CKR_OK);
             }
         }
         closeEverything(session);

@@ -58,9 +58,7 @@ TEST_F(SearchResultTest, RoomForNothingLeavesTheSearchWhereItIs) {
 }
 
 TEST_F(SearchResultTest, NothingFoundAnswersBeforeTheRoomIsLookedAt) {
-    Template wanted;
-    wanted.addNumber(CKA_CLASS, CKO_SECRET_KEY);
-    ASSERT_EQ(findInit(session, wanted).code, CKR_OK);
+    ASSERT_EQ(findInit(session, Template().addNumber(CKA_CLASS, CKO_SECRET_KEY)).code, CKR_OK);
     const Outcome nothing = {CKR_OK,
                              {"DEBUG C_FindObjects", "DEBUG C_FindObjects find object count : 0",
                               "DEBUG C_FindObjects find object count 0"}};
@@ -126,9 +124,7 @@ TEST_F(SearchResultTest, TheResultsAreThoseOfTheStart) {
 
 TEST_F(SearchResultTest, EachSessionHasItsOwnSearch) {
     const CK_SESSION_HANDLE other = openSession();
-    Template wanted;
-    wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE);
-    ASSERT_EQ(findInit(other, wanted).code, CKR_OK);
+    ASSERT_EQ(findInit(other, Template().addNumber(CKA_CLASS, CKO_CERTIFICATE)).code, CKR_OK);
     EXPECT_EQ(next(session, 1), (Handles{publicKey(5)}));
     EXPECT_EQ(next(other, 1), (Handles{certificate(5)}));
     EXPECT_EQ(next(session, 1), (Handles{publicKey(6)}));

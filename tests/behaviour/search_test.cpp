@@ -132,9 +132,7 @@ TEST_F(SearchTest, InitLogsEachEntryAndTheIdAfterListing) {
 
 TEST_F(SearchTest, TheIdIsLoggedWithoutAClassToo) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    Template wanted;
-    wanted.add(CKA_ID, Bytes{0x00, 0xFF, 0x1B});
-    EXPECT_EQ(findInit(session, wanted),
+    EXPECT_EQ(findInit(session, Template().add(CKA_ID, Bytes{0x00, 0xFF, 0x1B})),
               (Outcome{CKR_OK,
                        started(1) + Lines{"DEBUG Find object init type : 258", "DEBUG Find init id : 00FF1B"},
                        {listCertificates, listKeyPairs}}));
@@ -144,9 +142,8 @@ TEST_F(SearchTest, TheIdIsLoggedWithoutAClassToo) {
 
 TEST_F(SearchTest, LaterOccurrencesReplaceEarlierOnes) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    Template byClass;
-    byClass.addNumber(CKA_CLASS, CKO_CERTIFICATE).addNumber(CKA_CLASS, CKO_PUBLIC_KEY);
-    EXPECT_EQ(search(session, byClass), (Handles{publicKey(5), publicKey(6)}));
+    EXPECT_EQ(search(session, Template().addNumber(CKA_CLASS, CKO_CERTIFICATE).addNumber(CKA_CLASS, CKO_PUBLIC_KEY)),
+              (Handles{publicKey(5), publicKey(6)}));
 
     Template byLabel;
     byLabel.addNumber(CKA_CLASS, CKO_PUBLIC_KEY)

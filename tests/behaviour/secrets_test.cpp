@@ -136,10 +136,7 @@ TEST_F(SecretsTest, CopiesOfAPinAreOverwritten) {
     device().results["zentak_changeUserPassword"] = 0;
     EXPECT_EQ(api.C_SetPIN(session, pin(password.c_str()), length, pin("1234"), 4), CKR_FUNCTION_FAILED);
     EXPECT_EQ(api.C_SetPIN(session, pin("1234"), 4, pin(password.c_str()), length), CKR_FUNCTION_FAILED);
-    scripted::Fault fault;
-    fault.operation = "zentak_changeUserPassword";
-    fault.thrown = scripted::Throw::exception;
-    device().addFault(fault);
+    device().addFault({.operation = "zentak_changeUserPassword", .thrown = scripted::Throw::exception});
     EXPECT_EQ(api.C_SetPIN(session, pin(password.c_str()), length, pin(password.c_str()), length), CKR_FUNCTION_FAILED);
     EXPECT_EQ(api.C_Logout(session), CKR_OK);
     EXPECT_EQ(behaviour::patternsFreed(), 0);
@@ -286,7 +283,7 @@ TEST_F(SecretsTest, ALogLineDoesNotDisturbASearchsKeyPairs) {
     CK_ULONG count = 0;
     ASSERT_EQ(api.C_FindObjects(session, found, 8, &count), CKR_OK);
     EXPECT_EQ(std::vector<CK_OBJECT_HANDLE>(found, found + count),
-              (std::vector<CK_OBJECT_HANDLE>{publicKeyBase + 1, publicKeyBase + 2, certificateBase + 3}));
+              (Numbers{publicKeyBase + 1, publicKeyBase + 2, certificateBase + 3}));
 }
 #endif
 

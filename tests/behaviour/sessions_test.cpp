@@ -41,15 +41,10 @@ protected:
     }
 };
 
-std::vector<CK_SESSION_HANDLE> noSessions() {
-    std::vector<CK_SESSION_HANDLE> handles = {
-        0, 1, firstSlot, firstSession - 1, firstSession + 1, privateKeyBase, CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_SESSION_HANDLE) > 4) {
-        handles.push_back(
-            static_cast<CK_SESSION_HANDLE>(0x160000001ULL));  // its low 32 bits would be the first session
-        handles.push_back(static_cast<CK_SESSION_HANDLE>(0xFFFFFFFF60000001ULL));
-    }
-    return handles;
+Numbers noSessions() {
+    // Of the first wide one the low 32 bits would be the first session.
+    return withWide({0, 1, firstSlot, firstSession - 1, firstSession + 1, privateKeyBase, CK_UNAVAILABLE_INFORMATION},
+                    {0x160000001, 0xFFFFFFFF60000001});
 }
 
 // --- C_OpenSession --------------------------------------------------------------------------------------------------
@@ -71,10 +66,8 @@ TEST_F(SessionsTest, OpenReadWrite) {
 }
 
 TEST_F(SessionsTest, OpenRefusesAnUnknownSlotFirst) {
-    std::vector<CK_SLOT_ID> ids = {0, firstSlot - 1, firstSlot + 2, firstSession, CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_SLOT_ID) > 4) {
-        ids.push_back(static_cast<CK_SLOT_ID>(0x150000001ULL));
-    }
+    const Numbers ids =
+        withWide({0, firstSlot - 1, firstSlot + 2, firstSession, CK_UNAVAILABLE_INFORMATION}, {0x150000001});
     for (const CK_SLOT_ID slot : ids) {
         CK_SESSION_HANDLE session = untouched;
         const Lines refusal = {"DEBUG C_OpenSession", "ERROR C_OpenSession: invalid slotID=" + decimal(slot)};
@@ -231,10 +224,8 @@ TEST_F(SessionsTest, CloseAllClosesThoseOfEverySlot) {
 
 TEST_F(SessionsTest, CloseAllRefusesAnUnknownSlot) {
     const CK_SESSION_HANDLE session = openSession();
-    std::vector<CK_SLOT_ID> ids = {0, firstSlot - 1, firstSlot + 2, firstSession, CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_SLOT_ID) > 4) {
-        ids.push_back(static_cast<CK_SLOT_ID>(0x150000001ULL));
-    }
+    const Numbers ids =
+        withWide({0, firstSlot - 1, firstSlot + 2, firstSession, CK_UNAVAILABLE_INFORMATION}, {0x150000001});
     for (const CK_SLOT_ID slot : ids) {
         EXPECT_EQ(functions().C_CloseAllSessions(slot), CKR_SLOT_ID_INVALID);
         EXPECT_EQ(log(),

@@ -39,7 +39,7 @@ TEST_F(SetPinTest, RefusesWhatIsNoSessionFirst) {
 }
 
 TEST_F(SetPinTest, RefusesAReadOnlySessionBeforeThePins) {
-    for (const CK_STATE state : std::vector<CK_STATE>{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS}) {
+    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS}) {
         const CK_SESSION_HANDLE session = sessionInState(state);
         expectRefusal(session, nullptr, 0, nullptr, 0, CKR_SESSION_READ_ONLY,
                       "session is read-only, state=" + decimal(state));
@@ -57,10 +57,7 @@ TEST_F(SetPinTest, RefusesThePinsInTheirOrder) {
 
     expectRefusal(session, nullptr, 3, nullptr, 3, CKR_ARGUMENTS_BAD, "pOldPin is NULL");
     expectRefusal(session, nullptr, 4, some, 4, CKR_ARGUMENTS_BAD, "pOldPin is NULL");
-    std::vector<CK_ULONG> lengths = {0, 3, 64, 0x80000004UL, CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_ULONG) > 4) {
-        lengths.push_back(static_cast<CK_ULONG>(0x100000004ULL));
-    }
+    const Numbers lengths = withWide({0, 3, 64, 0x80000004UL, CK_UNAVAILABLE_INFORMATION}, {0x100000004});
     for (const CK_ULONG length : lengths) {
         expectRefusal(session, some, length, nullptr, 3, CKR_PIN_LEN_RANGE, oldRange + decimal(length));
         expectRefusal(session, some, length, some, 4, CKR_PIN_LEN_RANGE, oldRange + decimal(length));

@@ -31,10 +31,8 @@ TEST_F(SigningInitTest, TheModuleAndTheSessionComeBeforeTheArguments) {
 }
 
 TEST_F(SigningInitTest, OnlyAReadOnlyPublicSessionIsRefused) {
-    for (const CK_STATE state : Numbers{CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
-                                        CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS}) {
-        closeEverything(session);
-        session = openSessionIn(state);
+    for (const CK_STATE state : everyState) {
+        session = reopen(session, state);
         EXPECT_EQ(init({CKM_RSA_PKCS, nullptr, 0}, privateKey(5)),
                   state == CKS_RO_PUBLIC_SESSION
                       ? refused(CKR_SESSION_HANDLE_INVALID, "C_SignInit: invalid session state=0")

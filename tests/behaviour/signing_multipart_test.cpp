@@ -55,9 +55,7 @@ TEST_F(SigningMultipartTest, EachMechanismTakesItsPartsInItsWay) {
             EXPECT_EQ(update(second), succeeded("C_SignUpdate", {updateHash(contexts, second)}));
             EXPECT_EQ(finish(), finished({finalHash(contexts), signHash(digest, mechanism.pss)}));
         }
-        EXPECT_EQ(length, 256U);
-        EXPECT_EQ(room.first(256), signature);
-        EXPECT_TRUE(room.untouchedFrom(256));
+        expectInRoom(signature);
         EXPECT_EQ(update(first), notInitialised("C_SignUpdate"));
         EXPECT_EQ(finish(), notInitialised("C_SignFinal"));
     }
@@ -104,9 +102,7 @@ TEST_F(SigningMultipartTest, ASizeQueryComputesAndKeepsTheSignature) {
         EXPECT_EQ(finishSize(), finished({}));
         EXPECT_EQ(length, 256U);
         EXPECT_EQ(finish(), finished({}));
-        EXPECT_EQ(length, 256U);
-        EXPECT_EQ(room.first(256), signature);
-        EXPECT_TRUE(room.untouchedFrom(256));
+        expectInRoom(signature);
         EXPECT_EQ(finish(), notInitialised("C_SignFinal"));
         world.signature = signature;
     }
@@ -156,8 +152,7 @@ TEST_F(SigningMultipartTest, AnEmptySignatureIsComputedAgain) {
 }
 
 TEST_F(SigningMultipartTest, WithoutALoginThePinIsEmpty) {
-    closeEverything(session);
-    session = openSessionIn(CKS_RW_PUBLIC_SESSION);
+    session = reopen(session, CKS_RW_PUBLIC_SESSION);
     begin(CKM_RSA_PKCS);
     ASSERT_EQ(update({1}).code, CKR_OK);
     EXPECT_EQ(finish(), finished({signHash({1}, false, "SN1", "")}));

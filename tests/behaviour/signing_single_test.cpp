@@ -58,9 +58,7 @@ TEST_F(SigningSingleTest, EachMechanismHashesAndSignsInItsWay) {
         const Bytes input = mechanism.hashCode != 0 ? digest : data;
         device.push_back(signHash(input, mechanism.pss));
         EXPECT_EQ(sign(data), (Outcome{CKR_OK, traced(mechanism.type, input), device}));
-        EXPECT_EQ(length, 256U);
-        EXPECT_EQ(room.first(256), signature);
-        EXPECT_TRUE(room.untouchedFrom(256));
+        expectInRoom(signature);
         EXPECT_EQ(sign(data), notInitialised("C_Sign"));
     }
 }
@@ -93,8 +91,7 @@ TEST_F(SigningSingleTest, EveryStateSignsWithThePinThatIsCached) {
     };
     for (const Row& row : {Row{CKS_RO_USER_FUNCTIONS, userPin}, Row{CKS_RW_PUBLIC_SESSION, ""},
                            Row{CKS_RW_USER_FUNCTIONS, userPin}, Row{CKS_RW_SO_FUNCTIONS, ""}}) {
-        closeEverything(session);
-        session = openSessionIn(row.state);
+        session = reopen(session, row.state);
         begin(CKM_RSA_PKCS);
         EXPECT_EQ(sign({0x0A, 0xBC}), (Outcome{CKR_OK,
                                                {"DEBUG C_Sign", "DEBUG sign echanism : 1",
@@ -136,9 +133,7 @@ TEST_F(SigningSingleTest, ASizeQueryComputesAndKeepsTheSignature) {
         EXPECT_EQ(signSize({4, 5}), waiting);
         EXPECT_EQ(length, 256U);
         EXPECT_EQ(sign({9, 9, 9, 9}), waiting);
-        EXPECT_EQ(length, 256U);
-        EXPECT_EQ(room.first(256), signature);
-        EXPECT_TRUE(room.untouchedFrom(256));
+        expectInRoom(signature);
         EXPECT_EQ(sign({1}), notInitialised("C_Sign"));
         world.signature = signature;
     }
@@ -164,9 +159,7 @@ TEST_F(SigningSingleTest, SignaturesOfEveryLength) {
         world.signature = countingBytes(0x21, size);
         begin(CKM_ECDSA);
         EXPECT_EQ(sign({1}).code, CKR_OK);
-        EXPECT_EQ(length, size);
-        EXPECT_EQ(room.first(size), world.signature);
-        EXPECT_TRUE(room.untouchedFrom(size));
+        expectInRoom(world.signature);
     }
 }
 
@@ -177,8 +170,7 @@ TEST_F(SigningSingleTest, AnEmptySignatureIsComputedAgain) {
     EXPECT_EQ(signSize({1}).device, (Lines{signHash({1})}));
     EXPECT_EQ(length, 0U);
     EXPECT_EQ(sign({2}).device, (Lines{signHash({2})}));
-    EXPECT_EQ(length, 0U);
-    EXPECT_TRUE(room.untouchedFrom(0));
+    expectInRoom({});
     EXPECT_EQ(sign({2}), notInitialised("C_Sign"));
 }
 
@@ -190,11 +182,9 @@ TEST_F(SigningSingleTest, SessionsKeepTheirSignaturesApart) {
     world.signature = countingBytes(0x01, 64);
     EXPECT_EQ(signIn(other, {2}).device,
               (Lines{initHash(3), updateHash(1, {2}), finalHash(1), signHash(digest, true)}));
-    EXPECT_EQ(length, 64U);
-    EXPECT_EQ(room.first(64), world.signature);
+    expectInRoom(world.signature);
     EXPECT_EQ(sign({3}).device, Lines{});
-    EXPECT_EQ(length, 256U);
-    EXPECT_EQ(room.first(256), signature);
+    expectInRoom(signature);
 }
 
 TEST_F(SigningSingleTest, LongInputReachesTheDeviceWhole) {

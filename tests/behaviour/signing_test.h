@@ -100,20 +100,27 @@ protected:
             return api->C_Sign(where, copy.data(), static_cast<CK_ULONG>(copy.size()), target, &length);
         });
     }
-    Outcome update(const Bytes& part) {
-        Bytes copy = part;
-        return observe([&] { return api->C_SignUpdate(session, copy.data(), static_cast<CK_ULONG>(copy.size())); });
+    /// Calls the function with the session, the data and what else it takes.
+    template <typename Function, typename... More>
+    Outcome give(Function function, const Bytes& data, More... more) {
+        Bytes copy = data;
+        return observe([&] { return function(session, copy.data(), static_cast<CK_ULONG>(copy.size()), more...); });
     }
+    /// The same for a function that writes into `room`, whose capacity it is told as this one.
+    template <typename Function>
+    Outcome giveForRoom(Function function, const Bytes& data, CK_ULONG capacity) {
+        room = Room(2000);
+        length = capacity;
+        return give(function, data, static_cast<CK_BYTE_PTR>(room.address()), &length);
+    }
+
+    Outcome update(const Bytes& part) { return give(api->C_SignUpdate, part); }
     /// C_SignFinal into `room`.
     Outcome finish() {
         return withRoom([&](CK_BYTE_PTR target) { return api->C_SignFinal(session, target, &length); });
     }
     /// The same two with a null signature pointer.
-    Outcome signSize(const Bytes& data) {
-        Bytes copy = data;
-        return observe(
-            [&] { return api->C_Sign(session, copy.data(), static_cast<CK_ULONG>(copy.size()), nullptr, &length); });
-    }
+    Outcome signSize(const Bytes& data) { return give(api->C_Sign, data, nullptr, &length); }
     Outcome finishSize() {
         return observe([&] { return api->C_SignFinal(session, nullptr, &length); });
     }

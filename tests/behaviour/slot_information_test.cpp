@@ -16,7 +16,7 @@ protected:
         const std::string name = token.serialNumber.c_str();
         device().connectedDevices = {name};
         device().tokenInfo[name] = token;
-        EXPECT_EQ(listSlots(), (std::vector<CK_SLOT_ID>{firstSlot}));
+        EXPECT_EQ(listSlots(), (Numbers{firstSlot}));
     }
 
     CK_SLOT_INFO slotInfo() const {
@@ -65,14 +65,11 @@ protected:
 
 // --- The slot ID ----------------------------------------------------------------------------------------------------
 
-std::vector<CK_SLOT_ID> noSlots() {
-    std::vector<CK_SLOT_ID> ids = {
-        0, 1, firstSlot - 1, firstSlot + 1, firstSlot + 2, 0x60000001UL, 0xD0000001UL, CK_UNAVAILABLE_INFORMATION};
-    if constexpr (sizeof(CK_SLOT_ID) > 4) {
-        ids.push_back(static_cast<CK_SLOT_ID>(0x150000001ULL));  // its low 32 bits would be the first slot
-        ids.push_back(static_cast<CK_SLOT_ID>(0xFFFFFFFF50000001ULL));
-    }
-    return ids;
+Numbers noSlots() {
+    // Of the first wide one the low 32 bits would be the first slot.
+    return withWide(
+        {0, 1, firstSlot - 1, firstSlot + 1, firstSlot + 2, 0x60000001UL, 0xD0000001UL, CK_UNAVAILABLE_INFORMATION},
+        {0x150000001, 0xFFFFFFFF50000001});
 }
 
 TEST_F(SlotInfoTest, SlotInfoRefusesAnUnknownSlotFirst) {

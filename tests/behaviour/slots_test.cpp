@@ -167,7 +167,7 @@ TEST_F(SlotsTest, ACountBeyondTheRealBufferDecidesNothing) {
 
 TEST_F(SlotsTest, IdsAreHandedOutInListOrderAndResolvedInNameOrder) {
     connect({"SN3", "SN1", "SN2"});
-    EXPECT_EQ(listSlots(), (std::vector<CK_SLOT_ID>{firstSlot, firstSlot + 1, firstSlot + 2}));
+    EXPECT_EQ(listSlots(), (Numbers{firstSlot, firstSlot + 1, firstSlot + 2}));
     EXPECT_EQ(labelIn(firstSlot), "Token of SN1");
     EXPECT_EQ(labelIn(firstSlot + 1), "Token of SN2");
     EXPECT_EQ(labelIn(firstSlot + 2), "Token of SN3");
@@ -205,7 +205,7 @@ TEST_F(SlotsTest, EveryListingBuildsTheTableAnew) {
     listSlots();
     connect({"SN2"});
     device().tokenInfo["SN2"].label = "renamed";
-    EXPECT_EQ(listSlots(), (std::vector<CK_SLOT_ID>{firstSlot}));
+    EXPECT_EQ(listSlots(), (Numbers{firstSlot}));
     EXPECT_EQ(labelIn(firstSlot), "renamed");
     EXPECT_EQ(resultFor(firstSlot + 1), CKR_SLOT_ID_INVALID);
 }

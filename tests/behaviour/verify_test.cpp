@@ -19,21 +19,11 @@ protected:
     }
     void beginVerify(CK_MECHANISM_TYPE type) { ASSERT_EQ(verifyInit(type).code, CKR_OK); }
     Outcome verify(const Bytes& data) {
-        Bytes copy = data;
         Bytes given = given_;
-        return observe([&] {
-            return api->C_Verify(session, copy.data(), static_cast<CK_ULONG>(copy.size()), given.data(),
-                                 static_cast<CK_ULONG>(given.size()));
-        });
+        return give(api->C_Verify, data, given.data(), static_cast<CK_ULONG>(given.size()));
     }
-    Outcome verifyUpdate(const Bytes& part) {
-        Bytes copy = part;
-        return observe([&] { return api->C_VerifyUpdate(session, copy.data(), static_cast<CK_ULONG>(copy.size())); });
-    }
-    Outcome verifyFinal() {
-        Bytes given = given_;
-        return observe([&] { return api->C_VerifyFinal(session, given.data(), static_cast<CK_ULONG>(given.size())); });
-    }
+    Outcome verifyUpdate(const Bytes& part) { return give(api->C_VerifyUpdate, part); }
+    Outcome verifyFinal() { return give(api->C_VerifyFinal, given_); }
     std::string verifyHash(const Bytes& hash, const Bytes& key, bool pss = false, int keyType = 2) const {
         return text("zentak_verifySignatureHash(", keyType, ", \"SN1\", ", shown(hash), ", ", shown(key), ", ",
                     shown(given_), ", instance, ", pss ? "true" : "false", ")");

@@ -43,11 +43,7 @@ void expectOneError(const Outcome& outcome, CK_RV code, const std::string& funct
 }
 
 void letThrow(const std::string& operation, scripted::Throw thrown, int nth) {
-    scripted::Fault fault;
-    fault.operation = operation;
-    fault.nth = nth;
-    fault.thrown = thrown;
-    device().addFault(fault);
+    device().addFault({.operation = operation, .nth = nth, .thrown = thrown});
 }
 
 void ModuleTest::plugInTokens() {

@@ -19,8 +19,10 @@
 #ifndef ZENTAK_TESTS_SUPPORT_MODULE_TEST_H
 #define ZENTAK_TESTS_SUPPORT_MODULE_TEST_H
 
+#include <cstdint>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <initializer_list>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -39,6 +41,20 @@ constexpr CK_SESSION_HANDLE firstSession = 0x60000001UL;
 constexpr CK_OBJECT_HANDLE privateKeyBase = 0x70000000UL;
 constexpr CK_OBJECT_HANDLE publicKeyBase = 0x70001000UL;
 constexpr CK_OBJECT_HANDLE certificateBase = 0x70002000UL;
+
+/// States, classes or types to go through; the constants themselves are wider than CK_ULONG in the Windows form.
+using Numbers = std::vector<CK_ULONG>;
+
+inline const Numbers everyState = {CKS_RO_PUBLIC_SESSION, CKS_RO_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION,
+                                   CKS_RW_USER_FUNCTIONS, CKS_RW_SO_FUNCTIONS};
+
+/// Numbers beside that have more than 32 bits, where CK_ULONG has.
+inline Numbers withWide(Numbers numbers, std::initializer_list<std::uint64_t> wide) {
+    for (const std::uint64_t number : wide) {
+        if (sizeof(CK_ULONG) == 8) numbers.push_back(static_cast<CK_ULONG>(number));
+    }
+    return numbers;
+}
 
 /// Puts a token at the end of the connected devices; the module sees it at its next listing, its monitor at its next
 /// poll.
