@@ -96,7 +96,7 @@ protected:
 
     std::vector<Scenario> scenarios();
     std::vector<Scenario> cryptographicScenarios();
-    Aftermath aftermathOf(const Scenario& scenario);
+    Aftermath aftermathOf(const Scenario& scenario, const std::string& operation);
     void expectThrownCode(const Scenario& scenario, const std::string& operation, const ThrownCode& row);
 
     static void expectOk(CK_RV code) { ASSERT_EQ(code, CKR_OK); }
@@ -293,7 +293,7 @@ bool isIgnored(const std::string& scenario, const std::string& operation) {
     return scenario == "C_DeriveKey" && operation.find("Hash") != std::string::npos;
 }
 
-Aftermath FailingWorldTest::aftermathOf(const Scenario& scenario) {
+Aftermath FailingWorldTest::aftermathOf(const Scenario& scenario, const std::string& operation) {
     const std::string function = scenario.function();
     const auto finalize = [&] { return api.C_Finalize(nullptr); };
     if (function == "C_Initialize") return {finalize, CKR_CRYPTOKI_NOT_INITIALIZED};
@@ -310,12 +310,12 @@ Aftermath FailingWorldTest::aftermathOf(const Scenario& scenario) {
     if (found != begun.end()) return {found->second, CKR_OPERATION_NOT_INITIALIZED};
     const bool ends = begun.count(function.substr(0, function.find_first_of("UF", 3)) + "Init") == 1;
     if (ends) return {scenario.act, CKR_OPERATION_NOT_INITIALIZED};
-    // The table of slots is as it was.
+    // The table of slots is as it was, unless its making was under way.
     return {[&] {
                 CK_SLOT_INFO info;
                 return api.C_GetSlotInfo(firstSlot, &info);
             },
-            CKR_OK};
+            function == "C_GetSlotList" && operation == "zentak_getTokenInfo" ? CKR_SLOT_ID_INVALID : CKR_OK};
 }
 
 /// The call that throws is the last one, and its exception comes to the code, one line, and nothing else.
@@ -335,7 +335,7 @@ void FailingWorldTest::expectThrownCode(const Scenario& scenario, const std::str
     if (inSession) {
         EXPECT_EQ(stateOf(session), state);
     }
-    const Aftermath aftermath = aftermathOf(scenario);
+    const Aftermath aftermath = aftermathOf(scenario, operation);
     EXPECT_EQ(aftermath.call(), aftermath.code);
 }
 

@@ -100,7 +100,8 @@ TEST_F(LoginStatesTest, TheLastRefusalMetIsTheAnswer) {
     EXPECT_EQ(observe([&] { return tryLogin(officer, CKU_SO, "officer pin"); }),
               (Outcome{CKR_USER_ALREADY_LOGGED_IN,
                        {"DEBUG C_Login", "DEBUG Login state : 4", readOnlySessionExists,
-                        "DEBUG Login end result : " + decimal(CKR_USER_ALREADY_LOGGED_IN)}}));
+                        "DEBUG Login end result : " + decimal(CKR_USER_ALREADY_LOGGED_IN)},
+                       {validateCall("SN1", "officer pin", 2)}}));
 }
 
 TEST_F(LoginStatesTest, AUsersLoginReachesEverySessionOfTheTokenOnly) {
@@ -108,7 +109,9 @@ TEST_F(LoginStatesTest, AUsersLoginReachesEverySessionOfTheTokenOnly) {
         openSession(), openSession(CKF_RW_SESSION), openSession(0, secondSlot), openSession(CKF_RW_SESSION, secondSlot),
         openSession(), openSession(CKF_RW_SESSION)};
     EXPECT_EQ(observe([&] { return tryLogin(sessions[4], CKU_USER, "1234"); }),
-              (Outcome{CKR_OK, {"DEBUG C_Login", "DEBUG Login state : 0", "DEBUG Login end result : 0"}}));
+              (Outcome{CKR_OK,
+                       {"DEBUG C_Login", "DEBUG Login state : 0", "DEBUG Login end result : 0"},
+                       {validateCall("SN1", "1234", 1)}}));
     EXPECT_EQ(states(sessions), (Numbers{1, 3, 0, 2, 1, 3}));
 }
 

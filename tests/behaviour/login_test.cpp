@@ -77,9 +77,10 @@ TEST_F(LoginTest, AsksTheDeviceForPinsWithinRange) {
     const CK_SESSION_HANDLE session = openSession(CKF_RW_SESSION);
     for (const std::size_t length : {4U, 5U, 62U, 63U}) {
         const std::string password(length, 'p');
-        EXPECT_EQ(tryLogin(session, CKU_USER, password), CKR_OK);
-        EXPECT_EQ(calls(), (Lines{validateCall("SN1", password, 1)}));
-        EXPECT_EQ(log(), (Lines{"DEBUG C_Login", "DEBUG Login state : 2", "DEBUG Login end result : 0"}));
+        EXPECT_EQ(observe([&] { return tryLogin(session, CKU_USER, password); }),
+                  (Outcome{CKR_OK,
+                           {"DEBUG C_Login", "DEBUG Login state : 2", "DEBUG Login end result : 0"},
+                           {validateCall("SN1", password, 1)}}));
         ASSERT_EQ(functions().C_Logout(session), CKR_OK);
         clear();
     }
@@ -128,7 +129,8 @@ TEST_F(LoginTest, TheDeviceResult48IsAFailureWithOneLine) {
         device().attemptsLeft = attemptsLeft;
         for (const CK_USER_TYPE userType : bothUserTypes) {
             EXPECT_EQ(observe([&] { return tryLogin(session, userType, "1234"); }),
-                      failed(CKR_FUNCTION_FAILED, "C_Login", "Token password validation failed : 48"));
+                      failed(CKR_FUNCTION_FAILED, "C_Login", "Token password validation failed : 48",
+                             {validateCall("SN1", "1234", userType == CKU_USER ? 1 : 2)}));
             EXPECT_EQ(stateOf(session), CKS_RW_PUBLIC_SESSION);
         }
     }

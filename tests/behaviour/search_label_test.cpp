@@ -99,11 +99,11 @@ TEST_F(SearchLabelTest, AKeyPairWithoutCertificateHasNoLabel) {
 
 TEST_F(SearchLabelTest, ComputedLabelsAreCutTo128Characters) {
     CertificateDetails& details = world.certificateDetails[derOf(certificateOne)];
-    details.text2 = std::string(100, 'a');
+    details.subjectCommonName = std::string(100, 'a');
     const std::string rest(27, 'b');
-    const std::string whole = details.text2 + "_" + rest;  // 128 characters
+    const std::string whole = details.subjectCommonName + "_" + rest;  // 128 characters
     for (const std::string& more : {std::string(), std::string("c")}) {
-        details.text3 = rest + more;
+        details.issuer = rest + more;
         EXPECT_EQ(publicKeysNamed(whole), (Handles{publicKey(1)}));
         EXPECT_EQ(certificatesNamed(whole), (Handles{certificate(1)}));
         EXPECT_EQ(publicKeysNamed(whole + "c"), Handles{});
@@ -112,8 +112,8 @@ TEST_F(SearchLabelTest, ComputedLabelsAreCutTo128Characters) {
 }
 
 TEST_F(SearchLabelTest, ComputedLabelsAreNotTrimmed) {
-    world.certificateDetails[derOf(certificateOne)].text2 = " Alice";
-    world.certificateDetails[derOf(certificateOne)].text3 = "1234 ";
+    world.certificateDetails[derOf(certificateOne)].subjectCommonName = " Alice";
+    world.certificateDetails[derOf(certificateOne)].issuer = "1234 ";
     EXPECT_EQ(publicKeysNamed(" Alice_1234 "), (Handles{publicKey(1)}));
     EXPECT_EQ(publicKeysNamed("Alice_1234"), Handles{});
 }

@@ -46,11 +46,7 @@ INSTANTIATE_TEST_SUITE_P(AllKinds, KeyDecodingTest, testing::Values(1, 2, 5, 6, 
 
 /// The content of an INTEGER taken by its bytes, without a look at its sign, would be another number.
 TEST(NegativeNumberTest, IsNoPartOfAPublicKey) {
-    const Key& key = testKey(2);
-    unsigned char* encoded = nullptr;
-    const int length = i2d_PUBKEY(key.get(), &encoded);
-    Bytes der(encoded, encoded + length);
-    OPENSSL_free(encoded);
+    Bytes der = publicDer(testKey(2));
     ASSERT_NE(decodeSubjectPublicKeyInfo(der), nullptr);
     const Bytes zero = {0x02, 0x82, 0x01, 0x01, 0x00};
     const auto modulus = std::search(der.begin(), der.end(), zero.begin(), zero.end());

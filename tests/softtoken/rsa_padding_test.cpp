@@ -7,17 +7,12 @@
 #include <openssl/rsa.h>
 #include <optional>
 
+#include "openssl_rsa.h"
 #include "token_test.h"
 
 namespace softtoken {
 
 namespace {
-
-struct OaepKind {
-    const char* hash;
-    const char* maskHash;
-    std::size_t hashLength;
-};
 
 constexpr std::array<OaepKind, 9> oaepKinds = {{
     {"SHA1", "SHA1", 20},
@@ -31,35 +26,12 @@ constexpr std::array<OaepKind, 9> oaepKinds = {{
     {"SHA512", "SHA1", 64},
 }};
 
-/// One operation with the public or private half of a key, by OpenSSL.
-Bytes openssl(const Key& key, ByteView data, bool encrypting, int padding, const OaepKind* kind = nullptr,
-              std::string_view label = {}) {
-    const KeyContext context(EVP_PKEY_CTX_new(key.get(), nullptr));
-    EXPECT_EQ(encrypting ? EVP_PKEY_encrypt_init(context.get()) : EVP_PKEY_decrypt_init(context.get()), 1);
-    EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), padding), 1);
-    if (kind != nullptr) {
-        EXPECT_EQ(EVP_PKEY_CTX_set_rsa_oaep_md_name(context.get(), kind->hash, nullptr), 1);
-        EXPECT_EQ(EVP_PKEY_CTX_set_rsa_mgf1_md_name(context.get(), kind->maskHash, nullptr), 1);
-    }
-    if (!label.empty()) {
-        auto* const copy = static_cast<char*>(OPENSSL_memdup(label.data(), label.size()));
-        EXPECT_EQ(EVP_PKEY_CTX_set0_rsa_oaep_label(context.get(), copy, static_cast<int>(label.size())), 1);
-    }
-    Bytes output(static_cast<std::size_t>(EVP_PKEY_get_size(key.get())));
-    std::size_t length = output.size();
-    EXPECT_EQ((encrypting ? EVP_PKEY_encrypt : EVP_PKEY_decrypt)(context.get(), output.data(), &length, data.data(),
-                                                                 data.size()),
-              1);
-    output.resize(length);
-    return output;
-}
-
 Bytes oaepCiphertext(const Key& key, ByteView data, const OaepKind& kind, std::string_view label = {}) {
-    return openssl(key, data, true, RSA_PKCS1_OAEP_PADDING, &kind, label);
+    return opensslCrypts(key, data, true, RSA_PKCS1_OAEP_PADDING, &kind, label);
 }
 
 Bytes blockOf(const Key& key, ByteView ciphertext) {
-    return openssl(key, ciphertext, false, RSA_NO_PADDING);
+    return opensslCrypts(key, ciphertext, false, RSA_NO_PADDING);
 }
 
 std::optional<Bytes> withoutPadding(ByteView block) {

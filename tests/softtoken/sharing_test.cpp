@@ -1,6 +1,7 @@
 // Many threads, several instances, and another process's changes at the same time.
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "test_certificates.h"
@@ -10,59 +11,62 @@ namespace softtoken {
 
 namespace {
 
-using SharingTest = TokenTest;
+class SharingTest : public TokenTest {
+protected:
+    /// Runs the work in so many threads, which are numbered, beside what the test itself does meanwhile.
+    static void inThreads(int count, const std::function<void(int)>& work,
+                          const std::function<void()>& meanwhile = {}) {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < count; ++i) threads.emplace_back([&work, i] { work(i); });
+        if (meanwhile) meanwhile();
+    }
+};
 
 TEST_F(SharingTest, ThreadsSignWhileTheTokenChanges) {
     const KeyPairEntry key = addKey(5);
     std::atomic<bool> stop{false};
     std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            while (!stop) {
-                unsigned char hash[32] = {};
-                unsigned char signature[64];
-                int length = sizeof signature;
+    const auto use = [&](int i) {
+        while (!stop) {
+            unsigned char hash[32] = {};
+            unsigned char signature[64];
+            int length = sizeof signature;
+            if (i > 0) {
                 if (zentak_signHash(device(), key.keyId.data(), userPin, hash, 32, signature, &length, false, instance_,
                                     false) != 0 ||
                     zentak_verifySignatureHash(5, device(), hash, 32, key.publicKey.data(), 65, signature, length,
                                                instance_, false) != 0) {
                     ++wrong;
                 }
+                continue;
             }
-        });
-    }
-    threads.emplace_back([&] {
-        while (!stop) {
-            for (const ZentakKeyPair& record : zentak_getKeyPairList(device(), instance_)) {
+            for (const ZentakKeyPair& record : keyPairs()) {
                 if (record.keyType != 5) ++wrong;
             }
             if (zentak_getConnectedDeviceList(false, instance_).size() != 1) ++wrong;
         }
+    };
+    inThreads(5, use, [&] {
+        for (int i = 0; i < 30; ++i) {
+            const std::string label = "label " + std::to_string(i);
+            EXPECT_EQ(
+                zentak_updateKeyPairDetails(device(), key.keyId.data(), userPin, label.c_str(), nullptr, 0, instance_),
+                0);
+        }
+        stop = true;
     });
-    for (int i = 0; i < 30; ++i) {
-        const std::string label = "label " + std::to_string(i);
-        EXPECT_EQ(
-            zentak_updateKeyPairDetails(device(), key.keyId.data(), userPin, label.c_str(), nullptr, 0, instance_), 0);
-    }
-    stop = true;
-    for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(wrong, 0);
     EXPECT_STREQ(zentak_getKeyPairList(device(), instance_)[0].alias, "label 29");
 }
 
 TEST_F(SharingTest, ManyThreadsMayBringTheRightPinAtOnce) {
     std::atomic<int> accepted{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 12; ++i) {
-        threads.emplace_back([&, i] {
-            void* own = instance_;
-            if (i % 2 == 1) zentak_createInstance(&own);
-            if (zentak_validatePassword(device(), userPin, 1, nullptr, own) == 0) ++accepted;
-            if (i % 2 == 1) zentak_releaseInstance(own);
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    inThreads(12, [&](int i) {
+        void* own = instance_;
+        if (i % 2 == 1) zentak_createInstance(&own);
+        if (zentak_validatePassword(device(), userPin, 1, nullptr, own) == 0) ++accepted;
+        if (i % 2 == 1) zentak_releaseInstance(own);
+    });
     EXPECT_EQ(accepted, 12);
     EXPECT_EQ(attemptsLeft(), 5);
 }
@@ -81,37 +85,28 @@ TEST_F(SharingTest, CountersAreWholeWhileOthersLogIn) {
 }
 
 TEST_F(SharingTest, ParallelGuessesAreAllCounted) {
-    std::vector<std::thread> threads;
     std::atomic<int> refused{0};
-    for (int i = 0; i < 10; ++i) {
-        threads.emplace_back([&, i] {
-            const std::string guess = "00000" + std::to_string(i);
-            if (zentak_validatePassword(device(), guess.c_str(), 1, nullptr, instance_) != 0) ++refused;
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    inThreads(10, [&](int i) {
+        if (validate(("00000" + std::to_string(i)).c_str()) != 0) ++refused;
+    });
     EXPECT_EQ(refused, 10);
     EXPECT_EQ(attemptsLeft(), 0);
 }
 
 TEST_F(SharingTest, ChangesFromSeveralInstancesAreAllKept) {
-    std::vector<std::thread> threads;
     std::atomic<int> failed{0};
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            void* own = nullptr;
-            zentak_createInstance(&own);
-            for (int j = 0; j < 5; ++j) {
-                ZentakKeyPair record{};
-                record.keyType = 5;
-                if (zentak_generateKeyPair(device(), userPin, &record, own) != 0) ++failed;
-            }
-            zentak_releaseInstance(own);
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    inThreads(4, [&](int) {
+        void* own = nullptr;
+        zentak_createInstance(&own);
+        for (int j = 0; j < 5; ++j) {
+            ZentakKeyPair record{};
+            record.keyType = 5;
+            if (zentak_generateKeyPair(device(), userPin, &record, own) != 0) ++failed;
+        }
+        zentak_releaseInstance(own);
+    });
     EXPECT_EQ(failed, 0);
-    const auto& list = zentak_getKeyPairList(device(), instance_);
+    const auto& list = keyPairs();
     ASSERT_EQ(list.size(), 20U);
     for (std::size_t i = 0; i < list.size(); ++i) EXPECT_EQ(list[i].id, i + 1);
 }
@@ -120,25 +115,23 @@ TEST_F(SharingTest, TokensComeAndGoWhileThreadsUseThem) {
     const KeyPairEntry key = addKey(5);
     std::atomic<bool> stop{false};
     std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&] {
-            while (!stop) {
-                const int result = signWith(key.keyId);
-                if (result != 0 && result != 48) ++wrong;
-                const TokenInfo info = zentak_getTokenInfo(device(), instance_);
-                if (!info.serialNumber.empty() && info.label != "Test token") ++wrong;
-            }
-        });
-    }
-    for (int i = 0; i < 20; ++i) {
-        store_.unplug(serialNumber_);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        store_.plug(serialNumber_);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    stop = true;
-    for (std::thread& thread : threads) thread.join();
+    const auto use = [&](int) {
+        while (!stop) {
+            const int result = signWith(key.keyId);
+            if (result != 0 && result != 48) ++wrong;
+            const TokenInfo info = zentak_getTokenInfo(device(), instance_);
+            if (!info.serialNumber.empty() && info.label != "Test token") ++wrong;
+        }
+    };
+    inThreads(3, use, [&] {
+        for (int i = 0; i < 20; ++i) {
+            store_.unplug(serialNumber_);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            store_.plug(serialNumber_);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        stop = true;
+    });
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(attemptsLeft(), 5);
 }

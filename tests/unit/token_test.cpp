@@ -36,9 +36,9 @@ const std::string serialNumber = "SN1";
 const std::string pin = "1234";
 const zentak::device::Token token(nullptr, serialNumber, pin);
 
-class HashFeeding : public ::testing::Test {
+class HashFeedingTest : public ::testing::Test {
 protected:
-    HashFeeding() {
+    HashFeedingTest() {
         pieces.clear();
         failingCall = 0;
         start = area_;
@@ -51,26 +51,26 @@ private:
     unsigned char area_[1] = {};
 };
 
-TEST_F(HashFeeding, IsOneCallForAnyLengthAnIntCanHold) {
+TEST_F(HashFeedingTest, IsOneCallForAnyLengthAnIntCanHold) {
     EXPECT_EQ(feed(0), 0);
     EXPECT_EQ(feed(1), 0);
     EXPECT_EQ(feed(longest), 0);
     EXPECT_EQ(pieces, (Pieces{{0, 0}, {0, 1}, {0, std::numeric_limits<int>::max()}}));
 }
 
-TEST_F(HashFeeding, GoesInPiecesBeyondThat) {
+TEST_F(HashFeedingTest, GoesInPiecesBeyondThat) {
     EXPECT_EQ(feed(2 * longest + 5), 0);
     const int most = std::numeric_limits<int>::max();
     EXPECT_EQ(pieces, (Pieces{{0, most}, {most, most}, {2 * static_cast<std::ptrdiff_t>(longest), 5}}));
 }
 
-TEST_F(HashFeeding, StopsAtTheFirstFailure) {
+TEST_F(HashFeedingTest, StopsAtTheFirstFailure) {
     failingCall = 2;
     EXPECT_EQ(feed(2 * longest + 5), 9);
     EXPECT_EQ(pieces.size(), 2U);
 }
 
-TEST(HashFinishing, BeginsWithZerosWhateverTheDigestHeld) {
+TEST(HashFinishingTest, BeginsWithZerosWhateverTheDigestHeld) {
     scripted::Device& world = scripted::device();
     world.reset();
     world.digest = {7};
@@ -91,7 +91,7 @@ std::vector<unsigned char> filled(int reportedLength) {
     return area.takeFilled();
 }
 
-TEST(ReportedLength, MustFitTheArea) {
+TEST(ReportedLengthTest, MustFitTheArea) {
     EXPECT_EQ(filled(64).size(), 64U);
     EXPECT_EQ(filled(20).size(), 20U);
     EXPECT_TRUE(filled(0).empty());
@@ -99,13 +99,13 @@ TEST(ReportedLength, MustFitTheArea) {
     EXPECT_THROW(filled(-1), std::length_error);
 }
 
-TEST(ReportedLength, IsNoMatterForTheWholeArea) {
+TEST(ReportedLengthTest, IsNoMatterForTheWholeArea) {
     OutputArea area(20);
     *area.length() = -1;
     EXPECT_EQ(area.takeWhole(), std::vector<unsigned char>(20, 0));
 }
 
-TEST(InputLength, BeyondWhatAnIntHoldsIsRefusedUnread) {
+TEST(InputLengthTest, BeyondWhatAnIntHoldsIsRefusedUnread) {
     const ZentakKeyPair keyPair = {};
     const unsigned char byte = 1;
     const zentak::ByteView tooLong(&byte, longest + 1);
@@ -123,7 +123,7 @@ TEST(InputLength, BeyondWhatAnIntHoldsIsRefusedUnread) {
     EXPECT_EQ(output, std::vector<unsigned char>{7});
 }
 
-TEST(DeviceResult, TellsSuccessRefusalAndUnaskedApart) {
+TEST(DeviceResultTest, TellsSuccessRefusalAndUnaskedApart) {
     EXPECT_TRUE(Result::of(0));
     EXPECT_FALSE(Result::of(5));
     EXPECT_EQ(Result::of(5).number(), 5);
