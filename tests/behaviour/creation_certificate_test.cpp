@@ -10,7 +10,20 @@ using namespace support;
 
 namespace {
 
-using CreationCertificateTest = CreationTest;
+class CreationCertificateTest : public CreationTest {
+protected:
+    /// The leaf's key pair, which has no name.
+    void addUnnamedKeyPair() {
+        world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
+        leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
+    }
+    /// What a leaf leaves behind that isn't imported with its issuers.
+    Lines imports(const std::string& label, const Bytes& id = {}, const Lines& more = {}) const {
+        return Lines{readCertificate(leaf), scanFolder(folder), importCertificate(leaf, label, id), listCertificates,
+                     listKeyPairs} +
+               more;
+    }
+};
 
 const std::string entered = "DEBUG C_CreateObject";
 const std::string importFailed = "ERROR Leaf import failed: ";
@@ -21,23 +34,20 @@ Lines naming(const std::string& label) {
 
 // --- Arguments and classes ------------------------------------------------------------------------------------------
 
-TEST_F(CreationCertificateTest, TheModuleMustBeInitialised) {
-    ASSERT_EQ(api->C_Finalize(nullptr), CKR_OK);
-    EXPECT_EQ(observe([&] { return api->C_CreateObject(7, nullptr, 0, nullptr); }),
-              (Outcome{CKR_CRYPTOKI_NOT_INITIALIZED, {entered, "ERROR C_CreateObject: not initialized"}}));
-}
-
 TEST_F(CreationCertificateTest, ArgumentsAreCheckedInTheirOrder) {
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_SECRET_KEY);
     EXPECT_EQ(observe([&] { return api->C_CreateObject(7, nullptr, 0, nullptr); }),
-              (Outcome{CKR_SESSION_HANDLE_INVALID, {entered, "ERROR C_CreateObject: invalid hSession=7"}}));
+              refused(CKR_SESSION_HANDLE_INVALID, "C_CreateObject: invalid hSession=7"));
     EXPECT_EQ(observe([&] { return api->C_CreateObject(session, nullptr, 0, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {entered, "ERROR C_CreateObject: pTemplate is NULL"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_CreateObject: pTemplate is NULL"));
     EXPECT_EQ(observe([&] { return api->C_CreateObject(session, wanted.data(), 0, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {entered, "ERROR C_CreateObject: ulCount<=0"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_CreateObject: ulCount<=0"));
     EXPECT_EQ(observe([&] { return api->C_CreateObject(session, wanted.data(), 1, nullptr); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {entered, "ERROR C_CreateObject: phObject is NULL"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_CreateObject: phObject is NULL"));
+    ASSERT_EQ(api->C_Finalize(nullptr), CKR_OK);
+    EXPECT_EQ(observe([&] { return api->C_CreateObject(7, nullptr, 0, nullptr); }),
+              refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_CreateObject: not initialized"));
 }
 
 TEST_F(CreationCertificateTest, PublicKeysAreAcceptedAndIgnored) {
@@ -75,8 +85,7 @@ TEST_F(CreationCertificateTest, AValueAloneIsACertificate) {
               (Outcome{CKR_OK,
                        {entered, attributeLine(CKA_VALUE), "DEBUG Label not provided, using: Alice_CN=Root", folderLine,
                         leafOnlyLine},
-                       {readCertificate(leaf), scanFolder(folder), importCertificate(leaf, "Alice_CN=Root"),
-                        listCertificates, listKeyPairs}}));
+                       imports("Alice_CN=Root")}));
     EXPECT_EQ(created, certificate(9));
 }
 
@@ -92,8 +101,7 @@ TEST_F(CreationCertificateTest, LabelAndIdentifierGoIntoTheRecord) {
               (Outcome{CKR_OK,
                        {entered, attributeLine(CKA_ID), attributeLine(CKA_LABEL), attributeLine(CKA_CLASS),
                         attributeLine(CKA_VALUE), attributeLine(CKA_CERTIFICATE_TYPE), folderLine, leafOnlyLine},
-                       {readCertificate(leaf), scanFolder(folder), importCertificate(leaf, "mail", {0, 7, 0}),
-                        listCertificates, listKeyPairs}}));
+                       imports("mail", {0, 7, 0})}));
     EXPECT_EQ(created, certificate(9));
 }
 
@@ -103,8 +111,7 @@ TEST_F(CreationCertificateTest, LaterEntriesReplaceEarlierOnes) {
     wanted.add(CKA_VALUE, leaf).add(CKA_ID, Bytes{3}).add(CKA_LABEL, "mail");
     const Outcome outcome = create(wanted);
     EXPECT_EQ(outcome.code, CKR_OK);
-    EXPECT_EQ(outcome.device, (Lines{readCertificate(leaf), scanFolder(folder), importCertificate(leaf, "mail", {3}),
-                                     listCertificates, listKeyPairs}));
+    EXPECT_EQ(outcome.device, imports("mail", {3}));
 }
 
 TEST_F(CreationCertificateTest, ACertificateNeedsItsBytes) {
@@ -186,13 +193,10 @@ TEST_F(CreationCertificateTest, NeitherLoginNorAWritableSessionIsNeeded) {
 // --- Labels ---------------------------------------------------------------------------------------------------------
 
 TEST_F(CreationCertificateTest, LabelsAreTrimmed) {
-    world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
-    leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
+    addUnnamedKeyPair();
     EXPECT_EQ(create(Template().add(CKA_VALUE, leaf).add(CKA_LABEL, " \t\n\r\f\vmy  mail \v\f\r\n\t")),
-              (Outcome{CKR_OK,
-                       mailLines + Lines{leafOnlyLine} + naming("my  mail"),
-                       {readCertificate(leaf), scanFolder(folder), importCertificate(leaf, "my  mail"),
-                        listCertificates, listKeyPairs, nameKeyPair(5, "my  mail")}}));
+              (Outcome{CKR_OK, mailLines + Lines{leafOnlyLine} + naming("my  mail"),
+                       imports("my  mail", {}, {nameKeyPair(5, "my  mail")})}));
 }
 
 TEST_F(CreationCertificateTest, ABlankLabelIsNone) {
@@ -211,19 +215,17 @@ TEST_F(CreationCertificateTest, ALabelIsCountedBytes) {
 }
 
 TEST_F(CreationCertificateTest, AGivenLabelIsCutInTheRecordAlone) {
-    world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
-    leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
+    addUnnamedKeyPair();
     for (const std::size_t length : {128U, 129U, 160U, 300U}) {
         const std::string label(length, 'x');
         Template wanted;
         wanted.add(CKA_VALUE, leaf).add(CKA_LABEL, (" " + label + " ").c_str()).add(CKA_ID, countingBytes(0, length));
-        EXPECT_EQ(create(wanted), (Outcome{CKR_OK,
-                                           Lines{entered, attributeLine(CKA_VALUE), attributeLine(CKA_LABEL),
-                                                 attributeLine(CKA_ID), folderLine, leafOnlyLine} +
-                                               naming(label),
-                                           {readCertificate(leaf), scanFolder(folder),
-                                            importCertificate(leaf, std::string(128, 'x'), countingBytes(0, 128)),
-                                            listCertificates, listKeyPairs, nameKeyPair(5, label)}}));
+        EXPECT_EQ(create(wanted),
+                  (Outcome{CKR_OK,
+                           Lines{entered, attributeLine(CKA_VALUE), attributeLine(CKA_LABEL), attributeLine(CKA_ID),
+                                 folderLine, leafOnlyLine} +
+                               naming(label),
+                           imports(std::string(128, 'x'), countingBytes(0, 128), {nameKeyPair(5, label)})}));
     }
 }
 
@@ -236,8 +238,7 @@ TEST_F(CreationCertificateTest, AComputedLabelIsCutForGood) {
                        Lines{entered, attributeLine(CKA_VALUE), "DEBUG Label not provided, using: " + label, folderLine,
                              leafOnlyLine} +
                            naming(label),
-                       {readCertificate(leaf), scanFolder(folder), importCertificate(leaf, label), listCertificates,
-                        listKeyPairs, nameKeyPair(5, label)}}));
+                       imports(label, {}, {nameKeyPair(5, label)})}));
 }
 
 TEST_F(CreationCertificateTest, ALabelOfEmptyTextsIsAnUnderscore) {
@@ -291,8 +292,7 @@ TEST_F(CreationCertificateTest, OnlyTheFirstKeyPairWithTheKeyIsLookedAt) {
 }
 
 TEST_F(CreationCertificateTest, WithoutAPasswordTheNameIsOnlyAnnounced) {
-    world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
-    leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
+    addUnnamedKeyPair();
     session = reopen(session, CKS_RW_PUBLIC_SESSION);
     EXPECT_EQ(createMail(), (Outcome{CKR_OK,
                                      mailLines + Lines{leafOnlyLine} + naming("mail"),
@@ -302,8 +302,7 @@ TEST_F(CreationCertificateTest, WithoutAPasswordTheNameIsOnlyAnnounced) {
 }
 
 TEST_F(CreationCertificateTest, AFailedNamingDoesNotMatter) {
-    world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
-    leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
+    addUnnamedKeyPair();
     world.results["zentak_updateKeyPairDetails"] = 40;
     const Outcome outcome = createMail();
     EXPECT_EQ(outcome.code, CKR_OK);
@@ -346,8 +345,7 @@ TEST_F(CreationCertificateTest, WithoutAHomeTheInstallationIsLookedFor) {
 // --- Exceptions -----------------------------------------------------------------------------------------------------
 
 TEST_F(CreationCertificateTest, AThrowingUpdateOfTheKeyPairIsOnlyLogged) {
-    world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
-    leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
+    addUnnamedKeyPair();
     const Outcome undisturbed = createMail();
     ASSERT_EQ(undisturbed.code, CKR_OK);
     ASSERT_EQ(undisturbed.log.back(), "DEBUG Updating empty key pair alias to: mail");
@@ -362,8 +360,7 @@ TEST_F(CreationCertificateTest, AThrowingUpdateOfTheKeyPairIsOnlyLogged) {
 
 // The library may give up its list in the very call that is given a reference out of it.
 TEST_F(CreationCertificateTest, TheReferenceOfTheNamedKeyPairIsTheModulesOwn) {
-    world.keyPairs["SN1"] = {labelledKeyPair(5, "")};
-    leafDetails("Alice", "CN=Root", publicKeyOf(keyFive));
+    addUnnamedKeyPair();
     Bytes reference;
     world.addFault({.operation = "zentak_updateKeyPairDetails", .action = [&] {
                         for (ZentakKeyPair& record : world.hidden().keyPairList) record = labelledKeyPair(8, "");

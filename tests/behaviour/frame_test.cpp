@@ -34,10 +34,6 @@ const Outcome finalized = {CKR_OK,
                             "DEBUG C_Finalize completed successfully."},
                            {"zentak_releaseInstance(instance)"}};
 
-CK_SLOT_INFO slotInfoPattern() {
-    return filledWith<CK_SLOT_INFO>(0xA5);
-}
-
 // --- Starting -------------------------------------------------------------------------------------------------------
 
 TEST_F(UninitialisedTest, InitializeCreatesAnInstance) {
@@ -248,41 +244,34 @@ TEST_F(FrameTest, UnsupportedFunctionsOnlyLogTheirName) {
     expectUnsupported();
 }
 
-TEST_F(FrameTest, VendorExtensionsAreUnsupported) {
-    CK_ULONG first = 0x11;
-    CK_ULONG second = 0x22;
+/// Calls every vendor extension with these arguments, of which most take one.
+void expectExtensionsUnsupported(CK_ULONG* first, CK_ULONG* second, CK_ULONG slot) {
     for (const VendorExtension& extension : everyVendorExtension()) {
         void* const symbol = moduleSymbol(extension.symbol);
         ASSERT_NE(symbol, nullptr) << extension.symbol;
-        clear();
-        if (extension.name == "C_GetUnmanagedStructSizeList") {
-            EXPECT_EQ(reinterpret_cast<CK_RV (*)(CK_ULONG*, CK_ULONG*)>(symbol)(&first, &second),
-                      CKR_FUNCTION_NOT_SUPPORTED);
-            EXPECT_EQ(reinterpret_cast<CK_RV (*)(CK_ULONG*, CK_ULONG*)>(symbol)(nullptr, nullptr),
-                      CKR_FUNCTION_NOT_SUPPORTED);
-        } else {
-            EXPECT_EQ(reinterpret_cast<CK_RV (*)(CK_ULONG)>(symbol)(firstSlot), CKR_FUNCTION_NOT_SUPPORTED);
-            EXPECT_EQ(reinterpret_cast<CK_RV (*)(CK_ULONG)>(symbol)(0), CKR_FUNCTION_NOT_SUPPORTED);
-        }
-        EXPECT_EQ(log(), (Lines{"DEBUG " + extension.name, "DEBUG " + extension.name}));
-        EXPECT_EQ(calls(), Lines{});
+        takeLog();
+        device().takeCalls();
+        const CK_RV result = extension.name == "C_GetUnmanagedStructSizeList"
+                                 ? reinterpret_cast<CK_RV (*)(CK_ULONG*, CK_ULONG*)>(symbol)(first, second)
+                                 : reinterpret_cast<CK_RV (*)(CK_ULONG)>(symbol)(slot);
+        EXPECT_EQ(result, CKR_FUNCTION_NOT_SUPPORTED) << extension.name;
+        EXPECT_EQ(takeLog(), (Lines{"DEBUG " + extension.name}));
+        EXPECT_EQ(device().takeCalls(), Lines{});
     }
     EXPECT_EQ(everyVendorExtension().size(), 3U);
+}
+
+TEST_F(FrameTest, VendorExtensionsAreUnsupported) {
+    CK_ULONG first = 0x11;
+    CK_ULONG second = 0x22;
+    expectExtensionsUnsupported(&first, &second, firstSlot);
+    expectExtensionsUnsupported(nullptr, nullptr, 0);
     EXPECT_EQ(first, 0x11U);
     EXPECT_EQ(second, 0x22U);
 }
 
 TEST_F(UninitialisedTest, VendorExtensionsNeedNoInitialisation) {
-    for (const VendorExtension& extension : everyVendorExtension()) {
-        void* const symbol = moduleSymbol(extension.symbol);
-        ASSERT_NE(symbol, nullptr) << extension.symbol;
-        clear();
-        const CK_RV result = extension.name == "C_GetUnmanagedStructSizeList"
-                                 ? reinterpret_cast<CK_RV (*)(CK_ULONG*, CK_ULONG*)>(symbol)(nullptr, nullptr)
-                                 : reinterpret_cast<CK_RV (*)(CK_ULONG)>(symbol)(0);
-        EXPECT_EQ(result, CKR_FUNCTION_NOT_SUPPORTED) << extension.name;
-        EXPECT_EQ(log(), (Lines{"DEBUG " + extension.name}));
-    }
+    expectExtensionsUnsupported(nullptr, nullptr, 0);
 }
 
 /// A refused call leaves what the caller handed in as it was.
@@ -290,9 +279,9 @@ TEST_F(UninitialisedTest, OutParametersAreUntouched) {
     CK_ULONG count = 0x77;
     CK_SLOT_ID slot = 0x77;
     EXPECT_EQ(functions().C_GetSlotList(CK_TRUE, &slot, &count), CKR_CRYPTOKI_NOT_INITIALIZED);
-    CK_SLOT_INFO slotInfo = slotInfoPattern();
+    CK_SLOT_INFO slotInfo = filledWith<CK_SLOT_INFO>(0xA5);
     EXPECT_EQ(functions().C_GetSlotInfo(firstSlot, &slotInfo), CKR_CRYPTOKI_NOT_INITIALIZED);
-    EXPECT_EQ(bytesOf(slotInfo), bytesOf(slotInfoPattern()));
+    EXPECT_EQ(bytesOf(slotInfo), Bytes(sizeof slotInfo, 0xA5));
     CK_TOKEN_INFO tokenInfo = filledWith<CK_TOKEN_INFO>(0xA5);
     EXPECT_EQ(functions().C_GetTokenInfo(firstSlot, &tokenInfo), CKR_CRYPTOKI_NOT_INITIALIZED);
     EXPECT_EQ(bytesOf(tokenInfo), Bytes(sizeof tokenInfo, 0xA5));

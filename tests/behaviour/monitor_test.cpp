@@ -30,11 +30,11 @@ protected:
 
     /// Starts the module with these devices for the monitor.
     static void restart(const std::vector<std::string>& devices) {
-        ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+        finalize();
         clear();
         device().showToMonitor(devices);
         shown() = 0;
-        ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+        initialize();
         if (devices.empty()) {
             ASSERT_TRUE(device().waitForPolls(1));
         } else {
@@ -81,19 +81,29 @@ protected:
 
     /// Takes the event that has been raised just now.
     static void expectEvent() {
-        CK_SLOT_ID slot = untouched;
-        for (int i = 0; i < 1000 && slot == untouched; ++i) {
-            slot = takeEvent();
+        CK_SLOT_ID taken = untouched;
+        for (int i = 0; i < 1000 && taken == untouched; ++i) {
+            taken = takeEvent();
             std::this_thread::sleep_for(milliseconds(1));
         }
-        EXPECT_EQ(slot, firstSlot);
+        EXPECT_EQ(taken, firstSlot);
     }
+
+    /// Asks for an event; `slot` is written by it.
+    Outcome wait(CK_FLAGS flags) {
+        slot = untouched;
+        return observe([&] { return functions().C_WaitForSlotEvent(flags, &slot, nullptr); });
+    }
+    static void finalize() { ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK); }
+    static void initialize() { ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK); }
+
+    CK_SLOT_ID slot = untouched;
 
     /// The slot of a pending event, `untouched` without one.
     static CK_SLOT_ID takeEvent() {
-        CK_SLOT_ID slot = untouched;
-        functions().C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
-        return slot;
+        CK_SLOT_ID taken = untouched;
+        functions().C_WaitForSlotEvent(CKF_DONT_BLOCK, &taken, nullptr);
+        return taken;
     }
 
     /// The password that the module now hands to the device library.
@@ -139,10 +149,10 @@ private:
 // --- The thread -----------------------------------------------------------------------------------------------------
 
 TEST_F(MonitorTest, PollsAtOnceAndThenEverySecond) {
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     clear();
     const Clock::time_point begin = Clock::now();
-    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+    initialize();
     ASSERT_TRUE(device().waitForPolls(1));
     EXPECT_LT(Clock::now() - begin, milliseconds(900));
     device().takeCalls();
@@ -159,7 +169,7 @@ TEST_F(MonitorTest, PollsAtOnceAndThenEverySecond) {
 }
 
 TEST_F(MonitorTest, StartsWithInitializeAndEndsWithFinalize) {
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     EXPECT_EQ(log(), (Lines{"DEBUG C_Finalize", "DEBUG Monitor thread joined (stopDeviceMonitor).",
                             "DEBUG C_Finalize completed successfully."}));
     EXPECT_EQ(monitorLog(), (Lines{"DEBUG Session monitor thread stopped."}));
@@ -167,7 +177,7 @@ TEST_F(MonitorTest, StartsWithInitializeAndEndsWithFinalize) {
     std::this_thread::sleep_for(milliseconds(1200));
     EXPECT_EQ(device().takePolls(), Lines{});
 
-    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+    initialize();
     ASSERT_TRUE(device().waitForPolls(1));
     EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize"}));
     EXPECT_EQ(monitorLog(), (Lines{"DEBUG Session monitor thread started."}));
@@ -175,7 +185,7 @@ TEST_F(MonitorTest, StartsWithInitializeAndEndsWithFinalize) {
 
 /// The last lines of the thread come before the line of the one who waited for it.
 TEST_F(MonitorTest, FinalizeWaitsForTheThread) {
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     Lines lines = parseLog(readLogFiles(logFolder()));
     lines.erase(lines.begin(), lines.end() - 4);
     EXPECT_EQ(lines,
@@ -186,34 +196,34 @@ TEST_F(MonitorTest, FinalizeWaitsForTheThread) {
 TEST_F(MonitorTest, FinalizeCutsTheSecondShort) {
     for (int i = 0; i < 5; ++i) {
         const Clock::time_point begin = Clock::now();
-        ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+        finalize();
         EXPECT_LT(Clock::now() - begin, milliseconds(700));
-        ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+        initialize();
     }
 }
 
 TEST_F(MonitorTest, ASlowDeviceDoesNotHoldUpTheHost) {
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     clear();
     device().addFault({.operation = "poll", .delay = milliseconds(1500)});
-    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+    initialize();
     ASSERT_TRUE(device().waitForPolls(1));  // the slow one has begun
     const Clock::time_point begin = Clock::now();
     listSlots();
     EXPECT_EQ(stateOf(openSession()), CKS_RO_PUBLIC_SESSION);
     EXPECT_LT(Clock::now() - begin, milliseconds(700));
     // The end waits for the poll, and so leaves no call in the library behind.
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     EXPECT_GE(Clock::now() - begin, milliseconds(1000));
 }
 
 TEST_F(MonitorTest, APollThatThrowsIsFollowedByAnother) {
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     clear();
     device().addFault({.operation = "poll", .thrown = scripted::Throw::exception});
     device().addFault({.operation = "poll", .nth = 2, .thrown = scripted::Throw::somethingElse});
     device().showToMonitor({"SN1"});
-    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+    initialize();
     ASSERT_TRUE(device().waitForPolls(3));
     expectEvent();
     const Lines lines = monitorLog();
@@ -225,19 +235,18 @@ TEST_F(MonitorTest, APollThatThrowsIsFollowedByAnother) {
 }
 
 TEST_F(MonitorTest, RunsWithoutAnInstanceUntilTheNextInitialize) {
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     device().change([](scripted::Device& world) { world.givesInstance = false; });
     clear();
-    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+    initialize();
     ASSERT_TRUE(device().waitForPolls(1));
     EXPECT_EQ(device().takePolls(), (Lines{"poll(false, null)"}));
     EXPECT_EQ(functions().C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
-    CK_SLOT_ID slot = untouched;
-    EXPECT_EQ(functions().C_WaitForSlotEvent(0, &slot, nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+    EXPECT_EQ(wait(0).code, CKR_CRYPTOKI_NOT_INITIALIZED);
     clear();
 
     device().change([](scripted::Device& world) { world.givesInstance = true; });
-    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+    initialize();
     EXPECT_EQ(log(), (Lines{"DEBUG C_Initialize", "DEBUG Monitor already running. Stopping old thread.",
                             "DEBUG Monitor thread joined (stopDeviceMonitor)."}));
     EXPECT_EQ(calls(), (Lines{"zentak_createInstance(out)"}));
@@ -316,22 +325,17 @@ TEST_F(UnpluggingTest, ComparesWholeNames) {
 // --- Slot events ----------------------------------------------------------------------------------------------------
 
 TEST_F(MonitorTest, WaitIsRefusedBeforeInitialize) {
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
-    clear();
+    finalize();
+    const Outcome refusal = refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_WaitForSlotEvent: not initialized");
     for (const CK_FLAGS flags : {CK_FLAGS{0}, CK_FLAGS{CKF_DONT_BLOCK}}) {
-        CK_SLOT_ID slot = untouched;
-        EXPECT_EQ(functions().C_WaitForSlotEvent(flags, &slot, nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
-        EXPECT_EQ(observe([&] { return functions().C_WaitForSlotEvent(flags, nullptr, nullptr); }),
-                  (Outcome{CKR_CRYPTOKI_NOT_INITIALIZED,
-                           {"DEBUG C_WaitForSlotEvent", "ERROR C_WaitForSlotEvent: not initialized",
-                            "DEBUG C_WaitForSlotEvent", "ERROR C_WaitForSlotEvent: not initialized"}}));
+        EXPECT_EQ(wait(flags), refusal);
         EXPECT_EQ(slot, untouched);
+        EXPECT_EQ(observe([&] { return functions().C_WaitForSlotEvent(flags, nullptr, nullptr); }), refusal);
     }
 }
 
 TEST_F(MonitorTest, WaitRefusesANullPointerAndKeepsTheEvent) {
     show({"SN1"});
-    clear();
     for (const CK_FLAGS flags : {CK_FLAGS{0}, CK_FLAGS{CKF_DONT_BLOCK}}) {
         EXPECT_EQ(observe([&] { return functions().C_WaitForSlotEvent(flags, nullptr, nullptr); }),
                   refused(CKR_ARGUMENTS_BAD, "C_WaitForSlotEvent: pSlot is NULL"));
@@ -340,39 +344,34 @@ TEST_F(MonitorTest, WaitRefusesANullPointerAndKeepsTheEvent) {
 }
 
 TEST_F(MonitorTest, WithoutBlockingAnEventIsToldOnce) {
-    CK_SLOT_ID slot = untouched;
-    EXPECT_EQ(observe([&] { return functions().C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr); }),
-              refused(CKR_NO_EVENT, "C_WaitForSlotEvent: no event pending (non-blocking)"));
+    const Outcome nothing = refused(CKR_NO_EVENT, "C_WaitForSlotEvent: no event pending (non-blocking)");
+    EXPECT_EQ(wait(CKF_DONT_BLOCK), nothing);
     EXPECT_EQ(slot, untouched);
 
     show({"SN1"});
     EXPECT_EQ(monitorLog(), (Lines{"DEBUG Slot event: device count changed from 0 to 1"}));
-    CK_RV answer = CKR_NO_EVENT;
-    for (int i = 0; i < 1000 && answer == CKR_NO_EVENT; ++i) {  // the event follows its line
-        clear();
+    Outcome told = nothing;
+    for (int i = 0; i < 1000 && told == nothing; ++i) {  // the event follows its line
         // What is reserved isn't looked at, nor is any other flag.
-        answer = functions().C_WaitForSlotEvent(CKF_DONT_BLOCK | 6, &slot, &slot);
+        told = observe([&] { return functions().C_WaitForSlotEvent(CKF_DONT_BLOCK | 6, &slot, &slot); });
     }
-    EXPECT_EQ(answer, CKR_OK);
+    EXPECT_EQ(
+        told,
+        (Outcome{CKR_OK,
+                 {"DEBUG C_WaitForSlotEvent", "DEBUG C_WaitForSlotEvent: non-blocking, returning slot 1342177281"}}));
     EXPECT_EQ(slot, firstSlot);
-    EXPECT_EQ(log(),
-              (Lines{"DEBUG C_WaitForSlotEvent", "DEBUG C_WaitForSlotEvent: non-blocking, returning slot 1342177281"}));
-    EXPECT_EQ(functions().C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr), CKR_NO_EVENT);
-    EXPECT_EQ(calls(), Lines{});
+    EXPECT_EQ(wait(CKF_DONT_BLOCK), nothing);
 }
 
 TEST_F(MonitorTest, ATokenThatIsThereAtTheStartIsAnEvent) {
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     device().showToMonitor({"SN1"});
-    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
-    clear();
-    CK_SLOT_ID slot = untouched;
+    initialize();
     const Clock::time_point begin = Clock::now();
-    EXPECT_EQ(functions().C_WaitForSlotEvent(0, &slot, nullptr), CKR_OK);
+    EXPECT_EQ(wait(0).log,
+              (Lines{"DEBUG C_WaitForSlotEvent", "DEBUG C_WaitForSlotEvent: blocking, returning slot 1342177281"}));
     EXPECT_LT(Clock::now() - begin, milliseconds(2000));
     EXPECT_EQ(slot, firstSlot);
-    EXPECT_EQ(log(),
-              (Lines{"DEBUG C_WaitForSlotEvent", "DEBUG C_WaitForSlotEvent: blocking, returning slot 1342177281"}));
     EXPECT_EQ(takeEvent(), untouched);
 }
 
@@ -405,7 +404,7 @@ TEST_F(MonitorTest, OneOfSeveralWaitersGetsTheEvent) {
     int blocked = 0;
     for (const Waiter& waiter : waiters) blocked += waiter.isBlocked() ? 1 : 0;
     EXPECT_EQ(blocked, 2);
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     int events = 0;
     for (Waiter& waiter : waiters) {
         const CK_RV answer = waiter.answer();
@@ -419,7 +418,7 @@ TEST_F(MonitorTest, FinalizeWakesABlockedWaiter) {
     Waiter waiter;
     ASSERT_TRUE(waiter.isBlocked());
     clear();
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     EXPECT_EQ(waiter.answer(), CKR_CRYPTOKI_NOT_INITIALIZED);
     EXPECT_EQ(waiter.slot(), untouched);
     const Lines lines = log();
@@ -436,8 +435,7 @@ TEST_F(MonitorTest, AStopGoesBeforeAPendingEvent) {
     ASSERT_TRUE(device().waitForPolls(1));
     const std::future<CK_RV> finalized = std::async(std::launch::async, [] { return functions().C_Finalize(nullptr); });
     std::this_thread::sleep_for(milliseconds(700));  // so that it has asked the monitor to stop
-    CK_SLOT_ID slot = untouched;
-    EXPECT_EQ(functions().C_WaitForSlotEvent(0, &slot, nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+    EXPECT_EQ(wait(0).code, CKR_CRYPTOKI_NOT_INITIALIZED);
     EXPECT_EQ(slot, untouched);
     // It came while the module was still there.
     EXPECT_EQ(finalized.wait_for(milliseconds(0)), std::future_status::timeout);
@@ -449,8 +447,8 @@ TEST_F(MonitorTest, FinalizeWakesABlockedWaiterThoughAnotherStartFollows) {
         Waiter waiter;
         ASSERT_TRUE(i > 0 || waiter.isBlocked());
         std::this_thread::sleep_for(milliseconds(20));  // so that it has begun to wait
-        ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
-        ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+        finalize();
+        initialize();
         EXPECT_EQ(waiter.answer(), CKR_CRYPTOKI_NOT_INITIALIZED);
     }
 }
@@ -458,9 +456,9 @@ TEST_F(MonitorTest, FinalizeWakesABlockedWaiterThoughAnotherStartFollows) {
 /// An event that nobody has taken outlives the stop: the next start doesn't clear it.
 TEST_F(MonitorTest, APendingEventOutlivesARestart) {
     show({"SN1"});
-    ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
+    finalize();
     device().showToMonitor({});
-    ASSERT_EQ(functions().C_Initialize(nullptr), CKR_OK);
+    initialize();
     expectEvent();
     EXPECT_EQ(takeEvent(), untouched);
 }

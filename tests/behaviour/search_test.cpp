@@ -17,7 +17,7 @@ Lines started(int count) {
 TEST_F(SearchTest, FunctionsRefuseAnUninitialisedModuleBeforeAnythingElse) {
     ASSERT_EQ(api->C_Finalize(nullptr), CKR_OK);
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(1, nullptr, 3); }),
-              (Outcome{CKR_CRYPTOKI_NOT_INITIALIZED, {name, "ERROR C_FindObjectsInit: not initialized"}}));
+              refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_FindObjectsInit: not initialized"));
     EXPECT_EQ(observe([&] { return api->C_FindObjects(1, nullptr, 3, nullptr); }),
               refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_FindObjects: not initialized"));
     EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(1); }),
@@ -27,7 +27,7 @@ TEST_F(SearchTest, FunctionsRefuseAnUninitialisedModuleBeforeAnythingElse) {
 TEST_F(SearchTest, FunctionsRefuseAnUnknownSessionBeforeTheirArguments) {
     openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(1610612889, nullptr, 3); }),
-              (Outcome{CKR_SESSION_HANDLE_INVALID, {name, "ERROR C_FindObjectsInit: invalid hSession=1610612889"}}));
+              refused(CKR_SESSION_HANDLE_INVALID, "C_FindObjectsInit: invalid hSession=1610612889"));
     EXPECT_EQ(observe([&] { return api->C_FindObjects(1610612889, nullptr, 3, nullptr); }),
               refused(CKR_SESSION_HANDLE_INVALID, "C_FindObjects: invalid hSession=1610612889"));
     EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(0); }),
@@ -37,7 +37,7 @@ TEST_F(SearchTest, FunctionsRefuseAnUnknownSessionBeforeTheirArguments) {
 TEST_F(SearchTest, InitRefusesANullTemplateWithACount) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(session, nullptr, 3); }),
-              (Outcome{CKR_ARGUMENTS_BAD, {name, "ERROR C_FindObjectsInit: pTemplate is NULL with ulCount=3"}}));
+              refused(CKR_ARGUMENTS_BAD, "C_FindObjectsInit: pTemplate is NULL with ulCount=3"));
     EXPECT_EQ(
         observe([&] { return api->C_FindObjectsFinal(session); }),
         refused(CKR_OPERATION_NOT_INITIALIZED, "C_FindObjectsFinal: operation not initialized, activeOperation=0"));
@@ -75,36 +75,33 @@ TEST_F(SearchTest, InitRefusesTemplateEntriesInTheirOrder) {
         std::vector<CK_ATTRIBUTE> entries;
         Lines log;
     };
+    const std::string noValue = "ERROR C_FindObjectsInit: pValue is NULL at attribute index=";
+    const std::string noLength = "ERROR C_FindObjectsInit: ulValueLen<=0 at attribute index=";
+    const std::string wrongClass = "ERROR C_FindObjectsInit: wrong size for CKA_CLASS at index=";
     const std::vector<Row> rows = {
-        {{{CKA_ID, nullptr, 4}}, {"ERROR C_FindObjectsInit: pValue is NULL at attribute index=0 type=258"}},
-        {{{CKA_ID, nullptr, 0}}, {"ERROR C_FindObjectsInit: pValue is NULL at attribute index=0 type=258"}},
-        {{{CKA_ID, &byte, 0}}, {"ERROR C_FindObjectsInit: ulValueLen<=0 at attribute index=0 type=258"}},
-        {{{CKA_LABEL, nullptr, 0}}, {"ERROR C_FindObjectsInit: pValue is NULL at attribute index=0 type=3"}},
-        {{{CKA_LABEL, &byte, 0}}, {"ERROR C_FindObjectsInit: ulValueLen<=0 at attribute index=0 type=3"}},
-        {{{CKA_CLASS, nullptr, sizeof(CK_ULONG)}},
-         {"ERROR C_FindObjectsInit: pValue is NULL at attribute index=0 type=0"}},
-        {{{CKA_CLASS, nullptr, wrongSize}}, {"ERROR C_FindObjectsInit: pValue is NULL at attribute index=0 type=0"}},
-        {{{CKA_CLASS, eight, 0}}, {"ERROR C_FindObjectsInit: ulValueLen<=0 at attribute index=0 type=0"}},
+        {{{CKA_ID, nullptr, 4}}, {noValue + "0 type=258"}},
+        {{{CKA_ID, nullptr, 0}}, {noValue + "0 type=258"}},
+        {{{CKA_ID, &byte, 0}}, {noLength + "0 type=258"}},
+        {{{CKA_LABEL, nullptr, 0}}, {noValue + "0 type=3"}},
+        {{{CKA_LABEL, &byte, 0}}, {noLength + "0 type=3"}},
+        {{{CKA_CLASS, nullptr, sizeof(CK_ULONG)}}, {noValue + "0 type=0"}},
+        {{{CKA_CLASS, nullptr, wrongSize}}, {noValue + "0 type=0"}},
+        {{{CKA_CLASS, eight, 0}}, {noLength + "0 type=0"}},
         {{{CKA_CLASS, eight, wrongSize}},
-         {"DEBUG Find object init type : 0",
-          text("ERROR C_FindObjectsInit: wrong size for CKA_CLASS at index=0 ulValueLen=", wrongSize)}},
-        {{{CKA_CLASS, eight, 1}},
-         {"DEBUG Find object init type : 0",
-          "ERROR C_FindObjectsInit: wrong size for CKA_CLASS at index=0 ulValueLen=1"}},
+         {"DEBUG Find object init type : 0", text(wrongClass, "0 ulValueLen=", wrongSize)}},
+        {{{CKA_CLASS, eight, 1}}, {"DEBUG Find object init type : 0", wrongClass + "0 ulValueLen=1"}},
         {{{CKA_CLASS, eight, sizeof(CK_ULONG) - 1}},
-         {"DEBUG Find object init type : 0",
-          text("ERROR C_FindObjectsInit: wrong size for CKA_CLASS at index=0 ulValueLen=", sizeof(CK_ULONG) - 1)}},
+         {"DEBUG Find object init type : 0", text(wrongClass, "0 ulValueLen=", sizeof(CK_ULONG) - 1)}},
         // Types that mean nothing to a search are held to the same rules.
-        {{{CKA_TOKEN, nullptr, 1}}, {"ERROR C_FindObjectsInit: pValue is NULL at attribute index=0 type=1"}},
-        {{{CKA_TOKEN, &byte, 0}}, {"ERROR C_FindObjectsInit: ulValueLen<=0 at attribute index=0 type=1"}},
-        {{{0x80000001, nullptr, 1}}, {"ERROR C_FindObjectsInit: pValue is NULL at attribute index=0 type=2147483649"}},
+        {{{CKA_TOKEN, nullptr, 1}}, {noValue + "0 type=1"}},
+        {{{CKA_TOKEN, &byte, 0}}, {noLength + "0 type=1"}},
+        {{{0x80000001, nullptr, 1}}, {noValue + "0 type=2147483649"}},
         // The first wrong entry answers.
         {{{CKA_TOKEN, &byte, 1}, {CKA_CLASS, eight, wrongSize}, {CKA_ID, nullptr, 1}},
          {"DEBUG Find object init type : 1", "DEBUG Find object init type : 0",
-          text("ERROR C_FindObjectsInit: wrong size for CKA_CLASS at index=1 ulValueLen=", wrongSize)}},
+          text(wrongClass, "1 ulValueLen=", wrongSize)}},
         {{{CKA_MODULUS, &byte, 1}, {CKA_ID, nullptr, 1}, {CKA_CLASS, eight, wrongSize}},
-         {"DEBUG Find object init type : 288", "DEBUG Modulus provided length : 1",
-          "ERROR C_FindObjectsInit: pValue is NULL at attribute index=1 type=258"}},
+         {"DEBUG Find object init type : 288", "DEBUG Modulus provided length : 1", noValue + "1 type=258"}},
     };
     for (Row row : rows) {
         const auto count = static_cast<CK_ULONG>(row.entries.size());
@@ -142,22 +139,15 @@ TEST_F(SearchTest, TheIdIsLoggedWithoutAClassToo) {
 
 TEST_F(SearchTest, LaterOccurrencesReplaceEarlierOnes) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    const auto searchPublic = [&](CK_ATTRIBUTE_TYPE type, const Bytes& first, const Bytes& second) {
+        return search(session, Template().add(type, first).addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(type, second));
+    };
     EXPECT_EQ(search(session, Template().addNumber(CKA_CLASS, CKO_CERTIFICATE).addNumber(CKA_CLASS, CKO_PUBLIC_KEY)),
               (Handles{publicKey(5), publicKey(6)}));
-
-    Template byLabel;
-    byLabel.addNumber(CKA_CLASS, CKO_PUBLIC_KEY)
-        .add(CKA_LABEL, terminated("Key five"))
-        .add(CKA_LABEL, terminated("Key six"));
-    EXPECT_EQ(search(session, byLabel), (Handles{publicKey(6)}));
-
-    Template byId;
-    byId.add(CKA_ID, Bytes{0xA0, 6}).addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_ID, Bytes{0xA0, 5});
-    EXPECT_EQ(search(session, byId), (Handles{publicKey(5)}));
-
-    Template byEmptyLabel;  // an empty label replaces the earlier one, and counts as none
-    byEmptyLabel.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, terminated("Key five")).add(CKA_LABEL, Bytes{0});
-    EXPECT_EQ(search(session, byEmptyLabel), (Handles{publicKey(5), publicKey(6)}));
+    EXPECT_EQ(searchPublic(CKA_LABEL, terminated("Key five"), terminated("Key six")), (Handles{publicKey(6)}));
+    EXPECT_EQ(searchPublic(CKA_ID, {0xA0, 6}, {0xA0, 5}), (Handles{publicKey(5)}));
+    // An empty label replaces the earlier one, and counts as none.
+    EXPECT_EQ(searchPublic(CKA_LABEL, terminated("Key five"), {0}), (Handles{publicKey(5), publicKey(6)}));
 }
 
 TEST_F(SearchTest, ARefusedTemplateClearsTheSearchAndKeepsTheOperation) {

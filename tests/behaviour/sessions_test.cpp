@@ -16,9 +16,10 @@ protected:
         plugIn(makeTokenInfo("SN2"));
     }
 
-    static CK_RV open(CK_SLOT_ID slot, CK_FLAGS flags, CK_SESSION_HANDLE* session) {
-        return functions().C_OpenSession(slot, flags, nullptr, nullptr, session);
+    static Outcome open(CK_SLOT_ID slot, CK_FLAGS flags, CK_SESSION_HANDLE* session) {
+        return observe([&] { return functions().C_OpenSession(slot, flags, nullptr, nullptr, session); });
     }
+    static CK_RV close(CK_SESSION_HANDLE session) { return functions().C_CloseSession(session); }
 
     static CK_RV resultFor(CK_SESSION_HANDLE session) {
         CK_SESSION_INFO info = {};
@@ -51,7 +52,7 @@ Numbers noSessions() {
 
 TEST_F(SessionsTest, OpenReadOnly) {
     CK_SESSION_HANDLE session = 0;
-    EXPECT_EQ(open(firstSlot, CKF_SERIAL_SESSION, &session), CKR_OK);
+    EXPECT_EQ(open(firstSlot, CKF_SERIAL_SESSION, &session).code, CKR_OK);
     EXPECT_EQ(session, firstSession);
     EXPECT_EQ(log(), (Lines{"DEBUG C_OpenSession", "DEBUG Opensession  : 1610612737"}));
     EXPECT_EQ(calls(), Lines{});
@@ -60,7 +61,7 @@ TEST_F(SessionsTest, OpenReadOnly) {
 
 TEST_F(SessionsTest, OpenReadWrite) {
     CK_SESSION_HANDLE session = 0;
-    EXPECT_EQ(open(firstSlot + 1, CKF_SERIAL_SESSION | CKF_RW_SESSION, &session), CKR_OK);
+    EXPECT_EQ(open(firstSlot + 1, CKF_SERIAL_SESSION | CKF_RW_SESSION, &session).code, CKR_OK);
     EXPECT_EQ(session, firstSession);
     expectInfo(session, firstSlot + 1, CKS_RW_PUBLIC_SESSION, CKF_SERIAL_SESSION | CKF_RW_SESSION);
 }
@@ -71,11 +72,9 @@ TEST_F(SessionsTest, OpenRefusesAnUnknownSlotFirst) {
     for (const CK_SLOT_ID slot : ids) {
         CK_SESSION_HANDLE session = untouched;
         const Lines refusal = {"DEBUG C_OpenSession", "ERROR C_OpenSession: invalid slotID=" + decimal(slot)};
-        EXPECT_EQ(observe([&] { return open(slot, CKF_SERIAL_SESSION, &session); }),
-                  (Outcome{CKR_SLOT_ID_INVALID, refusal}));
-        EXPECT_EQ(observe([&] { return open(slot, 0, &session); }),
-                  (Outcome{CKR_SLOT_ID_INVALID, refusal}));  // before the flags
-        EXPECT_EQ(observe([&] { return open(slot, CKF_SERIAL_SESSION, nullptr); }),
+        EXPECT_EQ(open(slot, CKF_SERIAL_SESSION, &session), (Outcome{CKR_SLOT_ID_INVALID, refusal}));
+        EXPECT_EQ(open(slot, 0, &session), (Outcome{CKR_SLOT_ID_INVALID, refusal}));  // before the flags
+        EXPECT_EQ(open(slot, CKF_SERIAL_SESSION, nullptr),
                   (Outcome{CKR_SLOT_ID_INVALID, refusal}));  // and before the pointer
         EXPECT_EQ(session, untouched);
     }
@@ -86,7 +85,7 @@ TEST_F(SessionsTest, OpenRefusesAParallelSessionBeforeTheNullPointer) {
     for (const CK_FLAGS flags : {CK_FLAGS{0}, static_cast<CK_FLAGS>(CKF_RW_SESSION), static_cast<CK_FLAGS>(~4UL)}) {
         CK_SESSION_HANDLE session = untouched;
         for (CK_SESSION_HANDLE* const pointer : {&session, static_cast<CK_SESSION_HANDLE*>(nullptr)}) {
-            EXPECT_EQ(observe([&] { return open(firstSlot, flags, pointer); }),
+            EXPECT_EQ(open(firstSlot, flags, pointer),
                       refused(CKR_SESSION_PARALLEL_NOT_SUPPORTED,
                               "C_OpenSession: CKF_SERIAL_SESSION not set, flags=" + decimal(flags)));
         }
@@ -96,7 +95,7 @@ TEST_F(SessionsTest, OpenRefusesAParallelSessionBeforeTheNullPointer) {
 }
 
 TEST_F(SessionsTest, OpenRefusesANullPointer) {
-    EXPECT_EQ(observe([&] { return open(firstSlot, CKF_SERIAL_SESSION, nullptr); }),
+    EXPECT_EQ(open(firstSlot, CKF_SERIAL_SESSION, nullptr),
               refused(CKR_ARGUMENTS_BAD, "C_OpenSession: phSession is NULL"));
     EXPECT_EQ(openSession(), firstSession);
 }
@@ -114,18 +113,16 @@ TEST_F(SessionsTest, OpenIgnoresTheNotificationAndOtherFlags) {
 }
 
 TEST_F(SessionsTest, HandlesFollowTheLargestOpenOne) {
-    EXPECT_EQ(openSession(), firstSession);
-    EXPECT_EQ(openSession(), firstSession + 1);
-    EXPECT_EQ(openSession(), firstSession + 2);
-    EXPECT_EQ(functions().C_CloseSession(firstSession + 1), CKR_OK);
+    for (const CK_SESSION_HANDLE next : Numbers{0, 1, 2}) EXPECT_EQ(openSession(), firstSession + next);
+    EXPECT_EQ(close(firstSession + 1), CKR_OK);
     EXPECT_EQ(openSession(), firstSession + 3);  // gaps stay
-    EXPECT_EQ(functions().C_CloseSession(firstSession + 3), CKR_OK);
-    EXPECT_EQ(functions().C_CloseSession(firstSession + 2), CKR_OK);
+    EXPECT_EQ(close(firstSession + 3), CKR_OK);
+    EXPECT_EQ(close(firstSession + 2), CKR_OK);
     EXPECT_EQ(openSession(), firstSession + 1);
-    EXPECT_EQ(functions().C_CloseSession(firstSession), CKR_OK);
+    EXPECT_EQ(close(firstSession), CKR_OK);
     EXPECT_EQ(openSession(), firstSession + 2);
-    EXPECT_EQ(functions().C_CloseSession(firstSession + 2), CKR_OK);
-    EXPECT_EQ(functions().C_CloseSession(firstSession + 1), CKR_OK);
+    EXPECT_EQ(close(firstSession + 2), CKR_OK);
+    EXPECT_EQ(close(firstSession + 1), CKR_OK);
     EXPECT_EQ(openSession(), firstSession);  // the table was empty
 }
 
@@ -138,7 +135,7 @@ TEST_F(SessionsTest, HandlesAreSharedByTheSlots) {
 TEST_F(SessionsTest, ThereIsNoLimit) {
     for (CK_SESSION_HANDLE i = 0; i < 300; ++i) {
         CK_SESSION_HANDLE session = 0;
-        ASSERT_EQ(open(firstSlot, CKF_SERIAL_SESSION, &session), CKR_OK);
+        ASSERT_EQ(open(firstSlot, CKF_SERIAL_SESSION, &session).code, CKR_OK);
         ASSERT_EQ(session, firstSession + i);
     }
 }
