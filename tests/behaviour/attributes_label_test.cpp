@@ -13,6 +13,7 @@ class AttributesLabelTest : public ObjectTest {
 protected:
     void SetUp() override {
         ObjectTest::SetUp();
+        session = openSessionIn(CKS_RO_PUBLIC_SESSION);
         setAlias(world.keyPairs["SN1"][0], "");
         setLabel(world.certificates["SN1"][0], "");
         world.certificateDetails[derOf(certificateFive)] = makeDetails("Bob", "99", {1, 2, 3});
@@ -20,9 +21,10 @@ protected:
     }
 
     /// Reads the label, whatever it is.
-    Outcome read(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
+    Outcome read(CK_OBJECT_HANDLE object) { return readIn(session, object); }
+    Outcome readIn(CK_SESSION_HANDLE where, CK_OBJECT_HANDLE object) {
         CK_ATTRIBUTE wanted = {CKA_LABEL, room.address(), 300};
-        const Outcome outcome = observe([&] { return api->C_GetAttributeValue(session, object, &wanted, 1); });
+        const Outcome outcome = observe([&] { return api->C_GetAttributeValue(where, object, &wanted, 1); });
         if (outcome.code == CKR_OK) {
             const Bytes value = room.first(wanted.ulValueLen);
             label = std::string(value.begin(), value.end());
@@ -30,12 +32,13 @@ protected:
         return outcome;
     }
 
-    std::string labelOf(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
+    std::string labelOf(CK_OBJECT_HANDLE object) {
         label = "unread";
-        EXPECT_EQ(read(session, object).code, CKR_OK);
+        EXPECT_EQ(read(object).code, CKR_OK);
         return label;
     }
 
+    CK_SESSION_HANDLE session = 0;
     Room room{300};
     std::string label;
 };
@@ -52,10 +55,9 @@ std::string writeBack(const std::string& label, const std::string& serial = "SN1
 }
 
 TEST_F(AttributesLabelTest, AKeyPairIsNamedAfterItsCertificate) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     for (const CK_OBJECT_HANDLE object : Numbers{privateKey(5), publicKey(5), publicKey(5)}) {  // each time anew
         EXPECT_EQ(
-            read(session, object),
+            read(object),
             (Outcome{CKR_OK,
                      started + Lines{"DEBUG Empty key pair label, computed: Alice_1234"} + walked(10),
                      {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven)}}));
@@ -64,10 +66,10 @@ TEST_F(AttributesLabelTest, AKeyPairIsNamedAfterItsCertificate) {
 }
 
 TEST_F(AttributesLabelTest, TheComputedLabelIsWrittenBackWhenAPinIsCached) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    session = reopen(session, CKS_RO_USER_FUNCTIONS);
     for (const int result : {0, 5}) {  // whether it worked or not
         world.results["zentak_updateKeyPairDetails"] = result;
-        EXPECT_EQ(read(session, publicKey(5)),
+        EXPECT_EQ(read(publicKey(5)),
                   (Outcome{CKR_OK,
                            started + Lines{"DEBUG Empty key pair label, computed: Alice_1234"} + walked(10),
                            {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven),
@@ -81,9 +83,9 @@ TEST_F(AttributesLabelTest, ALabelWrittenBackIsFoundAndReadAfterwards) {
                         world.change(
                             [](scripted::Device& changed) { setAlias(changed.keyPairs["SN1"][0], "Alice_1234"); });
                     }});
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
-    EXPECT_EQ(read(session, privateKey(5)), (Outcome{CKR_OK, started + walked(10), {listKeyPairs}}));
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
+    EXPECT_EQ(labelOf(privateKey(5)), "Alice_1234");
+    EXPECT_EQ(read(privateKey(5)), (Outcome{CKR_OK, started + walked(10), {listKeyPairs}}));
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_LABEL, terminated("Alice_1234"));
     EXPECT_EQ(findInit(session, wanted).device, (Lines{listCertificates, listKeyPairs}));
@@ -98,26 +100,26 @@ TEST_F(AttributesLabelTest, ThePinDecidesAndNotTheSessionsState) {
     const CK_SESSION_HANDLE other = openSession(0, fipsSlot);
     openSessionIn(CKS_RW_USER_FUNCTIONS);
     ASSERT_EQ(stateOf(other), CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(read(other, privateKey(8)).device,
+    EXPECT_EQ(readIn(other, privateKey(8)).device,
               (Lines{"zentak_getKeyPairList(\"SN2\", instance)", "zentak_getCertificateList(\"SN2\", instance)",
                      askDetails(certificateSeven), writeBack("Alice_1234", "SN2", 8)}));
 }
 
 TEST_F(AttributesLabelTest, ASecurityOfficerHasNoPinToWriteBackWith) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_SO_FUNCTIONS);
-    EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+    session = reopen(session, CKS_RW_SO_FUNCTIONS);
+    EXPECT_EQ(labelOf(privateKey(5)), "Alice_1234");
     EXPECT_EQ(world.countOf("zentak_updateKeyPairDetails"), 0);
 }
 
 TEST_F(AttributesLabelTest, AfterALogoutNothingIsWrittenBack) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     ASSERT_EQ(api->C_Logout(session), CKR_OK);
-    EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+    EXPECT_EQ(labelOf(privateKey(5)), "Alice_1234");
     EXPECT_EQ(world.countOf("zentak_updateKeyPairDetails"), 0);
 }
 
 TEST_F(AttributesLabelTest, TheLabelIsComputedWhateverIsAsked) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    session = reopen(session, CKS_RO_USER_FUNCTIONS);
     CK_ATTRIBUTE wanted = {CKA_TOKEN, nullptr, 0};
     EXPECT_EQ(observe([&] { return api->C_GetAttributeValue(session, privateKey(5), &wanted, 1); }),
               (Outcome{CKR_OK,
@@ -139,48 +141,45 @@ TEST_F(AttributesLabelTest, TheLabelIsComputedWhateverIsAsked) {
 
 TEST_F(AttributesLabelTest, TheFirstMatchingCertificateEndsTheWalk) {
     world.certificateDetails[derOf(certificateFive)] = makeDetails("First", "1", publicKeyOf(keyFive));
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(read(session, privateKey(5)).device,
-              (Lines{listKeyPairs, listCertificates, askDetails(certificateFive)}));
+    EXPECT_EQ(read(privateKey(5)).device, (Lines{listKeyPairs, listCertificates, askDetails(certificateFive)}));
     EXPECT_EQ(label, "First_1");
 }
 
 TEST_F(AttributesLabelTest, AKeyPairWithoutItsCertificateHasNoLabel) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    session = reopen(session, CKS_RO_USER_FUNCTIONS);
     const Bytes key = publicKeyOf(keyFive);
     Bytes other = key;
     other.front() ^= 1;
     for (const Bytes& held : {Bytes(key.begin(), key.end() - 1), key + Bytes{0}, other, Bytes{}}) {
         world.certificateDetails[derOf(certificateSeven)].publicKey = held;
         EXPECT_EQ(
-            read(session, privateKey(5)),
+            read(privateKey(5)),
             (Outcome{CKR_OK,
                      started + walked(0),
                      {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven)}}));
         EXPECT_EQ(label, "");
     }
     world.certificates["SN1"].clear();
-    EXPECT_EQ(read(session, privateKey(5)), (Outcome{CKR_OK, started + walked(0), {listKeyPairs, listCertificates}}));
+    EXPECT_EQ(read(privateKey(5)), (Outcome{CKR_OK, started + walked(0), {listKeyPairs, listCertificates}}));
 }
 
 TEST_F(AttributesLabelTest, CertificatesThatCannotBeReadArePassedOver) {
     world.certificateDetails.erase(derOf(certificateFive));
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+    EXPECT_EQ(labelOf(privateKey(5)), "Alice_1234");
 
     world.results["zentak_getCertificateDetails"] = -3;
-    EXPECT_EQ(read(session, privateKey(5)),
+    EXPECT_EQ(read(privateKey(5)),
               (Outcome{CKR_OK,
                        started + walked(0),
                        {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven)}}));
-    EXPECT_EQ(read(session, certificate(5)),
+    EXPECT_EQ(read(certificate(5)),
               (Outcome{CKR_OK, started + walked(0), {listCertificates, askDetails(certificateFive)}}));
     EXPECT_EQ(label, "");
 }
 
 TEST_F(AttributesLabelTest, ACertificateIsNamedAfterItsOwnDetailsAndNothingIsWritten) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    EXPECT_EQ(read(session, certificate(5)),
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
+    EXPECT_EQ(read(certificate(5)),
               (Outcome{CKR_OK,
                        started + Lines{"DEBUG Empty certificate label, computed: Bob_99"} + walked(6),
                        {listCertificates, askDetails(certificateFive)}}));
@@ -189,8 +188,7 @@ TEST_F(AttributesLabelTest, ACertificateIsNamedAfterItsOwnDetailsAndNothingIsWri
 
 TEST_F(AttributesLabelTest, ACertificateWithoutDerIsNotAsked) {
     world.certificates["SN1"][0].derLength = 0;
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(read(session, certificate(5)), (Outcome{CKR_OK, started + walked(0), {listCertificates}}));
+    EXPECT_EQ(read(certificate(5)), (Outcome{CKR_OK, started + walked(0), {listCertificates}}));
 }
 
 TEST_F(AttributesLabelTest, ComputedLabelsAreCutTo128Characters) {
@@ -200,26 +198,24 @@ TEST_F(AttributesLabelTest, ComputedLabelsAreCutTo128Characters) {
         world.certificateDetails[derOf(certificateFive)] = makeDetails(half, rest + extra, {});
         world.certificateDetails[derOf(certificateSeven)] = makeDetails(half, rest + extra, publicKeyOf(keyFive));
         const std::string cut = half + "_" + rest;
-        const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-        const Outcome ofKey = read(session, privateKey(5));
+        session = reopen(session, CKS_RW_USER_FUNCTIONS);
+        const Outcome ofKey = read(privateKey(5));
         EXPECT_EQ(ofKey.log, started + Lines{"DEBUG Empty key pair label, computed: " + cut} + walked(128));
         EXPECT_EQ(ofKey.device.back(), writeBack(cut));
         EXPECT_EQ(label, cut);
-        EXPECT_EQ(read(session, certificate(5)).log,
+        EXPECT_EQ(read(certificate(5)).log,
                   started + Lines{"DEBUG Empty certificate label, computed: " + cut} + walked(128));
         EXPECT_EQ(label, cut);
-        closeEverything(session);
     }
 }
 
 TEST_F(AttributesLabelTest, EmptyDetailsStillMakeALabel) {
     world.certificateDetails[derOf(certificateFive)] = makeDetails("", "", {});
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(labelOf(session, certificate(5)), "_");
+    EXPECT_EQ(labelOf(certificate(5)), "_");
 }
 
 TEST_F(AttributesLabelTest, StoredLabelsAreTrimmed) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    session = reopen(session, CKS_RO_USER_FUNCTIONS);
     struct Row {
         std::string stored;
         std::string shown;
@@ -240,21 +236,19 @@ TEST_F(AttributesLabelTest, StoredLabelsAreTrimmed) {
         SCOPED_TRACE(row.stored);
         setAlias(world.keyPairs["SN1"][0], row.stored);
         setLabel(world.certificates["SN1"][0], row.stored);
-        EXPECT_EQ(read(session, privateKey(5)), (Outcome{CKR_OK, started + walked(row.shown.size()), {listKeyPairs}}));
+        EXPECT_EQ(read(privateKey(5)), (Outcome{CKR_OK, started + walked(row.shown.size()), {listKeyPairs}}));
         EXPECT_EQ(label, row.shown);
-        EXPECT_EQ(read(session, certificate(5)),
-                  (Outcome{CKR_OK, started + walked(row.shown.size()), {listCertificates}}));
+        EXPECT_EQ(read(certificate(5)), (Outcome{CKR_OK, started + walked(row.shown.size()), {listCertificates}}));
         EXPECT_EQ(label, row.shown);
     }
 }
 
 TEST_F(AttributesLabelTest, ALabelOfWhiteSpaceIsAnEmptyLabel) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     for (const std::string& blanks : {std::string(" "), std::string("\t\n\r\f\v "), std::string(131, ' ')}) {
         setAlias(world.keyPairs["SN1"][0], blanks);
         setLabel(world.certificates["SN1"][0], blanks);
-        EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
-        EXPECT_EQ(labelOf(session, certificate(5)), "Bob_99");
+        EXPECT_EQ(labelOf(privateKey(5)), "Alice_1234");
+        EXPECT_EQ(labelOf(certificate(5)), "Bob_99");
     }
 }
 
@@ -262,14 +256,13 @@ TEST_F(AttributesLabelTest, UnterminatedLabelsEndWithTheirField) {
     setAlias(world.keyPairs["SN1"][0], std::string(sizeof(ZentakKeyPair::alias), 'k'));
     setLabel(world.certificates["SN1"][0], std::string(sizeof(ZentakCertificate::label), 'c'));
     world.keyPairs["SN1"][0].keyUsage = 0x41414141;
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(labelOf(session, privateKey(5)), std::string(sizeof(ZentakKeyPair::alias), 'k'));
-    EXPECT_EQ(labelOf(session, certificate(5)), std::string(sizeof(ZentakCertificate::label), 'c'));
+    EXPECT_EQ(labelOf(privateKey(5)), std::string(sizeof(ZentakKeyPair::alias), 'k'));
+    EXPECT_EQ(labelOf(certificate(5)), std::string(sizeof(ZentakCertificate::label), 'c'));
 }
 
 // The key that is read stays the key, though its certificates are listed and asked about in between.
 TEST_F(AttributesLabelTest, OtherValuesAreThoseOfTheRecord) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    session = reopen(session, CKS_RO_USER_FUNCTIONS);
     Room id(8);
     Room value(300);
     Template wanted;
@@ -281,21 +274,21 @@ TEST_F(AttributesLabelTest, OtherValuesAreThoseOfTheRecord) {
 
 // The library's lists change under the walk, as any call may make them.
 TEST_F(AttributesLabelTest, TheListsAreCopiesThatNoLaterCallDisturbs) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    session = reopen(session, CKS_RO_USER_FUNCTIONS);
     for (const char* operation : {"zentak_getCertificateDetails", "zentak_updateKeyPairDetails"}) {
         world.addFault({.operation = operation, .action = [] {
                             zentak_getKeyPairList("nobody", nullptr).shrink_to_fit();
                             zentak_getCertificateList("nobody", nullptr).shrink_to_fit();
                         }});
-        EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
-        EXPECT_EQ(labelOf(session, certificate(5)), "Bob_99");
+        EXPECT_EQ(labelOf(privateKey(5)), "Alice_1234");
+        EXPECT_EQ(labelOf(certificate(5)), "Bob_99");
     }
 }
 
 // Whether the token takes the label is of no importance, however it refuses.
 TEST_F(AttributesLabelTest, AThrowingUpdateIsOnlyLogged) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    const Outcome undisturbed = read(session, privateKey(5));
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
+    const Outcome undisturbed = read(privateKey(5));
     ASSERT_EQ(undisturbed.code, CKR_OK);
     ASSERT_EQ(undisturbed.log.at(2), "DEBUG Empty key pair label, computed: Alice_1234");
     for (const ThrownCode& thrown : thrownCodes) {
@@ -303,9 +296,9 @@ TEST_F(AttributesLabelTest, AThrowingUpdateIsOnlyLogged) {
         expected.log.insert(expected.log.begin() + 3,
                             ignoredLine("C_GetAttributeValue", "zentak_updateKeyPairDetails", thrown.thrown));
         letThrow("zentak_updateKeyPairDetails", thrown.thrown);
-        EXPECT_EQ(read(session, privateKey(5)), expected);
+        EXPECT_EQ(read(privateKey(5)), expected);
         letThrow("zentak_updateKeyPairDetails", thrown.thrown);
-        EXPECT_EQ(labelOf(session, privateKey(5)), "Alice_1234");
+        EXPECT_EQ(labelOf(privateKey(5)), "Alice_1234");
     }
 }
 
@@ -317,11 +310,11 @@ TEST_F(AttributesLabelTest, AskingForDetailsDoesNotDisturbTheCertificates) {
     const CertificateDetails wanted = makeDetails("The", "owner", publicKeyOf(keyFive));
     world.certificateDetails[derOf(own)] = wanted;
     world.certificates["SN1"] = {foreign, own};
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_USER_FUNCTIONS);
+    session = reopen(session, CKS_RO_USER_FUNCTIONS);
     world.addFault({.operation = "zentak_getCertificateDetails", .action = [&] {
                         for (ZentakCertificate& record : world.hidden().certificateList) record = foreign;
                     }});
-    EXPECT_EQ(labelOf(session, privateKey(5)), "The_owner");
+    EXPECT_EQ(labelOf(privateKey(5)), "The_owner");
 }
 
 }  // namespace

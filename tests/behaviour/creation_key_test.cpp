@@ -23,13 +23,7 @@ protected:
         world.generated = keySix;
     }
 
-    /// Class and the three components.
-    void addComponents(Template& wanted, const Bytes& withModulus) const {
-        wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
-            .add(CKA_MODULUS, withModulus)
-            .add(CKA_PRIVATE_EXPONENT, exponent)
-            .add(CKA_PRIME_1, prime);
-    }
+    Template components(const Bytes& withModulus) const { return rsaKeyTemplate(withModulus, exponent, prime); }
 
     const Bytes modulus = countingBytes(0xC1, bytesOf2048);
     const Bytes exponent = countingBytes(0x21, bytesOf2048);
@@ -40,8 +34,7 @@ protected:
 };
 
 TEST_F(CreationKeyTest, TheComponentsAreHandedOn) {
-    Template wanted;
-    addComponents(wanted, modulus);
+    Template wanted = components(modulus);
     EXPECT_EQ(create(wanted), (Outcome{CKR_OK, componentLines, {importKey(modulus, exponent, prime), listKeyPairs}}));
     EXPECT_EQ(created, privateKey(6));
 }
@@ -51,8 +44,7 @@ TEST_F(CreationKeyTest, ClassAndKeyTypeOfOtherLengthsAreFilledWithZeros) {
     const Bytes more = {1, 1, 1, 1};
     for (const Bytes& objectClass : {Bytes{3}, Bytes{3, 0}, bytesOf<CK_ULONG>(CKO_PRIVATE_KEY) + more}) {
         for (const Bytes& keyType : {Bytes{0}, Bytes{0, 0, 0}, bytesOf<CK_ULONG>(CKK_RSA) + more}) {
-            Template wanted;
-            addComponents(wanted, modulus);
+            Template wanted = components(modulus);
             wanted.add(CKA_CLASS, objectClass).add(CKA_KEY_TYPE, keyType);
             EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime), listKeyPairs}));
         }
@@ -63,8 +55,7 @@ TEST_F(CreationKeyTest, ClassAndKeyTypeOfOtherLengthsAreFilledWithZeros) {
 
 TEST_F(CreationKeyTest, TheOtherComponentsAreNot) {
     const std::string label = " key label ";
-    Template wanted;
-    addComponents(wanted, modulus);
+    Template wanted = components(modulus);
     wanted.add(CKA_PUBLIC_EXPONENT, Bytes{1, 0, 1})
         .add(CKA_PRIME_2, Bytes{2})
         .add(CKA_EXPONENT_1, Bytes{3})
@@ -91,9 +82,8 @@ TEST_F(CreationKeyTest, TheOtherComponentsAreNot) {
 }
 
 TEST_F(CreationKeyTest, LaterEntriesReplaceEarlierOnes) {
-    Template wanted;
-    wanted.add(CKA_PRIME_1, Bytes{1}).add(CKA_PRIVATE_EXPONENT, Bytes{2}).add(CKA_LABEL, "one").add(CKA_ID, Bytes{3});
-    addComponents(wanted, countingBytes(0, 10));
+    Template wanted = rsaKeyTemplate(countingBytes(0, 10), {2}, {1});
+    wanted.add(CKA_LABEL, "one").add(CKA_ID, Bytes{3}).add(CKA_PRIME_1, prime).add(CKA_PRIVATE_EXPONENT, exponent);
     wanted.add(CKA_MODULUS, modulus).add(CKA_LABEL, "two").add(CKA_ID, Bytes{4});
     EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime, 3, "two", {4}), listKeyPairs}));
 }
@@ -121,8 +111,7 @@ TEST_F(CreationKeyTest, UsageIsWhatTheTemplateSays) {
         {{{CKA_SIGN, {}}, {CKA_DECRYPT, {}}}, 3},
     };
     for (const Row& row : rows) {
-        Template wanted;
-        addComponents(wanted, modulus);
+        Template wanted = components(modulus);
         for (const auto& [type, value] : row.entries) wanted.add(type, value);
         EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime, row.usage), listKeyPairs}));
     }
@@ -139,8 +128,7 @@ TEST_F(CreationKeyTest, EllipticCurveKeysAreRefusedFirst) {
 
 TEST_F(CreationKeyTest, EveryOtherTypeIsRsa) {
     for (const CK_KEY_TYPE type : Numbers{CKK_RSA, CKK_DSA, CKK_DH, CKK_AES, 0x80000003, 0xFFFFFFFF}) {
-        Template wanted;
-        addComponents(wanted, modulus);
+        Template wanted = components(modulus);
         wanted.addNumber(CKA_KEY_TYPE, type);
         EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime), listKeyPairs}));
     }
@@ -148,8 +136,7 @@ TEST_F(CreationKeyTest, EveryOtherTypeIsRsa) {
 
 TEST_F(CreationKeyTest, ThreeComponentsAreNeeded) {
     for (const CK_ATTRIBUTE_TYPE missing : Numbers{CKA_MODULUS, CKA_PRIVATE_EXPONENT, CKA_PRIME_1}) {
-        Template wanted;
-        addComponents(wanted, countingBytes(1, 128));  // too short besides
+        Template wanted = components(countingBytes(1, 128));  // too short besides
         wanted[missing == CKA_MODULUS ? 1 : missing == CKA_PRIVATE_EXPONENT ? 2 : 3].ulValueLen = 0;
         Lines lines = componentLines;
         lines.erase(std::find(lines.begin(), lines.end(), attributeLine(missing)));
@@ -163,8 +150,7 @@ TEST_F(CreationKeyTest, ShortKeysAreRefusedOnEveryToken) {
     for (const CK_SLOT_ID slot : {firstSlot, fipsSlot}) {
         const CK_SESSION_HANDLE where = openSession(CKF_RW_SESSION, slot);
         for (const std::size_t length : {1U, 127U, 128U}) {
-            Template wanted;
-            addComponents(wanted, countingBytes(1, length));
+            Template wanted = components(countingBytes(1, length));
             EXPECT_EQ(
                 createIn(where, wanted),
                 (Outcome{CKR_KEY_SIZE_RANGE,
@@ -178,8 +164,7 @@ TEST_F(CreationKeyTest, ShortKeysAreRefusedOnEveryToken) {
 TEST_F(CreationKeyTest, OneByteMoreIsEnough) {
     Bytes padded = countingBytes(0x81, 128);
     padded.insert(padded.begin(), 0);
-    Template wanted;
-    addComponents(wanted, padded);
+    Template wanted = components(padded);
     EXPECT_EQ(create(wanted), (Outcome{CKR_OK, componentLines, {importKey(padded, exponent, prime), listKeyPairs}}));
 }
 
@@ -190,8 +175,7 @@ TEST_F(CreationKeyTest, AFailedImportIsReported) {
                                                                          {1, CKR_FUNCTION_FAILED},
                                                                          {-242, CKR_FUNCTION_FAILED}}) {
         world.results["zentak_importPfx"] = result;
-        Template wanted;
-        addComponents(wanted, modulus);
+        Template wanted = components(modulus);
         EXPECT_EQ(create(wanted),
                   (Outcome{code,
                            componentLines + Lines{text("ERROR Import private key into device failed : ", result)},
@@ -204,8 +188,7 @@ TEST_F(CreationKeyTest, TheHandleComesFromTheList) {
     ZentakKeyPair twin = labelledKeyPair(0, "twin");
     std::copy_n(keySix.keyId, sizeof twin.keyId, twin.keyId);
     world.keyPairs["SN1"] = {keyFive, twin, keySix};
-    Template wanted;
-    addComponents(wanted, modulus);
+    Template wanted = components(modulus);
     EXPECT_EQ(create(wanted).code, CKR_OK);
     EXPECT_EQ(created, privateKey(0));
 
@@ -220,8 +203,7 @@ TEST_F(CreationKeyTest, NeitherLoginNorAWritableSessionIsNeeded) {
     closeEverything(session);
     world.keyPairs["SN2"] = {keySix};
     const CK_SESSION_HANDLE readOnly = openSessionIn(CKS_RO_PUBLIC_SESSION, fipsSlot);
-    Template wanted;
-    addComponents(wanted, modulus);
+    Template wanted = components(modulus);
     EXPECT_EQ(createIn(readOnly, wanted).device, (Lines{importKey(modulus, exponent, prime, 3, "", {}, "", "SN2"),
                                                         "zentak_getKeyPairList(\"SN2\", instance)"}));
     EXPECT_EQ(created, privateKey(6));

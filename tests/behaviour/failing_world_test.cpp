@@ -192,15 +192,7 @@ std::vector<Scenario> FailingWorldTest::scenarios() {
              wanted = std::move(Template().add(CKA_VALUE, Bytes{0x30, 4, 4}).add(CKA_ID, Bytes{1}));
          },
          [&] { return api.C_CreateObject(session, wanted.data(), wanted.count(), &handle); }},
-        {"C_CreateObject, a private key",
-         [&] {
-             wanted = std::move(Template()
-                                    .addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
-                                    .add(CKA_MODULUS, countingBytes(1, 256))
-                                    .add(CKA_PRIVATE_EXPONENT, countingBytes(1, 256))
-                                    .add(CKA_PRIME_1, countingBytes(1, 128))
-                                    .add(CKA_LABEL, "imported"));
-         },
+        {"C_CreateObject, a private key", [&] { wanted = std::move(rsaKeyTemplate().add(CKA_LABEL, "imported")); },
          [&] { return api.C_CreateObject(session, wanted.data(), wanted.count(), &handle); }},
         {"C_DestroyObject", nothing, [&] { return api.C_DestroyObject(session, privateKeyBase + 1); }},
         {"C_GenerateKeyPair", [&] { wanted = std::move(Template().addNumber(CKA_KEY_TYPE, CKK_EC)); },

@@ -60,13 +60,8 @@ TEST_F(ImpossibleLengthsTest, OfNumbersAndTruthValuesMeanTheirFirstBytes) {
                   (Outcome{CKR_FUNCTION_NOT_SUPPORTED,
                            {"DEBUG C_CreateObject", "DEBUG C_CreateObject - attrip type : 0",
                             "ERROR Provided object class not supported : 4"}}));
-        Template key;
-        key.addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
-            .add(CKA_MODULUS, Bytes(256, 0xC1))
-            .add(CKA_PRIVATE_EXPONENT, Bytes(256, 0x21))
-            .add(CKA_PRIME_1, Bytes(128, 0xE1))
-            .addRaw(CKA_SIGN, yes.data(), stated)
-            .addRaw(CKA_KEY_TYPE, number(CKK_RSA).data(), stated);
+        Template key = rsaKeyTemplate();
+        key.addRaw(CKA_SIGN, yes.data(), stated).addRaw(CKA_KEY_TYPE, number(CKK_RSA).data(), stated);
         EXPECT_EQ(create(key).code, CKR_OK);
         key.addRaw(CKA_KEY_TYPE, number(CKK_EC).data(), stated);
         EXPECT_EQ(create(key).log.back(), "ERROR ECC keypair not supported for import");
@@ -160,12 +155,8 @@ TEST_F(ImpossibleLengthsTest, AreRefusedInTheImportOfAKey) {
                               {CKA_ID, "CKA_ID"}};
     for (const NamedType& row : rows) {
         for (const CK_ULONG stated : impossibleLengths) {
-            Template wanted;
-            wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
-                .add(CKA_MODULUS, Bytes(256, 0xC1))
-                .add(CKA_PRIVATE_EXPONENT, Bytes(256, 0x21))
-                .add(CKA_PRIME_1, Bytes(128, 0xE1))
-                .addRaw(row.type, nothing.data(), stated);
+            Template wanted = rsaKeyTemplate();
+            wanted.addRaw(row.type, nothing.data(), stated);
             const Outcome outcome = create(wanted);
             expectOneError(outcome, CKR_DATA_LEN_RANGE, "C_CreateObject");
             EXPECT_EQ(outcome.log.back(), tooLong("C_CreateObject", row.name, stated));

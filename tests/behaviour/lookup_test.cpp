@@ -12,13 +12,15 @@ namespace {
 class LookupTest : public ObjectTest {
 protected:
     /// Reads one attribute, of at most 4096 bytes.
-    Outcome read(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, Bytes& value) {
+    Outcome read(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
         value.assign(4096, 0xEE);
         CK_ATTRIBUTE wanted = {type, value.data(), 4096};
         Outcome outcome = observe([&] { return api->C_GetAttributeValue(session, object, &wanted, 1); });
         if (outcome.code == CKR_OK) value.resize(wanted.ulValueLen);
         return outcome;
     }
+
+    Bytes value;  ///< read last
 };
 
 TEST_F(LookupTest, AKeyPairIsTwoObjectsWithTheSameIdentifier) {
@@ -27,10 +29,9 @@ TEST_F(LookupTest, AKeyPairIsTwoObjectsWithTheSameIdentifier) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
     Template all;
     EXPECT_EQ(search(session, all), (Handles{0x70001005, 0x70000005, 0x70002007}));
-    Bytes value;
     for (const auto& [handle, objectClass] : std::vector<std::pair<CK_OBJECT_HANDLE, CK_OBJECT_CLASS>>{
              {0x70000005, CKO_PRIVATE_KEY}, {0x70001005, CKO_PUBLIC_KEY}, {0x70002007, CKO_CERTIFICATE}}) {
-        EXPECT_EQ(read(session, handle, CKA_CLASS, value).code, CKR_OK);
+        EXPECT_EQ(read(session, handle, CKA_CLASS).code, CKR_OK);
         EXPECT_EQ(value, bytesOf(objectClass));
     }
 }
@@ -56,12 +57,11 @@ TEST_F(LookupTest, HandlesReachTheEndsOfTheirRanges) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.handle);
-        Bytes value;
-        EXPECT_EQ(read(session, row.handle, CKA_LABEL, value).device, (Lines{row.list}));
+        EXPECT_EQ(read(session, row.handle, CKA_LABEL).device, (Lines{row.list}));
         EXPECT_EQ(value, charactersOf(row.label));
-        EXPECT_EQ(read(session, row.handle, CKA_CLASS, value).device, (Lines{row.list}));
+        EXPECT_EQ(read(session, row.handle, CKA_CLASS).device, (Lines{row.list}));
         EXPECT_EQ(value, bytesOf(row.objectClass));
-        EXPECT_EQ(read(session, row.handle, CKA_OBJECT_ID, value).code, CKR_OK);
+        EXPECT_EQ(read(session, row.handle, CKA_OBJECT_ID).code, CKR_OK);
         EXPECT_EQ(value, bytesOf(row.handle));
     }
 }
@@ -71,22 +71,20 @@ TEST_F(LookupTest, TheFirstRecordWithTheIdentifierIsTaken) {
     world.certificates["SN1"] = {labelledCertificate(4, "one"), labelledCertificate(7, "two"),
                                  labelledCertificate(7, "three")};
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    Bytes value;
-    read(session, privateKey(5), CKA_LABEL, value);
+    read(session, privateKey(5), CKA_LABEL);
     EXPECT_EQ(value, charactersOf("one"));
-    read(session, certificate(7), CKA_LABEL, value);
+    read(session, certificate(7), CKA_LABEL);
     EXPECT_EQ(value, charactersOf("two"));
 }
 
 TEST_F(LookupTest, EveryLookupListsTheTokenAnew) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    Bytes value;
-    EXPECT_EQ(read(session, privateKey(5), CKA_LABEL, value).device, (Lines{listKeyPairs}));
+    EXPECT_EQ(read(session, privateKey(5), CKA_LABEL).device, (Lines{listKeyPairs}));
     setAlias(world.keyPairs["SN1"][0], "Renamed");
-    EXPECT_EQ(read(session, publicKey(5), CKA_LABEL, value).device, (Lines{listKeyPairs}));
+    EXPECT_EQ(read(session, publicKey(5), CKA_LABEL).device, (Lines{listKeyPairs}));
     EXPECT_EQ(value, charactersOf("Renamed"));
     world.keyPairs["SN1"].clear();
-    EXPECT_EQ(read(session, privateKey(5), CKA_LABEL, value),
+    EXPECT_EQ(read(session, privateKey(5), CKA_LABEL),
               (Outcome{CKR_OBJECT_HANDLE_INVALID,
                        {"DEBUG C_GetAttributeValue", "DEBUG C_GetAttributeValue count : 1",
                         "ERROR Key pair not found in get attribute : 1879048197"},
@@ -98,9 +96,8 @@ TEST_F(LookupTest, ALookupNeverInitialisesTheDevice) {
     world.keyPairs.clear();
     world.certificates.clear();
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    Bytes value;
-    EXPECT_EQ(read(session, privateKey(5), CKA_ID, value).device, (Lines{listKeyPairs}));
-    EXPECT_EQ(read(session, certificate(7), CKA_ID, value).device, (Lines{listCertificates}));
+    EXPECT_EQ(read(session, privateKey(5), CKA_ID).device, (Lines{listKeyPairs}));
+    EXPECT_EQ(read(session, certificate(7), CKA_ID).device, (Lines{listCertificates}));
     CK_ULONG size = 0;
     EXPECT_EQ(observe([&] { return api->C_GetObjectSize(session, publicKey(5), &size); }).device,
               (Lines{listKeyPairs}));
@@ -114,14 +111,11 @@ TEST_F(LookupTest, EachSessionLooksAtItsOwnToken) {
     world.certificates["SN2"] = {labelledCertificate(7, "Other seven")};
     const CK_SESSION_HANDLE first = openSessionIn(CKS_RO_PUBLIC_SESSION);
     const CK_SESSION_HANDLE second = openSession(0, fipsSlot);
-    Bytes value;
-    EXPECT_EQ(read(second, privateKey(5), CKA_LABEL, value).device,
-              (Lines{"zentak_getKeyPairList(\"SN2\", instance)"}));
+    EXPECT_EQ(read(second, privateKey(5), CKA_LABEL).device, (Lines{"zentak_getKeyPairList(\"SN2\", instance)"}));
     EXPECT_EQ(value, charactersOf("Other five"));
-    EXPECT_EQ(read(second, certificate(7), CKA_LABEL, value).device,
-              (Lines{"zentak_getCertificateList(\"SN2\", instance)"}));
+    EXPECT_EQ(read(second, certificate(7), CKA_LABEL).device, (Lines{"zentak_getCertificateList(\"SN2\", instance)"}));
     EXPECT_EQ(value, charactersOf("Other seven"));
-    read(first, privateKey(5), CKA_LABEL, value);
+    read(first, privateKey(5), CKA_LABEL);
     EXPECT_EQ(value, charactersOf("Key five"));
 }
 
@@ -129,10 +123,9 @@ TEST_F(LookupTest, EachSessionLooksAtItsOwnToken) {
 TEST_F(LookupTest, WideHandlesAreNotCut) {
     if constexpr (sizeof(CK_ULONG) == 8) {
         const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-        Bytes value;
         for (const std::uint64_t low : {0x70000005U, 0x70001005U, 0x70002007U}) {
             const auto handle = static_cast<CK_OBJECT_HANDLE>((std::uint64_t{1} << 32U) + low);
-            EXPECT_EQ(read(session, handle, CKA_LABEL, value),
+            EXPECT_EQ(read(session, handle, CKA_LABEL),
                       (Outcome{CKR_OBJECT_HANDLE_INVALID,
                                {"DEBUG C_GetAttributeValue", "DEBUG C_GetAttributeValue count : 1",
                                 text("ERROR C_GetAttributeValue: derived key handle not found=", handle)}}));
@@ -146,9 +139,8 @@ TEST_F(LookupTest, WideHandlesAreNotCut) {
 
 TEST_F(LookupTest, SecretKeysThatNobodyDerivedAreNotThere) {
     const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    Bytes value;
     for (const CK_OBJECT_HANDLE handle : Numbers{0x70013000, 0x70013001, 0xFFFFFFFF}) {
-        EXPECT_EQ(read(session, handle, CKA_VALUE, value),
+        EXPECT_EQ(read(session, handle, CKA_VALUE),
                   (Outcome{CKR_OBJECT_HANDLE_INVALID,
                            {"DEBUG C_GetAttributeValue", "DEBUG C_GetAttributeValue count : 1",
                             text("ERROR C_GetAttributeValue: derived key handle not found=", handle)}}));
@@ -163,7 +155,6 @@ TEST_F(LookupTest, TheLastKeyPairLookedUpIsTheOneThatSigns) {
     const CK_SESSION_HANDLE other = openSession();
     const CK_SESSION_HANDLE otherToken = openSession(CKF_RW_SESSION, fipsSlot);
     CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
-    Bytes value;
     CK_ULONG size = 0;
     struct Row {
         const char* what;
@@ -172,20 +163,20 @@ TEST_F(LookupTest, TheLastKeyPairLookedUpIsTheOneThatSigns) {
     };
     const std::vector<Row> rows = {
         {"nothing", [] {}, 5},
-        {"an attribute of another key", [&] { read(other, privateKey(6), CKA_ID, value); }, 6},
-        {"an attribute of another public key, same session", [&] { read(signing, publicKey(6), CKA_ID, value); }, 6},
+        {"an attribute of another key", [&] { read(other, privateKey(6), CKA_ID); }, 6},
+        {"an attribute of another public key, same session", [&] { read(signing, publicKey(6), CKA_ID); }, 6},
         {"the size of another key", [&] { api->C_GetObjectSize(other, privateKey(6), &size); }, 6},
-        {"a key of another token", [&] { read(otherToken, privateKey(9), CKA_ID, value); }, 9},
+        {"a key of another token", [&] { read(otherToken, privateKey(9), CKA_ID); }, 9},
         {"a signature begun elsewhere", [&] { api->C_SignInit(other, &mechanism, privateKey(6)); }, 6},
         {"a signature begun on another token", [&] { api->C_SignInit(otherToken, &mechanism, privateKey(9)); }, 9},
         {"another key and this one again",
          [&] {
-             read(other, privateKey(6), CKA_ID, value);
-             read(other, privateKey(5), CKA_ID, value);
+             read(other, privateKey(6), CKA_ID);
+             read(other, privateKey(5), CKA_ID);
          },
          5},
-        {"a key that isn't there", [&] { read(other, privateKey(8), CKA_ID, value); }, 5},
-        {"a certificate", [&] { read(other, certificate(7), CKA_ID, value); }, 5},
+        {"a key that isn't there", [&] { read(other, privateKey(8), CKA_ID); }, 5},
+        {"a certificate", [&] { read(other, certificate(7), CKA_ID); }, 5},
         {"a search", [&] { api->C_FindObjectsInit(other, nullptr, 0); }, 5},
     };
     for (const Row& row : rows) {

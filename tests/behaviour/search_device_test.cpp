@@ -8,6 +8,13 @@ namespace {
 
 class SearchDeviceTest : public ObjectTest {
 protected:
+    void SetUp() override {
+        ObjectTest::SetUp();
+        session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    }
+
+    CK_SESSION_HANDLE session = 0;
+
     /// Lets zentak_initDevice fill the token.
     void fillTokenWhenInitialised() {
         scripted::Fault fault;
@@ -26,7 +33,6 @@ const std::string initDevice = "zentak_initDevice(\"SN1\", true, instance)";
 const Lines logOfEmptyTemplate = {"DEBUG C_FindObjectsInit", "DEBUG Find object init count : 0"};
 
 TEST_F(SearchDeviceTest, AnEmptyListInitialisesTheDeviceAndListsAgain) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     for (const bool keysMissing : {false, true}) {
         for (const bool certificatesMissing : {false, true}) {
             if (!keysMissing && !certificatesMissing) continue;
@@ -48,7 +54,6 @@ TEST_F(SearchDeviceTest, AFailedInitialisationIsOnlyLogged) {
     world.keyPairs["SN1"].clear();
     world.results["zentak_initDevice"] = 42;
     fillTokenWhenInitialised();  // what it brings isn't looked at
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(session, nullptr, 0); }),
               (Outcome{CKR_OK,
                        logOfEmptyTemplate + Lines{"ERROR Init device for certificates in find objects failed : 42"},
@@ -78,7 +83,6 @@ TEST_F(SearchDeviceTest, AFailedInitialisationDoesNotDisturbTheLists) {
         zentak_getKeyPairList("SN1", nullptr);
     };
     world.addFault(fault);
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(findInit(session, Template().addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_ID, Bytes{0xA0, 5})).code,
               CKR_OK);
     EXPECT_EQ(next(session, 10), (Handles{publicKey(5)}));
@@ -95,7 +99,6 @@ TEST_F(SearchDeviceTest, ListingTheKeyPairsDoesNotDisturbTheCertificates) {
         {CKA_SUBJECT, Bytes{0x30, 7}},
         {CKA_CLASS, {}},
     };
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     for (const auto& [type, value] : criteria) {
         SCOPED_TRACE(type);
         scripted::Fault fault;
@@ -122,7 +125,6 @@ TEST_F(SearchDeviceTest, ListingTheKeyPairsDoesNotDisturbTheCertificates) {
 TEST_F(SearchDeviceTest, ATokenThatStaysEmptyIsInitialisedOnceInASearch) {
     world.keyPairs["SN1"].clear();
     world.certificates["SN1"].clear();
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     for (int search = 0; search < 2; ++search) {
         EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(session, nullptr, 0); }),
                   (Outcome{CKR_OK,
@@ -133,7 +135,7 @@ TEST_F(SearchDeviceTest, ATokenThatStaysEmptyIsInitialisedOnceInASearch) {
 }
 
 TEST_F(SearchDeviceTest, TheInitialisationNamesTheSessionsToken) {
-    const CK_SESSION_HANDLE session = openSession(0, fipsSlot);
+    session = openSession(0, fipsSlot);
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(session, nullptr, 0); }).device,
               (Lines{"zentak_getCertificateList(\"SN2\", instance)", "zentak_getKeyPairList(\"SN2\", instance)",
                      "zentak_initDevice(\"SN2\", true, instance)", "zentak_getCertificateList(\"SN2\", instance)",
@@ -142,7 +144,6 @@ TEST_F(SearchDeviceTest, TheInitialisationNamesTheSessionsToken) {
 
 TEST_F(SearchDeviceTest, ARefusedTemplateAsksTheDeviceNothing) {
     world.keyPairs["SN1"].clear();
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(findInit(session, Template().add(CKA_ID, Bytes{1}).addRaw(CKA_LABEL, nullptr, 1)).device, Lines{});
 }
 
@@ -164,7 +165,6 @@ TEST_F(SearchDeviceTest, ThrownExceptionsBecomeReturnCodes) {
         {"zentak_getCertificateSubject", 2, false, CKA_SUBJECT},
     };
     world.keyPairs["SN1"] = {labelledKeyPair(1, "")};
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     for (const Row& row : rows) {
         for (const ThrownCode& thrown : thrownCodes) {
             SCOPED_TRACE(text(row.operation, " number ", row.nth));
@@ -185,7 +185,7 @@ TEST_F(SearchDeviceTest, ThrownExceptionsBecomeReturnCodes) {
 }
 
 TEST_F(SearchDeviceTest, AnExceptionLeavesARunningSignatureAlone) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     signInit(session, CKM_RSA_PKCS, 5);
     letThrow("zentak_getKeyPairList", scripted::Throw::exception);
     ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 0), CKR_FUNCTION_FAILED);

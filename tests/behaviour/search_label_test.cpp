@@ -16,7 +16,7 @@ protected:
         world.certificateDetails[derOf(certificateOne)] = makeDetails("Alice", "1234", publicKeyOf(one));
         world.certificateDetails[derOf(certificateTwo)] = makeDetails("Bob", "5678", {9, 9, 9});
         world.certificateDetails[derOf(certificateThree)] = makeDetails("Carol", "9", publicKeyOf(two));
-        session = openSessionIn(CKS_RW_PUBLIC_SESSION);
+        session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     }
 
     Handles publicKeysNamed(std::string_view label) {
@@ -45,7 +45,7 @@ Outcome labelSearch(CK_OBJECT_CLASS objectClass, const Lines& deviceCalls) {
 
 // Nothing is logged or written back for a computed label, whoever is logged in.
 TEST_F(SearchLabelTest, AKeyPairIsNamedAfterItsCertificate) {
-    login(session, userPin);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     world.keyPairs["SN1"] = {one};
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_LABEL, terminated("Alice_1234"));
@@ -120,7 +120,7 @@ TEST_F(SearchLabelTest, ComputedLabelsAreNotTrimmed) {
 
 TEST_F(SearchLabelTest, ACertificateIsNamedAfterItsOwnDetails) {
     setLabel(world.certificates["SN1"][0], "Own");
-    login(session, userPin);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     Template wanted;
     wanted.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_LABEL, terminated("Bob_5678"));
     EXPECT_EQ(findInit(session, wanted),
@@ -161,7 +161,7 @@ TEST_F(SearchLabelTest, TheListsAreCopiesThatNoLaterCallDisturbs) {
 }
 
 TEST_F(SearchLabelTest, OtherCriteriaAskNoDetails) {
-    login(session, userPin);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     EXPECT_EQ(findInit(session, Template().addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_ID, Bytes{0xA0, 1})).device,
               (Lines{listCertificates, listKeyPairs}));
     EXPECT_EQ(next(session, 10), (Handles{privateKey(1)}));

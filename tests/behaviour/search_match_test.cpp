@@ -11,10 +11,17 @@ namespace {
 
 class SearchMatchTest : public ObjectTest {
 protected:
-    Handles labelled(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass, std::string_view label) {
+    void SetUp() override {
+        ObjectTest::SetUp();
+        session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    }
+
+    CK_SESSION_HANDLE session = 0;
+
+    Handles labelled(CK_OBJECT_CLASS objectClass, std::string_view label) {
         return search(session, Template().addNumber(CKA_CLASS, objectClass).add(CKA_LABEL, terminated(label)));
     }
-    Handles ofClass(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass) {
+    Handles ofClass(CK_OBJECT_CLASS objectClass) {
         return search(session, Template().addNumber(CKA_CLASS, objectClass));
     }
 
@@ -40,19 +47,17 @@ TEST_F(SearchMatchTest, PrivateKeysShowOnlyToALoggedInUser) {
     for (const CK_STATE state : everyState) {
         SCOPED_TRACE(text("state ", state));
         const bool user = state == CKS_RO_USER_FUNCTIONS || state == CKS_RW_USER_FUNCTIONS;
-        const CK_SESSION_HANDLE session = openSessionIn(state);
+        session = reopen(session, state);
 
         Template all;
         EXPECT_EQ(search(session, all), publicKeys + (user ? privateKeys : Handles{}) + certificates);
-        EXPECT_EQ(ofClass(session, CKO_PRIVATE_KEY), user ? privateKeys : Handles{});
-        EXPECT_EQ(ofClass(session, CKO_PUBLIC_KEY), publicKeys);
-        EXPECT_EQ(ofClass(session, CKO_CERTIFICATE), certificates);
-        closeEverything(session);
+        EXPECT_EQ(ofClass(CKO_PRIVATE_KEY), user ? privateKeys : Handles{});
+        EXPECT_EQ(ofClass(CKO_PUBLIC_KEY), publicKeys);
+        EXPECT_EQ(ofClass(CKO_CERTIFICATE), certificates);
     }
 }
 
 TEST_F(SearchMatchTest, TheLoginStateCountsWhenTheSearchStarts) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
     login(session, userPin);
     EXPECT_EQ(next(session, 10), publicKeys + certificates);
@@ -63,7 +68,7 @@ TEST_F(SearchMatchTest, TheLoginStateCountsWhenTheSearchStarts) {
 }
 
 TEST_F(SearchMatchTest, OtherClassesFindNothing) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     for (const CK_OBJECT_CLASS objectClass : Numbers{CKO_DATA, CKO_SECRET_KEY, CKO_HW_FEATURE, CKO_DOMAIN_PARAMETERS,
                                                      CKO_MECHANISM, 0x80000001UL, 0xFFFFFFFFUL}) {
         EXPECT_EQ(findInit(session, Template().addNumber(CKA_CLASS, objectClass)),
@@ -76,23 +81,23 @@ TEST_F(SearchMatchTest, OtherClassesFindNothing) {
 }
 
 TEST_F(SearchMatchTest, TheVendorClassIsHeldLikeNoClass) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     EXPECT_EQ(search(session, Template().addNumber(CKA_CLASS, 0x80000000).add(CKA_ID, Bytes{0xA0, 5})),
               publicKeys + privateKeys + certificates);
 }
 
 TEST_F(SearchMatchTest, WideClassesAreNotCut) {
     if constexpr (sizeof(CK_ULONG) == 8) {
-        const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+        session = reopen(session, CKS_RW_USER_FUNCTIONS);
         for (const std::uint64_t low : {1U, 2U, 3U, 0x80000000U}) {
             const auto wide = static_cast<CK_OBJECT_CLASS>((std::uint64_t{1} << 32U) + low);
-            EXPECT_EQ(ofClass(session, wide), Handles{}) << low;
+            EXPECT_EQ(ofClass(wide), Handles{}) << low;
         }
     }
 }
 
 TEST_F(SearchMatchTest, WithoutAClassNoCriterionDecides) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     Template wanted;
     wanted.add(CKA_LABEL, terminated("nobody"))
         .add(CKA_VALUE, Bytes{1})
@@ -114,7 +119,7 @@ struct Description {
 
 // The first is described rightly by the first criterion and wrongly by all that follow, then the other way.
 TEST_F(SearchMatchTest, TheFirstCriterionDecides) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     world.subjects[derOf(certificateFive)] = {0x30, 0x01, 0x05};
     world.subjects[derOf(certificateSeven)] = {0x30, 0x01, 0x07};
     const Bytes modulus = publicKeyOf(keyFive);
@@ -167,7 +172,6 @@ TEST_F(SearchMatchTest, TheFirstCriterionDecides) {
 }
 
 TEST_F(SearchMatchTest, TheSubjectIsAskedOnceForEachCertificate) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(findInit(session, Template().addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_SUBJECT, Bytes{0x30})).device,
               (Lines{listCertificates, listKeyPairs,
                      text("zentak_getCertificateSubject(", shown(derOf(certificateFive)), ", null)"),
@@ -179,13 +183,12 @@ TEST_F(SearchMatchTest, SeveralMatchesKeepTheOrderOfTheList) {
         world.keyPairs["SN1"].push_back(labelledKeyPair(id, "twin"));
         world.certificates["SN1"].push_back(labelledCertificate(id, "twin"));
     }
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
-    EXPECT_EQ(labelled(session, CKO_PRIVATE_KEY, "twin"), (Handles{privateKey(9), privateKey(2), privateKey(4)}));
-    EXPECT_EQ(labelled(session, CKO_CERTIFICATE, "twin"), (Handles{certificate(9), certificate(2), certificate(4)}));
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
+    EXPECT_EQ(labelled(CKO_PRIVATE_KEY, "twin"), (Handles{privateKey(9), privateKey(2), privateKey(4)}));
+    EXPECT_EQ(labelled(CKO_CERTIFICATE, "twin"), (Handles{certificate(9), certificate(2), certificate(4)}));
 }
 
 TEST_F(SearchMatchTest, TheLabelOfATemplateEndsAtItsTerminator) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     unsigned char label[] = "Key five\0behind";
     for (const CK_ULONG length : Numbers{1, 3, 8, 9, 15}) {
         EXPECT_EQ(search(session, Template().addNumber(CKA_CLASS, CKO_PUBLIC_KEY).addRaw(CKA_LABEL, label, length)),
@@ -195,7 +198,6 @@ TEST_F(SearchMatchTest, TheLabelOfATemplateEndsAtItsTerminator) {
 }
 
 TEST_F(SearchMatchTest, AnEmptyLabelIsNoCriterion) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     Template byId;
     byId.addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(CKA_LABEL, Bytes{0}).add(CKA_ID, Bytes{0xA0, 6});
     EXPECT_EQ(search(session, byId), (Handles{publicKey(6)}));
@@ -204,7 +206,6 @@ TEST_F(SearchMatchTest, AnEmptyLabelIsNoCriterion) {
 }
 
 TEST_F(SearchMatchTest, StoredLabelsAreTrimmedAndTheTemplateIsNot) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     struct Row {
         std::string stored;
         std::string wanted;
@@ -229,8 +230,8 @@ TEST_F(SearchMatchTest, StoredLabelsAreTrimmedAndTheTemplateIsNot) {
         SCOPED_TRACE(row.stored);
         setAlias(world.keyPairs["SN1"][0], row.stored);
         setLabel(world.certificates["SN1"][1], row.stored);
-        EXPECT_EQ(labelled(session, CKO_PUBLIC_KEY, row.wanted), row.found ? Handles{publicKey(5)} : Handles{});
-        EXPECT_EQ(labelled(session, CKO_CERTIFICATE, row.wanted), row.found ? Handles{certificate(7)} : Handles{});
+        EXPECT_EQ(labelled(CKO_PUBLIC_KEY, row.wanted), row.found ? Handles{publicKey(5)} : Handles{});
+        EXPECT_EQ(labelled(CKO_CERTIFICATE, row.wanted), row.found ? Handles{certificate(7)} : Handles{});
     }
 }
 
@@ -262,7 +263,6 @@ TEST_F(SearchMatchTest, RecordsAreNeverReadBeyondTheirFields) {
     keyPair.objectIdLength = sizeof keyPair.objectId + 1;
     record.derLength = sizeof record.der + 1;
     record.objectIdLength = sizeof record.objectId + 1;
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     struct Row {
         CK_OBJECT_CLASS objectClass;
         CK_ATTRIBUTE_TYPE type;
@@ -290,7 +290,7 @@ TEST_F(SearchMatchTest, OddLengthsInARecordAreHarmless) {
         record.derLength = record.objectIdLength = length;
         setAlias(keyPair, "");
         setLabel(record, "");
-        const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+        session = reopen(session, CKS_RW_USER_FUNCTIONS);
         for (const CK_ATTRIBUTE_TYPE type : Numbers{CKA_LABEL, CKA_VALUE, CKA_ID, CKA_MODULUS, CKA_SUBJECT}) {
             for (const CK_OBJECT_CLASS objectClass : Numbers{CKO_CERTIFICATE, CKO_PRIVATE_KEY}) {
                 EXPECT_EQ(
@@ -298,18 +298,14 @@ TEST_F(SearchMatchTest, OddLengthsInARecordAreHarmless) {
                     CKR_OK);
             }
         }
-        closeEverything(session);
     }
 }
 
 TEST_F(SearchMatchTest, UnterminatedLabelsEndWithTheirField) {
     std::memset(world.keyPairs["SN1"][0].alias, 'k', sizeof(ZentakKeyPair::alias));
     std::memset(world.certificates["SN1"][0].label, 'c', sizeof(ZentakCertificate::label));
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(labelled(session, CKO_PUBLIC_KEY, std::string(sizeof(ZentakKeyPair::alias), 'k')),
-              (Handles{publicKey(5)}));
-    EXPECT_EQ(labelled(session, CKO_CERTIFICATE, std::string(sizeof(ZentakCertificate::label), 'c')),
-              (Handles{certificate(5)}));
+    EXPECT_EQ(labelled(CKO_PUBLIC_KEY, std::string(sizeof(ZentakKeyPair::alias), 'k')), (Handles{publicKey(5)}));
+    EXPECT_EQ(labelled(CKO_CERTIFICATE, std::string(sizeof(ZentakCertificate::label), 'c')), (Handles{certificate(5)}));
 }
 
 }  // namespace

@@ -6,7 +6,15 @@ using namespace support;
 
 namespace {
 
-class SearchTest : public ObjectTest {};
+class SearchTest : public ObjectTest {
+protected:
+    void SetUp() override {
+        ObjectTest::SetUp();
+        session = openSessionIn(CKS_RO_PUBLIC_SESSION);
+    }
+
+    CK_SESSION_HANDLE session = 0;
+};
 
 const std::string name = "DEBUG C_FindObjectsInit";
 
@@ -35,7 +43,6 @@ TEST_F(SearchTest, FunctionsRefuseAnUnknownSessionBeforeTheirArguments) {
 }
 
 TEST_F(SearchTest, InitRefusesANullTemplateWithACount) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(session, nullptr, 3); }),
               refused(CKR_ARGUMENTS_BAD, "C_FindObjectsInit: pTemplate is NULL with ulCount=3"));
     EXPECT_EQ(
@@ -44,7 +51,6 @@ TEST_F(SearchTest, InitRefusesANullTemplateWithACount) {
 }
 
 TEST_F(SearchTest, ANullTemplateWithACountLeavesARunningSearchAsItIs) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
     ASSERT_EQ(next(session, 1), (Handles{publicKey(5)}));
     ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 1), CKR_ARGUMENTS_BAD);
@@ -52,14 +58,12 @@ TEST_F(SearchTest, ANullTemplateWithACountLeavesARunningSearchAsItIs) {
 }
 
 TEST_F(SearchTest, InitWithoutTemplateListsTheTokenOnce) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(session, nullptr, 0); }),
               (Outcome{CKR_OK, started(0), {listCertificates, listKeyPairs}}));
     EXPECT_EQ(next(session, 10), (Handles{publicKey(5), publicKey(6), certificate(5), certificate(7)}));
 }
 
 TEST_F(SearchTest, ATemplatePointerWithoutCountIsAnEmptyTemplate) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     CK_ATTRIBUTE unread = {CKA_CLASS, nullptr, 0};
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(session, &unread, 0); }),
               (Outcome{CKR_OK, started(0), {listCertificates, listKeyPairs}}));
@@ -67,7 +71,6 @@ TEST_F(SearchTest, ATemplatePointerWithoutCountIsAnEmptyTemplate) {
 
 // Each entry breaks at least one rule; where it breaks two, the line shows which is asked first.
 TEST_F(SearchTest, InitRefusesTemplateEntriesInTheirOrder) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     unsigned char byte = 1;
     unsigned char eight[2 * sizeof(CK_ULONG)] = {};
     constexpr auto wrongSize = static_cast<CK_ULONG>(sizeof(eight));
@@ -111,7 +114,7 @@ TEST_F(SearchTest, InitRefusesTemplateEntriesInTheirOrder) {
 }
 
 TEST_F(SearchTest, InitLogsEachEntryAndTheIdAfterListing) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     Template wanted;
     wanted.add(CKA_TOKEN, Bytes{1})
         .addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
@@ -128,7 +131,6 @@ TEST_F(SearchTest, InitLogsEachEntryAndTheIdAfterListing) {
 }
 
 TEST_F(SearchTest, TheIdIsLoggedWithoutAClassToo) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     EXPECT_EQ(findInit(session, Template().add(CKA_ID, Bytes{0x00, 0xFF, 0x1B})),
               (Outcome{CKR_OK,
                        started(1) + Lines{"DEBUG Find object init type : 258", "DEBUG Find init id : 00FF1B"},
@@ -138,7 +140,6 @@ TEST_F(SearchTest, TheIdIsLoggedWithoutAClassToo) {
 }
 
 TEST_F(SearchTest, LaterOccurrencesReplaceEarlierOnes) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     const auto searchPublic = [&](CK_ATTRIBUTE_TYPE type, const Bytes& first, const Bytes& second) {
         return search(session, Template().add(type, first).addNumber(CKA_CLASS, CKO_PUBLIC_KEY).add(type, second));
     };
@@ -151,7 +152,6 @@ TEST_F(SearchTest, LaterOccurrencesReplaceEarlierOnes) {
 }
 
 TEST_F(SearchTest, ARefusedTemplateClearsTheSearchAndKeepsTheOperation) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
     ASSERT_EQ(next(session, 1).size(), 1U);
 
@@ -169,7 +169,6 @@ TEST_F(SearchTest, ARefusedTemplateClearsTheSearchAndKeepsTheOperation) {
 }
 
 TEST_F(SearchTest, ARefusedTemplateStartsNoSearch) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     CK_ATTRIBUTE wrong = {CKA_ID, nullptr, 1};
     ASSERT_EQ(api->C_FindObjectsInit(session, &wrong, 1), CKR_ATTRIBUTE_VALUE_INVALID);
     CK_ULONG count = 99;
@@ -179,7 +178,7 @@ TEST_F(SearchTest, ARefusedTemplateStartsNoSearch) {
 }
 
 TEST_F(SearchTest, ASearchAbandonsASignature) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     signInit(session, CKM_RSA_PKCS, 5);
     EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(session, nullptr, 0); }),
               (Outcome{CKR_OK, started(0), {listCertificates, listKeyPairs}}));
@@ -196,7 +195,7 @@ TEST_F(SearchTest, ASearchAbandonsASignature) {
 }
 
 TEST_F(SearchTest, ARefusedTemplateLeavesASignatureRunning) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RW_USER_FUNCTIONS);
+    session = reopen(session, CKS_RW_USER_FUNCTIONS);
     signInit(session, CKM_RSA_PKCS, 5);
     CK_ATTRIBUTE wrong = {CKA_CLASS, nullptr, 4};
     ASSERT_EQ(api->C_FindObjectsInit(session, &wrong, 1), CKR_ATTRIBUTE_VALUE_INVALID);
@@ -210,7 +209,6 @@ TEST_F(SearchTest, ARefusedTemplateLeavesASignatureRunning) {
 }
 
 TEST_F(SearchTest, TheTemplateIsReadAtAnyAddress) {
-    const CK_SESSION_HANDLE session = openSessionIn(CKS_RO_PUBLIC_SESSION);
     const CK_OBJECT_CLASS wantedClass = CKO_CERTIFICATE;
     Room objectClass(sizeof wantedClass);
     std::memcpy(objectClass.address(), &wantedClass, sizeof wantedClass);

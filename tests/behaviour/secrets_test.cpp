@@ -250,11 +250,7 @@ TEST_F(SecretResultsTest, AnAgreedSecretIsOverwrittenButForWhatBecomesTheKey) {
 }
 
 TEST_F(SecretResultsTest, AnImportedKeysPartsAreOverwritten) {
-    Template wanted;
-    wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
-        .add(CKA_MODULUS, Bytes(256, 0xC1))
-        .add(CKA_PRIVATE_EXPONENT, secret)
-        .add(CKA_PRIME_1, secret);
+    Template wanted = rsaKeyTemplate(Bytes(256, 0xC1), secret, secret);
     CK_OBJECT_HANDLE handle = 0;
     for (const int result : {0, 1}) {
         device().results["zentak_importPfx"] = result;

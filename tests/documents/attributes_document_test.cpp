@@ -182,12 +182,7 @@ TEST_F(AttributesDocumentTest, CreationLooksAtWhatThePageSays) {
         base.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_VALUE, leaf);
         return base;
     };
-    const auto keyTemplate = [] {
-        Template base;
-        base.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_MODULUS, countingBytes(1, 256));
-        base.add(CKA_PRIVATE_EXPONENT, countingBytes(1, 256)).add(CKA_PRIME_1, countingBytes(1, 128));
-        return base;
-    };
+    const auto keyTemplate = [] { return rsaKeyTemplate(); };
     compare("Create a certificate",
             [&](CK_ATTRIBUTE_TYPE type) { return counts(type, certificateTemplate, creating); });
     compare("Create a key", [&](CK_ATTRIBUTE_TYPE type) { return counts(type, keyTemplate, creating); });

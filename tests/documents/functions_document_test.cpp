@@ -186,9 +186,7 @@ void DeviceLibraryColumnTest::callObjects() {
     Template leaf;
     leaf.addNumber(CKA_CLASS, CKO_CERTIFICATE).add(CKA_VALUE, derOf(certificateFive));
     calling("C_CreateObject", [&] { return api->C_CreateObject(session, leaf.data(), leaf.count(), &created); });
-    Template key;
-    key.addNumber(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_MODULUS, countingBytes(1, 256));
-    key.add(CKA_PRIVATE_EXPONENT, countingBytes(1, 256)).add(CKA_PRIME_1, countingBytes(1, 128));
+    Template key = rsaKeyTemplate();
     calling("C_CreateObject", [&] { return api->C_CreateObject(session, key.data(), key.count(), &created); });
     calling("C_DestroyObject", [&] { return api->C_DestroyObject(session, privateKey(6)); });
 }

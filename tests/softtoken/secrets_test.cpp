@@ -72,7 +72,7 @@ protected:
         setEnvironment("ZENTAK_SO_PIN", officerPin);
         serialNumber_ = create();
         const std::string keys = file("rsa.pem", pemOf(testKey(2))) + " " + file("ec.pem", pemOf(testKey(5)));
-        EXPECT_EQ(run("import --key " + keys).exitCode, 0);
+        outputOf("import --key " + keys);
         std::filesystem::remove(folder_.path() / "rsa.pem");
         std::filesystem::remove(folder_.path() / "ec.pem");
     }
@@ -89,7 +89,7 @@ std::string SecretsTest::pemOf(const Key& key) {
 }
 
 TEST_F(SecretsTest, StoreShowsNone) {
-    EXPECT_EQ(run("set-pin --new-pin-file " + file("new", std::string(pin) + "\n")).exitCode, 0);
+    outputOf("set-pin --new-pin-file " + file("new", std::string(pin) + "\n"));
     setEnvironment("ZENTAK_PIN", "wrong pin");
     EXPECT_NE(run("generate --type p-256").exitCode, 0);
     std::filesystem::remove(folder_.path() / "new");

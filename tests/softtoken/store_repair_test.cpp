@@ -48,7 +48,7 @@ std::string flipped(std::string content) {
 TEST_F(StoreRepairTest, NothingIsWrong) {
     const std::string other = create();
     store_.unplug(other);
-    EXPECT_EQ(run("generate " + other + " --type p-256").exitCode, 0);
+    outputOf("generate " + other + " --type p-256");
     const std::string token = fileContent(tokenFile());
     EXPECT_EQ(run("verify"),
               (Answer{0, serialNumber_ + "  plugged in  in order\n" + other + "  unplugged   in order\n", ""}));
@@ -74,7 +74,7 @@ TEST_F(StoreRepairTest, LostCountersComeBackWithOneAttempt) {
     EXPECT_EQ(answer.output,
               serialNumber_ + "  repaired: " + missing + "; they were made anew, with one attempt left for each PIN\n");
     EXPECT_EQ(store_.loadAttempts(serialNumber_), (Attempts{1, 1}));
-    EXPECT_EQ(run("verify").exitCode, 0);
+    outputOf("verify");
     EXPECT_THROW(store_.checkPin(serialNumber_, Role::officer, "000000"), PinFailure);
     EXPECT_EQ(store_.loadAttempts(serialNumber_), (Attempts{1, 0}));
     // The right PIN gives all of them back.
@@ -83,7 +83,7 @@ TEST_F(StoreRepairTest, LostCountersComeBackWithOneAttempt) {
     for (const std::string& damaged : {std::string(), whole.substr(0, 40), flipped(whole), whole + "x"}) {
         writeFile(attemptsFile(), damaged);
         EXPECT_EQ(run("verify").exitCode, 1);
-        EXPECT_EQ(run("repair").exitCode, 0);
+        outputOf("repair");
         EXPECT_EQ(store_.loadAttempts(serialNumber_), (Attempts{1, 1}));
     }
 }
@@ -93,7 +93,7 @@ TEST_F(StoreRepairTest, CountersBeyondTheirLimitAreMadeAnew) {
     for (const Attempts& attempts : {Attempts{6, 5}, Attempts{5, 6}}) {
         writeFile(attemptsFile(), writeAttempts(attempts));
         expectFault(fault);
-        EXPECT_EQ(run("repair").exitCode, 0);
+        outputOf("repair");
         EXPECT_EQ(store_.loadAttempts(serialNumber_), (Attempts{1, 1}));
     }
 }
@@ -161,10 +161,10 @@ TEST_F(StoreRepairTest, CountersOfAnotherVersionAreLeftAlone) {
 }
 
 TEST_F(StoreRepairTest, FaultsWithinAWholeFile) {
-    EXPECT_EQ(run("generate --type p-256").exitCode, 0);
+    outputOf("generate --type p-256");
     const Bytes der = makeCertificate(testKey(5));
     const std::string certificate = file("certificate.der", std::string(der.begin(), der.end()));
-    EXPECT_EQ(run("import --certificate " + certificate).exitCode, 0);
+    outputOf("import --certificate " + certificate);
     const TokenData token = store_.load(serialNumber_);
     const auto faultsWith = [&](const std::function<void(TokenData&)>& change) {
         TokenData changed = token;
@@ -205,7 +205,7 @@ TEST_F(StoreRepairTest, ListAndShowEndWithOneWhenSomethingIsUnusable) {
         EXPECT_NE(listed.output.find(reason), std::string::npos);
         EXPECT_EQ(listed.errors, "zentak-token: 1 of 2 tokens can't be used\n");
     }
-    EXPECT_EQ(run("show " + serialNumber_).exitCode, 0);
+    outputOf("show " + serialNumber_);
     for (const std::string& form : {"show " + other, "show --json " + other}) {
         const Answer shown = run(form);
         EXPECT_EQ(shown.exitCode, 1);
@@ -214,8 +214,8 @@ TEST_F(StoreRepairTest, ListAndShowEndWithOneWhenSomethingIsUnusable) {
     }
     const Json verified = Json::parse(run("verify --json").output, nullptr, false);
     EXPECT_EQ(verified.at(serialNumber_ < other ? 1 : 0)["faults"], (Json::array({reason})));
-    EXPECT_EQ(run("repair").exitCode, 0);
-    EXPECT_EQ(run("list").exitCode, 0);
+    outputOf("repair");
+    outputOf("list");
 }
 
 }  // namespace

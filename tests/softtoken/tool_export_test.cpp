@@ -17,9 +17,7 @@ protected:
 
     void import(const std::string& label, const Bytes& der) {
         const std::string path = file(label, {der.begin(), der.end()});
-        EXPECT_EQ(
-            run("import --label " + label + " --id 0" + std::to_string(++count_) + " --certificate " + path).exitCode,
-            0);
+        outputOf("import --label " + label + " --id 0" + std::to_string(++count_) + " --certificate " + path);
     }
 
     [[nodiscard]] std::string output() const { return (folder_.path() / "exported").string(); }
@@ -33,20 +31,16 @@ TEST_F(ToolExportTest, CertificatesComeOutAsTheyWentIn) {
     // No PIN is needed for what is public.
     setEnvironment("ZENTAK_PIN", "");
     for (const char* choice : {"--number 2", "--label second", "--id 02", "--label second --id 02 --number 2"}) {
-        const Answer answer = run("export-certificate " + std::string(choice));
-        EXPECT_EQ(answer.exitCode, 0) << answer.errors;
-        EXPECT_EQ(answer.output, pemCertificate(authority_));
+        EXPECT_EQ(outputOf("export-certificate " + std::string(choice)), pemCertificate(authority_));
     }
     EXPECT_EQ(run("export-certificate Demo --all").output, pemCertificate(own_) + pemCertificate(authority_));
 }
 
 TEST_F(ToolExportTest, FilesAreWrittenAsPemAndDer) {
     const std::string target = " --output \"" + output() + "\"";
-    const Answer answer = run("export-certificate --number 1" + target);
-    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
-    EXPECT_EQ(answer.output, "");
+    EXPECT_EQ(outputOf("export-certificate --number 1" + target), "");
     EXPECT_EQ(fileContent(output()), pemCertificate(own_));
-    EXPECT_EQ(run("export-certificate --number 1 --der" + target).exitCode, 0);
+    outputOf("export-certificate --number 1 --der" + target);
     EXPECT_EQ(fileContent(output()), std::string(own_.begin(), own_.end()));
 }
 

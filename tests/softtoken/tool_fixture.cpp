@@ -58,6 +58,12 @@ ToolTest::Answer ToolTest::run(const std::string& arguments) {
     return {exitCode, textOf(output), textOf(errors)};
 }
 
+std::string ToolTest::outputOf(const std::string& arguments) {
+    const Answer answer = run(arguments);
+    EXPECT_EQ(answer.exitCode, 0) << arguments << "\n" << answer.errors;
+    return answer.output;
+}
+
 void ToolTest::expectError(const std::string& arguments, const std::string& text) {
     Answer answer = run(arguments);
     // On a busy machine any work may take so long that it is announced.

@@ -33,8 +33,7 @@ TEST_F(ToolImportTest, ImportedKeyAndCertificateBelongTogether) {
     const std::string serialNumber = create();
     const std::string key = file("key.pem", pemPrivateKey(testKey(2)));
     const std::string certificate = file("certificate.pem", pemCertificate(makeCertificate(testKey(2))));
-    const Answer answer = run("import --key " + key + " --certificate " + certificate + " --label mine --usage sign");
-    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+    outputOf("import --key " + key + " --certificate " + certificate + " --label mine --usage sign");
     const TokenData token = load(serialNumber);
     ASSERT_EQ(token.keyPairs.size(), 1U);
     ASSERT_EQ(token.certificates.size(), 1U);
@@ -57,10 +56,8 @@ TEST_F(ToolImportTest, ImportTakesAnIdAndSeveralCertificates) {
     const std::string own = file("own.pem", pemCertificate(makeCertificate(testKey(5))));
     const Bytes authority = makeCertificate(testKey(6));
     const std::string other = file("authority.der", {authority.begin(), authority.end()});
-    EXPECT_EQ(run("import Demo --key " + key + " --certificate " + other + " --certificate " + own +
-                  " --id 00aaFF --label mine")
-                  .exitCode,
-              0);
+    outputOf("import Demo --key " + key + " --certificate " + other + " --certificate " + own +
+             " --id 00aaFF --label mine");
     const TokenData token = load(serialNumber);
     ASSERT_EQ(token.certificates.size(), 2U);
     EXPECT_EQ(token.keyPairs.at(0).objectId, (Bytes{0x00, 0xAA, 0xFF}));
@@ -73,7 +70,7 @@ TEST_F(ToolImportTest, CertificateAloneNeedsNoPin) {
     create();
     setEnvironment("ZENTAK_PIN", "");
     const std::string certificate = file("c.pem", pemCertificate(makeCertificate(testKey(5))));
-    EXPECT_EQ(run("import --certificate " + certificate).exitCode, 0);
+    outputOf("import --certificate " + certificate);
     EXPECT_EQ(jsonOf("show --json")["certificates"].size(), 1U);
 }
 
@@ -88,7 +85,7 @@ TEST_F(ToolImportTest, ImportRefusals) {
     expectError("import --key " + key + " --id 0", "hexadecimal");
     expectError("import --key " + key + " --usage fly", "usage");
     expectError("import 00 --key " + key, "there is no token 00");
-    EXPECT_EQ(run("import --key " + key).exitCode, 0);
+    outputOf("import --key " + key);
     expectError("import --key " + key, "holds this key already");
     setEnvironment("ZENTAK_PIN", "");
     expectError("import --key " + key, "--pin-file");
@@ -121,7 +118,7 @@ TEST_F(ToolImportTest, EncryptedKeyNeedsItsPassword) {
     setEnvironment("ZENTAK_FILE_PASSWORD", "wrong");
     expectError("import --key " + key, "no private key can be read");
     setEnvironment("ZENTAK_FILE_PASSWORD", "");
-    EXPECT_EQ(run("import --key " + key + " --file-password-file " + file("password", "secret")).exitCode, 0);
+    outputOf("import --key " + key + " --file-password-file " + file("password", "secret"));
     EXPECT_EQ(load(serialNumber).keyPairs.at(0).keyType, 5);
 }
 
@@ -135,12 +132,12 @@ TEST_F(ToolImportTest, KeysInDerPlainAndEncrypted) {
         1);
     const std::string plainFile = file("plain.der", contentOf(plain));
     const std::string encryptedFile = file("encrypted.der", contentOf(encrypted));
-    EXPECT_EQ(run("import --key " + plainFile).exitCode, 0);
+    outputOf("import --key " + plainFile);
     expectError("import --key " + encryptedFile, "no password of the file");
     setEnvironment("ZENTAK_FILE_PASSWORD", "wrong");
     expectError("import --key " + encryptedFile, "no private key can be read");
     setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
-    EXPECT_EQ(run("import --key " + encryptedFile).exitCode, 0);
+    outputOf("import --key " + encryptedFile);
     EXPECT_EQ(load(serialNumber).keyPairs.size(), 2U);
 }
 
@@ -154,9 +151,8 @@ TEST_F(ToolImportTest, ManyFilesAreOneChange) {
     const std::string chain =
         file("chain", pemCertificate(makeCertificate(testKey(5))) + pemCertificate(makeCertificate(testKey(6))));
     expectError("import --label x --key" + keys, "--label and --id are for one key pair");
-    const Answer answer = run("import --key" + keys + " --certificate " + chain);
-    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
-    EXPECT_EQ(answer.output, "Imported into " + serialNumber + ": key pairs 4, certificates 2\n");
+    EXPECT_EQ(outputOf("import --key" + keys + " --certificate " + chain),
+              "Imported into " + serialNumber + ": key pairs 4, certificates 2\n");
     const TokenData token = load(serialNumber);
     ASSERT_EQ(token.keyPairs.size(), 4U);
     ASSERT_EQ(token.certificates.size(), 2U);
@@ -191,8 +187,7 @@ TEST_F(ToolImportTest, Pkcs12BringsEverythingInIt) {
     expectError("import --pkcs12 " + path, "the password is wrong");
     expectError("import --pkcs12 " + file("text", "no container"), "is no PKCS #12 file");
     setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
-    const Answer answer = run("import --pkcs12 " + path + " --label mine");
-    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+    outputOf("import --pkcs12 " + path + " --label mine");
     const TokenData token = load(serialNumber);
     ASSERT_EQ(token.keyPairs.size(), 1U);
     EXPECT_EQ(token.keyPairs[0].keyType, 2);
@@ -208,7 +203,7 @@ TEST_F(ToolImportTest, Pkcs12BringsEverythingInIt) {
 TEST_F(ToolImportTest, Pkcs12NamesItsKey) {
     const std::string serialNumber = create();
     setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
-    EXPECT_EQ(run("import --pkcs12 " + file("container.p12", pkcs12(0, 0))).exitCode, 0);
+    outputOf("import --pkcs12 " + file("container.p12", pkcs12(0, 0)));
     EXPECT_EQ(load(serialNumber).keyPairs.at(0).alias, "their name");
     EXPECT_EQ(load(serialNumber).certificates.at(0).label, "their name");
 }
@@ -218,7 +213,7 @@ TEST_F(ToolImportTest, Pkcs12OfOlderPrograms) {
     setEnvironment("ZENTAK_FILE_PASSWORD", "secret");
     const std::string tripleDes =
         file("3des.p12", pkcs12(NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And3_Key_TripleDES_CBC));
-    EXPECT_EQ(run("import --pkcs12 " + tripleDes).exitCode, 0);
+    outputOf("import --pkcs12 " + tripleDes);
 }
 
 #ifndef _WIN32
@@ -230,8 +225,7 @@ TEST_F(ToolImportTest, Pkcs12WithOldCiphers) {
     const std::string rc2 =
         file("rc2.p12", pkcs12(NID_pbe_WithSHA1And3_Key_TripleDES_CBC, NID_pbe_WithSHA1And40BitRC2_CBC));
     OSSL_PROVIDER_unload(provider);
-    const Answer answer = run("import --pkcs12 " + rc2);
-    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
+    outputOf("import --pkcs12 " + rc2);
 }
 #endif
 

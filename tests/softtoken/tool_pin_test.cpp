@@ -20,7 +20,7 @@ protected:
     /// A cheap token with a key.
     void makeToken() {
         serialNumber_ = create();
-        EXPECT_EQ(run("generate --type p-256").exitCode, 0);
+        outputOf("generate --type p-256");
     }
     [[nodiscard]] std::string content() const { return fileContent(store_.pluggedTokenFile(serialNumber_)); }
 
@@ -33,16 +33,16 @@ protected:
 };
 
 TEST_F(ToolPinTest, PinsCostWhatTheyShould) {
-    EXPECT_EQ(run("create --label Ordinary").exitCode, 0);
+    outputOf("create --label Ordinary");
     const TokenData ordinary = store_.load(store_.plugged().at(0));
     expectCostOfToday(ordinary.user);
     expectCostOfToday(*ordinary.officer);
-    EXPECT_EQ(run("remove --yes").exitCode, 0);
+    outputOf("remove --yes");
     makeToken();
     EXPECT_EQ(store_.load(serialNumber_).user.derivation.costLog2, 1U);
-    EXPECT_EQ(run("unlock").exitCode, 0);
+    outputOf("unlock");
     expectCostOfToday(store_.load(serialNumber_).user);
-    EXPECT_EQ(run("set-pin --so").exitCode, 0);
+    outputOf("set-pin --so");
     expectCostOfToday(*store_.load(serialNumber_).officer);
     expectError("create --label x --kdf-cost 19", "--kdf-cost");
     expectError("create --label x --kdf-cost 0", "--kdf-cost");
@@ -51,9 +51,7 @@ TEST_F(ToolPinTest, PinsCostWhatTheyShould) {
 TEST_F(ToolPinTest, NewKeyClosesThePresentFileToTheOldKey) {
     makeToken();
     const SecretBytes oldKey = store_.checkPin(serialNumber_, Role::user, pin);
-    const Answer answer = run("set-pin --new-key");
-    EXPECT_EQ(answer.exitCode, 0) << answer.errors;
-    EXPECT_EQ(answer.output, "PIN and token key changed on " + serialNumber_ + "\n");
+    EXPECT_EQ(outputOf("set-pin --new-key"), "PIN and token key changed on " + serialNumber_ + "\n");
     const TokenData token = store_.load(serialNumber_);
     const SecretBytes key = store_.checkPin(serialNumber_, Role::user, newPin);
     EXPECT_EQ(store_.checkPin(serialNumber_, Role::officer, officerPin), key);
@@ -64,7 +62,7 @@ TEST_F(ToolPinTest, NewKeyClosesThePresentFileToTheOldKey) {
 TEST_F(ToolPinTest, NewKeyWithTheOfficersPin) {
     makeToken();
     const SecretBytes oldKey = store_.checkPin(serialNumber_, Role::user, pin);
-    EXPECT_EQ(run("set-pin --so --new-key").exitCode, 0);
+    outputOf("set-pin --so --new-key");
     const SecretBytes key = store_.checkPin(serialNumber_, Role::officer, newPin);
     EXPECT_NE(key, oldKey);
     EXPECT_EQ(store_.checkPin(serialNumber_, Role::user, pin), key);
@@ -80,10 +78,10 @@ TEST_F(ToolPinTest, NewKeyNeedsTheOtherPinToo) {
     EXPECT_EQ(store_.loadAttempts(serialNumber_), (Attempts{5, 4}));
     EXPECT_EQ(content(), before);
     // A token that has no officer needs none.
-    EXPECT_EQ(run("remove --yes").exitCode, 0);
+    outputOf("remove --yes");
     setEnvironment("ZENTAK_SO_PIN", "");
     makeToken();
-    EXPECT_EQ(run("set-pin --new-key").exitCode, 0);
+    outputOf("set-pin --new-key");
     EXPECT_NO_THROW(store_.checkPin(serialNumber_, Role::user, newPin));
 }
 

@@ -27,6 +27,8 @@ protected:
     ~ToolTest() override;
 
     Answer run(const std::string& arguments);
+    /// Succeeds, and answers its output.
+    std::string outputOf(const std::string& arguments);
     /// Fails with one clear line.
     void expectError(const std::string& arguments, const std::string& text);
     /// Makes a cheap token and answers its serial number.

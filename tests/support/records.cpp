@@ -167,4 +167,13 @@ Template& Template::addNumber(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
     return add(type, bytesOf(value));
 }
 
+Template rsaKeyTemplate(const Bytes& modulus, const Bytes& exponent, const Bytes& prime) {
+    Template wanted;
+    wanted.addNumber(CKA_CLASS, CKO_PRIVATE_KEY)
+        .add(CKA_MODULUS, modulus)
+        .add(CKA_PRIVATE_EXPONENT, exponent)
+        .add(CKA_PRIME_1, prime);
+    return wanted;
+}
+
 }  // namespace support

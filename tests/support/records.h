@@ -78,6 +78,10 @@ private:
     std::deque<Bytes> values_;
 };
 
+/// What imports an RSA private key of 2048 bits.
+Template rsaKeyTemplate(const Bytes& modulus = Bytes(256, 0xC1), const Bytes& exponent = Bytes(256, 0x21),
+                        const Bytes& prime = Bytes(128, 0xE1));
+
 /// The bytes of a structure or number, for comparing wholes: EXPECT_EQ(bytesOf(info), bytesOf(expected)).
 template <typename Record>
 Bytes bytesOf(const Record& record) {
