@@ -93,9 +93,7 @@ void* operator new(std::size_t size) {
         allocationsToGo = andAllAfterIt ? 1 : 0;
         throw std::bad_alloc();
     }
-    if (actionToRun != nullptr && size >= actionSize) {
-        (*std::exchange(actionToRun, nullptr))();
-    }
+    if (actionToRun != nullptr && size >= actionSize) (*std::exchange(actionToRun, nullptr))();
     if (void* const memory = std::malloc(size > 0 ? size : 1)) {
         if (size == followedSize) followed = static_cast<const unsigned char*>(memory);
         return memory;

@@ -228,9 +228,7 @@ TEST_F(ChangeTest, TheEndsOfTheRangeAreDeleted) {
 TEST_F(ChangeTest, OtherObjectsAreLeftAlone) {
     const Numbers handles =
         withWide({publicKey(0), publicKey(5), certificate(0), certificate(5), 0x70003000, 0xFFFFFFFF}, {0x170000005});
-    for (const CK_OBJECT_HANDLE handle : handles) {
-        EXPECT_EQ(destroy(handle), (Outcome{CKR_OK, deleting(handle)}));
-    }
+    for (const CK_OBJECT_HANDLE handle : handles) EXPECT_EQ(destroy(handle), (Outcome{CKR_OK, deleting(handle)}));
 }
 
 TEST_F(ChangeTest, WhatIsGoneAlreadyIsDestroyed) {

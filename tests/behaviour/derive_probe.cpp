@@ -46,9 +46,7 @@ int main() {
         api.C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
     }
     std::cout << std::hex << std::uppercase << read(api, sessions[0], first) << ' ';
-    for (const CK_SESSION_HANDLE session : sessions) {
-        std::cout << derive(api, session) << ' ';
-    }
+    for (const CK_SESSION_HANDLE session : sessions) std::cout << derive(api, session) << ' ';
     std::cout << read(api, sessions[1], first) << ' ' << read(api, sessions[1], first + 1) << ' '
               << read(api, sessions[1], first + 2);
     api.C_Finalize(nullptr);

@@ -199,9 +199,7 @@ TEST_F(FrameTest, GetFunctionListAnswersTheSameWhenInitialised) {
 
 TEST_F(UninitialisedTest, EverySupportedFunctionSaysSoBeforeAnythingElse) {
     for (const AnyFunction& function : everyFunction()) {
-        if (!function.supported || function.name == "C_Initialize" || function.name == "C_GetFunctionList") {
-            continue;
-        }
+        if (!function.supported || function.name == "C_Initialize" || function.name == "C_GetFunctionList") continue;
         for (const CK_ULONG number : {CK_ULONG{0}, static_cast<CK_ULONG>(firstSession)}) {
             clear();
             EXPECT_EQ(function.call(number, number), CKR_CRYPTOKI_NOT_INITIALIZED) << function.name;
@@ -223,9 +221,7 @@ void expectUnsupported() {
         "C_UnwrapKey",     "C_SeedRandom",    "C_GetFunctionStatus",   "C_CancelFunction"};
     for (const AnyFunction& function : everyFunction()) {
         EXPECT_NE(function.supported, unsupported.erase(function.name) == 1) << function.name;
-        if (function.supported) {
-            continue;
-        }
+        if (function.supported) continue;
         for (const CK_ULONG number : {CK_ULONG{0}, CK_ULONG{1}, CK_UNAVAILABLE_INFORMATION}) {
             takeLog();
             EXPECT_EQ(function.call(number, number), CKR_FUNCTION_NOT_SUPPORTED) << function.name;

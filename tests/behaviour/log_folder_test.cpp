@@ -182,14 +182,10 @@ TEST_F(LogFolderTest, NoTemporaryFolderIsNamed) {
 /// A path that doesn't fit the room for it is cut; where that leads isn't the point, but nothing may break.
 TEST_F(LogFolderTest, AVeryLongTemporaryFolder) {
     fs::path folder = runFolder();
-    while (folder.string().size() < 990) {
-        folder /= std::string(30, 'd');
-    }
+    while (folder.string().size() < 990) folder /= std::string(30, 'd');
     fs::create_directories(folder);
     setTemporaryFolder(folder);
-    for (int i = 0; i < 5; ++i) {
-        outputOfAnErrorLine();
-    }
+    for (int i = 0; i < 5; ++i) outputOfAnErrorLine();
     EXPECT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
 }
 #endif

@@ -195,9 +195,7 @@ TEST_F(LogTest, TheFileIsNamedByTheDate) {
     ASSERT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
     const auto after = std::chrono::system_clock::now();
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(logFolder())) {
-        names.push_back(entry.path().filename().string());
-    }
+    for (const auto& entry : fs::directory_iterator(logFolder())) names.push_back(entry.path().filename().string());
     const std::string today = formatted(before, "%Y-%m-%d.LOG");
     if (today == formatted(after, "%Y-%m-%d.LOG")) {
         EXPECT_EQ(names, (std::vector<std::string>{today}));
@@ -262,9 +260,7 @@ TEST_F(LogTest, ADeletedFileComesBack) {
     useEmptyTemporaryFolder();
     createLogFolder();
     ASSERT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
-    for (const auto& entry : fs::directory_iterator(logFolder())) {
-        ASSERT_TRUE(fs::remove(entry.path()));
-    }
+    for (const auto& entry : fs::directory_iterator(logFolder())) ASSERT_TRUE(fs::remove(entry.path()));
     ASSERT_EQ(functions().C_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
     EXPECT_EQ(parseLog(readLogFiles(logFolder())), both);
 }

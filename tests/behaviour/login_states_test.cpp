@@ -41,9 +41,7 @@ TEST_F(LoginStatesTest, ASingleSessionInEveryState) {
         const CK_SESSION_HANDLE session = sessionInState(transition.before);
         EXPECT_EQ(tryLogin(session, transition.userType, "5678"), transition.code);
         Lines lines = {"DEBUG C_Login", "DEBUG Login state : " + decimal(transition.before)};
-        if (transition.error != nullptr) {
-            lines.emplace_back(transition.error);
-        }
+        if (transition.error != nullptr) lines.emplace_back(transition.error);
         lines.push_back("DEBUG Login end result : " + decimal(transition.code));
         EXPECT_EQ(log(), lines);
         EXPECT_EQ(calls(), (Lines{validateCall("SN1", "5678", transition.userType == CKU_USER ? 1 : 2)}));

@@ -223,9 +223,7 @@ TEST_F(LoginTest, NoPinIsEverLogged) {
     tryLogin(session, CKU_USER, "unmistakable");
     tryLogin(session, CKU_USER, "unmistakable");
     functions().C_SetPIN(session, pin("unmistakable"), 12, pin("unmistakable too"), 16);
-    for (const std::string& line : log()) {
-        EXPECT_EQ(line.find("unmistakable"), std::string::npos) << line;
-    }
+    for (const std::string& line : log()) EXPECT_EQ(line.find("unmistakable"), std::string::npos) << line;
 }
 
 }  // namespace

@@ -160,9 +160,7 @@ TEST_F(MonitorTest, PollsAtOnceAndThenEverySecond) {
     const auto passed = std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
     EXPECT_GE(passed.count(), 1900);
     EXPECT_LE(passed.count(), 4000);
-    for (const std::string& poll : device().takePolls()) {
-        EXPECT_EQ(poll, "poll(false, instance)");
-    }
+    for (const std::string& poll : device().takePolls()) EXPECT_EQ(poll, "poll(false, instance)");
     EXPECT_EQ(calls(), Lines{});
     // Nothing changed, so nothing more to say.
     EXPECT_EQ(monitorLog(), (Lines{"DEBUG Session monitor thread started."}));

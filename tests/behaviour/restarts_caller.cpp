@@ -282,9 +282,7 @@ void Caller::decrypt() {
 
 void Caller::without() {
     CK_INFO info = {};
-    if (note("C_GetInfo", api.C_GetInfo(&info)) == CKR_OK) {
-        require(info.cryptokiVersion.minor == 20, "C_GetInfo");
-    }
+    if (note("C_GetInfo", api.C_GetInfo(&info)) == CKR_OK) require(info.cryptokiVersion.minor == 20, "C_GetInfo");
     CK_FUNCTION_LIST_PTR listed = nullptr;
     note("C_GetFunctionList", api.C_GetFunctionList(&listed));
     require(listed == &api, "C_GetFunctionList");

@@ -37,13 +37,9 @@ TEST_F(RobustnessTest, EveryFunctionSurvivesGarbage) {
                 const CK_RV opened = functions().C_OpenSession(firstSlot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr,
                                                                nullptr, &session);
                 ASSERT_EQ(opened, CKR_OK) << function.name;
-                if (function.name == "C_Finalize") {
-                    continue;
-                }
+                if (function.name == "C_Finalize") continue;
                 // Its null pointer isn't checked, and a key that exists has a size to write.
-                if (function.name == "C_GetObjectSize" && (number & 0xFFF) <= 1 && number >= privateKeyBase) {
-                    continue;
-                }
+                if (function.name == "C_GetObjectSize" && (number & 0xFFF) <= 1 && number >= privateKeyBase) continue;
                 function.call(first, number);
                 ASSERT_EQ(functions().C_CloseAllSessions(firstSlot), CKR_OK) << function.name;
             }

@@ -16,9 +16,7 @@ protected:
     /// Makes the named devices the connected ones; each has a token of that serial number.
     static void connect(const std::vector<std::string>& names) {
         device().connectedDevices.clear();
-        for (const std::string& name : names) {
-            plugIn(makeTokenInfo(name));
-        }
+        for (const std::string& name : names) plugIn(makeTokenInfo(name));
     }
 
     static std::string labelIn(CK_SLOT_ID slot) {

@@ -167,14 +167,10 @@ TEST_F(ThreadsTest, OpenManySessions) {
             }
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(refusals, 0);
     std::set<CK_SESSION_HANDLE> all;
-    for (const std::set<CK_SESSION_HANDLE>& some : handles) {
-        all.insert(some.begin(), some.end());
-    }
+    for (const std::set<CK_SESSION_HANDLE>& some : handles) all.insert(some.begin(), some.end());
     EXPECT_EQ(all.size(), static_cast<std::size_t>(threadCount * rounds));
     EXPECT_EQ(*all.begin(), firstSession);
     EXPECT_EQ(*all.rbegin(), firstSession + all.size() - 1);
@@ -202,9 +198,7 @@ TEST_F(ThreadsTest, StartAndStopTheModule) {
             }
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    for (std::thread& thread : threads) thread.join();
     functions().C_Initialize(nullptr);
     CK_INFO info;
     EXPECT_EQ(functions().C_GetInfo(&info), CKR_OK);

@@ -88,9 +88,7 @@ protected:
         EXPECT_GE(store_.loadAttempts(serialNumber_).user, 4);
         const OpenedToken opened = store_.open(serialNumber_, Role::user, withFirst ? firstPin : secondPin);
         EXPECT_EQ(store_.loadAttempts(serialNumber_).user, 5);
-        if (!withFirst) {
-            store_.setPin(serialNumber_, Role::user, firstPin, opened, true, KeyDerivation::scrypt(1));
-        }
+        if (!withFirst) store_.setPin(serialNumber_, Role::user, firstPin, opened, true, KeyDerivation::scrypt(1));
         store_.plug(serialNumber_);
         return state;
     }

@@ -12,18 +12,14 @@ namespace support {
 
 ChildResult runChild(const std::filesystem::path& program, const std::vector<std::string>& arguments) {
     std::string command = "\"" + program.string() + "\"";
-    for (const std::string& argument : arguments) {
-        command += " " + argument;
-    }
+    for (const std::string& argument : arguments) command += " " + argument;
 #if defined(_WIN32)
     command = "\"" + command + "\"";  // cmd.exe takes the outer pair away
     std::FILE* const pipe = _popen(command.c_str(), "rb");
 #else
     std::FILE* const pipe = popen(command.c_str(), "r");
 #endif
-    if (pipe == nullptr) {
-        throw std::runtime_error("can't run " + command);
-    }
+    if (pipe == nullptr) throw std::runtime_error("can't run " + command);
     ChildResult result;
     std::array<char, 4096> part;
     while (const std::size_t count = std::fread(part.data(), 1, part.size(), pipe)) {

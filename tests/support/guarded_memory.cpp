@@ -28,9 +28,7 @@ void givePages(unsigned char* pages) {
 #else
 unsigned char* takePages() {
     void* const pages = mmap(nullptr, 2 * pageSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (pages == MAP_FAILED || mprotect(pages, pageSize, PROT_READ | PROT_WRITE) != 0) {
-        throw std::bad_alloc();
-    }
+    if (pages == MAP_FAILED || mprotect(pages, pageSize, PROT_READ | PROT_WRITE) != 0) throw std::bad_alloc();
     return static_cast<unsigned char*>(pages);
 }
 void givePages(unsigned char* pages) {

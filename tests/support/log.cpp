@@ -24,9 +24,7 @@ std::set<std::filesystem::path> filesIn(const std::filesystem::path& folder) {
     std::set<std::filesystem::path> files;
     if (std::filesystem::exists(folder)) {
         for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-            if (entry.is_regular_file()) {
-                files.insert(entry.path());
-            }
+            if (entry.is_regular_file()) files.insert(entry.path());
         }
     }
     return files;
@@ -81,9 +79,7 @@ Lines parseLog(const std::string& text) {
 
 std::string readLogFiles(const std::filesystem::path& folder) {
     std::string text;
-    for (const std::filesystem::path& file : filesIn(folder)) {
-        text += readFile(file);
-    }
+    for (const std::filesystem::path& file : filesIn(folder)) text += readFile(file);
     return text;
 }
 
@@ -92,9 +88,7 @@ namespace {
 bool isMonitorLine(const std::string& line) {
     for (const char* begin : {"DEBUG Session monitor thread ", "ERROR Session monitor",
                               "DEBUG Slot event: ", "DEBUG Device disconnected, clearing userPassword"}) {
-        if (line.rfind(begin, 0) == 0) {
-            return true;
-        }
+        if (line.rfind(begin, 0) == 0) return true;
     }
     return false;
 }

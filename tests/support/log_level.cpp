@@ -29,9 +29,7 @@ void setLogLevelValue(unsigned long type, std::string_view bytes) {
     const LSTATUS result = RegSetValueExA(key, "logLevel", 0, type, reinterpret_cast<const BYTE*>(bytes.data()),
                                           static_cast<DWORD>(bytes.size()));
     RegCloseKey(key);
-    if (result != ERROR_SUCCESS) {
-        throw std::runtime_error("the registry value can't be set");
-    }
+    if (result != ERROR_SUCCESS) throw std::runtime_error("the registry value can't be set");
 }
 
 void setLogLevel(int level) {
@@ -63,9 +61,7 @@ void setLogLevelBytes(std::string_view bytes) {
     std::ofstream file(levelFile(), std::ios::binary | std::ios::trunc);
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     file.close();
-    if (!file) {
-        throw std::runtime_error("the log level file can't be written");
-    }
+    if (!file) throw std::runtime_error("the log level file can't be written");
 }
 
 void setLogLevel(int level) {

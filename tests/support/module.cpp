@@ -41,9 +41,7 @@ void* loadModule(const std::filesystem::path& file) {
     const char* const message = handle == nullptr ? dlerror() : nullptr;
     const std::string reason = message == nullptr ? "" : message;
 #endif
-    if (handle == nullptr) {
-        throw std::runtime_error("the module can't be loaded: " + file.string() + ": " + reason);
-    }
+    if (handle == nullptr) throw std::runtime_error("the module can't be loaded: " + file.string() + ": " + reason);
     return handle;
 }
 
@@ -70,9 +68,7 @@ void* moduleSymbol(const std::string& name) {
 
 std::string vendorSymbol(const std::string& name, std::string parameters) {
 #if defined(ZENTAK_WINDOWS_CRYPTOKI) && !defined(_WIN32)
-    for (char& letter : parameters) {
-        letter = letter == 'm' ? 'j' : letter;
-    }
+    for (char& letter : parameters) letter = letter == 'm' ? 'j' : letter;
 #endif
     return "_Z" + std::to_string(name.size()) + name + parameters;
 }

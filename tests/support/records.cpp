@@ -8,9 +8,7 @@ namespace {
 
 template <typename Field>
 void copyIntoField(Field& field, const unsigned char* source, std::size_t length) {
-    if (length > sizeof field) {
-        throw std::length_error("more bytes than the field holds");
-    }
+    if (length > sizeof field) throw std::length_error("more bytes than the field holds");
     auto* area = reinterpret_cast<unsigned char*>(&field);
     std::fill(area, area + sizeof field, static_cast<unsigned char>(0));
     std::copy(source, source + length, area);

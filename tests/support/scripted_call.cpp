@@ -23,15 +23,9 @@ std::string hexadecimal(const unsigned char* value, int length) {
 }
 
 std::string shownBytes(const unsigned char* value, int length) {
-    if (value == nullptr) {
-        return "null";
-    }
-    if (length < 0) {
-        return "<?>";
-    }
-    if (length > longestShown) {
-        return "<" + hexadecimal(value, shownOfLonger) + "...>";
-    }
+    if (value == nullptr) return "null";
+    if (length < 0) return "<?>";
+    if (length > longestShown) return "<" + hexadecimal(value, shownOfLonger) + "...>";
     return "<" + hexadecimal(value, length) + ">";
 }
 
@@ -51,12 +45,8 @@ std::string shownField(const char (&field)[Size]) {
 }
 
 void strike(const Fault& fault) {
-    if (fault.delay.count() > 0) {
-        std::this_thread::sleep_for(fault.delay);
-    }
-    if (fault.action) {
-        fault.action();
-    }
+    if (fault.delay.count() > 0) std::this_thread::sleep_for(fault.delay);
+    if (fault.action) fault.action();
     switch (fault.thrown) {
         case Throw::nothing:
             break;
@@ -73,9 +63,7 @@ void strike(const Fault& fault) {
 
 Call::Call(const char* operation, Device& device)
     : operation_(operation), device_(device), hidden_(device.hidden()), lock_(hidden_.mutex) {
-    if (device_.records) {
-        text_ = std::string(operation) + "(";
-    }
+    if (device_.records) text_ = std::string(operation) + "(";
 }
 
 Call& Call::argument(const char* text) {
@@ -126,17 +114,13 @@ Call& Call::keyReference(const unsigned char* value) {
 }
 
 Call& Call::instance(const void* value) {
-    if (value == nullptr) {
-        return argument("null");
-    }
+    if (value == nullptr) return argument("null");
     hidden_.strangeInstances += value == hidden_.instance ? 0 : 1;
     return argument(value == hidden_.instance ? "instance" : "foreign");
 }
 
 Call& Call::context(const void* value) {
-    if (value == nullptr) {
-        return argument("null");
-    }
+    if (value == nullptr) return argument("null");
     return argument([&] {
         const auto found = std::find_if(hidden_.contexts.begin(), hidden_.contexts.end(),
                                         [&](const unsigned char& mark) { return &mark == value; });
@@ -147,16 +131,12 @@ Call& Call::context(const void* value) {
 
 Call& Call::texts(const std::vector<std::string>& values) {
     std::string list;
-    for (const std::string& value : values) {
-        list += (list.empty() ? "" : ", ") + shownText(value);
-    }
+    for (const std::string& value : values) list += (list.empty() ? "" : ", ") + shownText(value);
     return argument([&] { return "[" + list + "]"; });
 }
 
 Call& Call::certificate(const ZentakCertificate* value) {
-    if (value == nullptr) {
-        return argument("null");
-    }
+    if (value == nullptr) return argument("null");
     return argument([&] {
         return "{der=" + shownBytes(value->der, value->derLength) +
                ", objectId=" + shownBytes(value->objectId, value->objectIdLength) +
@@ -165,9 +145,7 @@ Call& Call::certificate(const ZentakCertificate* value) {
 }
 
 Call& Call::pfx(const ImportPFXDetails* value) {
-    if (value == nullptr) {
-        return argument("null");
-    }
+    if (value == nullptr) return argument("null");
     std::string components;
     for (const Bytes& component : value->components) {
         components += (components.empty() ? "" : ", ") + shownBytes(component);
@@ -180,9 +158,7 @@ Call& Call::pfx(const ImportPFXDetails* value) {
 }
 
 Call& Call::keyPair(const ZentakKeyPair* value) {
-    if (value == nullptr) {
-        return argument("null");
-    }
+    if (value == nullptr) return argument("null");
     return argument([&] {
         return "{objectId=" + shownBytes(value->objectId, value->objectIdLength) +
                ", objectIdLength=" + std::to_string(value->objectIdLength) + ", alias=" + shownField(value->alias) +
@@ -191,9 +167,7 @@ Call& Call::keyPair(const ZentakKeyPair* value) {
 }
 
 std::optional<int> Call::recordAndStrike() {
-    if (device_.records) {
-        (operation_ == poll ? hidden_.polls : hidden_.calls).push_back(text_ + ")");
-    }
+    if (device_.records) (operation_ == poll ? hidden_.polls : hidden_.calls).push_back(text_ + ")");
     ++hidden_.counts[operation_];
     std::list<Device::Hidden::PendingFault> striking;
     for (auto pending = hidden_.faults.begin(); pending != hidden_.faults.end();) {
@@ -208,9 +182,7 @@ std::optional<int> Call::recordAndStrike() {
     std::optional<int> result;
     for (const Device::Hidden::PendingFault& pending : striking) {
         strike(pending.fault);
-        if (pending.fault.result) {
-            result = pending.fault.result;
-        }
+        if (pending.fault.result) result = pending.fault.result;
     }
     return result;
 }

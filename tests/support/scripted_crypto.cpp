@@ -17,9 +17,7 @@ namespace {
 
 /// Writes at most the `*length` bytes that `area` holds, and how many there are.
 void deliver(const Bytes& source, unsigned char* area, int* length, std::optional<int> reportedLength) {
-    if (area == nullptr || length == nullptr) {
-        return;
-    }
+    if (area == nullptr || length == nullptr) return;
     const std::size_t written = std::min(source.size(), static_cast<std::size_t>(std::max(*length, 0)));
     copyInto(area, source, written);
     *length = reportedLength.value_or(static_cast<int>(written));
@@ -31,9 +29,7 @@ int handOut(Device& device, int result, const Bytes& source, unsigned char** out
         *length = *device.lengthOfNothing;
     } else if (result == 0 || device.handsOutOnFailure) {
         auto* buffer = static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(source.size(), 1)));
-        if (buffer == nullptr) {
-            throw std::bad_alloc();
-        }
+        if (buffer == nullptr) throw std::bad_alloc();
         copyInto(buffer, source, source.size());
         *output = buffer;
         device.hidden().lastHandedOut = buffer;
@@ -69,9 +65,7 @@ int zentak_initHash(const char* deviceId, int hashCode, void** context, void* in
         .out(context)
         .instance(instance)
         .perform([&](Device& device, int result) {
-            if (result == 0) {
-                *context = &device.hidden().contexts.emplace_back();
-            }
+            if (result == 0) *context = &device.hidden().contexts.emplace_back();
             return result;
         });
 }
@@ -113,9 +107,7 @@ int zentak_signHash(const char* deviceId, const unsigned char* keyId, const char
         .instance(instance)
         .boolean(pss)
         .perform([&](Device& device, int result) {
-            if (result == 0) {
-                deliver(device.signature, signature, signatureLength, device.reportedLength);
-            }
+            if (result == 0) deliver(device.signature, signature, signatureLength, device.reportedLength);
             return result;
         });
 }

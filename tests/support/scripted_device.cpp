@@ -56,9 +56,7 @@ bool Device::waitForPolls(std::size_t count) const {
         return hidden_->polls.size();
     };
     while (seen() < count) {
-        if (std::chrono::steady_clock::now() > limit) {
-            return false;
-        }
+        if (std::chrono::steady_clock::now() > limit) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;

@@ -43,9 +43,7 @@ void zentak_createInstance(void** instance) {
 
 void zentak_releaseInstance(void* instance) {
     Call("zentak_releaseInstance").instance(instance).perform([&](Device& device, int) {
-        if (device.hidden().instance == instance) {
-            device.hidden().instance = nullptr;
-        }
+        if (device.hidden().instance == instance) device.hidden().instance = nullptr;
     });
 }
 
@@ -80,9 +78,7 @@ int zentak_validatePassword(const char* deviceId, const char* pin, int userKind,
         .inOut(attemptsLeft)
         .instance(instance)
         .perform([&](Device& device, int result) {
-            if (attemptsLeft != nullptr) {
-                *attemptsLeft = device.attemptsLeft;
-            }
+            if (attemptsLeft != nullptr) *attemptsLeft = device.attemptsLeft;
             return result;
         });
 }
@@ -99,9 +95,7 @@ bool zentak_changeUserPassword(const char* deviceId, const char* oldPin, const c
         .instance(instance)
         .perform(
             [&](Device& device, int result) {
-                if (failureCount != nullptr) {
-                    *failureCount = device.failureCount;
-                }
+                if (failureCount != nullptr) *failureCount = device.failureCount;
                 return result != 0;
             },
             1);
@@ -128,12 +122,8 @@ int zentak_getCertificateDetails(const unsigned char* der, int length, Certifica
         .instance(instance)
         .perform([&](Device& device, int result) {
             const auto found = device.certificateDetails.find(bytesOf(der, length));
-            if (result == 0 && found == device.certificateDetails.end()) {
-                return device.unknownCertificateResult;
-            }
-            if (result == 0) {
-                *details = found->second;
-            }
+            if (result == 0 && found == device.certificateDetails.end()) return device.unknownCertificateResult;
+            if (result == 0) *details = found->second;
             return result;
         });
 }
@@ -188,9 +178,7 @@ int zentak_importCertificate(const char* deviceId, const char* password, ZentakC
         .certificate(certificate)
         .instance(instance)
         .perform([&](Device& device, int result) {
-            if (result == 0) {
-                copyInto(certificate->certId, device.importedCertificateId, sizeof certificate->certId);
-            }
+            if (result == 0) copyInto(certificate->certId, device.importedCertificateId, sizeof certificate->certId);
             return result;
         });
 }
@@ -202,9 +190,7 @@ int zentak_importPfx(const char* deviceId, const char* password, ImportPFXDetail
         .pfx(details)
         .instance(instance)
         .perform([&](Device& device, int result) {
-            if (result == 0) {
-                std::memcpy(details->keyId, device.generated.keyId, sizeof details->keyId);
-            }
+            if (result == 0) std::memcpy(details->keyId, device.generated.keyId, sizeof details->keyId);
             return result;
         });
 }

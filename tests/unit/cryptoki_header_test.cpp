@@ -54,9 +54,7 @@ TEST(CryptokiHeaderTest, EveryStructureIsInTheTables) {
     };
     std::set<std::string> compared;
     for (const auto& [name, value] : ourLayout()) {
-        if (name.find('.') == std::string::npos) {
-            compared.insert(name);
-        }
+        if (name.find('.') == std::string::npos) compared.insert(name);
     }
     EXPECT_EQ(structures, compared);
 }
@@ -93,9 +91,7 @@ TEST(CryptokiHeaderTest, StructuresOfTheWindowsForm) {
                           {"CK_FUNCTION_LIST", 2 + 68 * 8}};
     Layout found;
     for (const auto& [name, value] : windowsFormLayout()) {
-        if (name.find('.') == std::string::npos) {
-            found[name] = value;
-        }
+        if (name.find('.') == std::string::npos) found[name] = value;
     }
     EXPECT_EQ(found, sizes);
 }
@@ -105,9 +101,7 @@ TEST(CryptokiHeaderTest, FieldsOfTheWindowsFormLeaveNoGaps) {
     const Layout ours = ourLayout();
     const Layout packed = windowsFormLayout();
     for (const auto& [field, offset] : ours) {
-        if (field.find('.') == std::string::npos || field.back() == '#') {
-            continue;
-        }
+        if (field.find('.') == std::string::npos || field.back() == '#') continue;
         const std::string structure = field.substr(0, field.find('.'));
         std::size_t before = 0;
         for (const auto& [other, otherOffset] : ours) {

@@ -102,9 +102,7 @@ TEST(DigestInfoTest, IsLeftAloneWhereItIsNone) {
         Bytes{0x30, 0x0A, 0x30, 0x07} + Bytes(7, 1) + Bytes{0x04},  // the tag in the last byte
         Bytes{0x30, 0x82, 0x00, 0x04, 0x08} + Bytes(8, 7),          // a longer form of the outer length isn't known
     };
-    for (const Bytes& data : others) {
-        EXPECT_EQ(found(data), unchanged(data)) << data.size();
-    }
+    for (const Bytes& data : others) EXPECT_EQ(found(data), unchanged(data)) << data.size();
 }
 
 }  // namespace

@@ -38,9 +38,7 @@ protected:
 
 TEST_F(LogWritingTest, EveryLevelHasATag) {
     fs::create_directories(logFolder());
-    for (const int level : {1, 2, 3, 0, 4, -1}) {
-        writeLogLine(level, "line " + std::to_string(level));
-    }
+    for (const int level : {1, 2, 3, 0, 4, -1}) writeLogLine(level, "line " + std::to_string(level));
     EXPECT_EQ(lines(), (std::vector<std::string>{"EXCEP ::=>line 1", "ERROR ::=>line 2", "DEBUG ::=>line 3",
                                                  "INFO  ::=>line 0", "INFO  ::=>line 4", "INFO  ::=>line -1"}));
 }
