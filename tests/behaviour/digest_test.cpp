@@ -35,6 +35,10 @@ protected:
     Outcome sizeOf(const Bytes& data) { return give(api->C_Digest, data, nullptr, &length); }
 };
 
+Outcome delivered(const std::string& function, const Lines& device = {}) {
+    return {CKR_OK, {"DEBUG " + function, "DEBUG " + function + " Success"}, device};
+}
+
 TEST_F(DigestTest, InitChecksInItsOrder) {
     CK_MECHANISM sha1 = {CKM_SHA_1, nullptr, 0};
     EXPECT_EQ(observe([&] { return api->C_DigestInit(7, nullptr); }),
@@ -73,9 +77,7 @@ TEST_F(DigestTest, EachMechanismHashesWithItsCode) {
     for (const DigestMechanism& mechanism : digestMechanisms) {
         ++context;
         EXPECT_EQ(digestInit(mechanism.type), succeeded("C_DigestInit", {initHash(mechanism.hashCode)}));
-        EXPECT_EQ(digestData(data), (Outcome{CKR_OK,
-                                             {"DEBUG C_Digest", "DEBUG C_Digest Success"},
-                                             {updateHash(context, data), finalDigest(context)}}));
+        EXPECT_EQ(digestData(data), delivered("C_Digest", {updateHash(context, data), finalDigest(context)}));
         expectInRoom(digest);
         EXPECT_EQ(digestData(data), notInitialised("C_Digest"));
     }
@@ -129,17 +131,16 @@ TEST_F(DigestTest, TheEmptyMessageIsHashed) {
 
 TEST_F(DigestTest, ASizeQueryKeepsTheDigestForTheNextCall) {
     digestInit(CKM_SHA256);
-    EXPECT_EQ(sizeOf({1}),
-              (Outcome{CKR_OK, {"DEBUG C_Digest", "DEBUG C_Digest Success"}, {updateHash(1, {1}), finalDigest(1)}}));
+    EXPECT_EQ(sizeOf({1}), delivered("C_Digest", {updateHash(1, {1}), finalDigest(1)}));
     EXPECT_EQ(length, 32U);
-    EXPECT_EQ(digestData({2, 3}), (Outcome{CKR_OK, {"DEBUG C_Digest", "DEBUG C_Digest Success"}}));
+    EXPECT_EQ(digestData({2, 3}), delivered("C_Digest"));
     EXPECT_EQ(room.first(32), digest);
 
     digestInit(CKM_SHA256);
     ASSERT_EQ(digestUpdate({1}).code, CKR_OK);
     EXPECT_EQ(observe([&] { return api->C_DigestFinal(session, nullptr, &length); }),
-              (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}, {finalDigest(2)}}));
-    EXPECT_EQ(digestFinal(), (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}}));
+              delivered("C_DigestFinal", {finalDigest(2)}));
+    EXPECT_EQ(digestFinal(), delivered("C_DigestFinal"));
     EXPECT_EQ(room.first(32), digest);
     EXPECT_EQ(digestFinal(), notInitialised("C_DigestFinal"));
 }
@@ -151,7 +152,7 @@ TEST_F(DigestTest, APartAfterASizeQueryDoesNotChangeTheDigest) {
     ASSERT_EQ(api->C_DigestFinal(session, nullptr, &length), CKR_OK);
     world.digest = {9, 9};
     EXPECT_EQ(digestUpdate({2}), succeeded("C_DigestUpdate", {updateHash(1, {2})}));
-    EXPECT_EQ(digestFinal(), (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}}));
+    EXPECT_EQ(digestFinal(), delivered("C_DigestFinal"));
     expectInRoom(digest);
 }
 
@@ -161,13 +162,11 @@ TEST_F(DigestTest, ANewDigestDeliversNothingThatWasLeftBehind) {
     abandon();
     digestInit(CKM_SHA256);
     world.digest = {9, 9};
-    EXPECT_EQ(digestData({2}),
-              (Outcome{CKR_OK, {"DEBUG C_Digest", "DEBUG C_Digest Success"}, {updateHash(2, {2}), finalDigest(2)}}));
+    EXPECT_EQ(digestData({2}), delivered("C_Digest", {updateHash(2, {2}), finalDigest(2)}));
     expectInRoom({9, 9});
 
     // Parts of a signature are no digest either.
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({7, 7, 7}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {7, 7, 7});
     abandon();
     digestInit(CKM_SHA256);
     EXPECT_EQ(digestFinal().device, (Lines{finalDigest(3)}));
@@ -177,13 +176,11 @@ TEST_F(DigestTest, ANewDigestDeliversNothingThatWasLeftBehind) {
 TEST_F(DigestTest, ADeliveredDigestDoesNotJoinTheNextSignature) {
     digestInit(CKM_SHA256);
     ASSERT_EQ(digestData({1}).code, CKR_OK);
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({7}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {7});
     EXPECT_EQ(finish().device, (Lines{signHash({7})}));
     digestInit(CKM_SHA256);
     ASSERT_EQ(digestFinal().code, CKR_OK);
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({8}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {8});
     EXPECT_EQ(finish().device, (Lines{signHash({8})}));
 }
 
@@ -191,8 +188,7 @@ TEST_F(DigestTest, PartsAreFedAsTheyCome) {
     digestInit(CKM_SHA512);
     EXPECT_EQ(digestUpdate({1, 2}), succeeded("C_DigestUpdate", {updateHash(1, {1, 2})}));
     EXPECT_EQ(digestUpdate({3}), succeeded("C_DigestUpdate", {updateHash(1, {3})}));
-    EXPECT_EQ(digestFinal(),
-              (Outcome{CKR_OK, {"DEBUG C_DigestFinal", "DEBUG C_DigestFinal Success"}, {finalDigest(1)}}));
+    EXPECT_EQ(digestFinal(), delivered("C_DigestFinal", {finalDigest(1)}));
     EXPECT_EQ(room.first(32), digest);
 }
 

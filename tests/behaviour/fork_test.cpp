@@ -85,13 +85,11 @@ protected:
     static const std::atomic<bool>& slowDown(const std::string& operation) {
         static std::atomic<bool> inside;
         inside = false;
-        scripted::Fault slow{operation};
-        slow.action = [] {
-            inside = true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
-            inside = false;
-        };
-        device().addFault(slow);
+        device().addFault({.operation = operation, .action = [] {
+                               inside = true;
+                               std::this_thread::sleep_for(std::chrono::milliseconds(500));
+                               inside = false;
+                           }});
         return inside;
     }
 
@@ -131,14 +129,12 @@ protected:
 
     /// The next call of the operation forks; the child leaves at once or returns from the operation like its parent.
     static void forkIn(const std::string& operation, bool childReturns) {
-        scripted::Fault fault{operation};
-        fault.action = [childReturns] {
-            forked() = fork();
-            if (forked() != 0) return;
-            alarm(20);
-            if (!childReturns) _exit(answersAsUninitialised());
-        };
-        device().addFault(fault);
+        device().addFault({.operation = operation, .action = [childReturns] {
+                               forked() = fork();
+                               if (forked() != 0) return;
+                               alarm(20);
+                               if (!childReturns) _exit(answersAsUninitialised());
+                           }});
     }
 
     static int answersAsUninitialised() {
@@ -212,17 +208,13 @@ TEST_F(ForkInsideTest, ACallBesideTheMonitorsLook) {
     ASSERT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     EXPECT_EQ(exitCodeOf([&] {
                   static std::atomic<bool> looking = false;
-                  scripted::Fault look{"poll"};
-                  look.action = [] {
-                      looking = true;
-                      std::this_thread::sleep_for(std::chrono::milliseconds(300));
-                  };
-                  device().addFault(look);
-                  scripted::Fault wait{"zentak_getTokenInfo"};
-                  wait.action = [] {
-                      while (!looking) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                  };
-                  device().addFault(wait);
+                  device().addFault({.operation = "poll", .action = [] {
+                                         looking = true;
+                                         std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                                     }});
+                  device().addFault({.operation = "zentak_getTokenInfo", .action = [] {
+                                         while (!looking) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                                     }});
                   return live("zentak_getTokenInfo", true);
               }),
               0);
@@ -234,16 +226,14 @@ TEST_F(ForkInsideTest, TheMonitorsLook) {
         EXPECT_EQ(exitCodeOf([&] {
                       // A returning child has only the monitor's thread, and ends with it.
                       static int answer = 40;
-                      scripted::Fault look{"poll"};
-                      look.action = [childReturns] {
-                          forked() = fork();
-                          if (forked() != 0) return;
-                          alarm(20);
-                          answer = answersAsUninitialised();
-                          if (!childReturns) _exit(answer);
-                          std::atexit([] { _exit(answer == 0 ? 41 : answer); });
-                      };
-                      device().addFault(look);
+                      device().addFault({.operation = "poll", .action = [childReturns] {
+                                             forked() = fork();
+                                             if (forked() != 0) return;
+                                             alarm(20);
+                                             answer = answersAsUninitialised();
+                                             if (!childReturns) _exit(answer);
+                                             std::atexit([] { _exit(answer == 0 ? 41 : answer); });
+                                         }});
                       if (functions().C_Initialize(nullptr) != CKR_OK) return 1;
                       // The parent's monitor goes on.
                       if (!device().waitForPolls(2)) return 2;

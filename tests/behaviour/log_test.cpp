@@ -66,9 +66,7 @@ TEST_F(LogTest, AValueOfMoreThan32BytesMeansErrors) {
 TEST_F(LogTest, TheLevelIsReadForEveryLine) {
     // The device library changes it between the name of the function and the line about the result.
     const auto changeTo = [](int level) {
-        scripted::Fault fault{"zentak_getConnectedDeviceList"};
-        fault.action = [level] { setLogLevel(level); };
-        device().addFault(fault);
+        device().addFault({.operation = "zentak_getConnectedDeviceList", .action = [level] { setLogLevel(level); }});
     };
     device().connectedDevices.clear();
     CK_ULONG count = 0;

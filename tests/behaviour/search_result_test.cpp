@@ -15,6 +15,17 @@ protected:
         ASSERT_EQ(api->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
     }
 
+    Outcome find(CK_OBJECT_HANDLE* target, CK_ULONG room, CK_ULONG* found) {
+        return observe([&] { return api->C_FindObjects(session, target, room, found); });
+    }
+    Outcome end() {
+        return observe([&] { return api->C_FindObjectsFinal(session); });
+    }
+    static Outcome notSearching(const std::string& function, int active) {
+        return refused(CKR_OPERATION_NOT_INITIALIZED,
+                       text(function, ": operation not initialized, activeOperation=", active));
+    }
+
     CK_SESSION_HANDLE session = 0;
     CK_OBJECT_HANDLE handles[8] = {};
     CK_ULONG count = 99;
@@ -22,23 +33,19 @@ protected:
 
 TEST_F(SearchResultTest, FindObjectsAsksForASearchBeforeItsArguments) {
     ASSERT_EQ(api->C_FindObjectsFinal(session), CKR_OK);
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 3, nullptr); }),
-              refused(CKR_OPERATION_NOT_INITIALIZED, "C_FindObjects: operation not initialized, activeOperation=0"));
+    EXPECT_EQ(find(nullptr, 3, nullptr), notSearching("C_FindObjects", 0));
     signInit(session, CKM_RSA_PKCS, 5);
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 3, nullptr); }),
-              refused(CKR_OPERATION_NOT_INITIALIZED, "C_FindObjects: operation not initialized, activeOperation=5"));
+    EXPECT_EQ(find(nullptr, 3, nullptr), notSearching("C_FindObjects", 5));
 }
 
 TEST_F(SearchResultTest, FindObjectsAsksForTheHandlesBeforeTheCount) {
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 3, nullptr); }),
+    EXPECT_EQ(find(nullptr, 3, nullptr),
               refused(CKR_ARGUMENTS_BAD, "C_FindObjects: phObject is NULL with ulMaxObjectCount=3"));
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 3, &count); }),
+    EXPECT_EQ(find(nullptr, 3, &count),
               refused(CKR_ARGUMENTS_BAD, "C_FindObjects: phObject is NULL with ulMaxObjectCount=3"));
     EXPECT_EQ(count, 99U);
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, handles, 3, nullptr); }),
-              refused(CKR_ARGUMENTS_BAD, "C_FindObjects: pulObjectCount is NULL"));
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 0, nullptr); }),
-              refused(CKR_ARGUMENTS_BAD, "C_FindObjects: pulObjectCount is NULL"));
+    EXPECT_EQ(find(handles, 3, nullptr), refused(CKR_ARGUMENTS_BAD, "C_FindObjects: pulObjectCount is NULL"));
+    EXPECT_EQ(find(nullptr, 0, nullptr), refused(CKR_ARGUMENTS_BAD, "C_FindObjects: pulObjectCount is NULL"));
     // The refusals have moved nothing.
     EXPECT_EQ(next(session, 1), (Handles{publicKey(5)}));
 }
@@ -47,11 +54,11 @@ TEST_F(SearchResultTest, RoomForNothingLeavesTheSearchWhereItIs) {
     const Outcome nothing = {CKR_OK,
                              {"DEBUG C_FindObjects", "DEBUG C_FindObjects find object count : 6",
                               "DEBUG C_FindObjects find object max count is 0 : 0"}};
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, nullptr, 0, &count); }), nothing);
+    EXPECT_EQ(find(nullptr, 0, &count), nothing);
     EXPECT_EQ(count, 0U);
     count = 99;
     handles[0] = 77;
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, handles, 0, &count); }), nothing);
+    EXPECT_EQ(find(handles, 0, &count), nothing);
     EXPECT_EQ(count, 0U);
     EXPECT_EQ(handles[0], 77U);
     EXPECT_EQ(next(session, 1), (Handles{publicKey(5)}));
@@ -64,14 +71,14 @@ TEST_F(SearchResultTest, NothingFoundAnswersBeforeTheRoomIsLookedAt) {
                               "DEBUG C_FindObjects find object count 0"}};
     for (const CK_ULONG room : Numbers{0, 8}) {
         count = 99;
-        EXPECT_EQ(observe([&] { return api->C_FindObjects(session, handles, room, &count); }), nothing);
+        EXPECT_EQ(find(handles, room, &count), nothing);
         EXPECT_EQ(count, 0U);
     }
 }
 
 TEST_F(SearchResultTest, FindObjectsLogsWhatItHandsOut) {
     handles[5] = 77;
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, handles, 5, &count); }),
+    EXPECT_EQ(find(handles, 5, &count),
               (Outcome{CKR_OK,
                        {"DEBUG C_FindObjects", "DEBUG C_FindObjects find object count : 6",
                         "DEBUG Find object return : 1879052293", "DEBUG Find object return : 1879052294",
@@ -80,7 +87,7 @@ TEST_F(SearchResultTest, FindObjectsLogsWhatItHandsOut) {
     EXPECT_EQ(count, 5U);
     EXPECT_EQ(Handles(handles, handles + 6), (Handles{0x70001005, 0x70001006, 0x70000005, 0x70000006, 0x70002005, 77}));
 
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, handles, 8, &count); }),
+    EXPECT_EQ(find(handles, 8, &count),
               (Outcome{CKR_OK,
                        {"DEBUG C_FindObjects", "DEBUG C_FindObjects find object count : 6",
                         "DEBUG Find object return : 1879056391", "DEBUG C_FindObjects find object count return : 1"}}));
@@ -88,10 +95,9 @@ TEST_F(SearchResultTest, FindObjectsLogsWhatItHandsOut) {
     EXPECT_EQ(handles[0], 0x70002007U);
 
     handles[0] = 77;
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(session, handles, 8, &count); }),
-              (Outcome{CKR_OK,
-                       {"DEBUG C_FindObjects", "DEBUG C_FindObjects find object count : 6",
-                        "DEBUG C_FindObjects find object count return : 0"}}));
+    EXPECT_EQ(find(handles, 8, &count), (Outcome{CKR_OK,
+                                                 {"DEBUG C_FindObjects", "DEBUG C_FindObjects find object count : 6",
+                                                  "DEBUG C_FindObjects find object count return : 0"}}));
     EXPECT_EQ(count, 0U);
     EXPECT_EQ(handles[0], 77U);
 }
@@ -116,7 +122,7 @@ TEST_F(SearchResultTest, SlicesCutAcrossTheKindsOfObject) {
 TEST_F(SearchResultTest, TheResultsAreThoseOfTheStart) {
     world.keyPairs["SN1"].clear();
     world.certificates["SN1"].clear();
-    const Outcome outcome = observe([&] { return api->C_FindObjects(session, handles, 8, &count); });
+    const Outcome outcome = find(handles, 8, &count);
     EXPECT_EQ(outcome.code, CKR_OK);
     EXPECT_EQ(outcome.device, Lines{});
     EXPECT_EQ(count, 6U);
@@ -145,14 +151,10 @@ TEST_F(SearchResultTest, ASearchCanBeRestartedAtAnyTime) {
 
 TEST_F(SearchResultTest, FinalEndsTheSearch) {
     EXPECT_EQ(next(session, 1).size(), 1U);
-    EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(session); }), succeeded("C_FindObjectsFinal"));
-    EXPECT_EQ(
-        observe([&] { return api->C_FindObjectsFinal(session); }),
-        refused(CKR_OPERATION_NOT_INITIALIZED, "C_FindObjectsFinal: operation not initialized, activeOperation=0"));
+    EXPECT_EQ(end(), succeeded("C_FindObjectsFinal"));
+    EXPECT_EQ(end(), notSearching("C_FindObjectsFinal", 0));
     signInit(session, CKM_RSA_PKCS, 5);
-    EXPECT_EQ(
-        observe([&] { return api->C_FindObjectsFinal(session); }),
-        refused(CKR_OPERATION_NOT_INITIALIZED, "C_FindObjectsFinal: operation not initialized, activeOperation=5"));
+    EXPECT_EQ(end(), notSearching("C_FindObjectsFinal", 5));
 }
 
 }  // namespace

@@ -22,24 +22,19 @@ Lines started(int count) {
     return {name, text("DEBUG Find object init count : ", count)};
 }
 
-TEST_F(SearchTest, FunctionsRefuseAnUninitialisedModuleBeforeAnythingElse) {
+TEST_F(SearchTest, ModuleAndSessionComeBeforeTheArguments) {
+    const auto expectRefusals = [&](CK_SESSION_HANDLE where, CK_RV code, const std::string& reason) {
+        EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(where, nullptr, 3); }),
+                  refused(code, "C_FindObjectsInit" + reason));
+        EXPECT_EQ(observe([&] { return api->C_FindObjects(where, nullptr, 3, nullptr); }),
+                  refused(code, "C_FindObjects" + reason));
+        EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(where); }),
+                  refused(code, "C_FindObjectsFinal" + reason));
+    };
+    expectRefusals(1610612889, CKR_SESSION_HANDLE_INVALID, ": invalid hSession=1610612889");
+    expectRefusals(0, CKR_SESSION_HANDLE_INVALID, ": invalid hSession=0");
     ASSERT_EQ(api->C_Finalize(nullptr), CKR_OK);
-    EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(1, nullptr, 3); }),
-              refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_FindObjectsInit: not initialized"));
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(1, nullptr, 3, nullptr); }),
-              refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_FindObjects: not initialized"));
-    EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(1); }),
-              refused(CKR_CRYPTOKI_NOT_INITIALIZED, "C_FindObjectsFinal: not initialized"));
-}
-
-TEST_F(SearchTest, FunctionsRefuseAnUnknownSessionBeforeTheirArguments) {
-    openSessionIn(CKS_RO_PUBLIC_SESSION);
-    EXPECT_EQ(observe([&] { return api->C_FindObjectsInit(1610612889, nullptr, 3); }),
-              refused(CKR_SESSION_HANDLE_INVALID, "C_FindObjectsInit: invalid hSession=1610612889"));
-    EXPECT_EQ(observe([&] { return api->C_FindObjects(1610612889, nullptr, 3, nullptr); }),
-              refused(CKR_SESSION_HANDLE_INVALID, "C_FindObjects: invalid hSession=1610612889"));
-    EXPECT_EQ(observe([&] { return api->C_FindObjectsFinal(0); }),
-              refused(CKR_SESSION_HANDLE_INVALID, "C_FindObjectsFinal: invalid hSession=0"));
+    expectRefusals(1, CKR_CRYPTOKI_NOT_INITIALIZED, ": not initialized");
 }
 
 TEST_F(SearchTest, InitRefusesANullTemplateWithACount) {

@@ -80,8 +80,7 @@ TEST_F(SigningFailureTest, Update) {
 }
 
 TEST_F(SigningFailureTest, Final) {
-    begin(CKM_SHA256_RSA_PKCS);
-    ASSERT_EQ(update({1}).code, CKR_OK);
+    beginWith(CKM_SHA256_RSA_PKCS, {1});
     setResult("zentak_finalHash", 7);
     EXPECT_EQ(finish(), refused(CKR_FUNCTION_FAILED, "C_SignFinal: finalHash failed 7", {finalHash(1)}));
     EXPECT_EQ(length, 2000U);
@@ -91,8 +90,7 @@ TEST_F(SigningFailureTest, Final) {
     expectEndedAndUsable();
 
     for (const bool hashing : {false, true}) {
-        begin(hashing ? CKM_SHA256_RSA_PKCS : CKM_RSA_PKCS);
-        ASSERT_EQ(update({1}).code, CKR_OK);
+        beginWith(hashing ? CKM_SHA256_RSA_PKCS : CKM_RSA_PKCS, {1});
         setResult("zentak_signHash", 48);
         EXPECT_EQ(finishSize(), refused(CKR_FUNCTION_FAILED, "C_SignFinal: signHash failed 48",
                                         hashing ? Lines{finalHash(2), signHash(digest)} : Lines{signHash({1})}));

@@ -187,8 +187,7 @@ TEST_F(SigningFipsTest, ARefusalLeavesTheOutputAsItWas) {
 }
 
 TEST_F(SigningFipsTest, ARefusalKeepsThePartsOfBefore) {
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({1, 2}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {1, 2});
     EXPECT_EQ(sign(sha1DigestInfo).code, CKR_MECHANISM_INVALID);
     begin(CKM_RSA_PKCS);
     EXPECT_EQ(finish().device, (Lines{signHash({1, 2}, false, "SN2")}));
@@ -214,14 +213,11 @@ TEST_F(SigningFipsTest, DigestsAreNotScanned) {
 }
 
 TEST_F(SigningFipsTest, PartsAreNotScanned) {
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update(sha1DigestInfo).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, sha1DigestInfo);
     EXPECT_EQ(finish().device, (Lines{signHash(sha1DigestInfo, false, "SN2")}));
-    begin(CKM_ECDSA);
-    ASSERT_EQ(update(Bytes(20, 1)).code, CKR_OK);
+    beginWith(CKM_ECDSA, Bytes(20, 1));
     EXPECT_EQ(finish().device, (Lines{signHash(Bytes(20, 1), false, "SN2")}));
-    begin(CKM_RSA_PKCS_PSS);
-    ASSERT_EQ(update(Bytes(16, 1)).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS_PSS, Bytes(16, 1));
     EXPECT_EQ(finish().device, (Lines{signHash(Bytes(16, 1), true, "SN2")}));
 }
 

@@ -11,8 +11,7 @@ class SigningLeftoverTest : public SigningTest {
 protected:
     /// Leaves these parts behind in the session.
     void leaveParts(const Bytes& parts) {
-        begin(CKM_RSA_PKCS);
-        ASSERT_EQ(update(parts).code, CKR_OK);
+        beginWith(CKM_RSA_PKCS, parts);
         abandon();
     }
     /// Leaves a running hash behind in the session: context#1, as the first of a test.
@@ -35,15 +34,13 @@ protected:
 
 TEST_F(SigningLeftoverTest, PartsOfAnAbandonedSignatureJoinTheNext) {
     leaveParts({1, 2});
-    begin(CKM_ECDSA);
-    ASSERT_EQ(update({3}).code, CKR_OK);
+    beginWith(CKM_ECDSA, {3});
     EXPECT_EQ(finish().device, (Lines{signHash({1, 2, 3})}));
     expectNoParts();
 }
 
 TEST_F(SigningLeftoverTest, ASinglePartSignatureNeitherUsesNorDropsTheParts) {
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({1, 2}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {1, 2});
     EXPECT_EQ(sign({9}).device, (Lines{signHash({9})}));
     EXPECT_EQ(partsSigned(), (Lines{signHash({1, 2})}));
 }
@@ -59,8 +56,7 @@ TEST_F(SigningLeftoverTest, AFailedSinglePartSignatureKeepsTheParts) {
 
 TEST_F(SigningLeftoverTest, ADigestReplacesTheParts) {
     leaveParts({1, 2});
-    begin(CKM_SHA256_RSA_PKCS);
-    ASSERT_EQ(update({3}).code, CKR_OK);
+    beginWith(CKM_SHA256_RSA_PKCS, {3});
     EXPECT_EQ(finish().device, (Lines{finalHash(1), signHash(digest)}));
     expectNoParts();
 }
@@ -70,8 +66,7 @@ TEST_F(SigningLeftoverTest, AHashIsFinishedIntoZeros) {
     world.digest = {0xD0, 0xD1};
     world.reportedLength = 4;
     leaveParts({1, 2, 3, 4, 5});
-    begin(CKM_SHA256_RSA_PKCS);
-    ASSERT_EQ(update({3}).code, CKR_OK);
+    beginWith(CKM_SHA256_RSA_PKCS, {3});
     EXPECT_EQ(finish().device, (Lines{finalHash(1), signHash({0xD0, 0xD1, 0, 0})}));
 
     leaveParts({1, 2, 3, 4, 5});
@@ -95,8 +90,7 @@ TEST_F(SigningLeftoverTest, AFailedHashUpdateKeepsTheParts) {
 TEST_F(SigningLeftoverTest, AFailedFinalHashDropsThePartsAndTheHash) {
     for (const bool throws : {false, true}) {
         leaveParts({1, 2});
-        begin(CKM_SHA256_RSA_PKCS);
-        ASSERT_EQ(update({3}).code, CKR_OK);
+        beginWith(CKM_SHA256_RSA_PKCS, {3});
         setResult("zentak_finalHash", throws ? 0 : 3);
         if (throws) letThrow("zentak_finalHash", scripted::Throw::exception);
         ASSERT_EQ(finish().code, CKR_FUNCTION_FAILED);
@@ -110,8 +104,7 @@ TEST_F(SigningLeftoverTest, AFailedFinalHashDropsThePartsAndTheHash) {
 
 TEST_F(SigningLeftoverTest, AFailedFinalSignatureDropsTheParts) {
     for (const bool throws : {false, true}) {
-        begin(CKM_RSA_PKCS);
-        ASSERT_EQ(update({1, 2}).code, CKR_OK);
+        beginWith(CKM_RSA_PKCS, {1, 2});
         setResult("zentak_signHash", throws ? 0 : 3);
         if (throws) letThrow("zentak_signHash", scripted::Throw::exception);
         ASSERT_EQ(finish().code, CKR_FUNCTION_FAILED);
@@ -121,8 +114,7 @@ TEST_F(SigningLeftoverTest, AFailedFinalSignatureDropsTheParts) {
 }
 
 TEST_F(SigningLeftoverTest, APartAfterASizeQueryIsLeftForTheNextSignature) {
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({1}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {1});
     EXPECT_EQ(finishSize().device, (Lines{signHash({1})}));
     ASSERT_EQ(update({2}).code, CKR_OK);
     EXPECT_EQ(finish().device, Lines{});
@@ -148,8 +140,7 @@ TEST_F(SigningLeftoverTest, AHashLeftBehindIsFinishedWithoutAPart) {
 
 TEST_F(SigningLeftoverTest, RawAndSinglePartSignaturesLeaveTheHashAlone) {
     leaveHash();
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({1}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {1});
     EXPECT_EQ(finish().device, (Lines{signHash({1})}));
     begin(CKM_SHA384_RSA_PKCS);  // hashed in a context of its own
     EXPECT_EQ(sign({2}).device, (Lines{initHash(4), updateHash(2, {2}), finalHash(2), signHash(digest)}));
@@ -179,8 +170,7 @@ TEST_F(SigningLeftoverTest, FailedSinglePartHashingLeavesTheHashAlone) {
 
 TEST_F(SigningLeftoverTest, AFailedUpdateDropsTheHash) {
     for (const bool throws : {false, true}) {
-        begin(CKM_SHA256_RSA_PKCS);
-        ASSERT_EQ(update({1}).code, CKR_OK);
+        beginWith(CKM_SHA256_RSA_PKCS, {1});
         setResult("zentak_updateHash", throws ? 0 : 3);
         if (throws) letThrow("zentak_updateHash", scripted::Throw::exception);
         ASSERT_EQ(update({2}).code, CKR_FUNCTION_FAILED);
@@ -201,8 +191,7 @@ TEST_F(SigningLeftoverTest, AFailedStartOfAHashLeavesNone) {
 }
 
 TEST_F(SigningLeftoverTest, AFinishedHashIsGoneEvenWhenTheSignatureFails) {
-    begin(CKM_SHA256_RSA_PKCS);
-    ASSERT_EQ(update({1}).code, CKR_OK);
+    beginWith(CKM_SHA256_RSA_PKCS, {1});
     setResult("zentak_signHash", 3);
     ASSERT_EQ(finish().code, CKR_FUNCTION_FAILED);
     setResult("zentak_signHash", 0);
@@ -211,8 +200,7 @@ TEST_F(SigningLeftoverTest, AFinishedHashIsGoneEvenWhenTheSignatureFails) {
 }
 
 TEST_F(SigningLeftoverTest, APartAfterASizeQueryBeginsANewHash) {
-    begin(CKM_SHA256_RSA_PKCS);
-    ASSERT_EQ(update({1}).code, CKR_OK);
+    beginWith(CKM_SHA256_RSA_PKCS, {1});
     ASSERT_EQ(finishSize().device, (Lines{finalHash(1), signHash(digest)}));
     EXPECT_EQ(update({2}).device, (Lines{initHash(3), updateHash(2, {2})}));
     EXPECT_EQ(finish().device, Lines{});

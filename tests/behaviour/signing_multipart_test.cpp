@@ -64,8 +64,7 @@ TEST_F(SigningMultipartTest, EachMechanismTakesItsPartsInItsWay) {
 TEST_F(SigningMultipartTest, TheDigestHasTheLengthThatTheLibraryReports) {
     for (const std::size_t size : {20U, 48U, 64U}) {
         world.digest = countingBytes(0x11, size);
-        begin(CKM_SHA384_RSA_PKCS);
-        ASSERT_EQ(update({1}).code, CKR_OK);
+        beginWith(CKM_SHA384_RSA_PKCS, {1});
         EXPECT_EQ(finish().device.back(), signHash(world.digest));
     }
 }
@@ -91,8 +90,7 @@ TEST_F(SigningMultipartTest, WithoutAPartHashingMechanismsFinishNoContext) {
 
 TEST_F(SigningMultipartTest, ASizeQueryComputesAndKeepsTheSignature) {
     for (const bool hashing : {false, true}) {
-        begin(hashing ? CKM_SHA256_RSA_PKCS : CKM_RSA_PKCS);
-        ASSERT_EQ(update({1, 2}).code, CKR_OK);
+        beginWith(hashing ? CKM_SHA256_RSA_PKCS : CKM_RSA_PKCS, {1, 2});
         length = 3;
         EXPECT_EQ(finishSize(), finished(hashing ? Lines{finalHash(1), signHash(digest)} : Lines{signHash({1, 2})}));
         EXPECT_EQ(length, 256U);
@@ -109,8 +107,7 @@ TEST_F(SigningMultipartTest, ASizeQueryComputesAndKeepsTheSignature) {
 }
 
 TEST_F(SigningMultipartTest, AWaitingSignatureIsDeliveredByEitherFunction) {
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({1, 2}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {1, 2});
     ASSERT_EQ(finishSize().code, CKR_OK);
     world.signature = countingBytes(0x99, 10);
     EXPECT_EQ(sign({3}), (Outcome{CKR_OK, {"DEBUG C_Sign", "DEBUG sign echanism : 1"}}));
@@ -127,8 +124,7 @@ TEST_F(SigningMultipartTest, AWaitingSignatureIsDeliveredByEitherFunction) {
 
 TEST_F(SigningMultipartTest, TheStatedCapacityIsNeverLookedAt) {
     for (const CK_ULONG capacity : Numbers{0, 255, CK_UNAVAILABLE_INFORMATION}) {
-        begin(CKM_RSA_PKCS);
-        ASSERT_EQ(update({1}).code, CKR_OK);
+        beginWith(CKM_RSA_PKCS, {1});
         Room target(300);
         CK_ULONG size = capacity;
         EXPECT_EQ(observe([&] { return api->C_SignFinal(session, static_cast<CK_BYTE_PTR>(target.address()), &size); }),
@@ -141,8 +137,7 @@ TEST_F(SigningMultipartTest, TheStatedCapacityIsNeverLookedAt) {
 
 TEST_F(SigningMultipartTest, AnEmptySignatureIsComputedAgain) {
     world.signature.clear();
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({1}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {1});
     EXPECT_EQ(finishSize(), finished({signHash({1})}));
     EXPECT_EQ(length, 0U);
     const Outcome again = finish();  // the parts are gone
@@ -153,8 +148,7 @@ TEST_F(SigningMultipartTest, AnEmptySignatureIsComputedAgain) {
 
 TEST_F(SigningMultipartTest, WithoutALoginThePinIsEmpty) {
     session = reopen(session, CKS_RW_PUBLIC_SESSION);
-    begin(CKM_RSA_PKCS);
-    ASSERT_EQ(update({1}).code, CKR_OK);
+    beginWith(CKM_RSA_PKCS, {1});
     EXPECT_EQ(finish(), finished({signHash({1}, false, "SN1", "")}));
 }
 

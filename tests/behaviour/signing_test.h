@@ -91,6 +91,10 @@ protected:
         return observe([&] { return api->C_SignInit(where, &copy, key); });
     }
     void begin(CK_MECHANISM_TYPE type) { signInit(session, type, 5); }
+    void beginWith(CK_MECHANISM_TYPE type, const Bytes& part) {
+        begin(type);
+        ASSERT_EQ(update(part).code, CKR_OK);
+    }
 
     /// C_Sign into `room`.
     Outcome sign(const Bytes& data) { return signIn(session, data); }

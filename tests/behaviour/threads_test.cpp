@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <set>
 #include <thread>
 
@@ -17,6 +18,17 @@ using std::chrono::milliseconds;
 
 class ThreadsTest : public ModuleTest {
 protected:
+    /// Runs the work in so many threads, which are numbered, to its end, and meanwhile something else.
+    static void inThreads(int count, const std::function<void(std::size_t)>& work,
+                          const std::function<void()>& meanwhile = {}) {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < count; ++i) {
+            threads.emplace_back([&work, i] { work(static_cast<std::size_t>(i)); });
+        }
+        if (meanwhile) meanwhile();
+        for (std::thread& thread : threads) thread.join();
+    }
+
     void SetUp() override {
         ModuleTest::SetUp();
         device().change([](scripted::Device& world) {
@@ -66,27 +78,25 @@ protected:
 TEST_F(ThreadsTest, UseTheModuleWhileDevicesComeAndGo) {
     std::atomic<bool> done = false;
     std::vector<Answers> answers(9);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < 8; ++i) {
-        threads.emplace_back([&, i] {
-            while (!done) useOnce(answers[i]);
-        });
-    }
     std::thread waiter([&] {
         CK_SLOT_ID slot = 0;
         while (answers[8].note("C_WaitForSlotEvent", functions().C_WaitForSlotEvent(0, &slot, nullptr)) == CKR_OK) {
         }
     });
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(underThreadSanitizer ? 5 : 2);
-    for (bool present = false; std::chrono::steady_clock::now() < end; present = !present) {
-        const std::vector<std::string> connected =
-            present ? std::vector<std::string>{"SN1"} : std::vector<std::string>{};
-        device().change([&](scripted::Device& world) { world.connectedDevices = connected; });
-        device().showToMonitor(connected);
-        std::this_thread::sleep_for(milliseconds(150));
-    }
-    done = true;
-    for (std::thread& thread : threads) thread.join();
+    const auto use = [&](std::size_t i) {
+        while (!done) useOnce(answers[i]);
+    };
+    inThreads(8, use, [&] {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(underThreadSanitizer ? 5 : 2);
+        for (bool present = false; std::chrono::steady_clock::now() < end; present = !present) {
+            const std::vector<std::string> connected =
+                present ? std::vector<std::string>{"SN1"} : std::vector<std::string>{};
+            device().change([&](scripted::Device& world) { world.connectedDevices = connected; });
+            device().showToMonitor(connected);
+            std::this_thread::sleep_for(milliseconds(150));
+        }
+        done = true;
+    });
     EXPECT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     waiter.join();
 
@@ -118,18 +128,16 @@ TEST_F(ThreadsTest, WaitForTheEndAndFindTheModuleUninitialised) {
     CK_INFO info = filledWith<CK_INFO>(0xA5);
     CK_RV code = CKR_OK;
     std::thread late;
-    scripted::Fault release{"zentak_releaseInstance"};
-    release.action = [&] {
-        late = std::thread([&] { code = functions().C_GetInfo(&info); });
-        // Until it has said that it is there, and a moment for what it looks at next.
-        for (int i = 0; i < 5000; ++i) {
-            const Lines lines = takeLog();
-            if (std::find(lines.begin(), lines.end(), "DEBUG C_GetInfo") != lines.end()) break;
-            std::this_thread::sleep_for(milliseconds(1));
-        }
-        std::this_thread::sleep_for(milliseconds(50));
-    };
-    device().addFault(release);
+    device().addFault({.operation = "zentak_releaseInstance", .action = [&] {
+                           late = std::thread([&] { code = functions().C_GetInfo(&info); });
+                           // Until it has said that it is there, and a moment for what it looks at next.
+                           for (int i = 0; i < 5000; ++i) {
+                               const Lines lines = takeLog();
+                               if (std::find(lines.begin(), lines.end(), "DEBUG C_GetInfo") != lines.end()) break;
+                               std::this_thread::sleep_for(milliseconds(1));
+                           }
+                           std::this_thread::sleep_for(milliseconds(50));
+                       }});
     EXPECT_EQ(functions().C_Finalize(nullptr), CKR_OK);
     late.join();
     EXPECT_EQ(code, CKR_CRYPTOKI_NOT_INITIALIZED);
@@ -144,30 +152,26 @@ TEST_F(ThreadsTest, OpenManySessions) {
     setLogLevel(debugLevel);
     std::vector<std::set<CK_SESSION_HANDLE>> handles(threadCount);
     std::atomic<int> refusals = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < threadCount; ++i) {
-        threads.emplace_back([&, i] {
-            const auto expectOk = [&](CK_RV code) { refusals += code == CKR_OK ? 0 : 1; };
-            for (int round = 0; round < rounds; ++round) {
-                CK_SESSION_HANDLE session = 0;
-                expectOk(functions().C_OpenSession(firstSlot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
-                                                   &session));
-                handles[static_cast<std::size_t>(i)].insert(session);
-                CK_SESSION_INFO info;
-                expectOk(functions().C_GetSessionInfo(session, &info));
-                const CK_RV loggedIn = functions().C_Login(session, CKU_USER, pin("1234"), 4);
-                expectOk(loggedIn == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : loggedIn);
-                CK_ULONG count = 4;
-                CK_SLOT_ID slots[4];
-                expectOk(functions().C_GetSlotList(CK_TRUE, slots, &count));
-                CK_TOKEN_INFO tokenInfo;
-                expectOk(functions().C_GetTokenInfo(firstSlot, &tokenInfo));
-                const CK_RV loggedOut = functions().C_Logout(session);
-                expectOk(loggedOut == CKR_USER_NOT_LOGGED_IN ? CKR_OK : loggedOut);
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    inThreads(threadCount, [&](std::size_t i) {
+        const auto expectOk = [&](CK_RV code) { refusals += code == CKR_OK ? 0 : 1; };
+        for (int round = 0; round < rounds; ++round) {
+            CK_SESSION_HANDLE session = 0;
+            expectOk(
+                functions().C_OpenSession(firstSlot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session));
+            handles[i].insert(session);
+            CK_SESSION_INFO info;
+            expectOk(functions().C_GetSessionInfo(session, &info));
+            const CK_RV loggedIn = functions().C_Login(session, CKU_USER, pin("1234"), 4);
+            expectOk(loggedIn == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : loggedIn);
+            CK_ULONG count = 4;
+            CK_SLOT_ID slots[4];
+            expectOk(functions().C_GetSlotList(CK_TRUE, slots, &count));
+            CK_TOKEN_INFO tokenInfo;
+            expectOk(functions().C_GetTokenInfo(firstSlot, &tokenInfo));
+            const CK_RV loggedOut = functions().C_Logout(session);
+            expectOk(loggedOut == CKR_USER_NOT_LOGGED_IN ? CKR_OK : loggedOut);
+        }
+    });
     EXPECT_EQ(refusals, 0);
     std::set<CK_SESSION_HANDLE> all;
     for (const std::set<CK_SESSION_HANDLE>& some : handles) all.insert(some.begin(), some.end());
@@ -183,22 +187,18 @@ TEST_F(ThreadsTest, OpenManySessions) {
 }
 
 TEST_F(ThreadsTest, StartAndStopTheModule) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            for (int round = 0; round < 50; ++round) {
-                functions().C_Initialize(nullptr);
-                CK_ULONG count = 4;
-                CK_SLOT_ID slots[4];
-                functions().C_GetSlotList(CK_TRUE, slots, &count);
-                CK_SESSION_HANDLE session = 0;
-                functions().C_OpenSession(firstSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
-                functions().C_Login(session, CKU_USER, pin("1234"), 4);
-                functions().C_Finalize(nullptr);
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    inThreads(4, [](std::size_t) {
+        for (int round = 0; round < 50; ++round) {
+            functions().C_Initialize(nullptr);
+            CK_ULONG count = 4;
+            CK_SLOT_ID slots[4];
+            functions().C_GetSlotList(CK_TRUE, slots, &count);
+            CK_SESSION_HANDLE session = 0;
+            functions().C_OpenSession(firstSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
+            functions().C_Login(session, CKU_USER, pin("1234"), 4);
+            functions().C_Finalize(nullptr);
+        }
+    });
     functions().C_Initialize(nullptr);
     CK_INFO info;
     EXPECT_EQ(functions().C_GetInfo(&info), CKR_OK);

@@ -18,6 +18,10 @@ protected:
         return observe([&] { return api->C_VerifyInit(session, &mechanism, key); });
     }
     void beginVerify(CK_MECHANISM_TYPE type) { ASSERT_EQ(verifyInit(type).code, CKR_OK); }
+    void beginWithPart(CK_MECHANISM_TYPE type, const Bytes& part) {
+        beginVerify(type);
+        ASSERT_EQ(verifyUpdate(part).code, CKR_OK);
+    }
     Outcome verify(const Bytes& data) {
         Bytes given = given_;
         return give(api->C_Verify, data, given.data(), static_cast<CK_ULONG>(given.size()));
@@ -147,8 +151,7 @@ TEST_F(VerifyTest, TheHashIsTakenOutOfADigestInfo) {
         beginVerify(type);
         EXPECT_EQ(verify(info).device, (Lines{verifyHash(info, wrapped2048(modulus()), type == CKM_RSA_PKCS_PSS)}));
     }
-    beginVerify(CKM_RSA_PKCS);
-    ASSERT_EQ(verifyUpdate(info).code, CKR_OK);
+    beginWithPart(CKM_RSA_PKCS, info);
     EXPECT_EQ(verifyFinal().device, (Lines{verifyHash(info, modulus())}));
 }
 
@@ -185,8 +188,7 @@ TEST_F(VerifyTest, AWrongSignatureEndsTheOperation) {
                                     wraps + Lines{"ERROR Verify signature failed : 13"},
                                     {verifyHash({1}, wrapped2048(modulus()))}}));
     EXPECT_EQ(verify({1}), notInitialised("C_Verify"));
-    beginVerify(CKM_RSA_PKCS);
-    ASSERT_EQ(verifyUpdate({1}).code, CKR_OK);
+    beginWithPart(CKM_RSA_PKCS, {1});
     EXPECT_EQ(verifyFinal(),
               refused(CKR_SIGNATURE_INVALID, "C_VerifyFinal: verify failed 13", {verifyHash({1}, modulus())}));
     EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
@@ -252,23 +254,21 @@ TEST_F(VerifyTest, SeveralPartsHaveAHashTableOfTheirOwn) {
 }
 
 TEST_F(VerifyTest, FailuresInSeveralPartsEndTheOperation) {
-    setResult("zentak_initHash", 4);
-    beginVerify(CKM_SHA256_RSA_PKCS);
-    EXPECT_EQ(verifyUpdate({1}).log, (Lines{"DEBUG C_VerifyUpdate", "ERROR C_VerifyUpdate: initHash failed 4"}));
-    EXPECT_EQ(verifyUpdate({1}), notInitialised("C_VerifyUpdate"));
-    setResult("zentak_initHash", 0);
-
-    setResult("zentak_updateHash", 4);
-    beginVerify(CKM_SHA256_RSA_PKCS);
-    EXPECT_EQ(verifyUpdate({1}).log, (Lines{"DEBUG C_VerifyUpdate", "ERROR C_VerifyUpdate: updateHash failed 4"}));
-    setResult("zentak_updateHash", 0);
-    beginVerify(CKM_SHA256_RSA_PKCS);
-    EXPECT_EQ(verifyUpdate({1}).device.front(), initHash(3));  // the failed context is gone
-
-    setResult("zentak_finalHash", 4);
-    EXPECT_EQ(verifyFinal().log, (Lines{"DEBUG C_VerifyFinal", "ERROR C_VerifyFinal: finalHash failed 4"}));
-    EXPECT_EQ(verifyFinal(), notInitialised("C_VerifyFinal"));
-    setResult("zentak_finalHash", 0);
+    for (const std::string step : {"initHash", "updateHash", "finalHash"}) {
+        const bool final = step == "finalHash";
+        const std::string function = final ? "C_VerifyFinal" : "C_VerifyUpdate";
+        beginVerify(CKM_SHA256_RSA_PKCS);
+        if (final) {
+            // Of the step before the failed context is gone.
+            EXPECT_EQ(verifyUpdate({1}).device.front(), initHash(3));
+        }
+        setResult("zentak_" + step, 4);
+        const Outcome outcome = final ? verifyFinal() : verifyUpdate({1});
+        EXPECT_EQ(outcome.code, CKR_FUNCTION_FAILED);
+        EXPECT_EQ(outcome.log, (Lines{"DEBUG " + function, "ERROR " + function + ": " + step + " failed 4"}));
+        EXPECT_EQ(final ? verifyFinal() : verifyUpdate({1}), notInitialised(function));
+        setResult("zentak_" + step, 0);
+    }
     beginVerify(CKM_SHA256_RSA_PKCS);
     EXPECT_EQ(verifyUpdate({1}).device.front(), initHash(3));
 }

@@ -169,26 +169,26 @@ TEST_F(KeyTest, BothFactorsMustBePrime) {
         EXPECT_EQ(BN_generate_prime_ex(value.get(), bits, 0, nullptr, nullptr, nullptr), 1);
         return value;
     };
-    const BigNumber one(BN_new());
+    const auto product = [&](const BigNumber& left, const BigNumber& right) {
+        BigNumber value(BN_new());
+        EXPECT_EQ(BN_mul(value.get(), left.get(), right.get(), context.get()), 1);
+        return value;
+    };
+    const auto less1 = [](const BigNumber& number) {
+        BigNumber value(BN_dup(number.get()));
+        EXPECT_EQ(BN_sub_word(value.get(), 1), 1);
+        return value;
+    };
     const BigNumber exponent(BN_new());
-    BN_one(one.get());
     BN_set_word(exponent.get(), publicExponent);
     ImportPFXDetails details;
     Bytes composite;
     bool found = false;
     for (int tries = 0; tries < 100 && !found; ++tries) {
         const BigNumber p = prime(1024);
-        const BigNumber q1 = prime(512);
-        const BigNumber q2 = prime(512);
-        const BigNumber q(BN_new());
-        const BigNumber n(BN_new());
-        const BigNumber pLess1(BN_new());
-        const BigNumber qLess1(BN_new());
-        const BigNumber order(BN_new());
-        ASSERT_TRUE(BN_mul(q.get(), q1.get(), q2.get(), context.get()) == 1 &&
-                    BN_mul(n.get(), p.get(), q.get(), context.get()) == 1 &&
-                    BN_sub(pLess1.get(), p.get(), one.get()) == 1 && BN_sub(qLess1.get(), q.get(), one.get()) == 1 &&
-                    BN_mul(order.get(), pLess1.get(), qLess1.get(), context.get()) == 1);
+        const BigNumber q = product(prime(512), prime(512));
+        const BigNumber n = product(p, q);
+        const BigNumber order = product(less1(p), less1(q));
         const BigNumber d(BN_mod_inverse(nullptr, exponent.get(), order.get(), context.get()));
         if (!d || BN_num_bits(n.get()) != 2048) continue;
         details.components[0] = bytesOf(n.get());

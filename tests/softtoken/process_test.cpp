@@ -116,20 +116,22 @@ TEST_F(KilledProcessTest, LeavesTheOldOrTheNewToken) {
 
 class TogetherTest : public TokenTest {
 protected:
-    OtherProcess start(const std::string& task, const std::string& name, int count) {
-        return {"store_changer", {folder_.path().string(), serialNumber_, task, name, std::to_string(count)}};
+    std::unique_ptr<OtherProcess> start(const std::string& task, const std::string& name, int count) {
+        const std::vector<std::string> arguments = {folder_.path().string(), serialNumber_, task, name,
+                                                    std::to_string(count)};
+        return std::make_unique<OtherProcess>("store_changer", arguments);
     }
 };
 
 TEST_F(TogetherTest, NoChangeIsLost) {
-    OtherProcess first = start("add", "first", 40);
-    OtherProcess second = start("add", "second", 40);
+    const auto first = start("add", "first", 40);
+    const auto second = start("add", "second", 40);
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(generateP256(), 0);
         EXPECT_LE(zentak_getCertificateList(device(), instance_).size(), 80U);
     }
-    EXPECT_EQ(first.wait(), 0);
-    EXPECT_EQ(second.wait(), 0);
+    EXPECT_EQ(first->wait(), 0);
+    EXPECT_EQ(second->wait(), 0);
     const auto& certificates = zentak_getCertificateList(device(), instance_);
     ASSERT_EQ(certificates.size(), 80U);
     const auto labelled = [&](const std::string& label) {
@@ -156,7 +158,7 @@ protected:
         serialNumber_ = createToken(store_, settings);
     }
     void startAll(const std::string& task, const std::string& pin, int count) {
-        for (int i = 0; i < processes; ++i) started_.push_back(startOne(task, pin, count));
+        for (int i = 0; i < processes; ++i) started_.push_back(start(task, pin, count));
     }
     /// The exit codes, in ascending order.
     std::vector<int> waitForAll() {
@@ -168,12 +170,6 @@ protected:
     }
 
 private:
-    std::unique_ptr<OtherProcess> startOne(const std::string& task, const std::string& pin, int count) {
-        return std::make_unique<OtherProcess>(
-            "store_changer",
-            std::vector<std::string>{folder_.path().string(), serialNumber_, task, pin, std::to_string(count)});
-    }
-
     std::vector<std::unique_ptr<OtherProcess>> started_;
 };
 

@@ -72,6 +72,11 @@ public:
     Call& certificate(const ZentakCertificate* value);
     Call& pfx(const ImportPFXDetails* value);
     Call& keyPair(const ZentakKeyPair* value);
+    /// What most operations with a token begin with: its name, the key in question, the PIN.
+    Call& user(const char* deviceId, const char* pin) { return text(deviceId).password(pin); }
+    Call& key(const char* deviceId, const unsigned char* keyId, const char* pin) {
+        return text(deviceId).keyReference(keyId).password(pin);
+    }
 
     /// Records the call, runs the faults that strike it (the lock isn't held then), and answers: `answer(device,
     /// result)` is called under the lock with the status that this call has.
@@ -80,6 +85,11 @@ public:
         const std::optional<int> overridden = recordAndStrike();
         const std::lock_guard lock(hidden_.mutex);
         return answer(device_, overridden.value_or(configuredResult(defaultResult)));
+    }
+
+    /// For an operation that does nothing but answer with that status.
+    int answer() {
+        return perform([](Device&, int result) { return result; });
     }
 
 private:

@@ -43,8 +43,7 @@ int handOut(Device& device, int result, const Bytes& source, unsigned char** out
 
 int zentak_generateKeyPair(const char* deviceId, const char* password, ZentakKeyPair* keyPair, void* instance) {
     return Call("zentak_generateKeyPair")
-        .text(deviceId)
-        .password(password)
+        .user(deviceId, password)
         .keyPair(keyPair)
         .instance(instance)
         .perform([&](Device& device, int result) {
@@ -71,11 +70,7 @@ int zentak_initHash(const char* deviceId, int hashCode, void** context, void* in
 }
 
 int zentak_updateHash(void* context, const unsigned char* data, int length, void* instance) {
-    return Call("zentak_updateHash")
-        .context(context)
-        .bytes(data, length)
-        .instance(instance)
-        .perform([](Device&, int result) { return result; });
+    return Call("zentak_updateHash").context(context).bytes(data, length).instance(instance).answer();
 }
 
 int zentak_finalHash(void* context, unsigned char* digest, int* length, void* instance) {
@@ -87,9 +82,8 @@ int zentak_finalHash(void* context, unsigned char* digest, int* length, void* in
         .perform([&](Device& device, int result) {
             if (result == 0) {
                 deliver(device.digest, digest, length, device.reportedLength);
-            } else if (device.reportedLength && length != nullptr) {
+            } else if (device.reportedLength && length != nullptr)
                 *length = *device.reportedLength;
-            }
             return result;
         });
 }
@@ -97,9 +91,7 @@ int zentak_finalHash(void* context, unsigned char* digest, int* length, void* in
 int zentak_signHash(const char* deviceId, const unsigned char* keyId, const char* password, const unsigned char* data,
                     int length, unsigned char* signature, int* signatureLength, bool flag, void* instance, bool pss) {
     return Call("zentak_signHash")
-        .text(deviceId)
-        .keyReference(keyId)
-        .password(password)
+        .key(deviceId, keyId, password)
         .bytes(data, length)
         .out(signature)
         .inOut(signatureLength)
@@ -123,7 +115,7 @@ int zentak_verifySignatureHash(unsigned int keyType, const char* deviceId, const
         .bytes(signature, signatureLength)
         .instance(instance)
         .boolean(pss)
-        .perform([](Device&, int result) { return result; });
+        .answer();
 }
 
 int zentak_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* data, int length,
@@ -151,9 +143,7 @@ int zentak_encrypt(EncryptionType type, PaddingMode padding, const unsigned char
 int zentak_decrypt(const char* deviceId, const unsigned char* keyId, const char* password, const unsigned char* data,
                    int length, unsigned char** output, int* outputLength, bool keyFlag, void* instance) {
     return Call("zentak_decrypt")
-        .text(deviceId)
-        .keyReference(keyId)
-        .password(password)
+        .key(deviceId, keyId, password)
         .bytes(data, length)
         .out(output)
         .inOut(outputLength)
@@ -168,9 +158,7 @@ int zentak_ecdhDerive(const char* deviceId, const unsigned char* keyId, const ch
                       const unsigned char* publicData, int length, unsigned char** output, int* outputLength,
                       void* instance) {
     return Call("zentak_ecdhDerive")
-        .text(deviceId)
-        .keyReference(keyId)
-        .password(password)
+        .key(deviceId, keyId, password)
         .bytes(publicData, length)
         .out(output)
         .inOut(outputLength)

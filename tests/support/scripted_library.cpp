@@ -65,15 +65,12 @@ TokenInfo zentak_getTokenInfo(const char* device, void* instance) {
 }
 
 int zentak_initDevice(const char* deviceId, bool flag, void* instance) {
-    return Call("zentak_initDevice").text(deviceId).boolean(flag).instance(instance).perform([](Device&, int result) {
-        return result;
-    });
+    return Call("zentak_initDevice").text(deviceId).boolean(flag).instance(instance).answer();
 }
 
 int zentak_validatePassword(const char* deviceId, const char* pin, int userKind, int* attemptsLeft, void* instance) {
     return Call("zentak_validatePassword")
-        .text(deviceId)
-        .password(pin)
+        .user(deviceId, pin)
         .number(userKind)
         .inOut(attemptsLeft)
         .instance(instance)
@@ -150,31 +147,22 @@ std::vector<unsigned char> zentak_getCertificateSerialDER(const unsigned char* d
 int zentak_updateKeyPairDetails(const char* deviceId, const unsigned char* keyId, const char* password,
                                 const char* label, const unsigned char* objectId, int objectIdLength, void* instance) {
     return Call("zentak_updateKeyPairDetails")
-        .text(deviceId)
-        .keyReference(keyId)
-        .password(password)
+        .key(deviceId, keyId, password)
         .text(label)
         .bytes(objectId, objectIdLength)
         .instance(instance)
-        .perform([](Device&, int result) { return result; });
+        .answer();
 }
 
 int zentak_deleteKeyPair(const char* deviceId, const unsigned char* keyId, const char* password, bool keyFlag,
                          void* instance) {
-    return Call("zentak_deleteKeyPair")
-        .text(deviceId)
-        .keyReference(keyId)
-        .password(password)
-        .boolean(keyFlag)
-        .instance(instance)
-        .perform([](Device&, int result) { return result; });
+    return Call("zentak_deleteKeyPair").key(deviceId, keyId, password).boolean(keyFlag).instance(instance).answer();
 }
 
 int zentak_importCertificate(const char* deviceId, const char* password, ZentakCertificate* certificate,
                              void* instance) {
     return Call("zentak_importCertificate")
-        .text(deviceId)
-        .password(password)
+        .user(deviceId, password)
         .certificate(certificate)
         .instance(instance)
         .perform([&](Device& device, int result) {
@@ -185,8 +173,7 @@ int zentak_importCertificate(const char* deviceId, const char* password, ZentakC
 
 int zentak_importPfx(const char* deviceId, const char* password, ImportPFXDetails* details, void* instance) {
     return Call("zentak_importPfx")
-        .text(deviceId)
-        .password(password)
+        .user(deviceId, password)
         .pfx(details)
         .instance(instance)
         .perform([&](Device& device, int result) {
