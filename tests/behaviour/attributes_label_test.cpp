@@ -38,6 +38,9 @@ protected:
         return label;
     }
 
+    /// What the label of key pair 5 takes.
+    const Lines askedForTheKey = {listKeyPairs, listCertificates, askDetails(certificateFive),
+                                  askDetails(certificateSeven)};
     CK_SESSION_HANDLE session = 0;
     Room room{300};
     std::string label;
@@ -56,11 +59,9 @@ std::string writeBack(const std::string& label, const std::string& serial = "SN1
 
 TEST_F(AttributesLabelTest, AKeyPairIsNamedAfterItsCertificate) {
     for (const CK_OBJECT_HANDLE object : Numbers{privateKey(5), publicKey(5), publicKey(5)}) {  // each time anew
-        EXPECT_EQ(
-            read(object),
-            (Outcome{CKR_OK,
-                     started + Lines{"DEBUG Empty key pair label, computed: Alice_1234"} + walked(10),
-                     {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven)}}));
+        EXPECT_EQ(read(object),
+                  (Outcome{CKR_OK, started + Lines{"DEBUG Empty key pair label, computed: Alice_1234"} + walked(10),
+                           askedForTheKey}));
         EXPECT_EQ(label, "Alice_1234");
     }
 }
@@ -70,10 +71,8 @@ TEST_F(AttributesLabelTest, TheComputedLabelIsWrittenBackWhenAPinIsCached) {
     for (const int result : {0, 5}) {  // whether it worked or not
         world.results["zentak_updateKeyPairDetails"] = result;
         EXPECT_EQ(read(publicKey(5)),
-                  (Outcome{CKR_OK,
-                           started + Lines{"DEBUG Empty key pair label, computed: Alice_1234"} + walked(10),
-                           {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven),
-                            writeBack("Alice_1234")}}));
+                  (Outcome{CKR_OK, started + Lines{"DEBUG Empty key pair label, computed: Alice_1234"} + walked(10),
+                           askedForTheKey + Lines{writeBack("Alice_1234")}}));
         EXPECT_EQ(label, "Alice_1234");
     }
 }
@@ -125,8 +124,7 @@ TEST_F(AttributesLabelTest, TheLabelIsComputedWhateverIsAsked) {
               (Outcome{CKR_OK,
                        started + Lines{"DEBUG Empty key pair label, computed: Alice_1234",
                                        "DEBUG C_GetAttributeValue type : 1", "DEBUG C_GetAttributeValue length : 1"},
-                       {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven),
-                        writeBack("Alice_1234")}}));
+                       askedForTheKey + Lines{writeBack("Alice_1234")}}));
     EXPECT_EQ(observe([&] { return api->C_GetAttributeValue(session, certificate(5), &wanted, 1); }),
               (Outcome{CKR_OK,
                        started + Lines{"DEBUG Empty certificate label, computed: Bob_99",
@@ -135,8 +133,7 @@ TEST_F(AttributesLabelTest, TheLabelIsComputedWhateverIsAsked) {
     unsigned char byte = 0;
     wanted = {CKA_ID, &byte, 1};
     EXPECT_EQ(observe([&] { return api->C_GetAttributeValue(session, privateKey(5), &wanted, 1); }).device,
-              (Lines{listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven),
-                     writeBack("Alice_1234")}));
+              (askedForTheKey + Lines{writeBack("Alice_1234")}));
 }
 
 TEST_F(AttributesLabelTest, TheFirstMatchingCertificateEndsTheWalk) {
@@ -152,11 +149,7 @@ TEST_F(AttributesLabelTest, AKeyPairWithoutItsCertificateHasNoLabel) {
     other.front() ^= 1;
     for (const Bytes& held : {Bytes(key.begin(), key.end() - 1), key + Bytes{0}, other, Bytes{}}) {
         world.certificateDetails[derOf(certificateSeven)].publicKey = held;
-        EXPECT_EQ(
-            read(privateKey(5)),
-            (Outcome{CKR_OK,
-                     started + walked(0),
-                     {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven)}}));
+        EXPECT_EQ(read(privateKey(5)), (Outcome{CKR_OK, started + walked(0), askedForTheKey}));
         EXPECT_EQ(label, "");
     }
     world.certificates["SN1"].clear();
@@ -168,10 +161,7 @@ TEST_F(AttributesLabelTest, CertificatesThatCannotBeReadArePassedOver) {
     EXPECT_EQ(labelOf(privateKey(5)), "Alice_1234");
 
     world.results["zentak_getCertificateDetails"] = -3;
-    EXPECT_EQ(read(privateKey(5)),
-              (Outcome{CKR_OK,
-                       started + walked(0),
-                       {listKeyPairs, listCertificates, askDetails(certificateFive), askDetails(certificateSeven)}}));
+    EXPECT_EQ(read(privateKey(5)), (Outcome{CKR_OK, started + walked(0), askedForTheKey}));
     EXPECT_EQ(read(certificate(5)),
               (Outcome{CKR_OK, started + walked(0), {listCertificates, askDetails(certificateFive)}}));
     EXPECT_EQ(label, "");

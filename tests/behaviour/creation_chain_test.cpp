@@ -78,26 +78,18 @@ TEST_F(CreationChainTest, AnUnknownIssuerFurtherUpDropsTheWholeChain) {
 }
 
 TEST_F(CreationChainTest, TwoAuthoritiesInACircleDropTheChain) {
-    leafDetails("Alice", "CN=Root");
     addAuthority(root, "CN=Root", "CN=Middle");
     addAuthority(middle, "CN=Middle", "CN=Root");
-    const Outcome outcome = createMail();
-    EXPECT_EQ(outcome.code, CKR_OK);
-    EXPECT_EQ(outcome.log.back(), leafOnlyLine);
-    EXPECT_EQ(std::count(outcome.log.begin(), outcome.log.end(), importedLine), 0);
-    EXPECT_EQ(outcome.device, leafAlone("").device);
-    EXPECT_EQ(created, certificate(9));
-}
-
-TEST_F(CreationChainTest, ACircleFurtherUpDropsTheChainToo) {
-    leafDetails("Alice", "CN=Other");
     addAuthority(other, "CN=Other", "CN=Root");
-    addAuthority(root, "CN=Root", "CN=Middle");
-    addAuthority(middle, "CN=Middle", "CN=Root");
-    const Outcome outcome = createMail();
-    EXPECT_EQ(outcome.code, CKR_OK);
-    EXPECT_EQ(outcome.log.back(), leafOnlyLine);
-    EXPECT_EQ(outcome.device, leafAlone("").device);
+    for (const char* issuer : {"CN=Root", "CN=Other"}) {  // in the circle, or leading into it
+        leafDetails("Alice", issuer);
+        const Outcome outcome = createMail();
+        EXPECT_EQ(outcome.code, CKR_OK);
+        EXPECT_EQ(outcome.log.back(), leafOnlyLine);
+        EXPECT_EQ(std::count(outcome.log.begin(), outcome.log.end(), importedLine), 0);
+        EXPECT_EQ(outcome.device, leafAlone("").device);
+        EXPECT_EQ(created, certificate(9));
+    }
 }
 
 TEST_F(CreationChainTest, ASelfSignedLeafFromTheFolderIsStoredTwice) {

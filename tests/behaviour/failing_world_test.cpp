@@ -102,6 +102,16 @@ protected:
     static void expectOk(CK_RV code) { ASSERT_EQ(code, CKR_OK); }
 
 private:
+    /// What is told of something, and not looked at.
+    struct {
+        CK_INFO module;
+        CK_SLOT_INFO slot;
+        CK_TOKEN_INFO token;
+        CK_MECHANISM_INFO mechanism;
+        CK_SESSION_INFO session;
+        CK_SLOT_ID slots[4];
+        CK_MECHANISM_TYPE mechanisms[32];
+    } info_ = {};
     CK_MECHANISM mechanism_ = {};
     CK_BYTE point_[3] = {4, 1, 2};
     CK_ECDH1_DERIVE_PARAMS parameters_ = {CKD_SHA1_KDF, 0, nullptr, sizeof point_, point_};
@@ -119,38 +129,18 @@ std::vector<Scenario> FailingWorldTest::scenarios() {
              }
          }},
         {"C_Finalize", nothing, [&] { return api.C_Finalize(nullptr); }},
-        {"C_GetInfo", nothing,
-         [&] {
-             CK_INFO info;
-             return api.C_GetInfo(&info);
-         }},
-        {"C_GetSlotList", nothing,
-         [&] {
-             CK_SLOT_ID slots[4];
-             return api.C_GetSlotList(CK_TRUE, slots, &count);
-         }},
+        {"C_GetInfo", nothing, [&] { return api.C_GetInfo(&info_.module); }},
+        {"C_GetSlotList", nothing, [&] { return api.C_GetSlotList(CK_TRUE, info_.slots, &count); }},
         {"C_GetSlotList, the number", nothing, [&] { return api.C_GetSlotList(CK_TRUE, nullptr, &count); }},
-        {"C_GetSlotInfo", nothing,
-         [&] {
-             CK_SLOT_INFO info;
-             return api.C_GetSlotInfo(firstSlot, &info);
-         }},
-        {"C_GetTokenInfo", nothing,
-         [&] {
-             CK_TOKEN_INFO info;
-             return api.C_GetTokenInfo(firstSlot, &info);
-         }},
+        {"C_GetSlotInfo", nothing, [&] { return api.C_GetSlotInfo(firstSlot, &info_.slot); }},
+        {"C_GetTokenInfo", nothing, [&] { return api.C_GetTokenInfo(firstSlot, &info_.token); }},
         {"C_GetMechanismList", nothing,
          [&] {
-             CK_MECHANISM_TYPE types[32];
              count = 32;
-             return api.C_GetMechanismList(firstSlot, types, &count);
+             return api.C_GetMechanismList(firstSlot, info_.mechanisms, &count);
          }},
         {"C_GetMechanismInfo", nothing,
-         [&] {
-             CK_MECHANISM_INFO info;
-             return api.C_GetMechanismInfo(firstSlot, CKM_RSA_PKCS, &info);
-         }},
+         [&] { return api.C_GetMechanismInfo(firstSlot, CKM_RSA_PKCS, &info_.mechanism); }},
         {"C_WaitForSlotEvent", nothing,
          [&] {
              CK_SLOT_ID slot = 0;
@@ -161,11 +151,7 @@ std::vector<Scenario> FailingWorldTest::scenarios() {
          [&] { return api.C_OpenSession(firstSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &handle); }},
         {"C_CloseSession", nothing, [&] { return api.C_CloseSession(session); }},
         {"C_CloseAllSessions", nothing, [&] { return api.C_CloseAllSessions(firstSlot); }},
-        {"C_GetSessionInfo", nothing,
-         [&] {
-             CK_SESSION_INFO info;
-             return api.C_GetSessionInfo(session, &info);
-         }},
+        {"C_GetSessionInfo", nothing, [&] { return api.C_GetSessionInfo(session, &info_.session); }},
         {"C_Login", [&] { expectOk(api.C_Logout(session)); },
          [&] { return api.C_Login(session, CKU_USER, pin("1234"), 4); }},
         {"C_Login, the security officer", [&] { expectOk(api.C_Logout(session)); },
@@ -303,10 +289,7 @@ Aftermath FailingWorldTest::aftermathOf(const Scenario& scenario, const std::str
     const bool ends = begun.count(function.substr(0, function.find_first_of("UF", 3)) + "Init") == 1;
     if (ends) return {scenario.act, CKR_OPERATION_NOT_INITIALIZED};
     // The table of slots is as it was, unless its making was under way.
-    return {[&] {
-                CK_SLOT_INFO info;
-                return api.C_GetSlotInfo(firstSlot, &info);
-            },
+    return {[&] { return api.C_GetSlotInfo(firstSlot, &info_.slot); },
             function == "C_GetSlotList" && operation == "zentak_getTokenInfo" ? CKR_SLOT_ID_INVALID : CKR_OK};
 }
 

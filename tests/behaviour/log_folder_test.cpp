@@ -197,13 +197,8 @@ protected:
     /// Runs the probe under that file name and gives the lines that it logged under `process`.
     static Lines linesOfProbe(const std::string& fileName, const std::string& process,
                               const std::vector<std::string>& arguments = {}) {
-#if defined(_WIN32)
-        const fs::path original = programFile().parent_path() / "log_probe.exe";
-#else
-        const fs::path original = programFile().parent_path() / "log_probe";
-#endif
         const fs::path copy = programFile().parent_path() / fileName;
-        fs::copy_file(original, copy, fs::copy_options::overwrite_existing);
+        fs::copy_file(probe, copy, fs::copy_options::overwrite_existing);
         useEmptyTemporaryFolder();
         fs::create_directory(temporaryFolder() / "Dravenko Sentronics");
         const ChildResult result = runChild(copy, arguments);
@@ -213,6 +208,11 @@ protected:
         return parseLog(readLogFiles(logFolder(process)));
     }
 
+#if defined(_WIN32)
+    static inline const fs::path probe = programFile().parent_path() / "log_probe.exe";
+#else
+    static inline const fs::path probe = programFile().parent_path() / "log_probe";
+#endif
     const Lines expected = {"DEBUG C_GetFunctionList", "DEBUG C_GetInfo", "ERROR C_GetInfo: not initialized"};
 };
 
@@ -252,11 +252,6 @@ TEST_F(ProcessNameTest, MayEndLikeThatOfADeletedFile) {
 
 /// Programs of one name share the day's file.
 TEST_F(ProcessNameTest, ProcessesOfOneNameShareAFile) {
-#if defined(_WIN32)
-    const fs::path probe = programFile().parent_path() / "log_probe.exe";
-#else
-    const fs::path probe = programFile().parent_path() / "log_probe";
-#endif
     useEmptyTemporaryFolder();
     fs::create_directories(logFolder("log_probe"));
     EXPECT_EQ(runChild(probe, {}).exitCode, 0);
