@@ -206,11 +206,7 @@ TEST_F(AttributesLabelTest, EmptyDetailsStillMakeALabel) {
 
 TEST_F(AttributesLabelTest, StoredLabelsAreTrimmed) {
     session = reopen(session, CKS_RO_USER_FUNCTIONS);
-    struct Row {
-        std::string stored;
-        std::string shown;
-    };
-    std::vector<Row> rows = {
+    std::vector<std::pair<std::string, std::string>> rows = {
         {"plain", "plain"},
         {" \t\n\r\f\vinner  label\v\f\r\n\t ", "inner  label"},
         {"\xA0label\x85", "\xA0label\x85"},  // white space in other alphabets is none here
@@ -222,14 +218,14 @@ TEST_F(AttributesLabelTest, StoredLabelsAreTrimmed) {
         rows.push_back({"label" + std::string(2, blank), "label"});
         rows.push_back({"la" + std::string(1, blank) + "bel", "la" + std::string(1, blank) + "bel"});
     }
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.stored);
-        setAlias(world.keyPairs["SN1"][0], row.stored);
-        setLabel(world.certificates["SN1"][0], row.stored);
-        EXPECT_EQ(read(privateKey(5)), (Outcome{CKR_OK, started + walked(row.shown.size()), {listKeyPairs}}));
-        EXPECT_EQ(label, row.shown);
-        EXPECT_EQ(read(certificate(5)), (Outcome{CKR_OK, started + walked(row.shown.size()), {listCertificates}}));
-        EXPECT_EQ(label, row.shown);
+    for (const auto& [stored, shown] : rows) {
+        SCOPED_TRACE(stored);
+        setAlias(world.keyPairs["SN1"][0], stored);
+        setLabel(world.certificates["SN1"][0], stored);
+        EXPECT_EQ(read(privateKey(5)), (Outcome{CKR_OK, started + walked(shown.size()), {listKeyPairs}}));
+        EXPECT_EQ(label, shown);
+        EXPECT_EQ(read(certificate(5)), (Outcome{CKR_OK, started + walked(shown.size()), {listCertificates}}));
+        EXPECT_EQ(label, shown);
     }
 }
 

@@ -213,19 +213,15 @@ TEST_F(AttributesValueTest, KeyTypes) {
 }
 
 TEST_F(AttributesValueTest, PointsAreWrappedInAnOctetString) {
-    struct Row {
-        std::size_t length;
-        Bytes header;
-    };
-    const Row rows[] = {{0, {0x04, 0x00}},         {1, {0x04, 0x01}},        {65, {0x04, 0x41}},
-                        {97, {0x04, 0x61}},        {127, {0x04, 0x7F}},      {128, {0x04, 0x81, 0x80}},
-                        {133, {0x04, 0x81, 0x85}}, {255, {0x04, 0x81, 0xFF}}};
+    const std::pair<std::size_t, Bytes> rows[] = {
+        {0, {0x04, 0x00}},   {1, {0x04, 0x01}},         {65, {0x04, 0x41}},        {97, {0x04, 0x61}},
+        {127, {0x04, 0x7F}}, {128, {0x04, 0x81, 0x80}}, {133, {0x04, 0x81, 0x85}}, {255, {0x04, 0x81, 0xFF}}};
     world.keyPairs["SN1"][0].keyType = p521;
-    for (const Row& row : rows) {
-        const Bytes point = countingBytes(4, row.length);
+    for (const auto& [length, header] : rows) {
+        const Bytes point = countingBytes(4, length);
         setPublicKey(world.keyPairs["SN1"][0], point);
-        expectValues(publicKey(5), {{CKA_EC_POINT, row.header + point}});
-        expectValues(privateKey(5), {{CKA_EC_POINT, row.header + point}});
+        expectValues(publicKey(5), {{CKA_EC_POINT, header + point}});
+        expectValues(privateKey(5), {{CKA_EC_POINT, header + point}});
     }
 }
 

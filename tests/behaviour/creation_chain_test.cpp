@@ -208,11 +208,7 @@ TEST_F(CreationChainTest, WithoutAPasswordTheNameIsOnlyAnnounced) {
 // --- Common names ---------------------------------------------------------------------------------------------------
 
 TEST_F(CreationChainTest, CommonNames) {
-    struct Row {
-        std::string distinguishedName;
-        std::string commonName;
-    };
-    const Row rows[] = {
+    const std::pair<std::string, std::string> rows[] = {
         {"CN=Root", "Root"},
         {"C=XX, O=Org, CN=Root CA, OU=Unit", "Root CA"},
         {"CN=First, CN=Second", "First"},
@@ -231,13 +227,13 @@ TEST_F(CreationChainTest, CommonNames) {
         {"O=Org, OU=Unit", "O=Org, OU=Unit"},
     };
     addAuthority(other, "CN=Elsewhere", "CN=Elsewhere");
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.distinguishedName);
-        leafDetails("Alice", row.distinguishedName);
-        EXPECT_EQ(createMail(), leafAlone(row.commonName));
+    for (const auto& [distinguishedName, commonName] : rows) {
+        SCOPED_TRACE(distinguishedName);
+        leafDetails("Alice", distinguishedName);
+        EXPECT_EQ(createMail(), leafAlone(commonName));
 
-        addAuthority(root, row.distinguishedName, row.distinguishedName);
-        EXPECT_EQ(createMail(), chainOf({importCertificate(root, row.commonName), importedLeaf}));
+        addAuthority(root, distinguishedName, distinguishedName);
+        EXPECT_EQ(createMail(), chainOf({importCertificate(root, commonName), importedLeaf}));
         world.files.pop_back();
     }
 }

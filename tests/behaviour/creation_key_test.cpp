@@ -89,11 +89,7 @@ TEST_F(CreationKeyTest, LaterEntriesReplaceEarlierOnes) {
 }
 
 TEST_F(CreationKeyTest, UsageIsWhatTheTemplateSays) {
-    struct Row {
-        std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>> entries;
-        int usage;
-    };
-    const Row rows[] = {
+    const std::pair<std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>>, int> rows[] = {
         {{}, 3},
         {{{CKA_DECRYPT, {1}}}, 2},
         {{{CKA_DECRYPT, {0}}}, 0},
@@ -110,10 +106,10 @@ TEST_F(CreationKeyTest, UsageIsWhatTheTemplateSays) {
         {{{CKA_ENCRYPT, {0}}, {CKA_VERIFY, {0}}}, 3},
         {{{CKA_SIGN, {}}, {CKA_DECRYPT, {}}}, 3},
     };
-    for (const Row& row : rows) {
+    for (const auto& [entries, usage] : rows) {
         Template wanted = components(modulus);
-        for (const auto& [type, value] : row.entries) wanted.add(type, value);
-        EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime, row.usage), listKeyPairs}));
+        for (const auto& [type, value] : entries) wanted.add(type, value);
+        EXPECT_EQ(create(wanted).device, (Lines{importKey(modulus, exponent, prime, usage), listKeyPairs}));
     }
 }
 

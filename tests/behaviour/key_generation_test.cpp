@@ -305,11 +305,7 @@ TEST_F(KeyGenerationTest, UsageBits) {
 }
 
 TEST_F(KeyGenerationTest, TheLastOfSeveralUsagesCounts) {
-    struct Row {
-        std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>> entries;
-        int usage;
-    };
-    const Row rows[] = {
+    const std::pair<std::vector<std::pair<CK_ATTRIBUTE_TYPE, Bytes>>, int> rows[] = {
         {{{CKA_SIGN, {1}}, {CKA_SIGN, {0}}}, 3},
         {{{CKA_SIGN, {0}}, {CKA_SIGN, {1}}}, 1},
         {{{CKA_SIGN, {1}}, {CKA_DECRYPT, {1}}, {CKA_SIGN, {0}}}, 2},
@@ -318,10 +314,10 @@ TEST_F(KeyGenerationTest, TheLastOfSeveralUsagesCounts) {
         // An entry without a value isn't one.
         {{{CKA_SIGN, {1}}, {CKA_SIGN, {}}}, 1},
     };
-    for (const Row& row : rows) {
+    for (const auto& [entries, usage] : rows) {
         privateTemplate = {};
-        for (const auto& [type, value] : row.entries) privateTemplate.add(type, value);
-        EXPECT_EQ(generate(), generated({.keyUsage = row.usage}));
+        for (const auto& [type, value] : entries) privateTemplate.add(type, value);
+        EXPECT_EQ(generate(), generated({.keyUsage = usage}));
     }
 }
 

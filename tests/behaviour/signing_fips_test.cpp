@@ -147,28 +147,24 @@ TEST_F(SigningFipsTest, RsaInputIsScannedForHashIdentifiers) {
 }
 
 TEST_F(SigningFipsTest, OtherRawInputIsJudgedByItsLength) {
-    struct Row {
-        CK_MECHANISM_TYPE type;
-        const char* name;
-    };
-    for (const Row& row : {Row{CKM_ECDSA, "CKM_ECDSA"}, Row{CKM_RSA_PKCS_PSS, "CKM_RSA_PKCS_PSS"}}) {
+    for (const auto& [type, name] :
+         {std::pair<CK_MECHANISM_TYPE, const char*>{CKM_ECDSA, "CKM_ECDSA"}, {CKM_RSA_PKCS_PSS, "CKM_RSA_PKCS_PSS"}}) {
         for (const std::size_t size : {1U, 15U, 16U, 17U, 19U, 20U, 21U, 28U, 32U, 48U, 64U}) {
-            SCOPED_TRACE(text(row.name, " ", size));
+            SCOPED_TRACE(text(name, " ", size));
             const Bytes data = countingBytes(0x30, size);
-            const bool pss = row.type == CKM_RSA_PKCS_PSS;
-            begin(row.type);
+            const bool pss = type == CKM_RSA_PKCS_PSS;
+            begin(type);
             if (size == 20 || size == 16) {
-                EXPECT_EQ(sign(data),
-                          scanRefused(row.type, text(size == 20 ? "SHA1" : "MD5", " hash signing via ", row.name)));
+                EXPECT_EQ(sign(data), scanRefused(type, text(size == 20 ? "SHA1" : "MD5", " hash signing via ", name)));
                 EXPECT_EQ(sign(data), notInitialised("C_Sign"));
             } else {
                 EXPECT_EQ(sign(data).device, (Lines{signHash(data, pss, "SN2")}));
             }
-            signInit(ordinary, row.type, 5);
+            signInit(ordinary, type, 5);
             EXPECT_EQ(signIn(ordinary, data).device, (Lines{signHash(data, pss)}));
         }
         for (const Bytes& data : {sha1DigestInfo, md5DigestInfo}) {  // only the length counts here
-            begin(row.type);
+            begin(type);
             EXPECT_EQ(sign(data).code, CKR_OK);
         }
     }

@@ -211,11 +211,8 @@ TEST_F(VerifyTest, HashingFailuresEndASinglePart) {
 }
 
 TEST_F(VerifyTest, SeveralPartsHaveAHashTableOfTheirOwn) {
-    struct Row {
-        CK_MECHANISM_TYPE type;
-        int hashCode;  ///< 0: collected
-    };
-    const Row rows[] = {
+    // The hash code; with 0 the parts are collected.
+    const std::pair<CK_MECHANISM_TYPE, int> rows[] = {
         {CKM_RSA_PKCS, 0},
         {CKM_SHA1_RSA_PKCS, 2},
         {CKM_RSA_PKCS_PSS, 3},
@@ -236,17 +233,17 @@ TEST_F(VerifyTest, SeveralPartsHaveAHashTableOfTheirOwn) {
         {CKM_ECDSA_SHA512, 5},
     };
     int context = 0;
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.type);
-        beginVerify(row.type);
-        if (row.hashCode == 0) {
+    for (const auto& [type, hashCode] : rows) {
+        SCOPED_TRACE(type);
+        beginVerify(type);
+        if (hashCode == 0) {
             EXPECT_EQ(verifyUpdate({1, 2}), succeeded("C_VerifyUpdate"));
             EXPECT_EQ(verifyUpdate({3}), succeeded("C_VerifyUpdate"));
             EXPECT_EQ(verifyFinal(), succeeded("C_VerifyFinal", {verifyHash({1, 2, 3}, modulus())}));
             continue;
         }
         ++context;
-        EXPECT_EQ(verifyUpdate({1, 2}).device, (Lines{initHash(row.hashCode), updateHash(context, {1, 2})}));
+        EXPECT_EQ(verifyUpdate({1, 2}).device, (Lines{initHash(hashCode), updateHash(context, {1, 2})}));
         EXPECT_EQ(verifyUpdate({3}).device, (Lines{updateHash(context, {3})}));
         // The PSS flag is false whatever the mechanism.
         EXPECT_EQ(verifyFinal(), succeeded("C_VerifyFinal", {finalHash(context), verifyHash(digest, modulus())}));
