@@ -148,11 +148,7 @@ TEST_F(CreationCertificateTest, AnUnreadableCertificateIsRefused) {
 }
 
 TEST_F(CreationCertificateTest, AFailedImportIsReported) {
-    for (const auto& [result, code] : std::vector<std::pair<int, CK_RV>>{{40, CKR_DEVICE_MEMORY},
-                                                                         {242, CKR_DEVICE_MEMORY},
-                                                                         {41, CKR_FUNCTION_FAILED},
-                                                                         {1, CKR_FUNCTION_FAILED},
-                                                                         {-40, CKR_FUNCTION_FAILED}}) {
+    for (const auto& [result, code] : importFailures) {
         world.results["zentak_importCertificate"] = result;
         EXPECT_EQ(createMail(),
                   (Outcome{code,

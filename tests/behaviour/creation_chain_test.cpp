@@ -165,8 +165,7 @@ TEST_F(CreationChainTest, AFailureInTheMiddleEndsTheCall) {
     addAuthority(middle, "CN=Middle", "CN=Root");
     addAuthority(root, "CN=Root", "CN=Root");
     const Lines imports = {importedRoot, importedMiddle, importedLeaf};
-    for (const auto& [result, code] : std::vector<std::pair<int, CK_RV>>{
-             {40, CKR_DEVICE_MEMORY}, {242, CKR_DEVICE_MEMORY}, {1, CKR_FUNCTION_FAILED}, {-40, CKR_FUNCTION_FAILED}}) {
+    for (const auto& [result, code] : importFailures) {
         for (std::size_t failing = 0; failing < imports.size(); ++failing) {
             setResultOfCall("zentak_importCertificate", static_cast<int>(failing) + 1, result);
             const Lines made(imports.begin(), imports.begin() + static_cast<std::ptrdiff_t>(failing) + 1);

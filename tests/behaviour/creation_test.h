@@ -44,6 +44,11 @@ inline std::string nameKeyPair(std::uint32_t id, const std::string& label, const
                 "\", null, 0, instance)");
 }
 
+/// Results of an import, and the codes that they become.
+inline const std::pair<int, CK_RV> importFailures[] = {
+    {40, CKR_DEVICE_MEMORY},  {242, CKR_DEVICE_MEMORY},   {39, CKR_FUNCTION_FAILED},  {41, CKR_FUNCTION_FAILED},
+    {1, CKR_FUNCTION_FAILED}, {-40, CKR_FUNCTION_FAILED}, {-242, CKR_FUNCTION_FAILED}};
+
 /// A user is logged in; the next certificate that is imported becomes number 9 of the token's list, and nobody's key
 /// belongs to it.
 class CreationTest : public ObjectTest {

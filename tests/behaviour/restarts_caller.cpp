@@ -28,44 +28,24 @@ AllowedCodes listAllowedCodes() {
         codes[name] = {CKR_OK, CKR_CRYPTOKI_NOT_INITIALIZED, CKR_SLOT_ID_INVALID};
     }
     // The session is gone, or another thread's, in any state and with any operation.
-    const std::pair<const char*, std::set<CK_RV>> sessionFunctions[] = {
-        {"C_CloseSession", {}},
-        {"C_GetSessionInfo", {}},
-        {"C_Login", {CKR_USER_ALREADY_LOGGED_IN, CKR_USER_ANOTHER_ALREADY_LOGGED_IN}},
-        {"C_Login of the security officer", {CKR_USER_ALREADY_LOGGED_IN, CKR_SESSION_READ_ONLY_EXISTS}},
-        {"C_Logout", {CKR_USER_NOT_LOGGED_IN}},
-        {"C_SetPIN", {CKR_SESSION_READ_ONLY}},
-        {"C_FindObjectsInit", {}},
-        {"C_FindObjects", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_FindObjectsFinal", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_GetAttributeValue", {}},
-        {"C_SetAttributeValue", {}},
-        {"C_GetObjectSize", {}},
-        {"C_CreateObject", {}},
-        {"C_DestroyObject", {CKR_SESSION_READ_ONLY}},
-        {"C_GenerateKeyPair", {}},
-        {"C_DeriveKey", {}},
-        {"C_GenerateRandom", {}},
-        {"C_DigestInit", {CKR_OPERATION_ACTIVE}},
-        {"C_Digest", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_DigestUpdate", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_DigestFinal", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_SignInit", {CKR_OPERATION_ACTIVE}},
-        {"C_Sign", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_SignUpdate", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_SignFinal", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_VerifyInit", {CKR_OPERATION_ACTIVE}},
-        {"C_Verify", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_VerifyUpdate", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_VerifyFinal", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_EncryptInit", {CKR_OPERATION_ACTIVE}},
-        {"C_Encrypt", {CKR_OPERATION_NOT_INITIALIZED}},
-        {"C_DecryptInit", {CKR_OPERATION_ACTIVE}},
-        {"C_Decrypt", {CKR_OPERATION_NOT_INITIALIZED}},
+    const std::pair<std::set<CK_RV>, std::vector<std::string>> sessionFunctions[] = {
+        {{},
+         {"C_CloseSession", "C_GetSessionInfo", "C_FindObjectsInit", "C_GetAttributeValue", "C_SetAttributeValue",
+          "C_GetObjectSize", "C_CreateObject", "C_GenerateKeyPair", "C_DeriveKey", "C_GenerateRandom"}},
+        {{CKR_OPERATION_ACTIVE}, {"C_DigestInit", "C_SignInit", "C_VerifyInit", "C_EncryptInit", "C_DecryptInit"}},
+        {{CKR_OPERATION_NOT_INITIALIZED},
+         {"C_FindObjects", "C_FindObjectsFinal", "C_Digest", "C_DigestUpdate", "C_DigestFinal", "C_Sign",
+          "C_SignUpdate", "C_SignFinal", "C_Verify", "C_VerifyUpdate", "C_VerifyFinal", "C_Encrypt", "C_Decrypt"}},
+        {{CKR_SESSION_READ_ONLY}, {"C_SetPIN", "C_DestroyObject"}},
+        {{CKR_USER_ALREADY_LOGGED_IN, CKR_USER_ANOTHER_ALREADY_LOGGED_IN}, {"C_Login"}},
+        {{CKR_USER_ALREADY_LOGGED_IN, CKR_SESSION_READ_ONLY_EXISTS}, {"C_Login of the security officer"}},
+        {{CKR_USER_NOT_LOGGED_IN}, {"C_Logout"}},
     };
-    for (const auto& [name, more] : sessionFunctions) {
-        codes[name] = {CKR_OK, CKR_CRYPTOKI_NOT_INITIALIZED, CKR_SESSION_HANDLE_INVALID};
-        codes[name].insert(more.begin(), more.end());
+    for (const auto& [more, names] : sessionFunctions) {
+        for (const std::string& name : names) {
+            codes[name] = {CKR_OK, CKR_CRYPTOKI_NOT_INITIALIZED, CKR_SESSION_HANDLE_INVALID};
+            codes[name].insert(more.begin(), more.end());
+        }
     }
     return codes;
 }
