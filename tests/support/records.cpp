@@ -46,12 +46,12 @@ Bytes exampleKey(KeyType type) {
 TokenInfo makeTokenInfo(const std::string& serialNumber, const std::string& model) {
     TokenInfo info;
     info.serialNumber = serialNumber;
-    info.subjectCommonName = "second text";
+    info.text2 = "second text";
     info.label = "Token of " + serialNumber;
     info.text4 = "fourth text";
     info.model = model;
     info.firmwareVersion = "3.6";
-    info.subject = "seventh text";
+    info.text7 = "seventh text";
     info.userPinChanged = 1;
     info.number2 = 102;
     info.userPinAttemptsLeft = 5;
