@@ -285,8 +285,8 @@ TEST_F(EncryptionTest, TheKeyTypeChoosesTheEncryptionType) {
 }
 
 TEST_F(EncryptionTest, EveryPublicKeyIsWrapped) {
-    const auto threeBytes = [](const Bytes& modulus) {
-        return Bytes{0x30, 0x1E} + rsaIdentifier + Bytes{0x03, 0x0D, 0x00, 0x30, 0x0A} + Bytes{0x02, 0x03} + modulus +
+    const auto threeBytes = [](const Bytes& stored) {
+        return Bytes{0x30, 0x1E} + rsaIdentifier + Bytes{0x03, 0x0D, 0x00, 0x30, 0x0A} + Bytes{0x02, 0x03} + stored +
                exponent;
     };
     const Bytes small = countingBytes(5, 256);  // no zero byte before it
