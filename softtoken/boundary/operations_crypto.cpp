@@ -5,6 +5,7 @@
 #include "boundary/boundary.h"
 #include "device/zentak_dsc_library.h"
 #include "keys/key_operations.h"
+#include "platform/environment.h"
 #include "token/instance_handles.h"
 #include "token/token_changes.h"
 

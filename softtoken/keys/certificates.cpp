@@ -9,7 +9,6 @@
 #include "base/no_destructor.h"
 #include "keys/keys.h"
 #include "platform/errors.h"
-#include "store/token_data.h"
 
 namespace softtoken {
 

@@ -16,7 +16,7 @@ struct CertificateFacts {
     /// text1 the serial number in hexadecimal, text4 and text5 the validity's begin and end, text6 the issuer's common
     /// name, text8 empty. A name without a common name gives its distinguished name instead.
     CertificateDetails details;
-    Bytes subject;       ///< DER, as it stands in the certificate
+    Bytes subject;       ///< DER, as it is in the certificate
     Bytes issuer;        ///< the same
     Bytes serialNumber;  ///< a DER INTEGER
 };
@@ -25,7 +25,8 @@ struct CertificateFacts {
 /// Error::certificateInvalid.
 std::shared_ptr<const CertificateFacts> certificateFacts(ByteView der);
 
-/// The certificates of a file: all of a PEM text, or the bytes themselves when they aren't PEM.
+/// The certificates of a file: all of a PEM text, or the bytes themselves when they aren't PEM. Nothing is decoded: the
+/// bytes are handed on as the file has them, where OSSL_STORE would leave out what it can't read.
 std::vector<Bytes> certificatesOfFile(const std::string& content);
 
 }  // namespace softtoken

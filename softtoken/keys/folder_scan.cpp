@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "keys/certificates.h"
+#include "platform/environment.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 

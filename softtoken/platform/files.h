@@ -1,5 +1,4 @@
-/// What the software token needs of the operating system: where the store lies, a lock between processes, files that
-/// are replaced whole, moving folders, and a prompt without echo.
+/// The software token's files: a lock between processes, files that are replaced whole, moving folders.
 
 #ifndef ZENTAK_SOFTTOKEN_PLATFORM_FILES_H
 #define ZENTAK_SOFTTOKEN_PLATFORM_FILES_H
@@ -12,22 +11,6 @@
 
 namespace softtoken {
 
-/// An environment variable that is set and not empty, in UTF-8 on Windows and as it is elsewhere.
-std::optional<std::string> environmentText(const char* name);
-
-/// The folder of the user's tokens: ZENTAK_TOKENS, else a folder within the user's local application data. Throws
-/// Error::storeFailed when the environment names neither.
-std::filesystem::path defaultStoreFolder();
-
-/// A path from text in the form of environmentText and of the tool's command line.
-std::filesystem::path pathFromUtf8(std::string_view text);
-/// The reverse of pathFromUtf8.
-std::string utf8FromPath(const std::filesystem::path& path);
-/// A path from the 8-bit text of a caller at the boundary: on Windows in the ANSI code page.
-std::filesystem::path pathFromNarrow(std::string_view text);
-/// The reverse of pathFromNarrow; characters that have no 8-bit form are lost.
-std::string narrowFromPath(const std::filesystem::path& path);
-
 /// Whether there is such a folder. Takes a path's text: to make a path of it takes longer than the look.
 bool isFolder(const std::filesystem::path::string_type& path);
 
@@ -37,8 +20,8 @@ bool isLink(const std::filesystem::path& path);
 /// Whether a symbolic link in a file's place leads to another file, or is an error.
 enum class Links { follow, refuse };
 
-/// Makes the folder and those above it, readable for the user alone. On Linux what root makes here and in the routines
-/// below belongs to the owner of what it takes the place of, or else of the folder that it stands in.
+/// Makes the folder and those above it, readable only for the user. On Linux what root makes here and in the routines
+/// below belongs to the owner of what it takes the place of, or else of the folder that it is in.
 void createPrivateFolders(const std::filesystem::path& folder);
 
 /// Throws Error::storeFailed for a folder in which others may replace files, which Windows isn't asked about, and
@@ -97,17 +80,6 @@ void overwriteFile(const std::filesystem::path& file, std::string_view content, 
 
 /// Renames a folder or a file and makes that last. Throws Error::storeFailed, as replaceFile does.
 void moveFolder(const std::filesystem::path& from, const std::filesystem::path& to);
-
-/// From here on the process leaves no core dump or crash report behind, and on Linux other programs of the user can't
-/// look into its memory. For programs of our own: a library has no say in that.
-void keepMemoryPrivate();
-
-/// Takes a variable out of the process, memory included.
-void forgetEnvironment(const char* name);
-
-/// Asks for a line on the terminal. Nothing when there is no terminal to ask on.
-enum class Echo { off, on };
-std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo);
 
 }  // namespace softtoken
 

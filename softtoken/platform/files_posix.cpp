@@ -1,19 +1,14 @@
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <openssl/crypto.h>
 #include <sys/file.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/posix_support.h"
 
 namespace softtoken {
 
@@ -21,50 +16,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-[[noreturn]] void failStore(const char* what, const fs::path& path) {
-    const int number = errno;
-    throw Failure(Error::storeFailed,
-                  std::string("cannot ") + what + " " + path.string() + ": " + std::strerror(number));
-}
-
-[[noreturn]] void refuseLink(const fs::path& path) {
-    throw Failure(Error::tokenDamaged, path.string() + " is a link, which isn't followed");
-}
-
 [[noreturn]] void failTooLarge(const fs::path& path, std::size_t largest) {
     throw Failure(Error::storeFailed, path.string() + " is larger than " + std::to_string(largest) + " bytes");
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(int number) : number_(number) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() {
-        if (number_ >= 0) {
-            close(number_);
-        }
-    }
-    [[nodiscard]] int get() const { return number_; }
-    int release() { return std::exchange(number_, -1); }
-    /// Closing may report a write that failed late.
-    bool closeNow() { return close(release()) == 0; }
-
-private:
-    int number_;
-};
-
-int openRetrying(const fs::path& path, int flags, mode_t mode = 0) {
-    int number = -1;
-    do {
-        number = open(path.c_str(), flags | O_CLOEXEC, mode);
-    } while (number < 0 && errno == EINTR);
-    return number;
-}
-
 /// Less than 0 when there is no such file.
 int openForReading(const fs::path& file, Links links) {
-    // Nobody waits for the other end of a pipe that stands in the place of a token's file.
+    // Nobody waits for the other end of a pipe in the place of a token's file.
     const int number = openRetrying(file, O_RDONLY | (links == Links::refuse ? O_NOFOLLOW | O_NONBLOCK : 0));
     if (number < 0 && errno == ELOOP && links == Links::refuse) {
         refuseLink(file);
@@ -73,25 +31,6 @@ int openForReading(const fs::path& file, Links links) {
         failStore("open", file);
     }
     return number;
-}
-
-fs::path folderAbove(const fs::path& path) {
-    return path.has_parent_path() ? path.parent_path() : fs::path(".");
-}
-
-/// What root makes in somebody's store belongs to that user: to the owner of the file that it takes the place of, or
-/// else of the folder that it stands in. `made` is open and new.
-void giveToOwner(const Descriptor& made, const fs::path& model) {
-    if (geteuid() != 0) {
-        return;
-    }
-    struct stat status {};
-    if (stat(model.c_str(), &status) != 0) {
-        failStore("look at", model);
-    }
-    if (fchown(made.get(), status.st_uid, status.st_gid) != 0) {
-        failStore("give something to the owner of", model);
-    }
 }
 
 /// Less than 0 when it can't be opened or made.
@@ -122,78 +61,7 @@ void writeAll(const Descriptor& descriptor, std::string_view content, const fs::
     }
 }
 
-void syncFolder(const fs::path& folder) {
-    const Descriptor descriptor(openRetrying(folder, O_RDONLY | O_DIRECTORY));
-    if (descriptor.get() < 0 || fsync(descriptor.get()) != 0) {
-        failStore("flush the folder", folder);
-    }
-}
-
-/// The last step of a change, when it can't be taken back any more.
-void syncAfterRename(const fs::path& folder) {
-    try {
-        syncFolder(folder);
-    } catch (const Failure& failure) {
-        throw Failure(failure.error, std::string(failure.what()) +
-                                         "; the change is in force, but a power failure may still take it back");
-    }
-}
-
 }  // namespace
-
-void keepMemoryPrivate() {
-    const rlimit none{};
-    setrlimit(RLIMIT_CORE, &none);
-    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
-}
-
-std::optional<std::string> environmentText(const char* name) {
-    // In a program with more rights than its caller has (set-user-ID) the caller's variables don't count.
-    const char* value = secure_getenv(name);
-    if (value == nullptr || *value == '\0') {
-        return std::nullopt;
-    }
-    return value;
-}
-
-void forgetEnvironment(const char* name) {
-    char* const value = std::getenv(name);
-    if (value == nullptr) {
-        return;
-    }
-    // The variable's own memory: the process was started with it.
-    OPENSSL_cleanse(value, std::strlen(value));
-    unsetenv(name);
-}
-
-fs::path defaultStoreFolder() {
-    if (const auto named = environmentText("ZENTAK_TOKENS")) {
-        return fs::absolute(*named);
-    }
-    if (const auto data = environmentText("XDG_DATA_HOME")) {
-        return fs::path(*data) / "zentak" / "tokens";
-    }
-    if (const auto home = environmentText("HOME")) {
-        return fs::path(*home) / ".local" / "share" / "zentak" / "tokens";
-    }
-    throw Failure(Error::storeFailed, "no folder for tokens: set ZENTAK_TOKENS or HOME");
-}
-
-fs::path pathFromUtf8(std::string_view text) {
-    return text;
-}
-
-std::string utf8FromPath(const fs::path& path) {
-    return path.string();
-}
-
-fs::path pathFromNarrow(std::string_view text) {
-    return text;
-}
-
-std::string narrowFromPath(const fs::path& path) {
-    return path.string();
-}
 
 bool isFolder(const std::string& path) {
     struct stat status {};
@@ -348,7 +216,7 @@ std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length)
 void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += ".new";
-    // What stands there is never written through: it may be a left-over, or a link or a pipe that somebody prepared.
+    // What is there is never written through: it may be a left-over, or a link or a pipe that somebody prepared.
     unlink(fresh.c_str());
     try {
         Descriptor descriptor(openRetrying(fresh, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));

@@ -2,8 +2,10 @@
 
 #include <windows.h>
 
+#include "platform/environment.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/windows_support.h"
 
 namespace softtoken {
 
@@ -14,54 +16,6 @@ namespace {
 [[noreturn]] void failStore(const char* what, const fs::path& path, DWORD number) {
     throw Failure(Error::storeFailed,
                   std::string("cannot ") + what + " " + utf8FromPath(path) + ": error " + std::to_string(number));
-}
-
-class Handle {
-public:
-    explicit Handle(HANDLE handle) : handle_(handle) {}
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-    ~Handle() {
-        if (valid()) {
-            CloseHandle(handle_);
-        }
-    }
-    [[nodiscard]] bool valid() const { return handle_ != INVALID_HANDLE_VALUE; }
-    [[nodiscard]] HANDLE get() const { return handle_; }
-
-private:
-    HANDLE handle_;
-};
-
-std::wstring wide(std::string_view text, UINT codePage) {
-    const int size = static_cast<int>(text.size());
-    std::wstring result(static_cast<std::size_t>(MultiByteToWideChar(codePage, 0, text.data(), size, nullptr, 0)), 0);
-    MultiByteToWideChar(codePage, 0, text.data(), size, result.data(), static_cast<int>(result.size()));
-    return result;
-}
-
-std::string narrow(std::wstring_view text, UINT codePage) {
-    const int size = static_cast<int>(text.size());
-    std::string result(
-        static_cast<std::size_t>(WideCharToMultiByte(codePage, 0, text.data(), size, nullptr, 0, nullptr, nullptr)), 0);
-    WideCharToMultiByte(codePage, 0, text.data(), size, result.data(), static_cast<int>(result.size()), nullptr,
-                        nullptr);
-    return result;
-}
-
-std::optional<std::wstring> environmentWide(const wchar_t* name) {
-    std::wstring value(256, 0);
-    for (;;) {
-        const DWORD length = GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size()));
-        if (length == 0) {
-            return std::nullopt;
-        }
-        const bool complete = length < value.size();
-        value.resize(length);
-        if (complete) {
-            return value;
-        }
-    }
 }
 
 /// Another process, or a virus scanner, may have a file open for a moment, which forbids to replace or rename it, and a
@@ -77,8 +31,6 @@ DWORD retryWhileInUse(const std::function<bool()>& attempt) {
     }
     return 0;
 }
-
-constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 [[noreturn]] void refuseLink(const fs::path& path) {
     throw Failure(Error::tokenDamaged, utf8FromPath(path) + " is a link, which isn't followed");
@@ -143,56 +95,6 @@ std::int64_t nanoseconds(const FILETIME& time) {
 }
 
 }  // namespace
-
-void keepMemoryPrivate() {
-    // Without the box there is no report either, which would take the memory along.
-    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
-}
-
-std::optional<std::string> environmentText(const char* name) {
-    const auto value = environmentWide(wide(name, CP_UTF8).c_str());
-    if (!value) {
-        return std::nullopt;
-    }
-    return narrow(*value, CP_UTF8);
-}
-
-void forgetEnvironment(const char* name) {
-    const std::wstring variable = wide(name, CP_UTF8);
-    const auto value = environmentWide(variable.c_str());
-    if (!value) {
-        return;
-    }
-    // The block keeps a value of the same length in place.
-    SetEnvironmentVariableW(variable.c_str(), std::wstring(value->size(), L'x').c_str());
-    SetEnvironmentVariableW(variable.c_str(), nullptr);
-}
-
-fs::path defaultStoreFolder() {
-    if (const auto named = environmentWide(L"ZENTAK_TOKENS")) {
-        return fs::absolute(*named);
-    }
-    if (const auto data = environmentWide(L"LOCALAPPDATA")) {
-        return fs::path(*data) / L"Zentak" / L"Tokens";
-    }
-    throw Failure(Error::storeFailed, "no folder for tokens: set ZENTAK_TOKENS or LOCALAPPDATA");
-}
-
-fs::path pathFromUtf8(std::string_view text) {
-    return wide(text, CP_UTF8);
-}
-
-std::string utf8FromPath(const fs::path& path) {
-    return narrow(path.native(), CP_UTF8);
-}
-
-fs::path pathFromNarrow(std::string_view text) {
-    return wide(text, CP_ACP);
-}
-
-std::string narrowFromPath(const fs::path& path) {
-    return narrow(path.native(), CP_ACP);
-}
 
 bool isFolder(const std::wstring& path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());
@@ -334,7 +236,7 @@ std::optional<std::string> readFileEnd(const fs::path& file, std::size_t length)
 void replaceFile(const fs::path& file, std::string_view content) {
     fs::path fresh = file;
     fresh += L".new";
-    // What stands there is never written through: it may be a left-over, or a link that somebody prepared.
+    // What is there is never written through: it may be a left-over, or a link that somebody prepared.
     retryWhileInUse([&] { return DeleteFileW(fresh.c_str()) != 0; });
     try {
         writeFile(fresh, 0, CREATE_NEW, content, Lasting::atOnce);
@@ -364,44 +266,6 @@ void moveFolder(const fs::path& from, const fs::path& to) {
     if (number != 0) {
         failStore("move", from, number);
     }
-}
-
-std::optional<std::string> promptOnTerminal(const std::string& prompt, Echo echo) {
-    const Handle input(
-        CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
-    const Handle output(CreateFileW(L"CONOUT$", GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
-    DWORD before = 0;
-    // A console window may exist while the program's input comes from a file or a pipe; then nobody is there to answer.
-    DWORD standard = 0;
-    if (!GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &standard)) {
-        return std::nullopt;
-    }
-    if (!input.valid() || !output.valid() || !GetConsoleMode(input.get(), &before)) {
-        return std::nullopt;
-    }
-    const auto say = [&](std::string_view text) {
-        const std::wstring line = wide(text, CP_UTF8);
-        WriteConsoleW(output.get(), line.data(), static_cast<DWORD>(line.size()), nullptr, nullptr);
-    };
-    say(prompt);
-    if (echo == Echo::off) {
-        SetConsoleMode(input.get(), before & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
-    }
-    wchar_t line[256];
-    DWORD count = 0;
-    const BOOL read = ReadConsoleW(input.get(), line, 256, &count, nullptr);
-    if (echo == Echo::off) {
-        SetConsoleMode(input.get(), before);
-        say("\r\n");
-    }
-    if (!read) {
-        return std::nullopt;
-    }
-    std::wstring_view text(line, count);
-    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) {
-        text.remove_suffix(1);
-    }
-    return narrow(text, CP_UTF8);
 }
 
 }  // namespace softtoken

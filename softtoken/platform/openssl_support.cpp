@@ -10,8 +10,8 @@ namespace softtoken {
 OSSL_LIB_CTX* cryptoContext() {
     static OSSL_LIB_CTX* const context = [] {
 #ifdef _WIN32
-        // This copy of OpenSSL is ours alone. It reads no configuration file, which anybody could put at its
-        // compiled-in path, and does nothing at process exit, when a thread of the host may still be inside an
+        // Nobody else uses this copy of OpenSSL. It reads no configuration file, which anybody could put at its
+        // compiled-in path, and does nothing at process exit, when a thread of the application may still be inside an
         // operation.
         OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT, nullptr);
 #endif
@@ -76,6 +76,27 @@ std::array<unsigned char, 32> sha256(ByteView first, ByteView second) {
                       EVP_DigestFinal_ex(context.get(), digest.data(), nullptr) == 1,
                   "SHA-256");
     return digest;
+}
+
+std::string hexText(ByteView bytes) {
+    // The zero at the end is written, too.
+    std::string text(2 * bytes.size() + 1, '\0');
+    requireCrypto(bytes.empty() ||
+                      OPENSSL_buf2hexstr_ex(text.data(), text.size(), nullptr, bytes.data(), bytes.size(), '\0') == 1,
+                  "writing hexadecimal digits");
+    text.pop_back();
+    return text;
+}
+
+std::optional<Bytes> bytesFromHex(const std::string& text) {
+    const ErrorQueueGuard guard;
+    Bytes bytes(text.size() / 2);
+    std::size_t length = 0;
+    if (!text.empty() && OPENSSL_hexstr2buf_ex(bytes.data(), bytes.size(), &length, text.c_str(), '\0') != 1) {
+        return std::nullopt;
+    }
+    // What follows a zero byte isn't read.
+    return length == bytes.size() && text.size() % 2 == 0 ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
 }  // namespace softtoken

@@ -12,6 +12,8 @@
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 #include <openssl/x509.h>
+#include <optional>
+#include <string>
 
 #include "platform/bytes.h"
 
@@ -43,7 +45,7 @@ inline Key ownKey(EVP_PKEY* key) {
     return {key, &EVP_PKEY_free};
 }
 
-/// The library context of everything here. It is never the host's default one: a host may have configured that to use
+/// The library context of everything here. It is never the application's default one, which may be configured to use
 /// a PKCS #11 provider, which would call back into the module that is calling us. Lives until the process ends.
 OSSL_LIB_CTX* cryptoContext();
 
@@ -59,7 +61,12 @@ SecretBytes randomSecret(std::size_t count);
 
 std::array<unsigned char, 32> sha256(ByteView first, ByteView second = {});
 
-/// Takes back what OpenSSL put into the thread's error queue, which may be shared with the host.
+/// Upper-case hexadecimal text, two digits a byte.
+std::string hexText(ByteView bytes);
+/// Nothing when the text isn't pairs of hexadecimal digits.
+std::optional<Bytes> bytesFromHex(const std::string& text);
+
+/// Takes back what OpenSSL put into the thread's error queue, which may be shared with the application.
 class ErrorQueueGuard {
 public:
     ErrorQueueGuard() { ERR_set_mark(); }

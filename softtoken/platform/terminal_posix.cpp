@@ -5,11 +5,14 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "platform/files.h"
+#include "platform/terminal.h"
 
 namespace softtoken {
 
 namespace {
+
+// OpenSSL's prompts (UI_*) catch every signal for themselves: control-Z and SIGTERM would end the question as if nobody
+// had answered, where the program has to stop and to end.
 
 /// The terminal of a question, which signals may interrupt. What it consists of is set before their handlers are.
 struct Question {
@@ -39,8 +42,8 @@ void setTerminal(const termios& settings) {
     }
 }
 
-/// A program that is interrupted gives the echo back before it ends. One that is stopped (control-Z) gives it back as
-/// long as it stands, and asks again when it goes on.
+/// A program that is interrupted gives the echo back before it ends. One that is stopped (control-Z) gives it back for
+/// that time, and asks again when it goes on.
 class SignalGuard {
 public:
     SignalGuard() {
@@ -75,7 +78,7 @@ private:
         setTerminal(question.before);
         install(number, SIG_DFL, nullptr);
         raise(number);
-        // Here the process ends, or stands until somebody lets it go on.
+        // Here the process ends, or is stopped until somebody lets it go on.
         sigset_t own;
         sigemptyset(&own);
         sigaddset(&own, number);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/environment.h"
 #include "platform/errors.h"
 
 namespace softtoken {
@@ -15,7 +16,7 @@ constexpr const char* scratchFolderName = ".zentak-scratch";
     throw Failure(Error::deviceNotPresent, "there is no token " + std::string(serialNumber));
 }
 
-/// Removes what lies under the name. Of a link the link alone: what it leads to isn't ours.
+/// Removes what has the name. Of a link only the link: what it leads to isn't ours.
 void removeWhole(const fs::path& path) {
     std::error_code ignored;
     if (!isLink(path) && fs::is_directory(path, ignored)) {

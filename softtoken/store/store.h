@@ -53,7 +53,7 @@ public:
     [[nodiscard]] std::filesystem::path pluggedTokenFile(std::string_view serialNumber) const;
     [[nodiscard]] bool isPlugged(std::string_view serialNumber) const;
 
-    /// Where a token lies, plugged in or not. Throws Error::deviceNotPresent, and Error::storeFailed or
+    /// The folder of a token, plugged in or not. Throws Error::deviceNotPresent, and Error::storeFailed or
     /// Error::tokenDamaged when that folder or one above it within the store isn't safe from others or is a link.
     [[nodiscard]] std::filesystem::path folderOf(std::string_view serialNumber) const;
 
@@ -82,7 +82,7 @@ public:
     /// else waiting.
     OpenedToken open(std::string_view serialNumber, Role role, std::string_view pin,
                      const StoredToken* known = nullptr);
-    /// The same, for whoever wants the key alone.
+    /// The same, for whoever wants only the key.
     SecretBytes checkPin(std::string_view serialNumber, Role role, std::string_view pin) {
         return open(serialNumber, role, pin).key;
     }

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/errors.h"
-#include "platform/openssl_support.h"
+#include "store/document.h"
 
 namespace softtoken {
 
@@ -14,142 +13,12 @@ constexpr std::string_view attemptsFormat = "zentak-software-token-attempts";
 /// The versions that are written; those before are read.
 constexpr int tokenVersion = 2;
 constexpr int attemptsVersion = 1;
-/// More would keep a host waiting for minutes at a file that somebody prepared.
+/// More would keep an application waiting for minutes at a file that somebody prepared.
 constexpr std::uint32_t maximumIterations = 20'000'000;
 constexpr std::size_t maximumAttempts = 1000;
 constexpr std::size_t maximumTextLength = 1024;
 
-[[noreturn]] void damaged(const std::string& what) {
-    throw Failure(Error::tokenDamaged, "the token's file is damaged: " + what);
-}
-
-/// Composes a document: the line with format and version, fields, checksum.
-class Writer {
-public:
-    Writer(std::string_view format, int version) {
-        document_ += format;
-        document_ += ' ';
-        document_ += std::to_string(version);
-        document_ += '\n';
-    }
-
-    void number(std::uint32_t value) {
-        for (int shift = 0; shift < 32; shift += 8) {
-            document_ += static_cast<char>(value >> shift);
-        }
-    }
-    void text(std::string_view value) {
-        number(static_cast<std::uint32_t>(value.size()));
-        document_ += value;
-    }
-    void bytes(ByteView value) { text({reinterpret_cast<const char*>(value.data()), value.size()}); }
-
-    std::string finish() {
-        const auto checksum = sha256(viewOf(document_));
-        document_.append(checksum.begin(), checksum.end());
-        return std::move(document_);
-    }
-
-private:
-    std::string document_;
-};
-
-/// Takes a document apart. Every field is bounded, and named in the complaint about it.
-class Reader {
-public:
-    Reader(std::string_view format, int newestVersion, std::string_view document) {
-        const std::string_view line = document.substr(0, std::min(document.find('\n'), document.size()));
-        if (!line.starts_with(format) || line.size() == document.size() || line.substr(format.size(), 1) != " ") {
-            damaged("it is no such document");
-        }
-        const std::string_view digits = line.substr(format.size() + 1);
-        if (digits.size() == 1 && digits[0] >= '1' && digits[0] <= '0' + newestVersion) {
-            version_ = digits[0] - '0';
-        } else {
-            const bool isNumber = !digits.empty() && digits.size() <= 9 &&
-                                  digits.find_first_not_of("0123456789") == std::string_view::npos;
-            if (!isNumber) {
-                damaged("its version is no number");
-            }
-            throw Failure(Error::unknownVersion, "the token's file is of version " + std::string(digits) +
-                                                     ", this program knows version 1" +
-                                                     (newestVersion > 1 ? " to " + std::to_string(newestVersion) : ""));
-        }
-        if (document.size() < line.size() + 1 + checksumLength) {
-            damaged("it is too short");
-        }
-        const std::string_view covered = document.substr(0, document.size() - checksumLength);
-        const auto checksum = sha256(viewOf(covered));
-        if (!std::equal(checksum.begin(), checksum.end(), viewOf(document).last(checksumLength).begin())) {
-            damaged("the checksum doesn't match");
-        }
-        rest_ = viewOf(covered).subspan(line.size() + 1);
-    }
-
-    [[nodiscard]] int version() const { return version_; }
-
-    std::uint32_t number(const char* name, std::uint32_t smallest, std::uint32_t largest) {
-        const std::uint32_t value = plainNumber(name);
-        if (value < smallest || value > largest) {
-            damaged(name);
-        }
-        return value;
-    }
-
-    ByteView bytes(const char* name, std::size_t smallest, std::size_t largest) {
-        const std::size_t length = plainNumber(name);
-        if (length < smallest || length > largest || length > rest_.size()) {
-            damaged(name);
-        }
-        const ByteView value = rest_.first(length);
-        rest_ = rest_.subspan(length);
-        return value;
-    }
-
-    Bytes ownBytes(const char* name, std::size_t smallest, std::size_t largest) {
-        const ByteView value = bytes(name, smallest, largest);
-        return {value.begin(), value.end()};
-    }
-
-    std::string text(const char* name, std::size_t largest) {
-        const ByteView value = bytes(name, 0, largest);
-        if (std::find(value.begin(), value.end(), 0) != value.end()) {
-            damaged(name);
-        }
-        return {value.begin(), value.end()};
-    }
-
-    Reference reference(const char* name) {
-        Reference value{};
-        const ByteView view = bytes(name, value.size(), value.size());
-        std::copy(view.begin(), view.end(), value.begin());
-        return value;
-    }
-
-    void finish() const {
-        if (!rest_.empty()) {
-            damaged("something follows its last field");
-        }
-    }
-
-private:
-    std::uint32_t plainNumber(const char* name) {
-        if (rest_.size() < 4) {
-            damaged(name);
-        }
-        std::uint32_t value = 0;
-        for (std::size_t i = 0; i < 4; ++i) {
-            value |= static_cast<std::uint32_t>(rest_[i]) << (8 * i);
-        }
-        rest_ = rest_.subspan(4);
-        return value;
-    }
-
-    int version_ = 0;
-    ByteView rest_;
-};
-
-void writePinSection(Writer& writer, const PinSection& section) {
+void writePinSection(DocumentWriter& writer, const PinSection& section) {
     const KeyDerivation& derivation = section.derivation;
     writer.number(static_cast<std::uint32_t>(derivation.function));
     if (derivation.function == KeyDerivation::Function::pbkdf2) {
@@ -164,7 +33,7 @@ void writePinSection(Writer& writer, const PinSection& section) {
     writer.number(static_cast<std::uint32_t>(section.maximumAttempts));
 }
 
-KeyDerivation readKeyDerivation(Reader& reader) {
+KeyDerivation readKeyDerivation(DocumentReader& reader) {
     const std::uint32_t newest = reader.version() == 1 ? 1 : 2;
     const auto function = static_cast<KeyDerivation::Function>(reader.number("the key derivation function", 1, newest));
     if (function == KeyDerivation::Function::pbkdf2) {
@@ -178,7 +47,7 @@ KeyDerivation readKeyDerivation(Reader& reader) {
     return scrypt;
 }
 
-PinSection readPinSection(Reader& reader) {
+PinSection readPinSection(DocumentReader& reader) {
     PinSection section;
     section.derivation = readKeyDerivation(reader);
     section.salt = reader.ownBytes("the salt", 8, 64);
@@ -187,7 +56,7 @@ PinSection readPinSection(Reader& reader) {
     return section;
 }
 
-void writeKeyPair(Writer& writer, const KeyPairEntry& entry) {
+void writeKeyPair(DocumentWriter& writer, const KeyPairEntry& entry) {
     writer.number(entry.id);
     writer.bytes(entry.keyId);
     writer.number(static_cast<std::uint32_t>(entry.keyType));
@@ -198,7 +67,7 @@ void writeKeyPair(Writer& writer, const KeyPairEntry& entry) {
     writer.bytes(entry.sealedPrivateKey);
 }
 
-KeyPairEntry readKeyPair(Reader& reader) {
+KeyPairEntry readKeyPair(DocumentReader& reader) {
     KeyPairEntry entry;
     entry.id = reader.number("a key pair's number", 1, largestObjectNumber);
     entry.keyId = reader.reference("a key pair's reference");
@@ -211,7 +80,7 @@ KeyPairEntry readKeyPair(Reader& reader) {
     return entry;
 }
 
-void writeCertificate(Writer& writer, const CertificateEntry& entry) {
+void writeCertificate(DocumentWriter& writer, const CertificateEntry& entry) {
     writer.number(entry.id);
     writer.bytes(entry.certId);
     writer.text(entry.label);
@@ -219,7 +88,7 @@ void writeCertificate(Writer& writer, const CertificateEntry& entry) {
     writer.bytes(entry.der);
 }
 
-CertificateEntry readCertificate(Reader& reader) {
+CertificateEntry readCertificate(DocumentReader& reader) {
     CertificateEntry entry;
     entry.id = reader.number("a certificate's number", 1, largestObjectNumber);
     entry.certId = reader.reference("a certificate's reference");
@@ -230,7 +99,7 @@ CertificateEntry readCertificate(Reader& reader) {
 }
 
 template <typename Entry>
-std::vector<Entry> readEntries(Reader& reader, const char* what, Entry (*readEntry)(Reader&)) {
+std::vector<Entry> readEntries(DocumentReader& reader, const char* what, Entry (*readEntry)(DocumentReader&)) {
     const std::uint32_t count = reader.number(what, 0, largestObjectNumber);
     std::vector<Entry> entries;
     entries.reserve(count);
@@ -238,7 +107,7 @@ std::vector<Entry> readEntries(Reader& reader, const char* what, Entry (*readEnt
     for (std::uint32_t i = 0; i < count; ++i) {
         const Entry& entry = entries.emplace_back(readEntry(reader));
         if (taken[entry.id]) {
-            damaged("an object number occurs twice");
+            failDamaged("an object number occurs twice");
         }
         taken[entry.id] = true;
     }
@@ -248,7 +117,7 @@ std::vector<Entry> readEntries(Reader& reader, const char* what, Entry (*readEnt
 }  // namespace
 
 std::string writeTokenData(const TokenData& token) {
-    Writer writer(tokenFormat, tokenVersion);
+    DocumentWriter writer(tokenFormat, tokenVersion);
     writer.text(token.serialNumber);
     writer.text(token.label);
     writer.text(token.model);
@@ -274,11 +143,11 @@ std::string writeTokenData(const TokenData& token) {
 }
 
 TokenData readTokenData(std::string_view document) {
-    Reader reader(tokenFormat, tokenVersion, document);
+    DocumentReader reader(tokenFormat, tokenVersion, document);
     TokenData token;
     token.serialNumber = reader.text("the serial number", maximumSerialNumberLength);
     if (!isSerialNumber(token.serialNumber)) {
-        damaged("the serial number");
+        failDamaged("the serial number");
     }
     token.label = reader.text("the label", maximumTextLength);
     token.model = reader.text("the model", maximumTextLength);
@@ -298,59 +167,19 @@ TokenData readTokenData(std::string_view document) {
 }
 
 std::string writeAttempts(const Attempts& attempts) {
-    Writer writer(attemptsFormat, attemptsVersion);
+    DocumentWriter writer(attemptsFormat, attemptsVersion);
     writer.number(static_cast<std::uint32_t>(attempts.user));
     writer.number(static_cast<std::uint32_t>(attempts.officer));
     return writer.finish();
 }
 
 Attempts readAttempts(std::string_view document) {
-    Reader reader(attemptsFormat, attemptsVersion, document);
+    DocumentReader reader(attemptsFormat, attemptsVersion, document);
     Attempts attempts;
     attempts.user = static_cast<int>(reader.number("the user's attempts", 0, maximumAttempts));
     attempts.officer = static_cast<int>(reader.number("the officer's attempts", 0, maximumAttempts));
     reader.finish();
     return attempts;
-}
-
-std::string hexText(ByteView bytes) {
-    constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const unsigned char byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 0xF];
-    }
-    return text;
-}
-
-std::optional<Bytes> bytesFromHex(std::string_view text) {
-    const auto digit = [](char character) -> int {
-        if (character >= '0' && character <= '9') {
-            return character - '0';
-        }
-        if (character >= 'A' && character <= 'F') {
-            return character - 'A' + 10;
-        }
-        if (character >= 'a' && character <= 'f') {
-            return character - 'a' + 10;
-        }
-        return -1;
-    };
-    if (text.size() % 2 != 0) {
-        return std::nullopt;
-    }
-    Bytes bytes;
-    bytes.reserve(text.size() / 2);
-    for (std::size_t i = 0; i < text.size(); i += 2) {
-        const int high = digit(text[i]);
-        const int low = digit(text[i + 1]);
-        if (high < 0 || low < 0) {
-            return std::nullopt;
-        }
-        bytes.push_back(static_cast<unsigned char>(high * 16 + low));
-    }
-    return bytes;
 }
 
 bool isSerialNumber(std::string_view text) {

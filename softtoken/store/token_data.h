@@ -39,7 +39,7 @@ struct KeyDerivation {
     bool operator==(const KeyDerivation&) const = default;
 };
 
-/// A file that asks for more takes more than 256 MiB, or keeps a host waiting for minutes.
+/// A file that asks for more takes more than 256 MiB, or keeps an application waiting for minutes.
 inline constexpr std::uint32_t maximumCostLog2 = 18;
 
 /// The token key, wrapped under a key that is derived from a PIN.
@@ -108,14 +108,6 @@ std::string writeTokenData(const TokenData& token);
 TokenData readTokenData(std::string_view document);
 std::string writeAttempts(const Attempts& attempts);
 Attempts readAttempts(std::string_view document);
-
-/// A document ends with its checksum, of this many bytes.
-inline constexpr std::size_t checksumLength = 32;
-
-/// Upper-case hexadecimal text, two digits a byte.
-std::string hexText(ByteView bytes);
-/// Nothing when the text isn't pairs of hexadecimal digits.
-std::optional<Bytes> bytesFromHex(std::string_view text);
 
 /// Whether the text is 1 to 16 digits and upper-case letters: what a serial number, and so a token's folder, may be.
 bool isSerialNumber(std::string_view text);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "platform/errors.h"
+#include "store/document.h"
 
 namespace softtoken {
 

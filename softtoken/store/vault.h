@@ -23,7 +23,7 @@ void requirePinLength(std::string_view pin);
 
 SecretBytes newTokenKey();
 
-/// The ciphertext with nonce and tag, to be opened with the same additional data alone.
+/// The ciphertext with nonce and tag, to be opened only with the same additional data.
 Bytes seal(ByteView key, ByteView additionalData, ByteView plaintext);
 /// Nothing when key, additional data or ciphertext are not the ones of seal().
 std::optional<SecretBytes> unseal(ByteView key, ByteView additionalData, ByteView sealed);

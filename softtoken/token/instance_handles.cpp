@@ -5,6 +5,7 @@
 
 #include "base/mutex.h"
 #include "base/no_destructor.h"
+#include "platform/environment.h"
 #include "platform/errors.h"
 
 namespace softtoken {

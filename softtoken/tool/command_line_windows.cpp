@@ -4,7 +4,7 @@
 #include <shellapi.h>
 // clang-format on
 
-#include "platform/files.h"
+#include "platform/environment.h"
 #include "tool/command_line.h"
 
 namespace softtoken::tool {

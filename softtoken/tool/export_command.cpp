@@ -4,8 +4,8 @@
 #include <openssl/pem.h>
 
 #include "keys/certificates.h"
+#include "platform/environment.h"
 #include "platform/errors.h"
-#include "platform/files.h"
 #include "tool/commands.h"
 #include "tool/pin_source.h"
 

@@ -4,8 +4,8 @@
 #include <iostream>
 #include <openssl/crypto.h>
 
+#include "platform/environment.h"
 #include "platform/errors.h"
-#include "platform/files.h"
 #include "tool/command_line.h"
 #include "tool/commands.h"
 

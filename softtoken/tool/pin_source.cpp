@@ -1,7 +1,9 @@
 #include "tool/pin_source.h"
 
+#include "platform/environment.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/terminal.h"
 
 namespace softtoken::tool {
 

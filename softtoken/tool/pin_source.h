@@ -1,4 +1,4 @@
-/// Where the tool takes PINs and passwords from, so that none has to stand on a command line.
+/// Where the tool takes PINs and passwords from, so that none has to be on a command line.
 
 #ifndef ZENTAK_SOFTTOKEN_TOOL_PIN_SOURCE_H
 #define ZENTAK_SOFTTOKEN_TOOL_PIN_SOURCE_H

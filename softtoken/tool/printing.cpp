@@ -71,7 +71,7 @@ std::string printableJson(const nlohmann::ordered_json& value) {
     std::string result;
     for (std::string_view text = plain; !text.empty();) {
         const Character character = firstCharacter(text);
-        // A line feed stands between two fields: within a string it is escaped already.
+        // A line feed is between two fields: within a string it is escaped already.
         if (isHarmful(character.code) && character.code != '\n') {
             constexpr std::string_view digits = "0123456789abcdef";
             result += "\\u";

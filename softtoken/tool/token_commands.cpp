@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "platform/errors.h"
-#include "platform/files.h"
+#include "platform/terminal.h"
 #include "tool/commands.h"
 #include "tool/pin_source.h"
 #include "tool/progress.h"
@@ -105,7 +105,7 @@ void requireYes(const Store& store, const std::string& serialNumber) {
     }
 }
 
-/// A command about a token alone.
+/// A command that needs nothing but a token.
 void addTokenCommand(CLI::App& program, const Common& common, const std::string& name, const std::string& description,
                      const std::string& done, void (Store::*action)(std::string_view)) {
     const auto token = std::make_shared<std::string>();

@@ -13,8 +13,8 @@
 #include <fstream>
 #include <iostream>
 
+#include "platform/environment.h"
 #include "platform/errors.h"
-#include "platform/files.h"
 #include "token/token_changes.h"
 
 #ifndef _WIN32
