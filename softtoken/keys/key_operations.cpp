@@ -11,49 +11,9 @@ namespace softtoken {
 
 namespace {
 
-/// The DER before the hash in a DigestInfo, by the hash's length.
-struct DigestInfoPrefix {
-    std::size_t hashLength;
-    std::array<unsigned char, 19> bytes;
-    std::size_t length;
-};
-
-constexpr std::array<DigestInfoPrefix, 5> digestInfoPrefixes = {{
-    {20, {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2B, 0x0E, 0x03, 0x02, 0x1A, 0x05, 0x00, 0x04, 0x14}, 15},
-    {28,
-     {0x30, 0x2D, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x04, 0x05, 0x00, 0x04, 0x1C},
-     19},
-    {32,
-     {0x30, 0x31, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20},
-     19},
-    {48,
-     {0x30, 0x41, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x02, 0x05, 0x00, 0x04, 0x30},
-     19},
-    {64,
-     {0x30, 0x51, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x03, 0x05, 0x00, 0x04, 0x40},
-     19},
-}};
-
-/// Only for verifying: nothing here signs with MD5.
-constexpr DigestInfoPrefix md5Prefix = {
-    16,
-    {0x30, 0x20, 0x30, 0x0C, 0x06, 0x08, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05, 0x05, 0x00, 0x04, 0x10},
-    18};
-
-Bytes withPrefix(const DigestInfoPrefix& prefix, ByteView hash) {
-    Bytes content(prefix.bytes.begin(), prefix.bytes.begin() + static_cast<std::ptrdiff_t>(prefix.length));
-    content.insert(content.end(), hash.begin(), hash.end());
-    return content;
-}
-
-/// What v1.5 pads for this input.
-Bytes paddedContent(ByteView hash) {
-    for (const DigestInfoPrefix& prefix : digestInfoPrefixes) {
-        if (prefix.hashLength == hash.size()) {
-            return withPrefix(prefix, hash);
-        }
-    }
-    return {hash.begin(), hash.end()};
+const EVP_MD* md5() {
+    static const EVP_MD* const digest = EVP_MD_fetch(cryptoContext(), "MD5", nullptr);
+    return digest;
 }
 
 bool isRsa(const EVP_PKEY* key) {
@@ -78,11 +38,17 @@ void setPss(EVP_PKEY_CTX* context, const EVP_MD* digest, int saltLength) {
                   "setting up PSS");
 }
 
+/// With a digest OpenSSL puts the hash into the digest's DigestInfo; without one it pads the bytes as they are.
+bool setPkcs1(EVP_PKEY_CTX* context, const EVP_MD* digest) {
+    return EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PADDING) == 1 &&
+           (digest == nullptr || EVP_PKEY_CTX_set_signature_md(context, digest) == 1);
+}
+
 Bytes signRsa(EVP_PKEY* key, ByteView hash, bool pss) {
     const auto modulusLength = static_cast<std::size_t>(EVP_PKEY_get_size(key));
     const EVP_MD* const digest = digestOfLength(hash.size());
-    const Bytes content = pss ? Bytes(hash.begin(), hash.end()) : paddedContent(hash);
-    if (pss ? digest == nullptr : content.size() + 11 > modulusLength) {
+    // Every DigestInfo fits into the shortest modulus.
+    if (digest == nullptr && (pss || hash.size() + 11 > modulusLength)) {
         throw Failure(Error::dataLength, "data of this length can't be signed");
     }
     const KeyContext context = contextFor(key);
@@ -90,12 +56,11 @@ Bytes signRsa(EVP_PKEY* key, ByteView hash, bool pss) {
     if (pss) {
         setPss(context.get(), digest, RSA_PSS_SALTLEN_DIGEST);
     } else {
-        requireCrypto(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1, "setting up v1.5");
+        requireCrypto(setPkcs1(context.get(), digest), "setting up v1.5");
     }
     Bytes signature(modulusLength);
     std::size_t length = signature.size();
-    requireCrypto(EVP_PKEY_sign(context.get(), signature.data(), &length, content.data(), content.size()) == 1,
-                  "signing");
+    requireCrypto(EVP_PKEY_sign(context.get(), signature.data(), &length, hash.data(), hash.size()) == 1, "signing");
     signature.resize(length);
     return signature;
 }
@@ -134,18 +99,17 @@ Bytes signEcdsa(PrivateKey& key, ByteView hash) {
     return signature;
 }
 
-bool verifyRsaPkcs1(EVP_PKEY* key, ByteView hash, ByteView signature) {
+bool verifyRsaPkcs1With(const EVP_MD* digest, EVP_PKEY* key, ByteView hash, ByteView signature) {
     const KeyContext context = contextFor(key);
-    Bytes recovered(static_cast<std::size_t>(EVP_PKEY_get_size(key)));
-    std::size_t length = recovered.size();
-    if (EVP_PKEY_verify_recover_init(context.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) != 1 ||
-        EVP_PKEY_verify_recover(context.get(), recovered.data(), &length, signature.data(), signature.size()) != 1) {
-        return false;
-    }
-    recovered.resize(length);
-    return recovered == paddedContent(hash) ||
-           (hash.size() == md5Prefix.hashLength && recovered == withPrefix(md5Prefix, hash));
+    return EVP_PKEY_verify_init(context.get()) == 1 && setPkcs1(context.get(), digest) &&
+           EVP_PKEY_verify(context.get(), signature.data(), signature.size(), hash.data(), hash.size()) == 1;
+}
+
+bool verifyRsaPkcs1(EVP_PKEY* key, ByteView hash, ByteView signature) {
+    // Only for verifying: nothing here signs with MD5.
+    constexpr std::size_t md5Length = 16;
+    return verifyRsaPkcs1With(digestOfLength(hash.size()), key, hash, signature) ||
+           (hash.size() == md5Length && verifyRsaPkcs1With(md5(), key, hash, signature));
 }
 
 bool verifyRsaPss(EVP_PKEY* key, ByteView hash, ByteView signature) {
@@ -273,7 +237,7 @@ SecretBytes deriveEcdh(EVP_PKEY* key, ByteView peer) {
     SecretBytes secret(type->fieldLength);
     std::size_t length = secret.size();
     // The peer isn't validated again, which would cost a multiplication of its own: a point other than infinity that
-    // lies on one of these curves, whose cofactor is 1, is a valid public key.
+    // is on one of these curves, whose cofactor is 1, is a valid public key.
     requireCrypto(EVP_PKEY_derive_init(context.get()) == 1 &&
                       EVP_PKEY_derive_set_peer_ex(context.get(), peerKey.get(), 0) == 1 &&
                       EVP_PKEY_derive(context.get(), secret.data(), &length) == 1,

@@ -1,7 +1,7 @@
 #include "tool/commands.h"
 
+#include "platform/environment.h"
 #include "platform/errors.h"
-#include "platform/files.h"
 #include "token/token_changes.h"
 
 namespace softtoken::tool {
@@ -61,21 +61,22 @@ std::string findToken(const Store& store, const std::string& token) {
                                                : "several tokens have the label " + token + ": use a serial number");
 }
 
-std::uint32_t usageBits(const std::string& text) {
-    std::uint32_t bits = 0;
-    std::string_view rest = text;
-    while (!rest.empty()) {
-        const std::string_view word = rest.substr(0, rest.find(','));
-        rest.remove_prefix(std::min(rest.size(), word.size() + 1));
-        if (word == "sign") {
-            bits |= usageSign;
-        } else if (word == "decrypt") {
-            bits |= usageDecrypt;
-        } else {
-            throw Failure(Error::invalidArgument, "a usage is \"sign\" or \"decrypt\", or both with a comma");
-        }
-    }
-    return bits;
+void addUsageOption(CLI::App& command, std::uint32_t& usage) {
+    static const CLI::TransformPairs<std::uint32_t> bits = {{"sign", usageSign}, {"decrypt", usageDecrypt}};
+    command
+        .add_option_function<std::vector<std::string>>(
+            "--usage",
+            [&usage](const std::vector<std::string>& words) {
+                usage = 0;
+                for (const auto& [word, bit] : bits) {
+                    usage |= std::find(words.begin(), words.end(), word) != words.end() ? bit : 0;
+                }
+            },
+            "What the key is for, both with a comma")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->check(CLI::IsMember(bits))
+        ->default_str("sign,decrypt");
 }
 
 Bytes objectIdFromHex(const std::string& text) {

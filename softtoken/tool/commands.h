@@ -29,7 +29,7 @@ void addPinCommands(CLI::App& program, const Common& common);
 void addRemoveCommand(CLI::App& program, const Common& common);
 void addVerifyCommands(CLI::App& program, const Common& common);
 
-/// Adds a command that runs `action` when chosen. The options of the program may stand behind it too.
+/// Adds a command that runs `action` when chosen. The options of the program may follow it, too.
 CLI::App* addCommand(CLI::App& program, const std::string& name, const std::string& description,
                      const std::function<void()>& action);
 
@@ -42,8 +42,8 @@ std::vector<std::string> allTokens(const Store& store);
 /// The serial number of the token meant. Throws Error::deviceNotPresent when there is none, or several.
 std::string findToken(const Store& store, const std::string& token);
 
-/// The bits of a key's usage from "sign", "decrypt" or both with a comma. Throws Error::invalidArgument.
-std::uint32_t usageBits(const std::string& text);
+/// Adds the option for the bits of a key's usage.
+void addUsageOption(CLI::App& command, std::uint32_t& usage);
 
 /// A CKA_ID as given on the command line. Throws Error::invalidArgument.
 Bytes objectIdFromHex(const std::string& text);

@@ -21,7 +21,7 @@ struct ImportOptions {
     std::vector<std::string> pkcs12Files;
     std::string label;
     std::string objectId;
-    std::string usage = "sign,decrypt";
+    std::uint32_t usage = usageSign | usageDecrypt;
     std::string pinFile;
     std::string passwordFile;
 };
@@ -70,13 +70,12 @@ ImportedObjects readObjects(const ImportOptions& options) {
 /// Adds the key pairs; their labels by the identifier of the public key.
 std::map<Bytes, std::string> addKeys(TokenData& token, const OpenedToken& opened, const ImportedObjects& objects,
                                      const ImportOptions& options, Progress& progress) {
-    const std::uint32_t usage = usageBits(options.usage);
     const Bytes givenId = objectIdFromHex(options.objectId);
     std::map<Bytes, std::string> labels;
     for (const auto& [key, name] : objects.keys) {
         const Bytes identifier = publicKeyIdentifier(key.get());
         const std::string& label = options.label.empty() ? name : options.label;
-        addKeyPair(token, opened.key, key.get(), {label, givenId.empty() ? identifier : givenId, usage});
+        addKeyPair(token, opened.key, key.get(), {label, givenId.empty() ? identifier : givenId, options.usage});
         labels[identifier] = label;
         progress.advance();
     }
@@ -87,7 +86,7 @@ std::map<Bytes, std::string> addKeys(TokenData& token, const OpenedToken& opened
 void addCertificates(TokenData& token, const std::map<Bytes, std::string>& labels, const ImportedObjects& objects,
                      const ImportOptions& options, Progress& progress) {
     const Bytes givenId = objectIdFromHex(options.objectId);
-    // The name and the id are meant for the certificate that comes alone, too.
+    // The name and the id are meant for a single certificate, too.
     const bool alone = objects.keys.empty() && objects.certificates.size() == 1;
     for (const Bytes& der : objects.certificates) {
         const Bytes identifier = publicKeyIdentifier(der);
@@ -105,7 +104,6 @@ void import(const Common& common, const ImportOptions& options) {
     Store store = common.store();
     const std::string serialNumber = findToken(store, options.token);
     // Before anything is asked for.
-    static_cast<void>(usageBits(options.usage));
     static_cast<void>(objectIdFromHex(options.objectId));
     const ImportedObjects objects = readObjects(options);
     // The PIN authorises private keys; certificates are public.
@@ -140,7 +138,7 @@ void addImportCommand(CLI::App& program, const Common& common) {
                         "Label of the key and of its certificate; else the name in the PKCS #12 container");
     command->add_option("--id", options->objectId,
                         "CKA_ID of both in hexadecimal digits; SHA-1 of the public key without it");
-    command->add_option("--usage", options->usage, "What the key is for")->capture_default_str();
+    addUsageOption(*command, options->usage);
     command->add_option("--pin-file", options->pinFile, "File with the user PIN; a private key needs it");
     command->add_option("--file-password-file", options->passwordFile,
                         "File with the password of an encrypted key or container; else ZENTAK_FILE_PASSWORD");

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <exception>
-#include <openssl/pem.h>
+#include <openssl/decoder.h>
 #include <openssl/pkcs12.h>
 #include <openssl/provider.h>
+#include <utility>
 
 #include "keys/certificates.h"
+#include "platform/environment.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 
@@ -40,6 +42,9 @@ struct Question {
 /// OpenSSL's way of asking.
 int passwordCallback(char* buffer, int size, int /*writing*/, void* data) {
     auto& question = *static_cast<Question*>(data);
+    if (question.failure) {
+        return -1;
+    }
     try {
         const std::string password = question.ask();
         if (password.size() > static_cast<std::size_t>(size)) {
@@ -76,17 +81,18 @@ Bytes sha1(ByteView data) {
 
 Key readPrivateKeyFile(const std::string& file, const AskPassword& askPassword) {
     const std::string content = contentOf(file);
+    const Bio input = bioOf(content);
     EVP_PKEY* key = nullptr;
     Question question{askPassword, nullptr};
-    if (content.find("-----BEGIN ") != std::string::npos) {
-        key = PEM_read_bio_PrivateKey_ex(bioOf(content).get(), nullptr, &passwordCallback, &question, cryptoContext(),
-                                         nullptr);
-    } else {
-        const auto* position = reinterpret_cast<const unsigned char*>(content.data());
-        key = d2i_AutoPrivateKey_ex(nullptr, &position, static_cast<long>(content.size()), cryptoContext(), nullptr);
-        if (key == nullptr) {
-            key = d2i_PKCS8PrivateKey_bio(bioOf(content).get(), nullptr, &passwordCallback, &question);
-        }
+    const std::unique_ptr<OSSL_DECODER_CTX, Releaser<&OSSL_DECODER_CTX_free>> decoder(
+        OSSL_DECODER_CTX_new_for_pkey(&key, nullptr, nullptr, nullptr, EVP_PKEY_KEYPAIR, cryptoContext(), nullptr));
+    requireCrypto(decoder && OSSL_DECODER_CTX_set_pem_password_cb(decoder.get(), &passwordCallback, &question) == 1,
+                  "reading a private key");
+    // One block of PEM at a time, until one of them is the key.
+    long before = -1;
+    for (long position = 0; key == nullptr && !question.failure && position > before;
+         before = std::exchange(position, BIO_tell(input.get()))) {
+        static_cast<void>(OSSL_DECODER_from_bio(decoder.get(), input.get()));
     }
     if (question.failure) {
         std::rethrow_exception(question.failure);
