@@ -62,27 +62,22 @@ std::shared_ptr<CK_SESSION_HANDLE> ownSession(const Subjects& subjects) {
 
 using Key = CK_OBJECT_HANDLE Subjects::*;
 
-Operation signature(const char* name, CK_MECHANISM_TYPE type, Key key) {
-    return {name, Kind::other, [=](const Subjects& subjects) -> Work {
-                return [=, &subjects, data = sampleBytes(hashLength)] {
-                    sign(subjects.session, type, subjects.*key, data);
-                };
-            }};
+template <CK_MECHANISM_TYPE type, Key key>
+Work signature(const Subjects& subjects) {
+    return [&subjects, data = sampleBytes(hashLength)] { sign(subjects.session, type, subjects.*key, data); };
 }
 
-Operation verification(const char* name, CK_MECHANISM_TYPE type, Key privateKey, Key publicKey) {
-    return {name, Kind::other, [=](const Subjects& subjects) -> Work {
-                const Bytes data = sampleBytes(hashLength);
-                const Bytes made = sign(subjects.session, type, subjects.*privateKey, data);
-                return [=, &subjects] { verify(subjects.session, type, subjects.*publicKey, data, made); };
-            }};
+template <CK_MECHANISM_TYPE type, Key privateKey, Key publicKey>
+Work verification(const Subjects& subjects) {
+    const Bytes data = sampleBytes(hashLength);
+    const Bytes made = sign(subjects.session, type, subjects.*privateKey, data);
+    return [&subjects, data, made] { verify(subjects.session, type, subjects.*publicKey, data, made); };
 }
 
-Operation decryption(const char* name, CK_MECHANISM_TYPE type) {
-    return {name, Kind::other, [=](const Subjects& subjects) -> Work {
-                const Bytes made = encrypt(subjects.session, type, subjects.rsaPublicKey, sampleBytes(hashLength));
-                return [=, &subjects] { decrypt(subjects.session, type, subjects.rsaPrivateKey, made); };
-            }};
+template <CK_MECHANISM_TYPE type>
+Work decryption(const Subjects& subjects) {
+    const Bytes made = encrypt(subjects.session, type, subjects.rsaPublicKey, sampleBytes(hashLength));
+    return [&subjects, made] { decrypt(subjects.session, type, subjects.rsaPrivateKey, made); };
 }
 
 Work encryption(const Subjects& subjects) {
@@ -176,25 +171,26 @@ Bytes decrypt(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDL
     return inOnePart(&Functions::C_DecryptInit, &Functions::C_Decrypt, session, type, key, data);
 }
 
-void verify(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data,
-            const Bytes& signature) {
+Bytes verify(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data,
+             const Bytes& signature) {
     start(&Functions::C_VerifyInit, session, type, key);
     require(p11().C_Verify(session, pointer(data), sizeOf(data), pointer(signature), sizeOf(signature)), "C_Verify");
+    return {1};
 }
 
 std::vector<Operation> cryptoOperations() {
     constexpr Key rsa = &Subjects::rsaPrivateKey;
     constexpr Key ec = &Subjects::ecPrivateKey;
     return {
-        signature("RSA-2048 signature", CKM_RSA_PKCS, rsa),
-        signature("RSA-2048 SHA-256 signature", CKM_SHA256_RSA_PKCS, rsa),
-        signature("RSA-2048 PSS signature", CKM_SHA256_RSA_PKCS_PSS, rsa),
-        signature("P-256 signature", CKM_ECDSA, ec),
-        verification("RSA-2048 verification", CKM_SHA256_RSA_PKCS, rsa, &Subjects::rsaPublicKey),
-        verification("P-256 verification", CKM_ECDSA, ec, &Subjects::ecPublicKey),
+        {"RSA-2048 signature", Kind::other, signature<CKM_RSA_PKCS, rsa>},
+        {"RSA-2048 SHA-256 signature", Kind::other, signature<CKM_SHA256_RSA_PKCS, rsa>},
+        {"RSA-2048 PSS signature", Kind::other, signature<CKM_SHA256_RSA_PKCS_PSS, rsa>},
+        {"P-256 signature", Kind::other, signature<CKM_ECDSA, ec>},
+        {"RSA-2048 verification", Kind::other, verification<CKM_SHA256_RSA_PKCS, rsa, &Subjects::rsaPublicKey>},
+        {"P-256 verification", Kind::other, verification<CKM_ECDSA, ec, &Subjects::ecPublicKey>},
         {"RSA-2048 encryption", Kind::other, encryption},
-        decryption("RSA-2048 decryption v1.5", CKM_RSA_PKCS),
-        decryption("RSA-2048 decryption OAEP", CKM_RSA_PKCS_OAEP),
+        {"RSA-2048 decryption v1.5", Kind::other, decryption<CKM_RSA_PKCS>},
+        {"RSA-2048 decryption OAEP", Kind::other, decryption<CKM_RSA_PKCS_OAEP>},
         {"P-256 key agreement", Kind::other, keyAgreement},
         {"SHA-256 of 32 B", Kind::other, digest<32>},
         {"SHA-256 of 64 KiB", Kind::other, digest<65536>},

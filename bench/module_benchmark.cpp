@@ -19,31 +19,27 @@ using support::Bytes;
 
 constexpr const char* serialNumber = "SN1";
 
-Bytes idOf(std::size_t number) {
-    const std::string text = std::to_string(number);
-    return {text.begin(), text.end()};
-}
-
-std::string labelOf(std::size_t number) {
-    return "key " + std::to_string(number);
+void name(auto& record, void (*setLabel)(decltype(record), std::string_view), std::size_t number) {
+    const std::string id = std::to_string(number);
+    support::setObjectId(record, {id.begin(), id.end()});
+    setLabel(record, "key " + id);
 }
 
 ZentakKeyPair keyPairOf(std::size_t number) {
     const auto type = number % 2 == 1 ? support::rsa2048 : support::p256;
     ZentakKeyPair keyPair = support::makeKeyPair(static_cast<std::uint32_t>(number), type);
-    support::setObjectId(keyPair, idOf(number));
-    support::setAlias(keyPair, labelOf(number));
+    name(keyPair, support::setAlias, number);
     return keyPair;
 }
 
 ZentakCertificate certificateOf(std::size_t number) {
     constexpr std::size_t usualLength = 900;
     Bytes der = support::countingBytes(0x30, usualLength);
-    const Bytes id = idOf(number);
-    std::copy(id.begin(), id.end(), der.end() - 8);
+    // No two are the same.
+    der[usualLength - 2] = static_cast<unsigned char>(number / 256);
+    der[usualLength - 1] = static_cast<unsigned char>(number % 256);
     ZentakCertificate certificate = support::makeCertificate(static_cast<std::uint32_t>(number), der);
-    support::setObjectId(certificate, id);
-    support::setLabel(certificate, labelOf(number));
+    name(certificate, support::setLabel, number);
     return certificate;
 }
 

@@ -64,10 +64,7 @@ UserSession::UserSession() {
     slot_ = slotOfToken();
     require(p11().C_OpenSession(slot_, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &handle_),
             "C_OpenSession");
-    std::string pin = userPin;
-    require(p11().C_Login(handle_, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pin.data()),
-                          static_cast<CK_ULONG>(pin.size())),
-            "C_Login");
+    require(p11().C_Login(handle_, CKU_USER, pinBytes(), pinLength), "C_Login");
 }
 
 std::vector<CK_OBJECT_HANDLE> find(CK_SESSION_HANDLE session, Template wanted, CK_ULONG step) {

@@ -19,6 +19,10 @@ using Template = std::vector<CK_ATTRIBUTE>;
 using Work = std::function<void()>;
 
 inline constexpr const char* userPin = "12345678";
+inline constexpr CK_ULONG pinLength = 8;
+inline CK_UTF8CHAR_PTR pinBytes() {
+    return reinterpret_cast<CK_UTF8CHAR_PTR>(const_cast<char*>(userPin));
+}
 
 /// Throws std::runtime_error with the call's name unless the result is CKR_OK.
 void require(CK_RV result, const char* call);
@@ -129,9 +133,9 @@ Bytes sign(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE k
 Bytes encrypt(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data);
 Bytes decrypt(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data);
 
-/// Throws std::runtime_error unless the signature is good.
-void verify(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data,
-            const Bytes& signature);
+/// A byte 1. Throws std::runtime_error unless the signature is good.
+Bytes verify(CK_SESSION_HANDLE session, CK_MECHANISM_TYPE type, CK_OBJECT_HANDLE key, const Bytes& data,
+             const Bytes& signature);
 
 }  // namespace bench
 

@@ -42,7 +42,7 @@ def compare_tokens(programs: Path, peer: Path, folder: Path, key_pairs: int, rou
     subprocess.run([programs / "token_benchmark", tokens, str(key_pairs), str(key_pairs), keys], check=True)
     subprocess.run(["softhsm2-util", "--init-token", "--free", "--label", "Benchmark", "--so-pin", "87654321", "--pin",
                     "12345678"], check=True, stdout=subprocess.DEVNULL)
-    program = programs / "comparison_client"
+    program = programs / "benchmark_client"
     subprocess.run([program, peer, "fill", keys], check=True)
     ours, theirs = (Client(program, module, "measure", str(key_pairs))
                     for module in (programs / "libZentakPKCS11.so", peer))

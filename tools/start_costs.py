@@ -26,7 +26,7 @@ class Cost(NamedTuple):
 def cost(program: Path, *arguments: str | Path) -> Cost:
     """From the start of the program to the time that it writes (CLOCK_MONOTONIC, in ns); it also writes its KiB."""
     reading, writing = os.pipe()
-    words = [str(word) for word in (program, *arguments)]
+    words = [str(word) for word in (program, program.with_name("libZentakPKCS11.so"), *arguments)]
     start = time.monotonic_ns()
     process = os.posix_spawn(words[0], words, os.environ, file_actions=[(os.POSIX_SPAWN_DUP2, writing, 1)])
     os.close(writing)
@@ -45,7 +45,7 @@ def verdict(kept: bool) -> str:
 def measure_start(program: Path, where: str, key_pairs: int, key: Path) -> None:
     # The last RSA key; RSA and EC keys take turns, RSA first.
     last_rsa_id = str(key_pairs - 1 if key_pairs % 2 == 0 else key_pairs)
-    pairs = [(cost(program, "openssl", key).milliseconds, cost(program, "module", last_rsa_id).milliseconds)
+    pairs = [(cost(program, "openssl", key).milliseconds, cost(program, "start", last_rsa_id).milliseconds)
              for _ in range(ROUNDS)]
     direct = spread([pair[0] for pair in pairs]).median
     module = spread([pair[1] for pair in pairs]).median
@@ -58,14 +58,14 @@ def measure_start(program: Path, where: str, key_pairs: int, key: Path) -> None:
 
 def measure_memory(program: Path, key_pairs: int, key: Path) -> None:
     own, direct, one, everything = (cost(program, *arguments).peak_megabytes for arguments in (
-        ("nothing",), ("openssl", key), ("module", "1"), ("module-all",)))
+        ("nothing", "-"), ("openssl", key), ("start", "1"), ("start", "")))
     print(f"peak memory at {key_pairs} pairs: program {own:.1f} MB; on top of it OpenSSL alone {direct - own:.1f}, the "
           f"module {one - own:.1f} with one key used (limit {MEMORY_LIMIT}  {verdict(one - own < MEMORY_LIMIT)}), "
           f"{everything - own:.1f} with all used")
 
 
 def measure(programs: Path, folder: Path) -> None:
-    program = programs / "software_token_start"
+    program = programs / "benchmark_client"
     key = folder / "key.pem"
     # Where the system has it, a store in memory, too: a login flushes the file of the PIN's attempts, and what a disk
     # takes for it may change by the minute.

@@ -1,17 +1,29 @@
-/// An application with one PKCS #11 module, as a process of its own: tools/compare_modules.py starts one for each
-/// module and lets them measure by turns. The environment tells the module where its token is.
+/// An application with one PKCS #11 module, as a process of its own for tools/compare_modules.py and
+/// tools/start_costs.py. The environment tells the module where its token is.
 ///
-///   comparison_client MODULE fill KEYS.pem     makes a token in the first slot, with the usual PIN, and stores the
-///   keys
-///                                              and certificates of the file: pairs, in the order of `makeKeys`
-///   comparison_client MODULE measure PAIRS     logs in to a token with so many key pairs and serves the operations
-///                                              that are compared (see measuring_client.h)
+///   benchmark_client MODULE fill KEYS.pem      stores the keys and certificates of the file on the token: pairs, in
+///   the
+///                                              order of `makeKeys`
+///   benchmark_client MODULE measure PAIRS      logs in to a token with so many key pairs and serves the operations
+///   that
+///                                              are compared (see measurables.h)
+///   benchmark_client MODULE start ID           logs in and signs with the private key with this CKA_ID; with every one
+///                                              when it is empty
+///   benchmark_client MODULE openssl KEYS.pem   signs with the first RSA key of the file, without the module
+///   benchmark_client MODULE nothing -          only starts
+///
+/// The last three write the time at which that was done (CLOCK_MONOTONIC, in nanoseconds) and the process's peak memory
+/// (in KiB).
 
+#include <cstdio>
+#include <ctime>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/pem.h>
+#include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <stdexcept>
 
@@ -118,19 +130,76 @@ void measure(std::size_t keyPairs) {
     serve(compared);
 }
 
+const Bytes hash(32);
+
+void signWithOpenSsl(const std::string& file) {
+    const std::unique_ptr<BIO, decltype(&BIO_free)> input(BIO_new_file(file.c_str(), "r"), &BIO_free);
+    EVP_PKEY* const key = input ? PEM_read_bio_PrivateKey(input.get(), nullptr, nullptr, nullptr) : nullptr;
+    EVP_PKEY_CTX* const context = key == nullptr ? nullptr : EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr);
+    unsigned char signature[512];
+    std::size_t length = sizeof signature;
+    if (context == nullptr || EVP_PKEY_sign_init(context) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PADDING) != 1 ||
+        EVP_PKEY_CTX_set_signature_md(context, EVP_sha256()) != 1 ||
+        EVP_PKEY_sign(context, signature, &length, hash.data(), hash.size()) != 1) {
+        throw std::runtime_error("OpenSSL didn't sign");
+    }
+}
+
+void signWithModule(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) {
+    CK_KEY_TYPE type = 0;
+    CK_ATTRIBUTE wanted = entry(CKA_KEY_TYPE, type);
+    require(p11().C_GetAttributeValue(session, key, &wanted, 1), "C_GetAttributeValue");
+    sign(session, type == CKK_RSA ? CKM_RSA_PKCS : CKM_ECDSA, key, hash);
+}
+
+/// Of the process since it was started, in KiB.
+long peakMemory() {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    while (status >> word) {
+        long amount = 0;
+        if (word == "VmHWM:" && status >> amount) return amount;
+    }
+    throw std::runtime_error("/proc/self/status doesn't tell the peak memory");
+}
+
+void report() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    std::printf("%lld %ld\n", static_cast<long long>(now.tv_sec) * 1'000'000'000 + now.tv_nsec, peakMemory());
+}
+
+/// Signs with one private key, or with all without an ID.
+void start(std::string id) {
+    const UserSession session;
+    CK_OBJECT_CLASS objectClass = CKO_PRIVATE_KEY;
+    Template wanted = {entry(CKA_CLASS, objectClass)};
+    if (!id.empty()) wanted.push_back(entry(CKA_ID, id));
+    for (const CK_OBJECT_HANDLE key : find(session.handle(), wanted)) signWithModule(session.handle(), key);
+    report();
+}
+
+void run(const std::string& module, const std::string& what, const std::string& argument) {
+    useModule(module);
+    if (what == "fill") {
+        fill(argument);
+    } else if (what == "measure") {
+        measure(std::stoul(argument));
+    } else if (what == "start") {
+        start(argument);
+    } else {
+        if (what == "openssl") signWithOpenSsl(argument);
+        report();
+    }
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
     if (argc != 4) {
-        std::cerr << "usage: comparison_client MODULE fill KEYS.pem | comparison_client MODULE measure PAIRS\n";
+        std::cerr << "usage: benchmark_client MODULE fill|measure|start|openssl|nothing ARGUMENT\n";
         return 2;
     }
-    return runProgram("comparison_client", [&] {
-        useModule(argv[1]);
-        if (std::string(argv[2]) == "fill") {
-            fill(argv[3]);
-        } else {
-            measure(std::stoul(argv[3]));
-        }
-    });
+    return runProgram("benchmark_client", [&] { run(argv[1], argv[2], argv[3]); });
 }
