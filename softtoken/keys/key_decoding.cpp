@@ -30,6 +30,17 @@ ByteView bytesIn(const ASN1_STRING* content) {
     return {ASN1_STRING_get0_data(content), static_cast<std::size_t>(ASN1_STRING_length(content))};
 }
 
+void releaseWiped(STACK_OF(ASN1_TYPE) * elements) {
+    for (int i = 0; i < sk_ASN1_TYPE_num(elements); ++i) {
+        ASN1_TYPE* const element = sk_ASN1_TYPE_value(elements, i);
+        if (element->type != V_ASN1_OBJECT && element->type != V_ASN1_BOOLEAN && element->type != V_ASN1_NULL) {
+            ASN1_STRING* const text = element->value.asn1_string;
+            OPENSSL_cleanse(text->data, static_cast<std::size_t>(text->length));
+        }
+    }
+    sk_ASN1_TYPE_pop_free(elements, &ASN1_TYPE_free);
+}
+
 /// The elements of a SEQUENCE, wiped at their end: some are secrets.
 class Elements {
 public:
@@ -77,18 +88,7 @@ private:
         return element->value.asn1_string;
     }
 
-    static void wipe(STACK_OF(ASN1_TYPE) * elements) {
-        for (int i = 0; i < sk_ASN1_TYPE_num(elements); ++i) {
-            ASN1_TYPE* const element = sk_ASN1_TYPE_value(elements, i);
-            if (element->type != V_ASN1_OBJECT && element->type != V_ASN1_BOOLEAN && element->type != V_ASN1_NULL) {
-                ASN1_STRING* const content = element->value.asn1_string;
-                OPENSSL_cleanse(content->data, static_cast<std::size_t>(content->length));
-            }
-        }
-        sk_ASN1_TYPE_pop_free(elements, &ASN1_TYPE_free);
-    }
-
-    std::unique_ptr<STACK_OF(ASN1_TYPE), Releaser<&wipe>> elements_;
+    std::unique_ptr<STACK_OF(ASN1_TYPE), Releaser<&releaseWiped>> elements_;
 };
 
 Key rsaKeyFrom(const Elements& fields) {
