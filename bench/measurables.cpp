@@ -14,7 +14,7 @@ const char* nameOf(Kind kind) {
     return kind == Kind::stored ? "stored" : kind == Kind::changing ? "changing" : "other";
 }
 
-bool waitsForTheDisk(Kind kind) {
+[[maybe_unused]] bool waitsForTheDisk(Kind kind) {
     return kind == Kind::changing || kind == Kind::waiting || kind == Kind::filling;
 }
 
