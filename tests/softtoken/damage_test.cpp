@@ -1,7 +1,7 @@
 // Files of a token that were cut off, changed, replaced or taken away: refused, never half read, and left as they are.
 
-#include "test_certificates.h"
 #include "store/document.h"
+#include "test_certificates.h"
 #include "token_test.h"
 
 namespace softtoken {
