@@ -44,6 +44,8 @@ ReadableObject readableCertificate(CK_OBJECT_HANDLE handle, const ZentakCertific
             keyTypeProperties(keyTypeRsa2048)};
 }
 
+// One flat table of all attribute types.
+// NOLINTNEXTLINE(readability-function-size)
 std::optional<ByteView> attributeValue(const ReadableObject& object, CK_ATTRIBUTE_TYPE type,
                                        std::vector<unsigned char>& storage) {
     const auto number = [&](CK_ULONG value) -> ByteView {
