@@ -1,5 +1,7 @@
 #define WIN32_LEAN_AND_MEAN
+#ifndef NOMINMAX  // some standard libraries define it themselves
 #define NOMINMAX
+#endif
 // The order matters: the other two need the types of windows.h.
 // clang-format off
 #include <windows.h>

@@ -162,10 +162,11 @@ TEST_F(LoginStatesTest, LogoutFromEveryState) {
     for (const auto& [caller, state] : callers) {
         SCOPED_TRACE(state);
         const Numbers sessions = sessionsInEveryState();
-        EXPECT_EQ(observe([&] { return functions().C_Logout(sessions[caller]); }),
+        const CK_SESSION_HANDLE session = sessions[caller];
+        EXPECT_EQ(observe([&] { return functions().C_Logout(session); }),
                   (Outcome{CKR_OK, {"DEBUG C_Logout", "DEBUG C_Logout end"}}));
         EXPECT_EQ(states(sessions), (Numbers{2, 0, 2, 0, 2}));
-        EXPECT_EQ(functions().C_Logout(sessions[caller]), CKR_USER_NOT_LOGGED_IN);
+        EXPECT_EQ(functions().C_Logout(session), CKR_USER_NOT_LOGGED_IN);
         ASSERT_EQ(functions().C_CloseAllSessions(firstSlot), CKR_OK);
         clear();
     }
